@@ -1,0 +1,16 @@
+#include "unixtools/ux_number.h"
+
+#include <cstdlib>
+
+int32_t ux_atoi(const char *text)
+{
+    /* strtoll saturates by itself, far outside what is kept here. */
+    long long value = strtoll(text, nullptr, 10);
+    if (value > INT32_MAX) {
+        return INT32_MAX;
+    }
+    if (value < INT32_MIN) {
+        return INT32_MIN;
+    }
+    return static_cast<int32_t>(value);
+}
