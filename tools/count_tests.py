@@ -1,0 +1,42 @@
+#!/usr/bin/python3
+"""Counts the tests in CTest's results: prints "<passed> <failed>".
+
+A system test file is one test to CTest but many to pytest; its own count is
+taken from the last line of its output. Names the failed ones on stderr.
+"""
+
+import re
+import sys
+import xml.etree.ElementTree as ElementTree
+
+SUMMARY = re.compile(
+    r"^(?=.*\d (?:passed|failed|error))[^\n]* in [0-9.]+s[^\n]*$", re.M)
+
+
+def count(case):
+    """Passed and failed tests of one of CTest's test cases."""
+    good = case.get("status") == "run"
+    output = case.findtext("system-out") or ""
+    summaries = SUMMARY.findall(output)
+    if not case.get("name").startswith("system.") or not summaries:
+        return (1, 0) if good else (0, 1)
+    numbers = {word: int(number) for number, word in re.findall(
+        r"(\d+) (passed|failed|error|skipped)", summaries[-1])}
+    passed = numbers.get("passed", 0)
+    # A skipped test proves nothing: it counts as failed.
+    failed = sum(numbers.get(x, 0) for x in ("failed", "error", "skipped"))
+    return passed, failed if good else max(failed, 1)
+
+
+def main():
+    passed = failed = 0
+    for case in ElementTree.parse(sys.argv[1]).getroot().iter("testcase"):
+        good, bad = count(case)
+        passed += good
+        failed += bad
+        if bad:
+            print(f"failed: {case.get('name')}", file=sys.stderr)
+    print(passed, failed)
+
+
+main()
