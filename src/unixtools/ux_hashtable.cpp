@@ -1,0 +1,147 @@
+#include "unixtools/ux_hashtable.h"
+#include "tolva2/trace.h"
+
+#include <cassert>
+#include <cstdlib>
+
+namespace
+{
+
+/* The bucket that holds, or would hold, the key of data. */
+ux_list *bucket_of(const ux_hashtable *ht, const void *data)
+{
+    uint32_t bucket = ht->hash(data) % ht->buckets;
+    debug_printf("DEBUG: bucket = %u\n", bucket);
+    return &ht->table[bucket];
+}
+
+/* The element with the key of data, or null. */
+ux_list_element *find_element(const ux_hashtable *ht, const ux_list *list,
+                              const void *data)
+{
+    ux_list_element *element = list->head;
+    while (element) {
+        assert(element->data);
+        if (ht->match(data, element->data)) {
+            return element;
+        }
+        element = element->next;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+uint32_t ux_hash_string(const char *text)
+{
+    TRACE_IN();
+    uint32_t h = 5381;
+    while (*text) {
+        h = h * 33 + static_cast<unsigned char>(*text++);
+    }
+    return h;
+}
+
+int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
+                          uint32_t (*hash)(const void *data),
+                          int32_t (*match)(const void *left, const void *right),
+                          void (*destroy)(void *data))
+{
+    TRACE_IN();
+    assert(ht);
+    assert(buckets);
+    void *table = calloc(buckets, sizeof(ux_list));
+    if (!table) {
+        return -1;
+    }
+    ht->table = static_cast<ux_list *>(table);
+    ht->buckets = buckets;
+    for (uint32_t bucket = 0; bucket < buckets; bucket++) {
+        ux_list_init(&ht->table[bucket], destroy);
+    }
+    ht->hash = hash;
+    ht->match = match;
+    ht->destroy = destroy;
+    ht->size = 0;
+    return 0;
+}
+
+void ux_hashtable_destroy(ux_hashtable *ht)
+{
+    TRACE_IN();
+    assert(ht);
+    for (uint32_t bucket = 0; bucket < ht->buckets; bucket++) {
+        ux_list_destroy(&ht->table[bucket]);
+    }
+    free(ht->table);
+    *ht = ux_hashtable{};
+}
+
+int32_t ux_hashtable_insert(ux_hashtable *ht, void *data)
+{
+    TRACE_IN();
+    assert(ht);
+    assert(data);
+    ux_list *list = bucket_of(ht, data);
+    if (find_element(ht, list, data)) {
+        return 1;
+    }
+    int32_t result = ux_list_ins_next(list, list->tail, data);
+    if (result == 0) {
+        ht->size++;
+    }
+    return result;
+}
+
+int32_t ux_hashtable_replace(ux_hashtable *ht, void **data)
+{
+    TRACE_IN();
+    assert(ht);
+    assert(data);
+    assert(*data);
+    ux_list *list = bucket_of(ht, *data);
+    debug_printf("DEBUG: list->size = %u\n", list->size);
+    ux_list_element *element = find_element(ht, list, *data);
+    if (element) {
+        void *old = element->data;
+        element->data = *data;
+        *data = old;
+        return 1;
+    }
+    int32_t result = ux_list_ins_next(list, list->tail, *data);
+    if (result == 0) {
+        *data = nullptr;
+        ht->size++;
+    }
+    return result;
+}
+
+int32_t ux_hashtable_remove(ux_hashtable *ht, void **data)
+{
+    TRACE_IN();
+    assert(ht);
+    assert(data);
+    assert(*data);
+    ux_list *list = bucket_of(ht, *data);
+    ux_list_element *element = find_element(ht, list, *data);
+    if (!element || ux_list_rem(list, element, data) != 0) {
+        return -1;
+    }
+    ht->size--;
+    return 0;
+}
+
+int32_t ux_hashtable_lookup(ux_hashtable *ht, void **data)
+{
+    TRACE_IN();
+    assert(ht);
+    assert(data);
+    assert(*data);
+    const ux_list *list = bucket_of(ht, *data);
+    const ux_list_element *element = find_element(ht, list, *data);
+    if (!element) {
+        return -1;
+    }
+    *data = element->data;
+    return 0;
+}
