@@ -73,6 +73,12 @@ void close_descriptor(int32_t *fd);
  */
 int32_t room_for_descriptor();
 
+/*
+ * Passes a new descriptor on if select() can watch it. Otherwise closes it
+ * and returns -1 with EMFILE; a negative one comes back with errno kept.
+ */
+int32_t keep_selectable(int32_t fd);
+
 /* A zeroed record without socket; null when memory is exhausted. Asserts
  * "mode && type". */
 connection *new_connection(int32_t mode, int32_t type);

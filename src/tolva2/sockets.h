@@ -63,7 +63,7 @@ int32_t udp_send_text(int32_t fd, uint16_t port, const char *dotted,
                       const char *text);
 
 /*
- * One recv of at most size - 1 bytes, terminated; never waits. Bytes
+ * One recv of at most size - 1 bytes, terminated. Bytes
  * received, which is 0 when the peer has closed and on error; a size of 0 or
  * above 4,096 gives 0 at once.
  */

@@ -1,0 +1,77 @@
+#include "tolva2/kesdal.h"
+#include "tolva2/sockets.h"
+#include "tolva2/trace.h"
+#include "tolva2/wire.h"
+
+#include <cassert>
+
+namespace
+{
+
+connection *record_of(const ux_list_element *node)
+{
+    auto *cn = static_cast<connection *>(node->data);
+    assert(cn);
+    return cn;
+}
+
+/* The event has come and the socket is in order. */
+bool is_ready(const connection *cn, int32_t events, int32_t wanted)
+{
+    return (events & wanted) && sock_pending_error(cn->fd) == 0;
+}
+
+/* From now on the record waits in the other set, for the next handler. */
+void wait_in(connection *cn, fd_set *from, fd_set *to, connection_handler next)
+{
+    FD_CLR(cn->fd, from);
+    FD_SET(cn->fd, to);
+    cn->handler = next;
+}
+
+} // namespace
+
+void do_kesdal_send_logon(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logon(cn->fd)) {
+        wait_in(cn, &writefds, &readfds, do_kesdal_recv_logon);
+    } else {
+        cn->ends->cancel(node);
+    }
+}
+
+void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    if (is_ready(cn, events, EVENT_READABLE) && recv_kesdal(cn->fd)) {
+        wait_in(cn, &readfds, &writefds, do_kesdal_send_logoff);
+    } else {
+        cn->ends->cancel(node);
+    }
+}
+
+void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logoff(cn->fd)) {
+        wait_in(cn, &writefds, &readfds, do_kesdal_recv_logoff);
+        sock_shutdown_write(cn->fd);
+    } else {
+        cn->ends->cancel(node);
+    }
+}
+
+void do_kesdal_recv_logoff(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    if (is_ready(cn, events, EVENT_READABLE)) {
+        /* Whatever it says: the server has answered before. */
+        recv_kesdal(cn->fd);
+    }
+    cn->ends->end(node);
+}
