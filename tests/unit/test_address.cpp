@@ -1,0 +1,608 @@
+/*
+ * Address records, their text forms and the bounded resolution of names. The
+ * resolver is replaced by one with names for every answer, so that no test
+ * asks the network.
+ */
+#include "sessions.h"
+
+#include "tolva2/address.h"
+#include "unixtools/ux_list.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <sys/time.h>
+
+namespace
+{
+
+bool memory_exhausted = false;
+
+void *calloc_or_fail(size_t count, size_t size)
+{
+    return memory_exhausted ? nullptr : calloc(count, size);
+}
+
+char *strdup_or_fail(const char *text)
+{
+    return memory_exhausted ? nullptr : strdup(text);
+}
+
+bool list_full = false;
+
+int32_t insert_or_fail(ux_list *list, ux_list_element *element, void *data)
+{
+    errno = ENOMEM;
+    return list_full ? -1 : ux_list_ins_next(list, element, data);
+}
+
+} // namespace
+
+#define calloc calloc_or_fail
+#undef strdup
+#define strdup strdup_or_fail
+#define ux_list_ins_next insert_or_fail
+#include "tolva2/address.cpp" // NOLINT(bugprone-suspicious-include)
+#undef calloc
+#undef strdup
+#undef ux_list_ins_next
+
+/* Stands before the C library's: answers by name, localhost in truth. */
+extern "C" hostent *gethostbyname(const char *name)
+{
+    static in_addr found;
+    static char *addresses[] = {nullptr, nullptr};
+    static hostent entry;
+    if (strcmp(name, "localhost") == 0) {
+        using resolver = hostent *(*)(const char *);
+        return reinterpret_cast<resolver>(dlsym(RTLD_NEXT, "gethostbyname"))(
+            name);
+    }
+    if (strcmp(name, "hangs.invalid") == 0) {
+        for (;;) {
+            pause();
+        }
+    }
+    inet_aton("10.1.2.3", &found);
+    void *bytes = &found;
+    addresses[0] = static_cast<char *>(bytes);
+    entry = hostent{};
+    entry.h_addrtype = AF_INET;
+    entry.h_length = sizeof found;
+    entry.h_addr_list = addresses;
+    if (strcmp(name, "myhost") == 0) {
+        return &entry;
+    }
+    if (strcmp(name, "high.invalid") == 0) {
+        inet_aton("203.0.113.255", &found);
+        return &entry;
+    }
+    if (strcmp(name, "ipv6.invalid") == 0) {
+        entry.h_addrtype = AF_INET6;
+        return &entry;
+    }
+    if (strcmp(name, "empty.invalid") == 0) {
+        addresses[0] = nullptr;
+        return &entry;
+    }
+    return nullptr;
+}
+
+namespace
+{
+
+/* A record that frees itself, and what was said while it was built. */
+struct built {
+    inetaddr *record;
+    std::string said;
+
+    built(const char *host, uint16_t port, int32_t kind = ADDR_PEER,
+          int32_t mode = MODE_SEND)
+    {
+        program_name name("prog");
+        capture errors(STDERR_FILENO);
+        record = new_inetaddr(host, port, kind, mode);
+        said = errors.text();
+    }
+    ~built()
+    {
+        free(record);
+    }
+    built(const built &) = delete;
+    built &operator=(const built &) = delete;
+};
+
+std::string unresolved(const std::string &host)
+{
+    return "prog: could not resolve hostname `" + host + "'\n";
+}
+
+class address_list
+{
+  public:
+    address_list()
+    {
+        ux_list_init(&list, destroy_inetaddr);
+    }
+    ~address_list()
+    {
+        ux_list_destroy(&list);
+    }
+    address_list(const address_list &) = delete;
+    address_list &operator=(const address_list &) = delete;
+
+    ux_list *get()
+    {
+        return &list;
+    }
+    /* "text:port text:port", in order. */
+    std::string content() const
+    {
+        std::string all;
+        for (const ux_list_element *node = list.head; node; node = node->next) {
+            const inetaddr *one = static_cast<inetaddr *>(node->data);
+            all += all.empty() ? "" : " ";
+            all += std::string(one->text) + ":" + std::to_string(one->port);
+        }
+        return all;
+    }
+    uint32_t size() const
+    {
+        return list.size;
+    }
+    const inetaddr *last() const
+    {
+        return static_cast<inetaddr *>(list.tail->data);
+    }
+
+  private:
+    ux_list list;
+};
+
+/* As the program: the text is cut up in place, so it gets a copy. */
+int32_t add(address_list &list, std::string text, int32_t kind = ADDR_PEER)
+{
+    return add_inetaddr(list.get(), text.data(), kind, MODE_SEND);
+}
+
+struct split_row {
+    const char *text;
+    const char *host;
+    int32_t port;
+};
+
+} // namespace
+
+TEST(split_addr, cuts_at_the_last_colon)
+{
+    const split_row rows[] = {
+        {"host", "host", 0},
+        {"192.168.1.10:6004", "192.168.1.10", 6004},
+        {"h:1:2", "h:1", 2},
+        {"h:abc", "h", 0},
+        {"h:", "h", 0},
+        {":", "", 0},
+        {":77", "", 77},
+        {"[::1]:80", "[::1]", 80},
+        {"::1", ":", 1},
+        {"h: 12x", "h", 12},
+        {"h:-3", "h", -3},
+        {"h:70000", "h", 70000},
+        {"h:4294973299", "h", 2147483647},
+        {"h:-99999999999", "h", -2147483647 - 1},
+        {"\xe4:5", "\xe4", 5},
+    };
+    for (const split_row &row : rows) {
+        std::string text = row.text;
+        char *host = nullptr;
+        int32_t port = 99;
+        EXPECT_EQ(split_addr(&host, &port, text.data()), text.data());
+        EXPECT_EQ(host, text.data());
+        EXPECT_STREQ(host, row.host) << row.text;
+        EXPECT_EQ(port, row.port) << row.text;
+    }
+}
+
+TEST(split_addr, gives_null_for_nothing)
+{
+    char empty[] = "";
+    char *host = empty;
+    int32_t port = 5;
+    EXPECT_EQ(split_addr(&host, &port, nullptr), nullptr);
+    EXPECT_EQ(split_addr(&host, &port, empty), nullptr);
+}
+
+TEST(split_port, reads_a_port_with_or_without_host)
+{
+    const split_row rows[] = {
+        {"6003", nullptr, 6003},
+        {"10.0.0.1:7000", "10.0.0.1", 7000},
+        {"a:b:9", "a:b", 9},
+        {":81", "", 81},
+        {"host", nullptr, 0},
+        {"host:", "host", 0},
+        {"70000", nullptr, 70000},
+        {"-1", nullptr, -1},
+        {"4294973299", nullptr, 2147483647},
+        {"h:4294973299", "h", 2147483647},
+    };
+    for (const split_row &row : rows) {
+        std::string text = row.text;
+        char before[] = "before";
+        char *host = before;
+        EXPECT_EQ(split_port(&host, text.data()), row.port) << row.text;
+        if (row.host == nullptr) {
+            EXPECT_EQ(host, nullptr) << row.text;
+            EXPECT_EQ(text, row.text);
+        } else {
+            EXPECT_EQ(host, text.data()) << row.text;
+            EXPECT_STREQ(host, row.host);
+        }
+    }
+}
+
+TEST(split_port, gives_zero_for_nothing)
+{
+    char empty[] = "";
+    char *host = nullptr;
+    EXPECT_EQ(split_port(&host, nullptr), 0);
+    EXPECT_EQ(split_port(&host, empty), 0);
+}
+
+TEST(new_inetaddr, fills_a_record_from_a_dotted_address)
+{
+    built one("192.168.1.10", 6004, ADDR_KESDAL, MODE_CHECK);
+    ASSERT_NE(one.record, nullptr);
+    EXPECT_EQ(one.said, "");
+    EXPECT_EQ(one.record->mode, MODE_CHECK);
+    EXPECT_EQ(one.record->kind, ADDR_KESDAL);
+    EXPECT_STREQ(one.record->text, "192.168.1.10");
+    EXPECT_EQ(one.record->port, 6004);
+    EXPECT_EQ(one.record->addr.sin_family, AF_INET);
+    EXPECT_EQ(one.record->addr.sin_port, htons(6004));
+    EXPECT_EQ(one.record->addr.sin_addr.s_addr, inet_addr("192.168.1.10"));
+}
+
+TEST(new_inetaddr, keeps_a_short_form_as_text_and_reads_it)
+{
+    built one("10.1", 0);
+    ASSERT_NE(one.record, nullptr);
+    EXPECT_STREQ(one.record->text, "10.1");
+    EXPECT_EQ(one.record->addr.sin_addr.s_addr, inet_addr("10.0.0.1"));
+}
+
+TEST(new_inetaddr, cuts_a_long_dotted_text_to_15_characters)
+{
+    built longest("255.255.255.254", 0);
+    ASSERT_NE(longest.record, nullptr);
+    EXPECT_STREQ(longest.record->text, "255.255.255.254");
+    built over("0300.0250.0001.0012", 0);
+    ASSERT_NE(over.record, nullptr);
+    EXPECT_STREQ(over.record->text, "0300.0250.0001.");
+    EXPECT_EQ(over.record->addr.sin_addr.s_addr, inet_addr("192.168.1.10"));
+}
+
+TEST(new_inetaddr, takes_ports_above_32767_as_16_bits)
+{
+    built one("10.0.0.1", 60000);
+    ASSERT_NE(one.record, nullptr);
+    EXPECT_EQ(one.record->port, static_cast<int16_t>(60000 - 65536));
+    EXPECT_EQ(one.record->addr.sin_port, htons(60000));
+}
+
+TEST(new_inetaddr, resolves_a_name)
+{
+    built mine("myhost", 0);
+    ASSERT_NE(mine.record, nullptr);
+    EXPECT_STREQ(mine.record->text, "10.1.2.3");
+    EXPECT_EQ(mine.record->port, 0);
+    EXPECT_EQ(mine.record->addr.sin_addr.s_addr, inet_addr("10.1.2.3"));
+    EXPECT_EQ(mine.said, "");
+
+    built high("high.invalid", 1);
+    ASSERT_NE(high.record, nullptr);
+    EXPECT_STREQ(high.record->text, "203.0.113.255");
+}
+
+TEST(new_inetaddr, resolves_localhost_as_the_system_knows_it)
+{
+    built one("localhost", 7);
+    ASSERT_NE(one.record, nullptr);
+    EXPECT_STREQ(one.record->text, "127.0.0.1");
+    EXPECT_EQ(one.record->addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+}
+
+TEST(new_inetaddr, gives_null_and_a_message_for_what_does_not_resolve)
+{
+    for (const char *host :
+         {"unknown.invalid", "[::1]", "::1", "h:1", "ipv6.invalid",
+          "empty.invalid", "", "1.2.3.256", "a,b", "%s%n.invalid", "\xe4"}) {
+        built one(host, 5);
+        EXPECT_EQ(one.record, nullptr) << host;
+        EXPECT_EQ(one.said, unresolved(host));
+    }
+}
+
+TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind)
+{
+    int before = open_descriptors();
+    sigset_t mask_before;
+    sigset_t mask_after;
+    sigprocmask(SIG_SETMASK, nullptr, &mask_before);
+    built found("myhost", 0);
+    built lost("unknown.invalid", 0);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    struct sigaction action;
+    sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+    itimerval timer;
+    getitimer(ITIMER_REAL, &timer);
+    EXPECT_EQ(timer.it_value.tv_sec, 0);
+    EXPECT_EQ(timer.it_value.tv_usec, 0);
+    sigprocmask(SIG_SETMASK, nullptr, &mask_after);
+    EXPECT_EQ(sigismember(&mask_before, SIGALRM),
+              sigismember(&mask_after, SIGALRM));
+}
+
+TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds)
+{
+    int before = open_descriptors();
+    auto start = std::chrono::steady_clock::now();
+    built one("hangs.invalid", 0);
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(one.record, nullptr);
+    EXPECT_EQ(one.said, "prog: timeout resolving hostname...\n" +
+                            unresolved("hangs.invalid"));
+    EXPECT_GE(took, std::chrono::milliseconds(9900));
+    EXPECT_LT(took, std::chrono::seconds(18));
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+TEST(new_inetaddr, gives_null_without_a_word_when_memory_is_exhausted)
+{
+    memory_exhausted = true;
+    built one("10.0.0.1", 0);
+    memory_exhausted = false;
+    EXPECT_EQ(one.record, nullptr);
+    EXPECT_EQ(one.said, "");
+}
+
+TEST(new_inetaddr, traces_entry_and_size)
+{
+    std::string seen = traced(6, [] { built one("10.0.0.1", 0); });
+    EXPECT_EQ(seen, "TRACEIN: new_inetaddr\n"
+                    "DEBUG: sizeof(iaddr->addr) = 16\n");
+    EXPECT_EQ(traced(1, [] { built one("10.0.0.1", 0); }),
+              "DEBUG: sizeof(iaddr->addr) = 16\n");
+    EXPECT_EQ(traced(0, [] { built one("10.0.0.1", 0); }), "");
+}
+
+TEST(add_inetaddr, appends_in_order)
+{
+    address_list list;
+    EXPECT_EQ(add(list, "10.0.0.1"), 1);
+    EXPECT_EQ(add(list, "10.0.0.2:81", ADDR_BROADCAST), 1);
+    EXPECT_EQ(add(list, "myhost:7"), 1);
+    EXPECT_EQ(list.content(), "10.0.0.1:0 10.0.0.2:81 10.1.2.3:7");
+    EXPECT_EQ(list.last()->kind, ADDR_PEER);
+    EXPECT_EQ(list.last()->mode, MODE_SEND);
+}
+
+TEST(add_inetaddr, cuts_the_text_in_place)
+{
+    address_list list;
+    char text[] = "10.0.0.2:81";
+    EXPECT_EQ(add_inetaddr(list.get(), text, ADDR_PEER, MODE_SEND), 1);
+    EXPECT_STREQ(text, "10.0.0.2");
+    EXPECT_STREQ(text + 9, "81");
+}
+
+TEST(add_inetaddr, cuts_a_port_to_16_bits)
+{
+    struct row {
+        const char *text;
+        uint16_t port;
+    };
+    const row rows[] = {
+        {"10.0.0.1:70000", 4464},
+        {"10.0.0.1:65536", 0},
+        {"10.0.0.1:65535", 65535},
+        {"10.0.0.1:-1", 65535},
+        {"10.0.0.1:x", 0},
+        /* Past 32 bits: the largest number, not what happens to be left. */
+        {"10.0.0.1:4294973299", 65535},
+    };
+    for (const row &one : rows) {
+        address_list list;
+        EXPECT_EQ(add(list, one.text), 1);
+        EXPECT_EQ(list.last()->port, static_cast<int16_t>(one.port))
+            << one.text;
+        EXPECT_EQ(ntohs(list.last()->addr.sin_port), one.port) << one.text;
+    }
+}
+
+TEST(add_inetaddr, adds_nothing_for_nothing_or_an_unknown_name)
+{
+    program_name name("prog");
+    address_list list;
+    EXPECT_EQ(add_inetaddr(list.get(), nullptr, ADDR_PEER, MODE_SEND), 0);
+    EXPECT_EQ(add(list, ""), 0);
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(add(list, "unknown.invalid:5"), 0);
+    EXPECT_EQ(add(list, "[::1]:80"), 0);
+    EXPECT_EQ(add(list, "h:1:2"), 0);
+    EXPECT_EQ(errors.text(), unresolved("unknown.invalid") +
+                                 unresolved("[::1]") + unresolved("h:1"));
+    EXPECT_EQ(list.size(), 0u);
+}
+
+TEST(add_inetaddr, ends_the_process_when_the_list_cannot_grow)
+{
+    program_name name("prog");
+    ending end = in_child([] {
+        address_list list;
+        list_full = true;
+        add(list, "10.0.0.1");
+    });
+    EXPECT_EQ(end.status, 1);
+    EXPECT_EQ(end.err,
+              std::string("prog: malloc(): ") + strerror(ENOMEM) + "\n");
+}
+
+TEST(get_inetaddr_arr_from_str, takes_every_white_space_as_separator)
+{
+    address_list list;
+    EXPECT_EQ(get_inetaddr_arr_from_str(
+                  list.get(),
+                  "  127.0.0.1 127.0.0.2:5\t127.0.0.3\n127.0.0.4\v127.0.0.5"
+                  "\f127.0.0.6\r\n 127.0.0.7 \n",
+                  ADDR_KESDAL, MODE_LISTEN),
+              7);
+    EXPECT_EQ(list.content(),
+              "127.0.0.1:0 127.0.0.2:5 127.0.0.3:0 127.0.0.4:0 127.0.0.5:0 "
+              "127.0.0.6:0 127.0.0.7:0");
+    EXPECT_EQ(list.last()->kind, ADDR_KESDAL);
+    EXPECT_EQ(list.last()->mode, MODE_LISTEN);
+}
+
+TEST(get_inetaddr_arr_from_str, does_not_take_commas_as_separators)
+{
+    program_name name("prog");
+    address_list list;
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1,10.0.0.2", 1, 1),
+              0);
+    EXPECT_EQ(errors.text(), unresolved("10.0.0.1,10.0.0.2"));
+}
+
+TEST(get_inetaddr_arr_from_str, leaves_out_what_fails_and_goes_on)
+{
+    program_name name("prog");
+    address_list list;
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(get_inetaddr_arr_from_str(
+                  list.get(), "10.0.0.1 unknown.invalid myhost", ADDR_PEER, 1),
+              2);
+    EXPECT_EQ(errors.text(), unresolved("unknown.invalid"));
+    EXPECT_EQ(list.content(), "10.0.0.1:0 10.1.2.3:0");
+}
+
+TEST(get_inetaddr_arr_from_str, works_on_a_copy)
+{
+    address_list list;
+    const char text[] = "10.0.0.1:5 10.0.0.2";
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), text, ADDR_PEER, 1), 2);
+    EXPECT_STREQ(text, "10.0.0.1:5 10.0.0.2");
+}
+
+TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing)
+{
+    address_list list;
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), nullptr, ADDR_PEER, 1), 0);
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "", ADDR_PEER, 1), 0);
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), " \t\n", ADDR_PEER, 1), 0);
+    memory_exhausted = true;
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1", ADDR_PEER, 1),
+              0);
+    memory_exhausted = false;
+    EXPECT_EQ(list.size(), 0u);
+}
+
+TEST(GetHostAddrFromHostName, formats_the_first_address)
+{
+    const char *first = GetHostAddrFromHostName("myhost");
+    EXPECT_STREQ(first, "10.1.2.3");
+    EXPECT_EQ(GetHostAddrFromHostName("high.invalid"), first);
+    EXPECT_STREQ(first, "203.0.113.255");
+    EXPECT_STREQ(GetHostAddrFromHostName("localhost"), "127.0.0.1");
+}
+
+TEST(GetHostAddrFromHostName, gives_null_without_an_ipv4_address)
+{
+    EXPECT_EQ(GetHostAddrFromHostName(nullptr), nullptr);
+    EXPECT_EQ(GetHostAddrFromHostName(""), nullptr);
+    EXPECT_EQ(GetHostAddrFromHostName("unknown.invalid"), nullptr);
+    EXPECT_EQ(GetHostAddrFromHostName("ipv6.invalid"), nullptr);
+    EXPECT_EQ(GetHostAddrFromHostName("empty.invalid"), nullptr);
+}
+
+TEST(GetHostAddrFromHostName, traces_its_exit_above_level_9)
+{
+    auto look_up = [] { GetHostAddrFromHostName("myhost"); };
+    EXPECT_EQ(traced(10, look_up), "TRACEIN: GetHostAddrFromHostName\n"
+                                   "TRACEOUT: GetHostAddrFromHostName\n");
+    EXPECT_EQ(traced(9, look_up), "TRACEIN: GetHostAddrFromHostName\n");
+}
+
+TEST(start_timeout, arms_one_alarm_with_a_plain_handler)
+{
+    EXPECT_EQ(start_timeout(10), 1);
+    itimerval timer;
+    getitimer(ITIMER_REAL, &timer);
+    struct sigaction action;
+    sigaction(SIGALRM, nullptr, &action);
+    stop_timeout();
+    EXPECT_GE(timer.it_value.tv_sec, 9);
+    EXPECT_LE(timer.it_value.tv_sec, 10);
+    EXPECT_EQ(timer.it_interval.tv_sec, 0);
+    EXPECT_EQ(timer.it_interval.tv_usec, 0);
+    EXPECT_EQ(action.sa_handler, sigalrm_itimer);
+    EXPECT_EQ(action.sa_flags & SA_RESTART, 0);
+    for (int number = 1; number < 32; number++) {
+        EXPECT_EQ(sigismember(&action.sa_mask, number), 0) << number;
+    }
+}
+
+TEST(start_timeout, a_timer_that_cannot_be_armed_is_a_failure)
+{
+    EXPECT_EQ(start_timeout(-1), 0);
+    struct sigaction action;
+    sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+}
+
+TEST(start_timeout, traces_its_exit_above_level_9)
+{
+    std::string seen = traced(10, [] {
+        start_timeout(10);
+        debug_level = 0;
+        stop_timeout();
+    });
+    EXPECT_EQ(seen, "TRACEIN: start_timeout\nTRACEOUT: start_timeout\n");
+}
+
+TEST(start_timeout, interrupts_a_wait_and_says_so)
+{
+    program_name name("prog");
+    capture errors(STDERR_FILENO);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(start_timeout(1), 1);
+    char byte;
+    ssize_t got = read(ends[0], &byte, 1);
+    int error = errno;
+    stop_timeout();
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(error, EINTR);
+    EXPECT_EQ(errors.text(), "prog: timeout resolving hostname...\n");
+}
+
+TEST(stop_timeout, disarms_the_timer_and_takes_the_handler_back)
+{
+    ASSERT_EQ(start_timeout(10), 1);
+    stop_timeout();
+    itimerval timer;
+    getitimer(ITIMER_REAL, &timer);
+    EXPECT_EQ(timer.it_value.tv_sec, 0);
+    EXPECT_EQ(timer.it_value.tv_usec, 0);
+    struct sigaction action;
+    sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+}

@@ -1,0 +1,550 @@
+/* The socket helpers, on real loopback sockets. */
+#include "sessions.h"
+
+#include "tolva2/sockets.h"
+
+#include <netinet/in.h>
+
+namespace
+{
+
+int socket_option(int fd, int option)
+{
+    int value = -1;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, option, &value, &length), 0);
+    return value;
+}
+
+struct creator {
+    const char *name;
+    int32_t (*create)();
+    int type;
+    bool nonblocking;
+    bool broadcast;
+};
+
+const creator creators[] = {
+    {"tcp_socket", tcp_socket, SOCK_STREAM, false, false},
+    {"tcp_socket_nonblock", tcp_socket_nonblock, SOCK_STREAM, true, false},
+    {"udp_socket", udp_socket, SOCK_DGRAM, false, false},
+    {"udp_socket_nonblock", udp_socket_nonblock, SOCK_DGRAM, true, false},
+    {"udp_broadcast_socket", udp_broadcast_socket, SOCK_DGRAM, false, true},
+    {"udp_broadcast_socket_nonblock", udp_broadcast_socket_nonblock, SOCK_DGRAM,
+     true, true},
+};
+
+} // namespace
+
+TEST(socket_creators, give_the_kind_of_socket_they_are_named_after)
+{
+    for (const creator &row : creators) {
+        SCOPED_TRACE(row.name);
+        descriptor fd(row.create());
+        ASSERT_GE(fd.get(), 0);
+        EXPECT_EQ(socket_option(fd.get(), SO_DOMAIN), AF_INET);
+        EXPECT_EQ(socket_option(fd.get(), SO_TYPE), row.type);
+        EXPECT_EQ(socket_option(fd.get(), SO_BROADCAST), row.broadcast ? 1 : 0);
+        int flags = fcntl(fd.get(), F_GETFL);
+        EXPECT_EQ((flags & O_NONBLOCK) != 0, row.nonblocking);
+        EXPECT_EQ(flags & O_ACCMODE, O_RDWR);
+    }
+}
+
+TEST(socket_creators, give_minus_one_when_no_descriptor_is_left)
+{
+    int before = open_descriptors();
+    for (const creator &row : creators) {
+        SCOPED_TRACE(row.name);
+        no_descriptors limit;
+        errno = 0;
+        EXPECT_EQ(row.create(), -1);
+        EXPECT_EQ(errno, EMFILE);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(socket_creators, trace_their_entry_above_level_5)
+{
+    for (const creator &row : creators) {
+        std::string line = std::string("TRACEIN: ") + row.name + "\n";
+        std::string seen = traced(6, [&] { close(row.create()); });
+        EXPECT_EQ(seen.substr(0, line.size()), line);
+        EXPECT_EQ(traced(5, [&] { close(row.create()); }), "");
+    }
+}
+
+TEST(descriptor_flags, close_on_exec_is_added)
+{
+    descriptor fd(tcp_socket());
+    EXPECT_EQ(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_EQ(set_close_on_exec(fd.get()), 1);
+    EXPECT_EQ(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(set_close_on_exec(-1), 0);
+}
+
+TEST(shutdown_helpers, close_one_direction)
+{
+    tcp_pair pair;
+    EXPECT_EQ(sock_shutdown_write(pair.near.get()), 1);
+    EXPECT_TRUE(is_closed(pair.far.get()));
+    send_bytes_to(pair.far.get(), "still open");
+    EXPECT_EQ(receive(pair.near.get(), 10), "still open");
+    EXPECT_EQ(sock_shutdown_read(pair.near.get()), 1);
+    EXPECT_TRUE(is_closed(pair.near.get()));
+    EXPECT_TRUE(is_open(pair.near.get()));
+}
+
+TEST(shutdown_helpers, fail_without_a_connection)
+{
+    descriptor fd(tcp_socket());
+    EXPECT_EQ(sock_shutdown_read(fd.get()), 0);
+    EXPECT_EQ(sock_shutdown_write(fd.get()), 0);
+    EXPECT_EQ(sock_shutdown_read(-1), 0);
+    EXPECT_EQ(sock_shutdown_write(-1), 0);
+}
+
+TEST(sock_connect, reaches_a_listener)
+{
+    descriptor listener(listening_socket());
+    sockaddr_in address = loopback("127.0.0.1", local_port(listener.get()));
+    descriptor first(tcp_socket());
+    EXPECT_EQ(sock_connect(first.get(), &address), 1);
+    descriptor second(tcp_socket());
+    EXPECT_EQ(
+        sock_connect_to(second.get(), local_port(listener.get()), "127.0.0.1"),
+        1);
+    for (int i = 0; i < 2; i++) {
+        ASSERT_TRUE(wait_for(listener.get(), POLLIN));
+        descriptor peer(accept(listener.get(), nullptr, nullptr));
+        EXPECT_GE(peer.get(), 0);
+    }
+}
+
+TEST(sock_connect, under_way_counts_as_success)
+{
+    descriptor listener(listening_socket());
+    sockaddr_in address = loopback("127.0.0.1", local_port(listener.get()));
+    descriptor fd(tcp_socket_nonblock());
+    EXPECT_EQ(sock_connect(fd.get(), &address), 1);
+    ASSERT_TRUE(wait_for(fd.get(), POLLOUT));
+    EXPECT_EQ(sock_pending_error(fd.get()), 0);
+}
+
+TEST(sock_connect, refusal_is_failure_or_shows_as_pending_error)
+{
+    descriptor holder;
+    uint16_t port = refusing_port(&holder);
+    descriptor blocking(tcp_socket());
+    EXPECT_EQ(sock_connect_to(blocking.get(), port, "127.0.0.1"), 0);
+    EXPECT_EQ(errno, ECONNREFUSED);
+
+    descriptor fd(tcp_socket_nonblock());
+    if (sock_connect_to(fd.get(), port, "127.0.0.1") == 0) {
+        EXPECT_EQ(errno, ECONNREFUSED);
+    } else {
+        ASSERT_TRUE(wait_for(fd.get(), POLLOUT));
+        EXPECT_EQ(sock_pending_error(fd.get()), ECONNREFUSED);
+        EXPECT_EQ(sock_pending_error(fd.get()), 0);
+    }
+}
+
+TEST(sock_connect, an_older_errno_is_not_taken_for_progress)
+{
+    sockaddr_in address = loopback("127.0.0.1", 1);
+    errno = EINPROGRESS;
+    EXPECT_EQ(sock_connect(-1, &address), 0);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(bind_helpers, bind_to_the_address_they_are_given)
+{
+    descriptor any(tcp_socket());
+    EXPECT_EQ(sock_bind_any(any.get(), 0), 1);
+    EXPECT_EQ(local_name(any.get()).sin_addr.s_addr, INADDR_ANY);
+    EXPECT_NE(local_port(any.get()), 0);
+
+    descriptor one(udp_socket());
+    EXPECT_EQ(sock_bind_to(one.get(), 0, "127.0.0.5"), 1);
+    EXPECT_EQ(local_name(one.get()).sin_addr.s_addr, inet_addr("127.0.0.5"));
+
+    descriptor same(udp_socket());
+    EXPECT_EQ(sock_bind_to(same.get(), local_port(one.get()), "127.0.0.5"), 0);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(sock_bind_any(-1, 0), 0);
+}
+
+TEST(bind_helpers, an_address_that_does_not_convert_means_any)
+{
+    descriptor fd(tcp_socket());
+    EXPECT_EQ(sock_bind_to(fd.get(), 0, "no address"), 1);
+    EXPECT_EQ(local_name(fd.get()).sin_addr.s_addr, INADDR_ANY);
+}
+
+TEST(listen_helpers, make_a_listener)
+{
+    descriptor any(tcp_socket());
+    EXPECT_EQ(sock_listen_any(any.get(), 0), 1);
+    EXPECT_EQ(socket_option(any.get(), SO_ACCEPTCONN), 1);
+    EXPECT_EQ(local_name(any.get()).sin_addr.s_addr, INADDR_ANY);
+
+    descriptor one(tcp_socket());
+    EXPECT_EQ(sock_listen_to(one.get(), 0, "127.0.0.6"), 1);
+    EXPECT_EQ(socket_option(one.get(), SO_ACCEPTCONN), 1);
+    EXPECT_EQ(local_name(one.get()).sin_addr.s_addr, inet_addr("127.0.0.6"));
+    descriptor peer(
+        connected_socket(local_port(one.get()), "127.0.0.1", "127.0.0.6"));
+}
+
+TEST(listen_helpers, fail_on_a_port_in_use_and_on_datagram_sockets)
+{
+    descriptor listener(listening_socket());
+    descriptor second(tcp_socket());
+    EXPECT_EQ(
+        sock_listen_to(second.get(), local_port(listener.get()), "127.0.0.1"),
+        0);
+    EXPECT_EQ(socket_option(second.get(), SO_ACCEPTCONN), 0);
+    descriptor third(tcp_socket());
+    EXPECT_EQ(sock_listen_any(third.get(), local_port(listener.get())), 0);
+    descriptor datagrams(udp_socket());
+    EXPECT_EQ(sock_listen_to(datagrams.get(), 0, "127.0.0.1"), 0);
+}
+
+TEST(listen_helpers, a_hundred_and_twenty_connections_wait_in_the_backlog)
+{
+    EXPECT_EQ(LISTEN_BACKLOG, 128);
+    descriptor listener(tcp_socket());
+    ASSERT_EQ(sock_listen_to(listener.get(), 0, "127.0.0.1"), 1);
+    std::vector<descriptor> waiting;
+    for (int i = 0; i < 120; i++) {
+        waiting.emplace_back(tcp_socket_nonblock());
+        ASSERT_EQ(sock_connect_to(waiting.back().get(),
+                                  local_port(listener.get()), "127.0.0.1"),
+                  1);
+    }
+    set_nonblocking(listener.get());
+    for (int i = 0; i < 120; i++) {
+        ASSERT_TRUE(wait_for(listener.get(), POLLIN));
+        descriptor peer(sock_accept(listener.get(), nullptr, nullptr));
+        ASSERT_GE(peer.get(), 0) << "connection " << i;
+    }
+}
+
+TEST(sock_accept, gives_descriptor_and_peer)
+{
+    descriptor listener(listening_socket());
+    descriptor near(connected_socket(local_port(listener.get()), "127.0.0.7"));
+    sockaddr_in from = loopback("0.0.0.0", 0);
+    socklen_t length = sizeof from;
+    descriptor peer(sock_accept(listener.get(), &from, &length));
+    ASSERT_GE(peer.get(), 0);
+    EXPECT_EQ(from.sin_addr.s_addr, inet_addr("127.0.0.7"));
+    EXPECT_EQ(ntohs(from.sin_port), local_port(near.get()));
+    EXPECT_EQ(sock_accept(-1, &from, &length), -1);
+}
+
+TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer)
+{
+    descriptor listener(listening_socket());
+    struct row {
+        size_t size;
+        const char *expected;
+    };
+    const row rows[] = {
+        {16, "127.0.0.8"}, {10, "127.0.0.8"}, {9, "127.0.0."},
+        {5, "127."},       {1, ""},
+    };
+    for (const row &one : rows) {
+        descriptor near(
+            connected_socket(local_port(listener.get()), "127.0.0.8"));
+        char buffer[32];
+        memset(buffer, '#', sizeof buffer);
+        descriptor peer(sock_accept_peer(listener.get(), buffer, one.size));
+        EXPECT_GT(peer.get(), 0);
+        EXPECT_STREQ(buffer, one.expected);
+        EXPECT_EQ(buffer[one.size], '#');
+    }
+}
+
+TEST(sock_accept_peer, gives_zero_on_failure)
+{
+    char buffer[16] = "untouched";
+    EXPECT_EQ(sock_accept_peer(-1, buffer, sizeof buffer), 0);
+    descriptor listener(listening_socket());
+    set_nonblocking(listener.get());
+    EXPECT_EQ(sock_accept_peer(listener.get(), buffer, sizeof buffer), 0);
+}
+
+TEST(sock_send_text, sends_the_characters_without_terminator)
+{
+    tcp_pair pair;
+    EXPECT_EQ(sock_send_text(pair.near.get(), "x"), 1);
+    EXPECT_EQ(sock_send_text(pair.near.get(), "\xff\xc3\xa4 y"), 5);
+    pair.near.reset();
+    EXPECT_EQ(receive_all(pair.far.get()), "x\xff\xc3\xa4 y");
+}
+
+TEST(sock_send_text0, sends_the_terminator_too)
+{
+    tcp_pair pair;
+    EXPECT_EQ(sock_send_text0(pair.near.get(), "abc"), 4);
+    pair.near.reset();
+    EXPECT_EQ(receive_all(pair.far.get()), std::string("abc\0", 4));
+}
+
+TEST(stream_senders, refuse_what_is_null_empty_or_too_long)
+{
+    tcp_pair pair;
+    std::string full(4095, 'f');
+    std::string over(4096, 'o');
+    for (auto *send_text : {sock_send_text, sock_send_text0}) {
+        EXPECT_EQ(send_text(pair.near.get(), nullptr), 0);
+        EXPECT_EQ(send_text(pair.near.get(), ""), 0);
+        EXPECT_EQ(send_text(pair.near.get(), over.c_str()), 0);
+        EXPECT_EQ(send_text(pair.near.get(), (over + over).c_str()), 0);
+    }
+    EXPECT_TRUE(is_silent(pair.far.get()));
+    EXPECT_EQ(sock_send_text(pair.near.get(), full.c_str()), 4095);
+    EXPECT_EQ(receive(pair.far.get(), 4095), full);
+    EXPECT_EQ(sock_send_text0(pair.near.get(), full.c_str()), 4096);
+    EXPECT_EQ(receive(pair.far.get(), 4096), full + std::string(1, '\0'));
+    EXPECT_TRUE(is_silent(pair.far.get()));
+}
+
+TEST(stream_senders, a_closed_peer_is_a_failure_not_a_signal)
+{
+    for (auto *send_text : {sock_send_text, sock_send_text0}) {
+        tcp_pair pair;
+        reset_connection(&pair.far);
+        ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
+        signal(SIGPIPE, SIG_IGN);
+        EXPECT_EQ(send_text(pair.near.get(), "text"), 0);
+        EXPECT_EQ(send_text(pair.near.get(), "text"), 0);
+        signal(SIGPIPE, SIG_DFL);
+    }
+    EXPECT_EQ(sock_send_text(-1, "text"), 0);
+    EXPECT_EQ(sock_send_text0(-1, "text"), 0);
+}
+
+TEST(stream_senders, a_part_of_the_text_is_a_failure)
+{
+    tcp_pair pair;
+    set_nonblocking(pair.near.get());
+    std::string text(4095, 't');
+    /* Odd pieces, so that the room left is no multiple of the text. */
+    while (send(pair.near.get(), text.data(), 1021, MSG_NOSIGNAL) > 0) {
+    }
+    EXPECT_EQ(sock_send_text(pair.near.get(), text.c_str()), 0);
+    EXPECT_EQ(sock_send_text0(pair.near.get(), text.c_str()), 0);
+}
+
+TEST(udp_send_text, sends_one_datagram_to_the_address)
+{
+    descriptor receiver(bound_socket(SOCK_DGRAM, "127.0.0.9"));
+    descriptor fd(udp_socket());
+    uint16_t port = local_port(receiver.get());
+    EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.9", "hello \xfc"), 7);
+    EXPECT_EQ(receive(receiver.get(), 7), "hello \xfc");
+    EXPECT_TRUE(is_silent(receiver.get()));
+}
+
+TEST(udp_send_text, takes_up_to_1472_characters)
+{
+    descriptor receiver(bound_socket(SOCK_DGRAM));
+    descriptor fd(udp_socket());
+    uint16_t port = local_port(receiver.get());
+    std::string full(1472, 'u');
+    EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.1", full.c_str()), 1472);
+    EXPECT_EQ(receive(receiver.get(), 1472), full);
+    EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.1", (full + "x").c_str()),
+              0);
+    EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.1", ""), 0);
+    EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.1", nullptr), 0);
+    EXPECT_EQ(udp_send_text(-1, port, "127.0.0.1", "x"), 0);
+    EXPECT_TRUE(is_silent(receiver.get()));
+}
+
+TEST(sock_recv_text, gives_one_terminated_text)
+{
+    tcp_pair pair;
+    char buffer[4096];
+    memset(buffer, '#', sizeof buffer);
+    send_bytes_to(pair.far.get(), "one \xe4");
+    ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer, sizeof buffer), 5);
+    EXPECT_STREQ(buffer, "one \xe4");
+    EXPECT_EQ(buffer[6], '#');
+}
+
+TEST(sock_recv_text, keeps_nul_bytes_and_counts_them)
+{
+    tcp_pair pair;
+    char buffer[16];
+    send_bytes_to(pair.far.get(), std::string("a\0b\0", 4));
+    ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer, sizeof buffer), 4);
+    EXPECT_EQ(std::string(buffer, 5), std::string("a\0b\0\0", 5));
+}
+
+TEST(sock_recv_text, reads_at_most_4095_bytes_and_leaves_the_rest)
+{
+    tcp_pair pair;
+    char buffer[4096];
+    memset(buffer, '#', sizeof buffer);
+    std::string sent(5000, 's');
+    send_bytes_to(pair.far.get(), sent);
+    ASSERT_TRUE(wait_until([&] {
+        char all[5000];
+        return recv(pair.near.get(), all, sizeof all,
+                    MSG_PEEK | MSG_DONTWAIT) == 5000;
+    }));
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer, sizeof buffer), 4095);
+    EXPECT_EQ(std::string(buffer), sent.substr(0, 4095));
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer, 10), 9);
+    EXPECT_STREQ(buffer, "sssssssss");
+    EXPECT_EQ(receive(pair.near.get(), 896).size(), 896u);
+    EXPECT_TRUE(is_silent(pair.near.get()));
+}
+
+TEST(sock_recv_text, refuses_a_larger_buffer_without_reading)
+{
+    tcp_pair pair;
+    std::vector<char> buffer(5000, '#');
+    send_bytes_to(pair.far.get(), "kept");
+    ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer.data(), 4097), 0);
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer.data(), 0), 0);
+    EXPECT_EQ(receive(pair.near.get(), 4), "kept");
+}
+
+TEST(sock_recv_text, end_and_error_give_zero_and_an_empty_text)
+{
+    tcp_pair pair;
+    char buffer[8] = "old";
+    pair.far.reset();
+    ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer, sizeof buffer), 0);
+    EXPECT_STREQ(buffer, "");
+    strcpy(buffer, "old");
+    EXPECT_EQ(sock_recv_text(-1, buffer, sizeof buffer), 0);
+    EXPECT_STREQ(buffer, "");
+}
+
+TEST(udp_recv_text, gives_text_and_sender)
+{
+    descriptor receiver(bound_socket(SOCK_DGRAM));
+    descriptor sender(bound_socket(SOCK_DGRAM, "127.0.0.10"));
+    sockaddr_in to = local_name(receiver.get());
+    std::string bytes("n\0ul", 4);
+    ASSERT_EQ(sendto(sender.get(), bytes.data(), bytes.size(), 0, generic(&to),
+                     sizeof to),
+              4);
+    ASSERT_TRUE(wait_for(receiver.get(), POLLIN));
+    sockaddr_in from = loopback("0.0.0.0", 0);
+    socklen_t length = sizeof from;
+    char buffer[16];
+    EXPECT_EQ(
+        udp_recv_text(receiver.get(), &from, &length, buffer, sizeof buffer),
+        4);
+    EXPECT_EQ(std::string(buffer, 5), bytes + std::string(1, '\0'));
+    EXPECT_EQ(from.sin_addr.s_addr, inet_addr("127.0.0.10"));
+    EXPECT_EQ(ntohs(from.sin_port), local_port(sender.get()));
+}
+
+TEST(udp_recv_text, cuts_a_datagram_that_is_longer)
+{
+    descriptor receiver(bound_socket(SOCK_DGRAM));
+    descriptor sender(udp_socket());
+    ASSERT_EQ(udp_send_text(sender.get(), local_port(receiver.get()),
+                            "127.0.0.1", "0123456789"),
+              10);
+    ASSERT_TRUE(wait_for(receiver.get(), POLLIN));
+    char buffer[6];
+    EXPECT_EQ(
+        udp_recv_text(receiver.get(), nullptr, nullptr, buffer, sizeof buffer),
+        5);
+    EXPECT_STREQ(buffer, "01234");
+    EXPECT_TRUE(is_silent(receiver.get()));
+}
+
+TEST(udp_recv_text, error_gives_zero_and_an_empty_text)
+{
+    descriptor receiver(bound_socket(SOCK_DGRAM));
+    set_nonblocking(receiver.get());
+    sockaddr_in from;
+    socklen_t length = sizeof from;
+    char buffer[8] = "old";
+    EXPECT_EQ(
+        udp_recv_text(receiver.get(), &from, &length, buffer, sizeof buffer),
+        0);
+    EXPECT_STREQ(buffer, "");
+}
+
+TEST(sock_pending_error, tells_why_it_could_not_ask)
+{
+    EXPECT_EQ(sock_pending_error(-1), EBADF);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(sock_pending_error(ends[0]), ENOTSOCK);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(sock_pending_error, is_zero_on_a_good_socket_and_clears_errno)
+{
+    tcp_pair pair;
+    errno = EPERM;
+    EXPECT_EQ(sock_pending_error(pair.near.get()), 0);
+    EXPECT_EQ(errno, 0);
+}
+
+TEST(sock_pending_error, tells_a_reset_once)
+{
+    tcp_pair pair;
+    reset_connection(&pair.far);
+    ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
+    EXPECT_EQ(sock_pending_error(pair.near.get()), ECONNRESET);
+    EXPECT_EQ(sock_pending_error(pair.near.get()), 0);
+}
+
+TEST(is_dotted_address, follows_inet_aton)
+{
+    for (const char *valid :
+         {"1.2.3.4", "0.0.0.0", "255.255.255.255", "10.1", "127", "0x7f.1",
+          "010.0.0.1", "127.0.0.1 trailing"}) {
+        EXPECT_NE(is_dotted_address(valid), 0) << valid;
+    }
+    for (const char *invalid :
+         {"", "localhost", "1.2.3.256", "1.2.3.4.5", "::1", "[::1]", "1.2.3.x",
+          "127.0.0.1,", " 127.0.0.1", "4294967296", "\xe4"}) {
+        EXPECT_EQ(is_dotted_address(invalid), 0) << invalid;
+    }
+}
+
+TEST(same_address, compares_what_inet_addr_reads)
+{
+    EXPECT_EQ(same_address("10.0.0.1", "10.0.0.1"), 1);
+    EXPECT_EQ(same_address("10.0.0.1", "10.0.0.01"), 1);
+    EXPECT_EQ(same_address("10.0.0.1", "10.1"), 1);
+    EXPECT_EQ(same_address("010.0.0.1", "8.0.0.1"), 1);
+    EXPECT_EQ(same_address("010.0.0.1", "10.0.0.1"), 0);
+    EXPECT_EQ(same_address("10.0.0.1", "10.0.0.2"), 0);
+    EXPECT_EQ(same_address("no address", "10.0.0.2"), 0);
+    /* Both read as the value for "no address". */
+    EXPECT_EQ(same_address("no address", "255.255.255.255"), 1);
+}
+
+TEST(descriptors_left, tells_how_many_more_can_be_had)
+{
+    int before = open_descriptors();
+    EXPECT_EQ(descriptors_left(0), 1);
+    EXPECT_EQ(descriptors_left(8), 1);
+    EXPECT_EQ(open_descriptors(), before);
+    {
+        no_descriptors limit(2);
+        EXPECT_EQ(descriptors_left(2), 1);
+        EXPECT_EQ(descriptors_left(3), 0);
+        EXPECT_EQ(errno, EMFILE);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
