@@ -14,6 +14,15 @@ case $recipient in
 esac
 shift
 
+if ! command -v sendmail >/dev/null; then
+    text="this host has no sendmail command"
+    echo "${0##*/}: $text" >&2
+    if command -v logger >/dev/null; then
+        logger -t tolva -p daemon.err -- "${0##*/}: $text"
+    fi
+    exit 69
+fi
+
 # The recipient is named here, not read from the headers, so nothing in the
 # text can add another.
 {

@@ -584,9 +584,16 @@ def test_mail_returns_the_status_of_sendmail(host):
     assert host.run("tolva_mail.sh", "ops x").status == 75
 
 
-def test_mail_fails_where_there_is_no_mail_system(host):
-    host.without("sendmail")
-    assert host.run("tolva_mail.sh", "ops x").status == 127
+@pytest.mark.parametrize("script, params, command", [
+    ("tolva_mail.sh", "ops x", "sendmail"), ("tolva_message.sh", "x", "wall")])
+@pytest.mark.parametrize("logged", [True, False])
+def test_script_says_what_this_host_lacks(host, script, params, command,
+                                          logged):
+    host.without(command, *([] if logged else ["logger"]))
+    ran = host.run(script, params)
+    text = f"{script}: this host has no {command} command"
+    assert (ran.status, ran.err) == (69, text + "\n")
+    assert [x.args[-1] for x in host.calls()] == ([text] if logged else [])
 
 
 # --- suppressed shutdown ----------------------------------------------------
