@@ -70,6 +70,16 @@ void close_descriptor(int32_t *fd)
     *fd = -1;
 }
 
+int32_t ready_events(const connection *cn)
+{
+    int32_t events = 0;
+    if (cn->fd >= 0) {
+        events |= FD_ISSET(cn->fd, &ready_read) ? EVENT_READABLE : 0;
+        events |= FD_ISSET(cn->fd, &ready_write) ? EVENT_WRITABLE : 0;
+    }
+    return events;
+}
+
 int32_t room_for_descriptor()
 {
     return nfds <= FEW_DESCRIPTORS || descriptors_left(DESCRIPTORS_NEEDED);
@@ -196,6 +206,36 @@ int32_t set_connections(const ux_list *entries, uint32_t default_port)
         }
     }
     return static_cast<int32_t>(connections->size);
+}
+
+int32_t may_start(const connection *cn)
+{
+    if (nfds >= max_fds) {
+        log_error(EMFILE);
+        return 0;
+    }
+    if (!cn || cn->fd != -1) {
+        log_error(EINVAL);
+        return -1;
+    }
+    return 1;
+}
+
+void begin_exchange(connection *cn, int32_t fd, connection_handler handler,
+                    const connect_ends *ends)
+{
+    cn->fd = fd;
+    cn->handler = handler;
+    cn->ends = ends;
+    add_descriptor(fd, &writefds);
+}
+
+void close_exchange(connection *cn)
+{
+    if (cn->fd >= 0) {
+        close_descriptor(&cn->fd);
+    }
+    cn->handler = nullptr;
 }
 
 int32_t open_connect_socket(const connection *cn)

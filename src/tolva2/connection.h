@@ -42,6 +42,12 @@ struct connection {
     const connect_ends *ends;   /* how that exchange finishes */
 };
 
+/* The record of a node; may be null. */
+inline connection *record_of(const ux_list_element *node)
+{
+    return static_cast<connection *>(node->data);
+}
+
 /* The lists; null until their mode has created them. */
 extern ux_list *clients;     /* senders of commands, listen mode only */
 extern ux_list *connections; /* outbound: listeners or servers */
@@ -66,6 +72,9 @@ void add_descriptor(int32_t fd, fd_set *set);
  * within the pass starts clean, counts it off and stores -1.
  */
 void close_descriptor(int32_t *fd);
+
+/* The event bits that the current pass has found for cn's socket. */
+int32_t ready_events(const connection *cn);
 
 /*
  * 1 when one more descriptor may be opened with enough left for the log and
@@ -106,6 +115,19 @@ void unregister_connection(ux_list_element *element);
  * gets the default port. Returns the number of records, 0 on failure.
  */
 int32_t set_connections(const ux_list *entries, uint32_t default_port);
+
+/*
+ * Whether an exchange may be started on a record: 1; 0 when no more sockets
+ * may be open, -1 for no record or one that has a socket, both logged.
+ */
+int32_t may_start(const connection *cn);
+
+/* Gives the record its socket and first handler; it waits to be writable. */
+void begin_exchange(connection *cn, int32_t fd, connection_handler handler,
+                    const connect_ends *ends);
+
+/* Takes socket and handler from the record. */
+void close_exchange(connection *cn);
 
 /*
  * A non-blocking TCP socket with a connect to cn->addr under way, or -1; a

@@ -8,13 +8,6 @@
 namespace
 {
 
-connection *record_of(const ux_list_element *node)
-{
-    auto *cn = static_cast<connection *>(node->data);
-    assert(cn);
-    return cn;
-}
-
 /* The event has come and the socket is in order. */
 bool is_ready(const connection *cn, int32_t events, int32_t wanted)
 {
@@ -35,6 +28,7 @@ void do_kesdal_send_logon(ux_list_element *node, int32_t events)
 {
     TRACE_IN();
     connection *cn = record_of(node);
+    assert(cn);
     if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logon(cn->fd)) {
         wait_in(cn, &writefds, &readfds, do_kesdal_recv_logon);
     } else {
@@ -46,6 +40,7 @@ void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
 {
     TRACE_IN();
     connection *cn = record_of(node);
+    assert(cn);
     if (is_ready(cn, events, EVENT_READABLE) && recv_kesdal(cn->fd)) {
         wait_in(cn, &readfds, &writefds, do_kesdal_send_logoff);
     } else {
@@ -57,6 +52,7 @@ void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
 {
     TRACE_IN();
     connection *cn = record_of(node);
+    assert(cn);
     if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logoff(cn->fd)) {
         wait_in(cn, &writefds, &readfds, do_kesdal_recv_logoff);
         sock_shutdown_write(cn->fd);
@@ -69,6 +65,7 @@ void do_kesdal_recv_logoff(ux_list_element *node, int32_t events)
 {
     TRACE_IN();
     connection *cn = record_of(node);
+    assert(cn);
     if (is_ready(cn, events, EVENT_READABLE)) {
         /* Whatever it says: the server has answered before. */
         recv_kesdal(cn->fd);

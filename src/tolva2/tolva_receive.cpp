@@ -266,19 +266,17 @@ int serve_clients(int nready)
     for (ux_list_element *node = clients->head; node && nready > 0;
          node = next) {
         next = node->next;
-        const auto *cn = static_cast<const connection *>(node->data);
+        const connection *cn = record_of(node);
         if (!cn) {
             unregister_connection(clients, node);
             continue;
         }
-        if (cn->fd < 0) {
-            continue;
-        }
         /* Never both: a client is read from first, then written to. */
-        if (FD_ISSET(cn->fd, &ready_read)) {
+        int32_t events = ready_events(cn);
+        if (events & EVENT_READABLE) {
             handle_tcp_client(node);
             nready--;
-        } else if (FD_ISSET(cn->fd, &ready_write)) {
+        } else if (events & EVENT_WRITABLE) {
             if (cn->want_reply) {
                 handle_tcp_reply(node);
             } else {
@@ -296,21 +294,15 @@ void serve_connections(int nready)
     for (ux_list_element *node = connections->head; node && nready > 0;
          node = next) {
         next = node->next;
-        const auto *cn = static_cast<const connection *>(node->data);
+        const connection *cn = record_of(node);
         if (!cn) {
             unregister_connection(connections, node);
             continue;
         }
         debug_printf("DEBUG: check >%s< (>%d<)\n", cn->ipaddr, cn->fd);
-        int32_t events = 0;
-        if (cn->fd >= 0 && FD_ISSET(cn->fd, &ready_read)) {
-            events |= EVENT_READABLE;
-            nready--;
-        }
-        if (cn->fd >= 0 && FD_ISSET(cn->fd, &ready_write)) {
-            events |= EVENT_WRITABLE;
-            nready--;
-        }
+        int32_t events = ready_events(cn);
+        nready -= (events & EVENT_READABLE) ? 1 : 0;
+        nready -= (events & EVENT_WRITABLE) ? 1 : 0;
         if (events && cn->handler) {
             cn->handler(node, events);
         }

@@ -8,7 +8,6 @@
 #include "tolva2/trace.h"
 
 #include <cassert>
-#include <cerrno>
 #include <cstring>
 
 namespace
@@ -16,21 +15,13 @@ namespace
 
 constexpr size_t ALIVE_PARAMS = 128;
 
-connection *record_of(const ux_list_element *node)
-{
-    return static_cast<connection *>(node->data);
-}
-
 void cancel_connect(ux_list_element *node)
 {
     TRACE_IN();
     connection *cn = record_of(node);
     assert(cn);
-    if (cn->fd >= 0) {
-        close_descriptor(&cn->fd);
-    }
+    close_exchange(cn);
     cn->nerror++;
-    cn->handler = nullptr;
     log_message(1, msgdb_get(828), cn->ipaddr);
     /* At every failure, not only when the retries are used up. */
     exec_aliveproc(cn);
@@ -42,9 +33,8 @@ void end_connect(ux_list_element *node)
     TRACE_IN();
     connection *cn = record_of(node);
     assert(cn);
-    close_descriptor(&cn->fd);
+    close_exchange(cn);
     cn->nerror = 0;
-    cn->handler = nullptr;
     log_message(1, msgdb_get(814), cn->ipaddr);
 }
 
@@ -55,23 +45,16 @@ int32_t start_connect(ux_list_element *node)
 {
     TRACE_IN();
     connection *cn = record_of(node);
-    if (nfds >= max_fds) {
-        log_error(EMFILE);
-        return 0;
-    }
-    if (!cn || cn->fd != -1) {
-        log_error(EINVAL);
-        return -1;
+    int32_t startable = may_start(cn);
+    if (startable != 1) {
+        return startable;
     }
     int32_t fd = open_connect_socket(cn);
     if (fd < 0) {
         return 0;
     }
     set_close_on_exec(fd);
-    cn->fd = fd;
-    cn->ends = &ALIVE_ENDS;
-    cn->handler = do_kesdal_send_logon;
-    add_descriptor(fd, &writefds);
+    begin_exchange(cn, fd, do_kesdal_send_logon, &ALIVE_ENDS);
     return 1;
 }
 

@@ -227,7 +227,7 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
 void handle_tcp_client(ux_list_element *node)
 {
     TRACE_IN();
-    auto *cn = static_cast<connection *>(node->data);
+    connection *cn = record_of(node);
     receive_command(cn);
     cn->deadline = 0;
     if (!cn->busy) {
@@ -248,7 +248,7 @@ int64_t check_timeout_clients(time_t now, int32_t timeout)
     ux_list_element *next = nullptr;
     for (ux_list_element *node = clients->head; node; node = next) {
         next = node->next;
-        auto *cn = static_cast<connection *>(node->data);
+        connection *cn = record_of(node);
         assert(cn);
         if (cn->deadline == 0) {
             continue;

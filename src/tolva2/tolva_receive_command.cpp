@@ -30,11 +30,6 @@ constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
     nullptr,                         /* LOG_TEXT */
 };
 
-connection *record_of(const ux_list_element *node)
-{
-    return static_cast<connection *>(node->data);
-}
-
 /* Reads the verb in front of *rest: true for one of the two there are. */
 bool take_verb(connection *cn, char **rest)
 {

@@ -23,11 +23,6 @@ const char *command = nullptr; /* what every listener is sent */
 int32_t failed = 0;            /* 1 once any connection has failed */
 int32_t remote_status = -1;    /* of the last reply, mapped; -1: none */
 
-connection *record_of(const ux_list_element *node)
-{
-    return static_cast<connection *>(node->data);
-}
-
 /* The message of a type of connection that failed; "%s" is its address. */
 void log_failure(const connection *cn)
 {
@@ -52,11 +47,8 @@ void cancel_connect(ux_list_element *node)
     TRACE_IN();
     connection *cn = record_of(node);
     assert(cn);
-    if (cn->fd >= 0) {
-        close_descriptor(&cn->fd);
-    }
+    close_exchange(cn);
     cn->nerror++;
-    cn->handler = nullptr;
     log_failure(cn);
     unregister_connection(node);
     failed = 1;
@@ -67,11 +59,8 @@ void end_connect(ux_list_element *node)
     TRACE_IN();
     connection *cn = record_of(node);
     assert(cn);
-    if (cn->fd >= 0) {
-        close_descriptor(&cn->fd);
-    }
+    close_exchange(cn);
     cn->nerror = 0;
-    cn->handler = nullptr;
     log_message(1, msgdb_get(cn->type == ADDR_KESDAL ? 814 : 787), cn->ipaddr,
                 cn->ipaddr);
     unregister_connection(node);
@@ -217,24 +206,18 @@ int32_t start_connect(ux_list_element *node)
 {
     TRACE_IN();
     connection *cn = record_of(node);
-    if (nfds >= max_fds) {
-        log_error(EMFILE);
-        return 0;
-    }
-    if (!cn || cn->fd != -1) {
-        log_error(EINVAL);
-        return -1;
+    int32_t startable = may_start(cn);
+    if (startable != 1) {
+        return startable;
     }
     int32_t fd = open_by_type(cn);
     if (fd < 0) {
         log_failure(cn);
         return 0;
     }
-    cn->fd = fd;
-    cn->ends = &SEND_ENDS;
-    cn->handler =
-        cn->type == ADDR_KESDAL ? do_kesdal_send_logon : do_send_tolva;
-    add_descriptor(fd, &writefds);
+    begin_exchange(
+        cn, fd, cn->type == ADDR_KESDAL ? do_kesdal_send_logon : do_send_tolva,
+        &SEND_ENDS);
     return 1;
 }
 
@@ -283,11 +266,7 @@ void serve_connections()
             unregister_connection(node);
             continue;
         }
-        int32_t events = 0;
-        if (cn->fd >= 0) {
-            events |= FD_ISSET(cn->fd, &ready_read) ? EVENT_READABLE : 0;
-            events |= FD_ISSET(cn->fd, &ready_write) ? EVENT_WRITABLE : 0;
-        }
+        int32_t events = ready_events(cn);
         if (events && cn->handler) {
             cn->handler(node, events);
         }

@@ -274,6 +274,13 @@ bool store_setting(const cfgmodule *parsed, ux_hashtable *table)
     return result >= 0;
 }
 
+/* A table of cfgmodule records: false when memory is exhausted. */
+bool init_table(ux_hashtable *table, uint32_t buckets)
+{
+    return ux_hashtable_init(table, buckets, hash_cfgmodule, match_cfgmodule,
+                             destroy_cfgmodule) == 0;
+}
+
 } // namespace
 
 int32_t file_to_hashtable(const char *path, ux_hashtable *table)
@@ -304,8 +311,7 @@ int32_t ux_readconfig(const char *path, ux_option *topic_table,
     TRACE_IN();
     assert(topic_table);
     ux_hashtable table;
-    if (ux_hashtable_init(&table, buckets, hash_cfgmodule, match_cfgmodule,
-                          destroy_cfgmodule) != 0) {
+    if (!init_table(&table, buckets)) {
         return 0;
     }
     if (!file_to_hashtable(path, &table) && !missing_ok) {
@@ -544,8 +550,7 @@ int32_t ux_rewriteconfig(const char *path, ux_option *topic_table,
     TRACE_IN();
     assert(topic_table);
     ux_hashtable table;
-    if (ux_hashtable_init(&table, buckets, hash_cfgmodule, match_cfgmodule,
-                          destroy_cfgmodule) != 0) {
+    if (!init_table(&table, buckets)) {
         return 0;
     }
     bool stored = true;
