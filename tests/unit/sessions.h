@@ -401,7 +401,7 @@ class operator_log
     temp_dir home;
 };
 
-using texts = std::vector<std::string>;
+using log_lines = std::vector<std::string>;
 
 inline std::string system_line(int error)
 {
