@@ -1,0 +1,526 @@
+"""Listen mode: its sockets, its loop, its signals and its end."""
+
+import contextlib
+import errno
+import os
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+
+import harness
+from harness import HEADER, message, wait_for
+
+HOST = "127.0.0.1"
+COMMAND = HEADER + b" MSG_EXECUTE LOG_TEXT "
+IN_USE = "system: " + os.strerror(errno.EADDRINUSE)
+NO_ADDRESS = "system: " + os.strerror(errno.EADDRNOTAVAIL)
+
+
+def serves(listener, text):
+    """A command is carried out."""
+    assert listener.request(COMMAND + text.encode()) == b""
+    listener.wait_message(text)
+    return True
+
+
+def signal_sets(pid):
+    """{"SigIgn": set of numbers, ...} of a process."""
+    sets = {}
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            key, _, value = line.partition(":")
+            if key in ("SigIgn", "SigCgt", "SigBlk"):
+                mask = int(value, 16)
+                sets[key] = {n for n in range(1, 65) if mask >> (n - 1) & 1}
+    return sets
+
+
+def tcp_server_address(port):
+    """The local address of the listening socket, dotted."""
+    with open("/proc/net/tcp") as f:
+        next(f)
+        for line in f:
+            fields = line.split()
+            address, _, hex_port = fields[1].partition(":")
+            if int(hex_port, 16) == port and fields[3] == "0A":
+                return socket.inet_ntoa(bytes.fromhex(address)[::-1])
+    return None
+
+
+def udp_flags(pid, port):
+    """The open flags of the process's UDP socket on that port."""
+    for inode in harness._socket_inodes("udp", port):
+        for fd, target in harness.open_fds(pid).items():
+            if target == f"socket:[{inode}]":
+                with open(f"/proc/{pid}/fdinfo/{fd}") as f:
+                    for line in f:
+                        if line.startswith("flags:"):
+                            return int(line.split()[1], 8)
+    raise AssertionError("no UDP socket")
+
+
+# --- start and end ----------------------------------------------------------
+
+
+def test_start_and_end_are_logged_in_order(home):
+    port = harness.free_port()
+    listener = home.listener(config={
+        "AllowedAddresses": HOST, "AliveEnabled": "TRUE",
+        "AliveAddresses": f"{HOST}:{port}"})
+    listener.wait_message(message(829))
+    assert listener.messages() == [message(756), message(821), message(829)]
+    listener.stop()
+    assert listener.messages() == [
+        message(756), message(821), message(829),
+        message(830), message(822), message(757)]
+
+
+def test_without_udp_and_alive_watch_only_tcp_is_logged(home):
+    listener = home.listener()
+    listener.stop()
+    assert listener.messages() == [message(756), message(757)]
+    assert listener.out == ""
+    assert listener.err == ""
+
+
+def test_end_is_logged_for_what_was_opened(home):
+    listener = home.listener(config={"AllowedAddresses": HOST})
+    listener.stop()
+    assert listener.messages() == [
+        message(756), message(821), message(822), message(757)]
+
+
+def test_texts_come_from_the_database_of_the_moment(home):
+    home.messages({756: "opened %s", 757: "closed"})
+    listener = home.listener()
+    listener.wait_message("opened %s")
+    home.messages({757: "closed later"})
+    listener.stop()
+    assert listener.messages() == ["opened %s", "closed later"]
+
+
+def test_messages_missing_from_the_database_are_not_logged(home):
+    home.messages(without=(756, 757, 821, 822, 829, 830))
+    listener = home.listener(config={
+        "AllowedAddresses": HOST, "AliveEnabled": "TRUE",
+        "AliveAddresses": f"{HOST}:{harness.free_port()}"})
+    serves(listener, "here")
+    listener.stop()
+    assert listener.messages() == [message(795), "here"]
+
+
+# --- signals ----------------------------------------------------------------
+
+
+@pytest.mark.parametrize("number", [
+    signal.SIGTERM, signal.SIGQUIT, signal.SIGINT], ids=lambda n: n.name)
+@pytest.mark.parametrize("level", [0, 1, 10])
+def test_stop_signals_end_the_foreground_listener(home, number, level):
+    listener = home.listener(level=level)
+    listener.stop(number)
+    assert listener.messages() == [message(756), message(757)]
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGQUIT],
+                         ids=lambda n: n.name)
+def test_stop_signals_end_the_daemon(home, number):
+    listener = home.listener(daemon=True)
+    listener.stop(number)
+    assert listener.messages() == [message(756), message(757)]
+
+
+def test_the_daemon_ignores_an_interrupt(home):
+    listener = home.listener(daemon=True)
+    assert signal.SIGINT in signal_sets(listener.pid)["SigIgn"]
+    os.kill(listener.pid, signal.SIGINT)
+    serves(listener, "still here")
+    listener.stop()
+
+
+@pytest.mark.parametrize("daemon", [False, True],
+                         ids=["foreground", "daemon"])
+def test_hangup_and_broken_pipe_are_ignored(home, daemon):
+    listener = home.listener(daemon=daemon)
+    assert {signal.SIGHUP, signal.SIGPIPE} <= \
+        signal_sets(listener.pid)["SigIgn"]
+    os.kill(listener.pid, signal.SIGHUP)
+    os.kill(listener.pid, signal.SIGPIPE)
+    serves(listener, "still here")
+    listener.stop()
+
+
+def test_handled_signals_have_a_handler(home):
+    listener = home.listener(level=0)
+    assert {signal.SIGINT, signal.SIGQUIT, signal.SIGTERM,
+            signal.SIGCHLD} <= signal_sets(listener.pid)["SigCgt"]
+    listener.stop()
+
+
+def test_signals_are_let_in_while_the_listener_waits(home):
+    listener = home.listener()
+    handled = {signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGCHLD}
+
+    def waits():
+        with open(f"/proc/{listener.pid}/stat") as f:
+            asleep = f.read().rpartition(")")[2].split()[0] == "S"
+        return asleep and not handled & signal_sets(listener.pid)["SigBlk"]
+
+    # Inside the wait its own mask is in force, and it lets all of them in.
+    wait_for(waits, what="an open mask while waiting")
+    listener.stop()
+
+
+def test_a_child_signal_out_of_nowhere_changes_nothing(home):
+    listener = home.listener(level=0)
+    for _ in range(20):
+        os.kill(listener.pid, signal.SIGCHLD)
+    serves(listener, "still here")
+    listener.stop()
+    assert listener.messages() == [message(756), message(795), "still here",
+                                   message(757)]
+
+
+def test_a_stop_signal_with_clients_and_scripts_under_way(home):
+    home.script("tolva_execute.sh",
+                'echo $$ > "$TOLVAHOME/pid"; exec sleep 600')
+    listener = home.listener(config={"AllowedAddresses": HOST})
+    with listener.connect() as silent, listener.connect() as asking:
+        asking.sendall(HEADER + b" MSG_EXECSTATUS EXECUTE")
+        pid = int(wait_for(
+            lambda: home.path("pid").exists() and home.read("pid")))
+        os.kill(listener.pid, signal.SIGTERM)
+        assert listener.wait_end() == 0
+        # Neither client is answered, and the script is left alone.
+        assert harness.read_to_end(silent) == b""
+        assert harness.read_to_end(asking) == b""
+        assert harness.alive(pid)
+    assert listener.messages()[-2:] == [message(822), message(757)]
+
+
+def test_a_stop_signal_ends_a_wait_that_has_no_limit(home):
+    listener = home.listener(config={"ListenTimeout": 0})
+    with listener.connect():
+        wait_for(lambda: len([
+            t for t in harness.open_fds(listener.pid).values()
+            if t.startswith("socket:")]) == 2)
+        listener.stop()
+
+
+# --- sockets ----------------------------------------------------------------
+
+
+def test_a_port_in_use_ends_it_with_status_1(home, make_home):
+    first = home.listener()
+    other = make_home()
+    second = other.listener(port=first.port, wait=False)
+    assert second.wait_end() == 1
+    assert other.log_messages() == [IN_USE]
+    serves(first, "first still serves")
+    first.stop()
+
+
+def test_an_address_of_another_machine_ends_it_with_status_1(home):
+    listener = home.listener(host="192.0.2.1", wait=False)
+    assert listener.wait_end() == 1
+    assert listener.messages() == [NO_ADDRESS]
+
+
+def test_a_udp_port_in_use_closes_the_tcp_listener_again(home):
+    receiver = home.udp_receiver(HOST)
+    listener = home.listener(port=receiver.port, wait=False,
+                             config={"AllowedAddresses": HOST})
+    assert listener.wait_end() == 1
+    assert listener.messages() == [message(756), IN_USE, message(757)]
+
+
+def test_the_daemon_logs_that_its_port_is_in_use(home, make_home):
+    first = home.listener()
+    other = make_home()
+    second = other.listener(port=first.port, daemon=True, wait=False)
+    assert second.run.wait().status == 0
+    wait_for(lambda: other.log_messages() == [IN_USE],
+             what="the line of the daemon")
+    assert int(other.log_lines()[0][2]) > 1
+    wait_for(lambda: not other.marked_pids(), what="the daemon ends")
+    first.stop()
+
+
+def test_the_port_can_be_listened_on_again_at_once(home):
+    listener = home.listener()
+    # The listener closes first, which leaves its end in TIME_WAIT.
+    assert listener.request(b"x") == b""
+    listener.stop()
+    again = home.listener(port=listener.port)
+    serves(again, "again")
+    again.stop()
+
+
+def test_it_listens_on_the_given_address_only(home):
+    listener = home.listener(host="127.0.0.2")
+    assert tcp_server_address(listener.port) == "127.0.0.2"
+    with pytest.raises(ConnectionRefusedError):
+        socket.create_connection((HOST, listener.port), 5)
+    listener.stop()
+
+
+def test_an_address_that_is_none_means_all_addresses(home):
+    listener = home.listener(config={"ListenAddress": "nonsense"})
+    assert tcp_server_address(listener.port) == "0.0.0.0"
+    serves(listener, "here")
+    listener.stop()
+
+
+def test_sockets_do_not_reach_scripts_or_block(home):
+    listener = home.listener(config={"AllowedAddresses": HOST})
+    flags = []
+    for fd, target in harness.open_fds(listener.pid).items():
+        if target.startswith("socket:"):
+            with open(f"/proc/{listener.pid}/fdinfo/{fd}") as f:
+                text = f.read()
+            flags.append(int(text.split("flags:")[1].split()[0], 8))
+    assert len(flags) == 2
+    for value in flags:
+        assert value & os.O_CLOEXEC
+        assert value & os.O_NONBLOCK
+    assert udp_flags(listener.pid, listener.port) & os.O_NONBLOCK
+    listener.stop()
+
+
+# --- UDP --------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("value", ["TRUE", "true", "True", "tRuE"])
+def test_udp_is_on_for_true_in_any_case(home, value):
+    listener = home.listener(config={"AllowedAddresses": HOST,
+                                     "ListenUDP": value})
+    listener.datagram(COMMAND + b"by udp")
+    listener.wait_message("by udp")
+    assert message(821) in listener.messages()
+    listener.stop()
+    assert message(822) in listener.messages()
+
+
+def test_udp_is_on_without_a_setting(home):
+    listener = home.listener(config={"AllowedAddresses": HOST,
+                                     "ListenUDP": ""})
+    listener.datagram(COMMAND + b"by udp")
+    listener.wait_message("by udp")
+    listener.stop()
+
+
+@pytest.mark.parametrize("value", ["false", "yes", "1", "TRUE1", '"true"'])
+def test_udp_is_off_for_anything_else(home, value):
+    listener = home.listener(config={"AllowedAddresses": HOST,
+                                     "ListenUDP": value})
+    serves(listener, "by tcp")
+    assert not harness.udp_is_bound(listener.port)
+    listener.stop()
+    assert message(821) not in listener.messages()
+    assert message(822) not in listener.messages()
+
+
+@pytest.mark.parametrize("value", ["TRUE", "true"])
+def test_udp_is_never_served_to_just_anybody(home, value):
+    listener = home.listener(config={"ListenUDP": value})
+    serves(listener, "by tcp")
+    assert not harness.udp_is_bound(listener.port)
+    listener.stop()
+    assert message(821) not in listener.messages()
+
+
+def test_udp_listens_on_the_same_address(home):
+    listener = home.listener(host="127.0.0.2",
+                             config={"AllowedAddresses": HOST})
+    with socket.socket(type=socket.SOCK_DGRAM) as udp:
+        udp.bind((HOST, 0))
+        udp.connect((HOST, listener.port))
+        udp.send(COMMAND + b"wrong address")
+        with pytest.raises(ConnectionRefusedError):
+            udp.settimeout(harness.BOUND)
+            udp.recv(10)
+    listener.datagram(COMMAND + b"right address")
+    listener.wait_message("right address")
+    assert "wrong address" not in listener.messages()
+    listener.stop()
+
+
+# --- the trace --------------------------------------------------------------
+
+
+def test_trace_of_an_idle_pass(home):
+    listener = home.listener(level=1)
+    wait_for(lambda: "calling select()" in listener.out)
+    tcp = [fd for fd, t in harness.open_fds(listener.pid).items()
+           if t.startswith("socket:")][0]
+    assert listener.out.endswith(
+        f"DEBUG: created tcp socket [{tcp}]\n"
+        f"DEBUG: arg= [{message(756)}]\n"
+        "DEBUG: timeout 1 = -1\n"
+        "DEBUG: nclients = 0, nconnections = 0\n"
+        f"DEBUG: calling select() maxfd={tcp}, max_fds=256, nfds=1\n\n")
+    listener.stop()
+    assert "DEBUG: select() returned nready = -1\n" in listener.out
+
+
+def test_trace_of_a_client(home):
+    listener = home.listener(level=1, config={"ListenTimeout": 77})
+    with listener.connect() as conn:
+        wait_for(lambda: "nclients = 1" in listener.out)
+        conn.sendall(HEADER + b"")
+        wait_for(lambda: listener.out.rstrip().endswith("nfds=1"))
+    out = listener.out
+    assert "DEBUG: timeout 1 = 77\n" in out or "DEBUG: timeout 1 = 76\n" in out
+    assert "DEBUG: nclients = 1, nconnections = 0\n" in out
+    assert "DEBUG: select() returned nready = 1\n" in out
+    assert f"DEBUG: received = [{HEADER.decode()}]\n" in out
+    listener.stop()
+
+
+def test_trace_of_the_udp_socket(home):
+    listener = home.listener(level=1, config={"AllowedAddresses": HOST})
+    wait_for(lambda: "calling select()" in listener.out)
+    fds = [int(line.split("[")[1].split("]")[0])
+           for line in listener.out.splitlines() if "DEBUG: created" in line]
+    names = [line.split()[2] for line in listener.out.splitlines()
+             if "DEBUG: created" in line]
+    assert names == ["tcp", "udp"]
+    assert set(fds) == {fd for fd, t in
+                        harness.open_fds(listener.pid).items()
+                        if t.startswith("socket:")}
+    assert "nfds=2" in listener.out
+    listener.stop()
+
+
+def test_level_zero_traces_nothing(home):
+    listener = home.listener(level=0)
+    serves(listener, "x")
+    listener.stop()
+    assert listener.out == ""
+
+
+@pytest.mark.parametrize("level, entries, exits", [
+    (1, False, False), (6, True, False), (10, True, True)])
+def test_function_entries_and_exits(home, level, entries, exits):
+    listener = home.listener(level=level,
+                             config={"AllowedAddresses": HOST})
+    serves(listener, "x")
+    listener.datagram(COMMAND + b"y")
+    listener.wait_message("y")
+    listener.stop()
+    for name in ("init_receiver", "recv_mode",
+                 "init_redundant_shutdowns", "handle_tcp_connect",
+                 "client_is_allowed", "handle_tcp_client", "exec_V2command",
+                 "handle_udp_connect", "log_message"):
+        assert (f"TRACEIN: {name}\n" in listener.out) == entries, name
+    assert ("TRACEOUT: " in listener.out) == exits
+    assert "DEBUG: " in listener.out
+
+
+# --- standard output --------------------------------------------------------
+
+
+@contextlib.contextmanager
+def piped_listener(home, *args):
+    """A foreground listener whose standard output is a pipe."""
+    port = harness.free_port()
+    home.configure({"ListenAddress": HOST, "ListenPort": port,
+                    "LogfileEnabled": "false"})
+    argv = home._command(["-l", *args], "tolva", None, ())
+    process = subprocess.Popen(argv, env=home.environment(), cwd=home.home,
+                               stdin=subprocess.DEVNULL,
+                               stdout=subprocess.PIPE)
+    try:
+        yield process, port
+    finally:
+        process.kill()
+        process.wait()
+        process.stdout.close()
+
+
+def read_line(process):
+    """The next line of the pipe as soon as it is there."""
+    os.set_blocking(process.stdout.fileno(), False)
+    line = b""
+
+    def complete():
+        nonlocal line
+        while not line.endswith(b"\n"):
+            with contextlib.suppress(BlockingIOError):
+                piece = os.read(process.stdout.fileno(), 1)
+                if piece:
+                    line += piece
+                    continue
+            return False
+        return True
+
+    wait_for(complete, what="a line through the pipe")
+    return line.decode()
+
+
+def test_log_lines_come_through_a_pipe_at_once(home):
+    with piped_listener(home, "-d", "0") as (process, port):
+        assert read_line(process).endswith(f"tolva[00000]: {message(756)}\n")
+        with socket.create_connection((HOST, port)) as conn:
+            conn.sendall(COMMAND + b"now")
+        assert read_line(process).endswith(f": {message(795)}\n")
+        assert read_line(process).endswith(": now\n")
+        process.send_signal(signal.SIGTERM)
+        assert read_line(process).endswith(f": {message(757)}\n")
+        assert process.wait(harness.BOUND) == 0
+
+
+def test_a_reader_of_the_output_that_goes_away_ends_nothing(home):
+    with piped_listener(home, "-d", "1") as (process, port):
+        read_line(process)
+        process.stdout.close()
+        wait_for(lambda: harness.tcp_listens(port))
+        home.script("tolva_execute.sh", "exit 3")
+        for _ in range(5):
+            with socket.create_connection((HOST, port)) as conn:
+                conn.settimeout(harness.BOUND)
+                conn.sendall(HEADER + b" MSG_EXECSTATUS EXECUTE")
+                assert harness.read_to_end(conn).endswith(b"EXITSTATUS=3")
+        process.send_signal(signal.SIGTERM)
+        assert process.wait(harness.BOUND) == 0
+
+
+# --- the daemon -------------------------------------------------------------
+
+
+def test_the_daemon_writes_nothing_to_standard_output(home):
+    listener = home.listener(daemon=True,
+                             config={"LogfileEnabled": "false"})
+    assert listener.request(COMMAND + b"lost") == b""
+    listener.stop()
+    assert listener.out == ""
+    assert listener.err == ""
+    assert not home.path("tolva.log").exists()
+
+
+@pytest.mark.parametrize("config, error", [
+    ({"RedundancyEnabled": "true"},
+     "tolva: invalid redundancy configuration (-? for help).\n"),
+    ({"LogfileName": "  ", "MsgDatName": "/nonexistent/m.dat"},
+     "tolva: error initializing messages database [/nonexistent/m.dat]\n"),
+], ids=["fatal", "not fatal"])
+def test_errors_of_the_daemon_are_seen_on_the_terminal(home, config, error):
+    fatal = "RedundancyEnabled" in config
+    listener = home.listener(daemon=True, config=config, wait=not fatal)
+    result = listener.run.wait()
+    assert result.err == error
+    assert result.status == (1 if fatal else 0)
+    if not fatal:
+        listener.stop()
+
+
+def test_the_time_out_of_clients_goes_on_in_the_daemon(home):
+    listener = home.listener(daemon=True, config={"ListenTimeout": 1})
+    started = time.monotonic()
+    with listener.connect() as conn:
+        assert harness.read_to_end(conn) == b""
+    assert time.monotonic() - started < 10
+    listener.wait_message("error: Connection timed out")
+    listener.stop()
