@@ -35,8 +35,10 @@ struct cmdline_options {
     ux_list redundant{};
 };
 
-/* Ends the process with one line and status 1. */
-#define USAGE_ERROR(...) error_printf(stderr, ERROR_EXIT, __VA_ARGS__)
+/* Ends the process with one line and status 1; the exit behind it is for the
+ * compiler, which cannot know that. */
+#define USAGE_ERROR(...)                                                       \
+    (error_printf(stderr, ERROR_EXIT, __VA_ARGS__), exit(1))
 
 /* Replaces *text by a copy of value; format tells what failed. */
 void copy_value(char **text, const char *value)

@@ -233,7 +233,7 @@ int32_t log_message(int32_t count, const char *format, ...)
         return 0;
     }
     debug_printf("DEBUG: arg= [%s]\n", format);
-    char text[LOG_TEXT];
+    char text[LOG_TEXT] = "";
     size_t length = 0;
     va_list args;
     va_start(args, format);
