@@ -446,7 +446,7 @@ class session_lists
 };
 
 /* The record of a node. */
-inline connection *record_of(const ux_list_element *node)
+inline connection *session_of(const ux_list_element *node)
 {
     return static_cast<connection *>(node->data);
 }
