@@ -1,0 +1,454 @@
+/*
+ * Which bare shutdown requests are carried out. The alive watch and the
+ * starting of scripts are replaced, so that the test says who is alive and
+ * sees what is asked and run.
+ */
+#include "sessions.h"
+
+#include "tolva2/redundancy.h"
+#include "tolva2/tolva_receive_alive.h"
+#include "tolva2/tolva_receive_child.h"
+
+#include <set>
+
+namespace
+{
+
+/* What the replacements were called for, in order. */
+std::vector<std::string> calls;
+std::set<std::string> alive;
+connection *script_record = nullptr;
+
+} // namespace
+
+void cancel_connections()
+{
+    calls.emplace_back("cancel");
+}
+
+int32_t start_connections()
+{
+    calls.emplace_back("start");
+    return 1;
+}
+
+int32_t check_alive_single(const char *address)
+{
+    calls.push_back(std::string("ask ") + address);
+    return alive.count(address) > 0 ? 1 : 0;
+}
+
+int32_t fork_and_exec(connection *cn, const char *program, const char *params)
+{
+    script_record = cn;
+    calls.push_back(std::string("run [") + program + "] [" +
+                    (params == nullptr ? "none" : params) + "]");
+    return 1;
+}
+
+namespace
+{
+
+std::vector<std::string> split(const std::string &text)
+{
+    std::vector<std::string> words;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(' ', start);
+        end = end == std::string::npos ? text.size() : end;
+        words.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return words;
+}
+
+/* A listener with redundant senders. */
+class redundant_listener
+{
+  public:
+    redundant_listener(int32_t level, const std::string &members,
+                       const char *enabled = "TRUE",
+                       const char *suppress_batch = "false",
+                       const std::string &batch = "/opt/suppressed.sh")
+        : enabled_text(enabled), suppress_text(suppress_batch),
+          batch_text(batch)
+    {
+        calls.clear();
+        alive.clear();
+        script_record = nullptr;
+        ux_list_init(&list, destroy_inetaddr);
+        get_inetaddr_arr_from_str(&list, members.c_str(), ADDR_PEER,
+                                  MODE_LISTEN);
+        settings = receiver_params{};
+        settings.redundancy_enabled = enabled_text.data();
+        settings.redundancy_batch_suppress = suppress_text.data();
+        settings.redundancy_batch_file = batch_text.data();
+        settings.redundancy_level = level;
+        init_redundant_shutdowns(&settings, &list);
+    }
+    ~redundant_listener()
+    {
+        ux_list_destroy(&list);
+    }
+    redundant_listener(const redundant_listener &) = delete;
+    redundant_listener &operator=(const redundant_listener &) = delete;
+
+    /* A request from that address: its result, with what it says. */
+    int32_t request(const std::string &address)
+    {
+        connection cn{};
+        strncpy(cn.ipaddr, address.c_str(), sizeof cn.ipaddr - 1);
+        calls.clear();
+        capture errors(STDERR_FILENO);
+        int32_t result = track_redundant_shutdowns(&cn);
+        EXPECT_EQ(errors.text(),
+                  result != 0 ? "returning: TRUE\n" : "returning: FALSE\n");
+        if (!calls.empty() && calls.back().substr(0, 3) == "run") {
+            EXPECT_EQ(script_record, &cn);
+        }
+        return result;
+    }
+    ux_list list;
+    receiver_params settings;
+    operator_log log;
+
+  private:
+    std::string enabled_text;
+    std::string suppress_text;
+    std::string batch_text;
+};
+
+std::string suppressed(int level, int failures)
+{
+    return "Shutdown suppressed, redundancy-level = " + std::to_string(level) +
+           ", failure count = " + std::to_string(failures) + ".";
+}
+
+struct decision {
+    int32_t level;
+    const char *members;
+    const char *asked_before; /* in this order */
+    const char *alive_now;
+    const char *sender;
+    bool carried_out;
+    int failures; /* 0: nothing is tracked */
+};
+
+const decision decisions[] = {
+    /* Tracking does not apply. */
+    {0, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.1", true, 0},
+    {-1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.1", true, 0},
+    {1, "", "", "", "10.0.0.1", true, 0},
+    {1, "10.0.0.1", "", "", "10.0.0.1", true, 0},
+    {5, "10.0.0.1", "", "", "10.0.0.1", true, 0},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.3", true, 0},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.12", true, 0},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.", true, 0},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "", true, 0},
+    /* Level 1 of two: the second failure decides. */
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.1", false, 1},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1 10.0.0.2", "10.0.0.2", false, 1},
+    {1, "10.0.0.1 10.0.0.2", "10.0.0.1", "10.0.0.1 10.0.0.2", "10.0.0.2", true,
+     2},
+    {1, "10.0.0.1 10.0.0.2", "10.0.0.1", "10.0.0.1 10.0.0.2", "10.0.0.1", false,
+     1},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.1", "10.0.0.1", true, 2},
+    {1, "10.0.0.1 10.0.0.2", "", "10.0.0.2", "10.0.0.1", false, 1},
+    {1, "10.0.0.1 10.0.0.2", "", "", "10.0.0.1", true, 2},
+    {1, "10.0.0.1 10.0.0.2", "10.0.0.3", "10.0.0.1 10.0.0.2", "10.0.0.1", false,
+     1},
+    /* Level 2 of two is never reached. */
+    {2, "10.0.0.1 10.0.0.2", "", "", "10.0.0.1", false, 2},
+    {2, "10.0.0.1 10.0.0.2", "10.0.0.1", "", "10.0.0.2", false, 2},
+    {2147483647, "10.0.0.1 10.0.0.2", "", "", "10.0.0.1", false, 2},
+    /* Three and four members. */
+    {1, "10.0.0.1 10.0.0.2 10.0.0.3", "", "10.0.0.2 10.0.0.3", "10.0.0.1",
+     false, 1},
+    {1, "10.0.0.1 10.0.0.2 10.0.0.3", "", "10.0.0.3", "10.0.0.1", true, 2},
+    {2, "10.0.0.1 10.0.0.2 10.0.0.3", "", "10.0.0.3", "10.0.0.1", false, 2},
+    {2, "10.0.0.1 10.0.0.2 10.0.0.3", "", "", "10.0.0.1", true, 3},
+    {2, "10.0.0.1 10.0.0.2 10.0.0.3", "10.0.0.3", "10.0.0.2 10.0.0.3",
+     "10.0.0.1", false, 2},
+    {2, "10.0.0.1 10.0.0.2 10.0.0.3", "10.0.0.3", "10.0.0.3", "10.0.0.1", true,
+     3},
+    {2, "10.0.0.1 10.0.0.2 10.0.0.3", "10.0.0.3 10.0.0.2",
+     "10.0.0.1 10.0.0.2 10.0.0.3", "10.0.0.1", true, 3},
+    /* Asked and not alive counts once. */
+    {2, "10.0.0.1 10.0.0.2 10.0.0.3", "10.0.0.3", "10.0.0.2", "10.0.0.1", false,
+     2},
+    {3, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4", "10.0.0.2", "10.0.0.4",
+     "10.0.0.1", false, 3},
+    {3, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4", "10.0.0.2", "", "10.0.0.1", true,
+     4},
+    /* More members than are counted as active. */
+    {5, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4 10.0.0.5 10.0.0.6", "", "",
+     "10.0.0.6", true, 6},
+    {6, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4 10.0.0.5 10.0.0.6", "", "",
+     "10.0.0.6", false, 6},
+    /* Ports of the members do not count, their order neither. */
+    {1, "10.0.0.2:5000 10.0.0.1:80", "", "10.0.0.1 10.0.0.2", "10.0.0.1", false,
+     1},
+    /* A short form is another text. */
+    {1, "10.1 10.0.0.2", "", "10.1 10.0.0.2", "10.0.0.1", true, 0},
+};
+
+} // namespace
+
+TEST(redundancy, decides_by_level_members_requests_and_who_is_alive)
+{
+    for (const decision &row : decisions) {
+        SCOPED_TRACE("level " + std::to_string(row.level) + " of [" +
+                     row.members + "], asked [" + row.asked_before +
+                     "], alive [" + row.alive_now + "], now " + row.sender);
+        redundant_listener listener(row.level, row.members);
+        /* While the others ask, everybody is alive. */
+        for (const std::string &member : split(row.members)) {
+            alive.insert(member.substr(0, member.find(':')));
+        }
+        for (const std::string &earlier : split(row.asked_before)) {
+            listener.request(earlier);
+        }
+        listener.log.clear();
+        alive.clear();
+        for (const std::string &address : split(row.alive_now)) {
+            alive.insert(address);
+        }
+        EXPECT_EQ(listener.request(row.sender), row.carried_out ? 1 : 0);
+        if (row.carried_out) {
+            EXPECT_EQ(listener.log.lines(), log_lines{});
+        } else {
+            EXPECT_EQ(listener.log.lines(),
+                      log_lines{suppressed(row.level, row.failures)});
+        }
+        if (row.failures == 0) {
+            EXPECT_EQ(calls, std::vector<std::string>{});
+        } else {
+            EXPECT_EQ(calls.at(0), "cancel");
+            EXPECT_EQ(calls.at(1), "start");
+        }
+    }
+}
+
+TEST(redundancy, is_off_unless_enabled)
+{
+    for (const char *off : {"false", "", "1", "yes", "TRUE ", "TRU"}) {
+        redundant_listener listener(1, "10.0.0.1 10.0.0.2", off);
+        alive = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_EQ(listener.request("10.0.0.1"), 1) << off;
+        EXPECT_EQ(calls, std::vector<std::string>{});
+    }
+    for (const char *on : {"TRUE", "true", "True", "tRuE"}) {
+        redundant_listener listener(1, "10.0.0.1 10.0.0.2", on);
+        alive = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_EQ(listener.request("10.0.0.1"), 0) << on;
+    }
+}
+
+TEST(redundancy, unset_settings_mean_off)
+{
+    calls.clear();
+    ux_list list;
+    ux_list_init(&list, destroy_inetaddr);
+    receiver_params settings{};
+    settings.redundancy_level = 1;
+    init_redundant_shutdowns(&settings, &list);
+    connection cn{};
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(track_redundant_shutdowns(&cn), 1);
+    EXPECT_EQ(errors.text(), "returning: TRUE\n");
+    EXPECT_EQ(calls, std::vector<std::string>{});
+}
+
+TEST(redundancy, asks_every_other_member_after_a_new_cycle)
+{
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4");
+    alive = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
+    EXPECT_EQ(listener.request("10.0.0.2"), 0);
+    const std::vector<std::string> expected = {
+        "cancel",       "start",        "ask 10.0.0.1",
+        "ask 10.0.0.3", "ask 10.0.0.4", "run [/opt/suppressed.sh] [none]"};
+    EXPECT_EQ(calls, expected);
+}
+
+TEST(redundancy, carries_out_without_running_the_batch_file)
+{
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2");
+    EXPECT_EQ(listener.request("10.0.0.1"), 1);
+    const std::vector<std::string> expected = {"cancel", "start",
+                                               "ask 10.0.0.2"};
+    EXPECT_EQ(calls, expected);
+}
+
+TEST(redundancy, the_batch_file_can_be_suppressed)
+{
+    for (const char *on : {"TRUE", "true", "tRUE"}) {
+        redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", on);
+        alive = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_EQ(listener.request("10.0.0.1"), 0);
+        EXPECT_EQ(calls.back(), "ask 10.0.0.2");
+        EXPECT_EQ(listener.log.lines(), log_lines{suppressed(1, 1)});
+    }
+    for (const char *off : {"no", "", "1"}) {
+        redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", off);
+        alive = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_EQ(listener.request("10.0.0.1"), 0);
+        EXPECT_EQ(calls.back(), "run [/opt/suppressed.sh] [none]");
+    }
+}
+
+TEST(redundancy, a_request_is_never_forgotten_but_being_alive_is_asked_anew)
+{
+    redundant_listener listener(2, "10.0.0.1 10.0.0.2 10.0.0.3");
+    alive = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_EQ(listener.request("10.0.0.1"), 0) << "10.0.0.3 is not alive";
+    alive = {"10.0.0.1", "10.0.0.2", "10.0.0.3"};
+    EXPECT_EQ(listener.request("10.0.0.1"), 0) << "and back again";
+    EXPECT_EQ(listener.request("10.0.0.2"), 0);
+    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    EXPECT_EQ(listener.request("10.0.0.3"), 1);
+    EXPECT_EQ(listener.request("10.0.0.1"), 1) << "all three have asked";
+    const log_lines expected = {suppressed(2, 2), suppressed(2, 1),
+                                suppressed(2, 2), suppressed(2, 2)};
+    EXPECT_EQ(listener.log.lines(), expected);
+}
+
+TEST(redundancy, the_senders_own_mark_stays_as_it_was)
+{
+    redundant_listener listener(2, "10.0.0.1 10.0.0.2 10.0.0.3");
+    alive = {"10.0.0.1", "10.0.0.3"};
+    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    alive = {"10.0.0.1", "10.0.0.2", "10.0.0.3"};
+    std::string seen = traced(1, [&] { listener.request("10.0.0.2"); });
+    EXPECT_NE(seen.find("DEBUG: 10.0.0.2\tx       \tx       \n"),
+              std::string::npos)
+        << seen;
+}
+
+TEST(redundancy, starting_again_forgets_everything)
+{
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2");
+    alive = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    init_redundant_shutdowns(&listener.settings, &listener.list);
+    EXPECT_EQ(listener.request("10.0.0.2"), 0);
+    EXPECT_EQ(listener.request("10.0.0.1"), 1);
+}
+
+TEST(redundancy, thirty_members_are_all_used)
+{
+    std::string members;
+    for (int i = 1; i <= 30; i++) {
+        members += "10.0.1." + std::to_string(i) + " ";
+    }
+    redundant_listener listener(29, members);
+    EXPECT_EQ(listener.log.lines(), log_lines{});
+    EXPECT_EQ(listener.request("10.0.1.30"), 1);
+    EXPECT_EQ(calls.size(), 2u + 29u);
+    alive = {"10.0.1.1"};
+    EXPECT_EQ(listener.request("10.0.1.30"), 0);
+    EXPECT_EQ(listener.log.lines(), log_lines{suppressed(29, 29)});
+}
+
+TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told)
+{
+    for (int count : {31, 32, 60, 300}) {
+        std::string members;
+        for (int i = 1; i <= count; i++) {
+            members += "10.0." + std::to_string(1 + i / 200) + "." +
+                       std::to_string(i % 200) + " ";
+        }
+        redundant_listener listener(30, members);
+        EXPECT_EQ(listener.log.lines().size(), 1u) << count;
+        listener.log.clear();
+        EXPECT_EQ(listener.request("10.0.1.31"), 1) << "no member";
+        EXPECT_EQ(calls, std::vector<std::string>{});
+        EXPECT_EQ(listener.request("10.0.1.30"), 0);
+        EXPECT_EQ(calls.size(), 2u + 29u + 1u);
+        EXPECT_EQ(listener.log.lines(), log_lines{suppressed(30, 30)});
+    }
+}
+
+TEST(redundancy, a_batch_file_name_of_511_bytes_is_run)
+{
+    std::string name = "/" + std::string(510, 'b');
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", name);
+    EXPECT_EQ(listener.log.lines(), log_lines{});
+    alive = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    EXPECT_EQ(calls.back(), "run [" + name + "] [none]");
+}
+
+TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut)
+{
+    for (size_t length : {512, 513, 600, 5000}) {
+        std::string name = "/" + std::string(length - 1, 'b');
+        redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false",
+                                    name);
+        EXPECT_EQ(listener.log.lines().size(), 1u) << length;
+        listener.log.clear();
+        alive = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_EQ(listener.request("10.0.0.1"), 0);
+        EXPECT_EQ(listener.log.lines(), log_lines{suppressed(1, 1)});
+        for (const std::string &call : calls) {
+            EXPECT_EQ(call.find("bbbb"), std::string::npos) << call;
+        }
+    }
+}
+
+TEST(redundancy, an_empty_or_unset_batch_file_is_no_error)
+{
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", "");
+    alive = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    listener.settings.redundancy_batch_file = nullptr;
+    init_redundant_shutdowns(&listener.settings, &listener.list);
+    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+}
+
+TEST(redundancy_table, shows_members_and_marks)
+{
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2 10.0.0.3");
+    const std::string head = "DEBUG: IP-Address\tShutdown\tNotAlive\n";
+    const std::string none = "        ";
+    const std::string mark = "x       ";
+    std::string at_start = traced(1, [&] {
+        init_redundant_shutdowns(&listener.settings, &listener.list);
+    });
+    EXPECT_EQ(at_start, head + "DEBUG: 10.0.0.1\t" + none + "\t" + none + "\n" +
+                            "DEBUG: 10.0.0.2\t" + none + "\t" + none + "\n" +
+                            "DEBUG: 10.0.0.3\t" + none + "\t" + none + "\n");
+    alive = {"10.0.0.2"};
+    std::string after = traced(1, [&] { listener.request("10.0.0.1"); });
+    EXPECT_EQ(after, head + "DEBUG: 10.0.0.1\t" + mark + "\t" + none + "\n" +
+                         "DEBUG: 10.0.0.2\t" + none + "\t" + none + "\n" +
+                         "DEBUG: 10.0.0.3\t" + none + "\t" + mark + "\n");
+}
+
+TEST(redundancy_table, is_shown_without_tracking_too)
+{
+    redundant_listener listener(0, "");
+    EXPECT_EQ(traced(1, [&] { listener.request("10.0.0.1"); }),
+              "DEBUG: IP-Address\tShutdown\tNotAlive\n");
+    EXPECT_EQ(traced(0, [&] { listener.request("10.0.0.1"); }), "");
+}
+
+TEST(redundancy_table, skips_slots_that_are_not_in_use)
+{
+    redundancy_record record{};
+    record.addr[0] = "10.0.0.1";
+    record.addr[29] = "10.0.0.30";
+    record.inuse[29] = 1;
+    record.notalive[29] = 1;
+    EXPECT_EQ(traced(1, [&] { show_redundancy_table(&record); }),
+              "DEBUG: IP-Address\tShutdown\tNotAlive\n"
+              "DEBUG: 10.0.0.30\t        \tx       \n");
+    EXPECT_EQ(traced(0, [&] { show_redundancy_table(&record); }), "");
+}
+
+TEST(redundancy_table, entries_are_traced_above_level_5)
+{
+    redundancy_record record{};
+    EXPECT_EQ(traced(6, [&] { show_redundancy_table(&record); }),
+              "TRACEIN: show_redundancy_table\n"
+              "DEBUG: IP-Address\tShutdown\tNotAlive\n");
+}
