@@ -34,42 +34,48 @@ struct strip_case {
     text_or_null without_line_end;
 };
 
-class strip_test : public testing::TestWithParam<strip_case>
+class strip_test : public testing::Test
 {
+  protected:
+    void check(const strip_case &c);
 };
 
-TEST_P(strip_test, strip_cuts_blanks_and_line_ends)
+void strip_test::check(const strip_case &c)
 {
-    std::string text = GetParam().text;
-    EXPECT_EQ(text_of(strip(text.data())), GetParam().stripped);
-}
-
-TEST_P(strip_test, strip_newline_cuts_line_ends_only)
-{
-    std::string text = GetParam().text;
-    char *result = strip_newline(text.data());
-    EXPECT_EQ(text_of(result), GetParam().without_line_end);
-    if (result) {
-        EXPECT_EQ(result, text.data());
+    SCOPED_TRACE(testing::PrintToString(c.text));
+    {
+        std::string text = c.text;
+        EXPECT_EQ(text_of(strip(text.data())), c.stripped);
+    }
+    {
+        std::string text = c.text;
+        char *result = strip_newline(text.data());
+        EXPECT_EQ(text_of(result), c.without_line_end);
+        if (result) {
+            EXPECT_EQ(result, text.data());
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    texts, strip_test,
-    testing::Values(
-        strip_case{"", nullopt, nullopt}, strip_case{" ", nullopt, " "},
-        strip_case{" \t \t", nullopt, " \t \t"},
-        strip_case{"\n", nullopt, nullopt},
-        strip_case{"\r\n\r\n", nullopt, nullopt},
-        strip_case{" \r\n", nullopt, " "}, strip_case{"a", "a", "a"},
-        strip_case{"  a", "a", "  a"}, strip_case{"a  ", "a", "a  "},
-        strip_case{"\t a b \t", "a b", "\t a b \t"},
-        strip_case{"a\n", "a", "a"}, strip_case{"a\r\n", "a", "a"},
-        strip_case{"a \r \n\n", "a", "a \r "},
-        /* Only blanks go at the front. */
-        strip_case{"\ra", "\ra", "\ra"}, strip_case{"\na\n", "\na", "\na"},
-        strip_case{"a\v", "a\v", "a\v"}, strip_case{"\fa", "\fa", "\fa"},
-        strip_case{"\xa0\xe4\xa0", "\xa0\xe4\xa0", "\xa0\xe4\xa0"}));
+TEST_F(strip_test, texts)
+{
+    for (const strip_case &c :
+         {strip_case{"", nullopt, nullopt}, strip_case{" ", nullopt, " "},
+          strip_case{" \t \t", nullopt, " \t \t"},
+          strip_case{"\n", nullopt, nullopt},
+          strip_case{"\r\n\r\n", nullopt, nullopt},
+          strip_case{" \r\n", nullopt, " "}, strip_case{"a", "a", "a"},
+          strip_case{"  a", "a", "  a"}, strip_case{"a  ", "a", "a  "},
+          strip_case{"\t a b \t", "a b", "\t a b \t"},
+          strip_case{"a\n", "a", "a"}, strip_case{"a\r\n", "a", "a"},
+          strip_case{"a \r \n\n", "a", "a \r "},
+          /* Only blanks go at the front. */
+          strip_case{"\ra", "\ra", "\ra"}, strip_case{"\na\n", "\na", "\na"},
+          strip_case{"a\v", "a\v", "a\v"}, strip_case{"\fa", "\fa", "\fa"},
+          strip_case{"\xa0\xe4\xa0", "\xa0\xe4\xa0", "\xa0\xe4\xa0"}}) {
+        check(c);
+    }
+}
 
 struct line_case {
     const char *line;
@@ -79,13 +85,16 @@ struct line_case {
     text_or_null comment;
 };
 
-class parse_line_test : public testing::TestWithParam<line_case>
+class parse_line_test : public testing::Test
 {
+  protected:
+    void check(const line_case &c);
 };
 
-TEST_P(parse_line_test, takes_the_line_apart)
+void parse_line_test::check(const line_case &c)
 {
-    const line_case &expected = GetParam();
+    SCOPED_TRACE(testing::PrintToString(c.line));
+    const line_case &expected = c;
     std::string line = expected.line;
     char stale[] = "stale";
     cfgmodule parsed{stale, stale, stale};
@@ -101,97 +110,117 @@ TEST_P(parse_line_test, takes_the_line_apart)
     EXPECT_NE(parsed.comment, stale);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    without_key, parse_line_test,
-    testing::Values(
-        line_case{"\n", 1, nullopt, nullopt, nullopt},
-        line_case{" \t \n", 1, nullopt, nullopt, nullopt},
-        line_case{"", 0, nullopt, nullopt, nullopt},
-        line_case{" \t ", 0, nullopt, nullopt, nullopt},
-        line_case{"\r\n", 0, nullopt, nullopt, nullopt},
-        line_case{" \r\n", 0, nullopt, nullopt, nullopt},
-        line_case{"#\n", 1, nullopt, nullopt, "#"},
-        line_case{"# note\n", 1, nullopt, nullopt, "# note"},
-        line_case{"# key=value # x\n", 1, nullopt, nullopt, "# key=value # x"},
-        line_case{" \t# note \t\r\n", 1, nullopt, nullopt, " \t# note \t"},
-        line_case{"# no line feed", 1, nullopt, nullopt, "# no line feed"},
-        line_case{"# \xe4\xf6\xfc\n", 1, nullopt, nullopt, "# \xe4\xf6\xfc"},
-        line_case{"=\n", 0, nullopt, nullopt, nullopt},
-        line_case{"=value\n", 0, nullopt, nullopt, nullopt},
-        line_case{"  =value\n", 0, nullopt, nullopt, nullopt}));
+TEST_F(parse_line_test, without_key)
+{
+    for (const line_case &c :
+         {line_case{"\n", 1, nullopt, nullopt, nullopt},
+          line_case{" \t \n", 1, nullopt, nullopt, nullopt},
+          line_case{"", 0, nullopt, nullopt, nullopt},
+          line_case{" \t ", 0, nullopt, nullopt, nullopt},
+          line_case{"\r\n", 0, nullopt, nullopt, nullopt},
+          line_case{" \r\n", 0, nullopt, nullopt, nullopt},
+          line_case{"#\n", 1, nullopt, nullopt, "#"},
+          line_case{"# note\n", 1, nullopt, nullopt, "# note"},
+          line_case{"# key=value # x\n", 1, nullopt, nullopt,
+                    "# key=value # x"},
+          line_case{" \t# note \t\r\n", 1, nullopt, nullopt, " \t# note \t"},
+          line_case{"# no line feed", 1, nullopt, nullopt, "# no line feed"},
+          line_case{"# \xe4\xf6\xfc\n", 1, nullopt, nullopt, "# \xe4\xf6\xfc"},
+          line_case{"=\n", 0, nullopt, nullopt, nullopt},
+          line_case{"=value\n", 0, nullopt, nullopt, nullopt},
+          line_case{"  =value\n", 0, nullopt, nullopt, nullopt}}) {
+        check(c);
+    }
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    keys, parse_line_test,
-    testing::Values(line_case{"key\n", 0, nullopt, nullopt, nullopt},
-                    line_case{"key", 0, nullopt, nullopt, nullopt},
-                    line_case{"key#=value\n", 0, nullopt, nullopt, nullopt},
-                    line_case{"key # =value\n", 0, nullopt, nullopt, nullopt},
-                    /* One character directly before the "=" is no key. */
-                    line_case{"a=1\n", 0, nullopt, nullopt, nullopt},
-                    line_case{"  a=1\n", 0, nullopt, nullopt, nullopt},
-                    line_case{"\xe4=1\n", 0, nullopt, nullopt, nullopt},
-                    line_case{"a =1\n", 1, "a", "1", nullopt},
-                    line_case{"\ta\t=1\n", 1, "a", "1", nullopt},
-                    line_case{"ab=1\n", 1, "ab", "1", nullopt},
-                    line_case{"\xc3\xa4=1\n", 1, "\xc3\xa4", "1", nullopt},
-                    line_case{"  two words  = 1\n", 1, "two words", "1",
-                              nullopt},
-                    line_case{"\"k\"=1\n", 1, "\"k\"", "1", nullopt},
-                    line_case{"k\\=1\n", 1, "k\\", "1", nullopt},
-                    line_case{"\rkey=1\n", 1, "\rkey", "1", nullopt},
-                    line_case{"key\r=1\n", 1, "key", "1", nullopt},
-                    line_case{"\r=1\n", 0, nullopt, nullopt, nullopt},
-                    line_case{"\r =1 # x\n", 1, nullopt, "1", " x"},
-                    line_case{"Key=1\n", 1, "Key", "1", nullopt}));
+TEST_F(parse_line_test, keys)
+{
+    for (const line_case &c :
+         {line_case{"key\n", 0, nullopt, nullopt, nullopt},
+          line_case{"key", 0, nullopt, nullopt, nullopt},
+          line_case{"key#=value\n", 0, nullopt, nullopt, nullopt},
+          line_case{"key # =value\n", 0, nullopt, nullopt, nullopt},
+          /* One character directly before the "=" is no key. */
+          line_case{"a=1\n", 0, nullopt, nullopt, nullopt},
+          line_case{"  a=1\n", 0, nullopt, nullopt, nullopt},
+          line_case{"\xe4=1\n", 0, nullopt, nullopt, nullopt},
+          line_case{"a =1\n", 1, "a", "1", nullopt},
+          line_case{"\ta\t=1\n", 1, "a", "1", nullopt},
+          line_case{"ab=1\n", 1, "ab", "1", nullopt},
+          line_case{"\xc3\xa4=1\n", 1, "\xc3\xa4", "1", nullopt},
+          line_case{"  two words  = 1\n", 1, "two words", "1", nullopt},
+          line_case{"\"k\"=1\n", 1, "\"k\"", "1", nullopt},
+          line_case{"k\\=1\n", 1, "k\\", "1", nullopt},
+          line_case{"\rkey=1\n", 1, "\rkey", "1", nullopt},
+          line_case{"key\r=1\n", 1, "key", "1", nullopt},
+          line_case{"\r=1\n", 0, nullopt, nullopt, nullopt},
+          line_case{"\r =1 # x\n", 1, nullopt, "1", " x"},
+          line_case{"Key=1\n", 1, "Key", "1", nullopt}}) {
+        check(c);
+    }
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    values, parse_line_test,
-    testing::Values(line_case{"key=value", 1, "key", "value", nullopt},
-                    line_case{"key=value\r\n", 1, "key", "value", nullopt},
-                    line_case{"key=  value \t\n", 1, "key", "value", nullopt},
-                    line_case{"key=value \t", 1, "key", "value", nullopt},
-                    line_case{"key=a b  c\n", 1, "key", "a b  c", nullopt},
-                    line_case{"key=a=b\n", 1, "key", "a=b", nullopt},
-                    line_case{"key==\n", 1, "key", "=", nullopt},
-                    line_case{"key=\xfc\x80\n", 1, "key", "\xfc\x80", nullopt},
-                    line_case{"key=\n", 1, "key", nullopt, nullopt},
-                    line_case{"key=", 1, "key", nullopt, nullopt},
-                    line_case{"key= \t \n", 1, "key", nullopt, nullopt},
-                    line_case{"key=   ", 1, "key", nullopt, nullopt},
-                    line_case{"key=\r\n", 1, "key", nullopt, nullopt}));
+TEST_F(parse_line_test, values)
+{
+    for (const line_case &c :
+         {line_case{"key=value", 1, "key", "value", nullopt},
+          line_case{"key=value\r\n", 1, "key", "value", nullopt},
+          line_case{"key=  value \t\n", 1, "key", "value", nullopt},
+          line_case{"key=value \t", 1, "key", "value", nullopt},
+          line_case{"key=a b  c\n", 1, "key", "a b  c", nullopt},
+          line_case{"key=a=b\n", 1, "key", "a=b", nullopt},
+          line_case{"key==\n", 1, "key", "=", nullopt},
+          line_case{"key=\xfc\x80\n", 1, "key", "\xfc\x80", nullopt},
+          line_case{"key=\n", 1, "key", nullopt, nullopt},
+          line_case{"key=", 1, "key", nullopt, nullopt},
+          line_case{"key= \t \n", 1, "key", nullopt, nullopt},
+          line_case{"key=   ", 1, "key", nullopt, nullopt},
+          line_case{"key=\r\n", 1, "key", nullopt, nullopt}}) {
+        check(c);
+    }
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    comments, parse_line_test,
-    testing::Values(
-        line_case{"key = value # note\n", 1, "key", "value", " note"},
-        line_case{"key=value#note\r\n", 1, "key", "value", "note"},
-        line_case{"key=value # note # more", 1, "key", "value", " note # more"},
-        line_case{"key=value # note \t\n", 1, "key", "value", " note \t"},
-        line_case{"key=value #\n", 1, "key", "value", nullopt},
-        line_case{"key=# note\n", 1, "key", nullopt, " note"},
-        line_case{"key=  #note\r\n", 1, "key", nullopt, "note"},
-        line_case{"key=#", 1, "key", nullopt, nullopt}));
+TEST_F(parse_line_test, comments)
+{
+    for (const line_case &c :
+         {line_case{"key = value # note\n", 1, "key", "value", " note"},
+          line_case{"key=value#note\r\n", 1, "key", "value", "note"},
+          line_case{"key=value # note # more", 1, "key", "value",
+                    " note # more"},
+          line_case{"key=value # note \t\n", 1, "key", "value", " note \t"},
+          line_case{"key=value #\n", 1, "key", "value", nullopt},
+          line_case{"key=# note\n", 1, "key", nullopt, " note"},
+          line_case{"key=  #note\r\n", 1, "key", nullopt, "note"},
+          line_case{"key=#", 1, "key", nullopt, nullopt}}) {
+        check(c);
+    }
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    quotes_and_backslashes, parse_line_test,
-    testing::Values(
-        line_case{"key=\"\"\n", 1, "key", "\"\"", nullopt},
-        line_case{"key=\"a # b\" # c\n", 1, "key", "\"a # b\"", " c"},
-        line_case{"key=a\"#\"b#c\n", 1, "key", "a\"#\"b", "c"},
-        line_case{"key=\"  a  \"\n", 1, "key", "\"  a  \"", nullopt},
-        line_case{"key=\"open # x\n", 1, "key", "\"open # x", nullopt},
-        line_case{"key=\"a\"\"b # c\n", 1, "key", "\"a\"\"b # c", nullopt},
-        line_case{"key='a # b'\n", 1, "key", "'a", " b'"},
-        line_case{"key=\\# x\n", 1, "key", "\\# x", nullopt},
-        line_case{"path=C:\\dir # x\n", 1, "path", "C:\\dir # x", nullopt},
-        line_case{"path=C:\\\\dir # x\n", 1, "path", "C:\\\\dir", " x"},
-        line_case{"path=C:\\a\\b # x\n", 1, "path", "C:\\a\\b", " x"},
-        line_case{"path=\\a\\b\\c # x\n", 1, "path", "\\a\\b\\c # x", nullopt},
-        line_case{"key=\\\"a # b\n", 1, "key", "\\\"a # b", nullopt},
-        line_case{"key=\\\"a\\ # b\n", 1, "key", "\\\"a\\", " b"},
-        line_case{"key=\"\\\" # x\n", 1, "key", "\"\\\" # x", nullopt},
-        line_case{"key=\"a\\\\\" # x\n", 1, "key", "\"a\\\\\"", " x"},
-        line_case{"key=\\\\\"a # b\" # c\n", 1, "key", "\\\\\"a # b\"", " c"}));
+TEST_F(parse_line_test, quotes_and_backslashes)
+{
+    for (const line_case &c :
+         {line_case{"key=\"\"\n", 1, "key", "\"\"", nullopt},
+          line_case{"key=\"a # b\" # c\n", 1, "key", "\"a # b\"", " c"},
+          line_case{"key=a\"#\"b#c\n", 1, "key", "a\"#\"b", "c"},
+          line_case{"key=\"  a  \"\n", 1, "key", "\"  a  \"", nullopt},
+          line_case{"key=\"open # x\n", 1, "key", "\"open # x", nullopt},
+          line_case{"key=\"a\"\"b # c\n", 1, "key", "\"a\"\"b # c", nullopt},
+          line_case{"key='a # b'\n", 1, "key", "'a", " b'"},
+          line_case{"key=\\# x\n", 1, "key", "\\# x", nullopt},
+          line_case{"path=C:\\dir # x\n", 1, "path", "C:\\dir # x", nullopt},
+          line_case{"path=C:\\\\dir # x\n", 1, "path", "C:\\\\dir", " x"},
+          line_case{"path=C:\\a\\b # x\n", 1, "path", "C:\\a\\b", " x"},
+          line_case{"path=\\a\\b\\c # x\n", 1, "path", "\\a\\b\\c # x",
+                    nullopt},
+          line_case{"key=\\\"a # b\n", 1, "key", "\\\"a # b", nullopt},
+          line_case{"key=\\\"a\\ # b\n", 1, "key", "\\\"a\\", " b"},
+          line_case{"key=\"\\\" # x\n", 1, "key", "\"\\\" # x", nullopt},
+          line_case{"key=\"a\\\\\" # x\n", 1, "key", "\"a\\\\\"", " x"},
+          line_case{"key=\\\\\"a # b\" # c\n", 1, "key", "\\\\\"a # b\"",
+                    " c"}}) {
+        check(c);
+    }
+}
 
 /* Records */
 
@@ -967,52 +996,61 @@ struct rewrite_case {
     const char *after;
 };
 
-class rewrite_test : public config_test,
-                     public testing::WithParamInterface<rewrite_case>
+class rewrite_test : public config_test
 {
+  protected:
+    void check(const rewrite_case &c);
 };
 
-TEST_P(rewrite_test, puts_the_values_in)
+void rewrite_test::check(const rewrite_case &c)
 {
+    SCOPED_TRACE(testing::PrintToString(c.before));
     set(77, "new", nullptr);
-    EXPECT_EQ(rewritten(GetParam().before), GetParam().after);
+    EXPECT_EQ(rewritten(c.before), c.after);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    files, rewrite_test,
-    testing::Values(
-        rewrite_case{"", "port=77\nname=new\ntext=\n"},
-        rewrite_case{"port=1\nname=x\ntext=y\n", "port=77\nname=new\ntext=\n"},
-        rewrite_case{"text=y\nname=x\nport=1\n", "text=\nname=new\nport=77\n"},
-        /* Comments stay, behind " #" when a setting has them. */
-        rewrite_case{"port = 1 # note\n", "port=77 # note\nname=new\ntext=\n"},
-        rewrite_case{"name=x#note\n", "name=new #note\nport=77\ntext=\n"},
-        rewrite_case{"text=y # gone\r\n", "text= # gone\nport=77\nname=new\n"},
-        rewrite_case{"port= #\n", "port=77\nname=new\ntext=\n"},
-        rewrite_case{"# one\n \t# two \n#\n",
-                     "# one\n \t# two \n#\nport=77\nname=new\ntext=\n"},
-        rewrite_case{"# crlf\r\n", "# crlf\nport=77\nname=new\ntext=\n"},
-        /* Blank lines stay, their blanks go. */
-        rewrite_case{"\n  \t \n# c\n\n",
-                     "\n\n# c\n\nport=77\nname=new\ntext=\n"},
-        /* A line of CR LF alone is no blank line. */
-        rewrite_case{"port=1\r\n\r\nname=x\r\n\r\n",
-                     "port=77\nname=new\ntext=\n"},
-        /* What is invalid or unknown goes. */
-        rewrite_case{"a=1\njunk\n=x\nport=1\n   ",
-                     "port=77\nname=new\ntext=\n"},
-        rewrite_case{"unknown=1 # c\nother=2\nPort=3\nname=x\n",
-                     "name=new\nport=77\ntext=\n"},
-        rewrite_case{"\r =1 # left\n", " left\nport=77\nname=new\ntext=\n"},
-        /* Of two lines with a key the first stays. */
-        rewrite_case{"name=x # a\nport=1\nname=y # b\n",
-                     "name=new # a\nport=77\ntext=\n"},
-        /* The last line gets its line feed. */
-        rewrite_case{"port=1\nname=x\ntext=y", "port=77\nname=new\ntext=\n"},
-        rewrite_case{"text=y\n# end", "text=\n# end\nport=77\nname=new\n"},
-        /* Rows of literal lines are never added. */
-        rewrite_case{"# head\nport=1\n",
-                     "# head\nport=77\nname=new\ntext=\n"}));
+TEST_F(rewrite_test, files)
+{
+    for (const rewrite_case &c :
+         {rewrite_case{"", "port=77\nname=new\ntext=\n"},
+          rewrite_case{"port=1\nname=x\ntext=y\n",
+                       "port=77\nname=new\ntext=\n"},
+          rewrite_case{"text=y\nname=x\nport=1\n",
+                       "text=\nname=new\nport=77\n"},
+          /* Comments stay, behind " #" when a setting has them. */
+          rewrite_case{"port = 1 # note\n",
+                       "port=77 # note\nname=new\ntext=\n"},
+          rewrite_case{"name=x#note\n", "name=new #note\nport=77\ntext=\n"},
+          rewrite_case{"text=y # gone\r\n",
+                       "text= # gone\nport=77\nname=new\n"},
+          rewrite_case{"port= #\n", "port=77\nname=new\ntext=\n"},
+          rewrite_case{"# one\n \t# two \n#\n",
+                       "# one\n \t# two \n#\nport=77\nname=new\ntext=\n"},
+          rewrite_case{"# crlf\r\n", "# crlf\nport=77\nname=new\ntext=\n"},
+          /* Blank lines stay, their blanks go. */
+          rewrite_case{"\n  \t \n# c\n\n",
+                       "\n\n# c\n\nport=77\nname=new\ntext=\n"},
+          /* A line of CR LF alone is no blank line. */
+          rewrite_case{"port=1\r\n\r\nname=x\r\n\r\n",
+                       "port=77\nname=new\ntext=\n"},
+          /* What is invalid or unknown goes. */
+          rewrite_case{"a=1\njunk\n=x\nport=1\n   ",
+                       "port=77\nname=new\ntext=\n"},
+          rewrite_case{"unknown=1 # c\nother=2\nPort=3\nname=x\n",
+                       "name=new\nport=77\ntext=\n"},
+          rewrite_case{"\r =1 # left\n", " left\nport=77\nname=new\ntext=\n"},
+          /* Of two lines with a key the first stays. */
+          rewrite_case{"name=x # a\nport=1\nname=y # b\n",
+                       "name=new # a\nport=77\ntext=\n"},
+          /* The last line gets its line feed. */
+          rewrite_case{"port=1\nname=x\ntext=y", "port=77\nname=new\ntext=\n"},
+          rewrite_case{"text=y\n# end", "text=\n# end\nport=77\nname=new\n"},
+          /* Rows of literal lines are never added. */
+          rewrite_case{"# head\nport=1\n",
+                       "# head\nport=77\nname=new\ntext=\n"}}) {
+        check(c);
+    }
+}
 
 TEST_F(config_test, rewrite_writes_integers_in_decimal)
 {
@@ -1069,10 +1107,12 @@ TEST_F(config_test, rewrite_splits_long_lines)
 {
     set(1, nullptr, nullptr);
     /* What follows the 4,095th character is a line of its own. */
-    EXPECT_EQ(rewritten("#" + std::string(4094, 'c') + "#rest\n"),
-              "#" + std::string(4094, 'c') + "\n#rest\nport=1\nname=\ntext=\n");
-    EXPECT_EQ(rewritten("#" + std::string(4999, 'c') + "\n"),
-              "#" + std::string(4094, 'c') + "\nport=1\nname=\ntext=\n");
+    EXPECT_EQ(rewritten(std::string("#") + std::string(4094, 'c') + "#rest\n"),
+              std::string("#") + std::string(4094, 'c') +
+                  "\n#rest\nport=1\nname=\ntext=\n");
+    EXPECT_EQ(rewritten(std::string("#") + std::string(4999, 'c') + "\n"),
+              std::string("#") + std::string(4094, 'c') +
+                  "\nport=1\nname=\ntext=\n");
 }
 
 TEST_F(config_test, rewrite_keeps_mask_and_rights)
