@@ -51,3 +51,10 @@ def pytest_runtest_makereport(item, call):
             hasattr(item, "funcargs") else None
         for home in make.homes if make else ():
             report.sections.extend(home.describe())
+
+
+def pytest_terminal_summary(terminalreporter):
+    """What could not run must be seen, in quiet runs too."""
+    for report in terminalreporter.stats.get("skipped", []):
+        terminalreporter.write_line(
+            f"NOT RUN: {report.nodeid}: {report.longrepr[2]}", red=True)

@@ -41,6 +41,10 @@ import uuid
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TOLVA = pathlib.Path(os.environ.get("TOLVA", ROOT / "build" / "tolva"))
 WRAPPER = shlex.split(os.environ.get("TOLVA_WRAPPER", ""))
+if WRAPPER:
+    # Tests change PATH.
+    WRAPPER[0] = shutil.which(WRAPPER[0]) or WRAPPER[0]
+PRLIMIT = shutil.which("prlimit") or "/usr/bin/prlimit"
 BOUND = 20.0
 POLL = 0.01
 
@@ -101,13 +105,14 @@ def _port_range():
     return (10000, low - 1) if low > 14000 else (low, 65535)
 
 
-def free_port():
+def free_port(low=None, high=None):
     """A port free for TCP and UDP that no other test will be given.
 
     Taken from below the system's own choice for outgoing connections, and
     reserved across processes by the name of an abstract socket.
     """
-    low, high = _port_range()
+    if low is None:
+        low, high = _port_range()
     for _ in range(500):
         port = random.randint(low, high)
         claim = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -518,21 +523,24 @@ class Home:
                 base[key] = str(value)
         return base
 
-    def _command(self, args, program, limits):
-        path = program if "/" in program else str(TOLVA.parent / program)
+    def _command(self, args, program, limits, prefix):
+        path = program
         if program == "tolva":
             path = str(TOLVA)
-        argv = WRAPPER + [path] + [
+        elif program in ("sendtolva", "listentolva"):
+            path = str(TOLVA.parent / program)
+        argv = list(prefix) + WRAPPER + [path] + [
             a if isinstance(a, bytes) else str(a) for a in args]
         if limits:
-            argv = ["prlimit", f"--nofile={limits}", "--"] + argv
+            argv = [PRLIMIT, f"--nofile={limits}", "--"] + argv
         return argv
 
     def start(self, *args, program="tolva", env=None, cwd=None,
-              tolvahome=True, limits=None, **popen):
-        """Starts the executable; the program may be one of its links or a
-        path.  limits is prlimit's "soft:hard" for descriptors."""
-        return Running(self, self._command(args, program, limits),
+              tolvahome=True, limits=None, prefix=(), **popen):
+        """Starts the executable, one of its links, a path, or any other
+        name that the search path of env leads to.  limits is prlimit's
+        "soft:hard" for descriptors, prefix a command to run it by."""
+        return Running(self, self._command(args, program, limits, prefix),
                        self.environment(env, tolvahome), cwd or self.home,
                        **popen)
 
@@ -682,8 +690,13 @@ class Conversation:
                 time.sleep(pause)
             self.conn.sendall(part)
 
+    def pause(self, seconds):
+        """Lets time pass, unless the test ends meanwhile."""
+        self.server.closing.wait(seconds)
+
     def stop_sending(self):
-        self.conn.shutdown(socket.SHUT_WR)
+        with contextlib.suppress(OSError):  # the peer may be gone
+            self.conn.shutdown(socket.SHUT_WR)
 
     def reset(self):
         reset(self.conn)
@@ -706,7 +719,7 @@ class ScriptedServer:
         self.errors = []
         self._play = play
         self._threads = []
-        self._closing = False
+        self.closing = threading.Event()
         self._socket = socket.socket()
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self._socket.bind((host, self.port))
@@ -725,7 +738,7 @@ class ScriptedServer:
             selector.register(self._woken, selectors.EVENT_READ)
             while True:
                 ready = {key.fileobj for key, _ in selector.select()}
-                if self._closing:
+                if self.closing.is_set():
                     return
                 if self._socket in ready:
                     conn, peer = self._socket.accept()
@@ -740,7 +753,7 @@ class ScriptedServer:
         try:
             self._play(talk)
         except Exception as error:  # reported by close()
-            if not self._closing:
+            if not self.closing.is_set():
                 self.errors.append(error)
         finally:
             with contextlib.suppress(OSError):
@@ -761,9 +774,9 @@ class ScriptedServer:
         return self.conversations[0].received
 
     def close(self):
-        if self._closing:
+        if self.closing.is_set():
             return
-        self._closing = True
+        self.closing.set()
         self._wake.send(b"x")
         self._acceptor.join(BOUND)
         self._socket.close()
