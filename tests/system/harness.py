@@ -21,7 +21,6 @@ Environment:
 import contextlib
 import ctypes
 import errno
-import glob
 import os
 import pathlib
 import random
@@ -81,14 +80,6 @@ def wait_for(condition, timeout=BOUND, what="condition"):
 def message(number, *args):
     """The text of a message of the test database, filled."""
     return f"[{number}]" + "".join(f" {a}" for a in args)
-
-
-def faketime_env(spec):
-    """Environment that shifts or speeds up the time, e.g. "+0 x60"."""
-    found = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
-    assert found, "libfaketime is not installed (apt-get install faketime)"
-    return {"LD_PRELOAD": found[0], "FAKETIME": spec,
-            "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
 
 # --- ports ------------------------------------------------------------------

@@ -152,6 +152,16 @@ def test_a_long_list_of_addresses(home):
     listener.stop()
 
 
+def test_resolving_leaves_no_child_and_no_descriptor(home):
+    listener = home.listener(config={
+        "AllowedAddresses": f"localhost {NO_NAME} localhost:1"})
+    assert harness.children(listener.pid) == []
+    fds = harness.open_fds(listener.pid)
+    assert sorted(t.split(":")[0] for fd, t in fds.items() if fd > 2) == \
+        ["socket", "socket"]
+    listener.stop()
+
+
 # --- names, in a network of the test's own ---
 
 
@@ -289,3 +299,4 @@ def test_each_name_of_a_list_has_its_own_ten_seconds(home):
         "tolva: could not resolve hostname `one.example'\n"
         "tolva: timeout resolving hostname...\n"
         "tolva: could not resolve hostname `two.example'\n")
+    assert harness.zombies(run.pid) == []
