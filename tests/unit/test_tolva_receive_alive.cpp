@@ -5,6 +5,7 @@
 #include "tolva2/tolva_receive_alive.cpp" // NOLINT
 #include "tolva2/tolva_receive_command.h"
 
+#include <algorithm>
 #include <regex>
 
 namespace
