@@ -640,17 +640,24 @@ TEST_F(logfile_test, a_log_that_cannot_be_read_is_not_cut)
 
 TEST_F(logfile_test, a_log_whose_rest_finds_no_room_is_not_cut)
 {
-    log_into_file(24);
-    for (size_t kept : {20000u, 16000u}) {
-        const std::string old = file_keeping(kept, 24576);
+    const struct {
+        size_t kept;
+        int32_t limit_kib;
+        rlim_t room;
+    } cases[] = {{20000, 24, 4096}, {16000, 24, 4096}, {3000, 4, 1024}};
+    for (const auto &c : cases) {
+        logfile_close();
+        log_into_file(c.limit_kib);
+        const std::string old =
+            file_keeping(c.kept, static_cast<size_t>(c.limit_kib) * 1024);
         write_file(path, old);
         EXPECT_EXIT(
             {
-                limit_files_to(4096);
+                limit_files_to(c.room);
                 _exit(log_write_line("x") == 0 ? 3 : 4);
             },
             testing::ExitedWithCode(3), "");
-        EXPECT_EQ(read_file(path), old);
+        EXPECT_EQ(read_file(path), old) << c.kept;
     }
 }
 

@@ -793,6 +793,8 @@ TEST_F(config_test, read_tells_what_it_inserts_and_searches)
     EXPECT_LT(searching, found);
     EXPECT_LT(found, last);
     EXPECT_NE(last, std::string::npos);
+    /* A literal row is passed over. */
+    EXPECT_EQ(output.find("DEBUG: type=  [4]"), std::string::npos);
     EXPECT_EQ(output.find("TRACEIN"), std::string::npos);
     EXPECT_EQ(traced(0, [this] { (void)read("port=1\n"); }), "");
     EXPECT_EQ(traced(-1, [this] { (void)read("port=1\n"); }), "");
@@ -879,6 +881,10 @@ TEST_F(file_to_hashtable_test, stops_without_memory)
 {
     heap_limit limit(4);
     EXPECT_EQ(load("key=1\nother=2\nthird=3\n"), 0);
+    EXPECT_EQ(records(), "key|1|-\n");
+    /* At the last line too, where the file ends with it. */
+    heap_left = 3;
+    EXPECT_EQ(load("key=1\nother=2"), 0);
     EXPECT_EQ(records(), "key|1|-\n");
 }
 
@@ -1208,16 +1214,19 @@ TEST_F(config_death, rewrite_of_a_file_that_cannot_be_written_aborts)
 
 TEST_F(config_death, rewrite_aborts_before_the_file_is_touched_on_a_full_disk)
 {
-    std::string before;
-    for (int i = 0; i < 1000; i++) {
-        before += "# comment " + std::to_string(i) + "\n";
+    /* A file that fills buffers, and one that fails at the last moment. */
+    for (int lines : {1000, 100}) {
+        std::string before;
+        for (int i = 0; i < lines; i++) {
+            before += "# comment " + std::to_string(i) + "\n";
+        }
+        write_file(path, before);
+        /* Room for the message of the assertion, not for the file. */
+        EXPECT_ASSERTION((limit_files_to(1024),
+                          (void)ux_rewriteconfig(path.c_str(), table, 64)),
+                         "ux_configfile", "ret");
+        EXPECT_EQ(read_file(path), before);
     }
-    write_file(path, before);
-    /* Room for the message of the assertion, not for the file. */
-    EXPECT_ASSERTION(
-        (limit_files_to(4096), (void)ux_rewriteconfig(path.c_str(), table, 64)),
-        "ux_configfile", "ret");
-    EXPECT_EQ(read_file(path), before);
 }
 
 } // namespace
