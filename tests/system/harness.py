@@ -283,7 +283,7 @@ class Listener:
 
     def __init__(self, home, level=0, daemon=False, args=(), config=None,
                  port=None, host="127.0.0.1", env=None, program="tolva",
-                 cwd=None, wait=True, limits=None):
+                 cwd=None, wait=True, limits=None, prefix=()):
         self.home = home
         self.daemon = daemon
         self.host = host
@@ -298,7 +298,7 @@ class Listener:
                 argv += ["-d", str(level)]
             argv += [str(a) for a in args]
             self.run = home.start(*argv, env=env, program=program, cwd=cwd,
-                                  limits=limits)
+                                  limits=limits, prefix=prefix)
             self.pid = None if daemon else self.run.pid
             if not wait:
                 return

@@ -1,0 +1,392 @@
+"""What must hold under load, shortage and bad luck."""
+
+import contextlib
+import errno
+import os
+import random
+import resource
+import signal
+import socket
+import threading
+import time
+
+import pytest
+
+import harness
+from fakeclock import FakeClock, settle
+from harness import HEADER, message, wait_for
+
+HOST = "127.0.0.1"
+EXECUTE = HEADER + b" MSG_EXECUTE "
+STATUS = HEADER + b" MSG_EXECSTATUS "
+LOGGED = b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=0"
+NOT_LOGGED = LOGGED[:-1] + b"1"
+TIMED_OUT = "error: " + os.strerror(errno.ETIMEDOUT)
+TOO_MANY = "system: " + os.strerror(errno.EMFILE)
+BUDGET = 256
+
+
+def sockets_of(listener):
+    return [target for target in harness.open_fds(listener.pid).values()
+            if target.startswith("socket:")]
+
+
+def in_threads(count, work):
+    """Runs work(number) in so many threads; its exceptions count."""
+    errors = []
+
+    def run(number):
+        try:
+            work(number)
+        except Exception as error:
+            errors.append(error)
+
+    threads = [threading.Thread(target=run, args=(n,)) for n in range(count)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert not errors, errors
+
+
+@contextlib.contextmanager
+def in_background(work):
+    """Calls work(go_on) in a thread while the block runs."""
+    go_on = threading.Event()
+    go_on.set()
+    thread = threading.Thread(target=work, args=(go_on,), daemon=True)
+    thread.start()
+    try:
+        yield
+    finally:
+        go_on.clear()
+        thread.join(harness.BOUND)
+        assert not thread.is_alive()
+
+
+def is_idle(listener, seconds=1.0):
+    """Hardly any processor time is used for a while."""
+    before = harness.cpu_seconds(listener.pid)
+    time.sleep(seconds)
+    return harness.cpu_seconds(listener.pid) - before < seconds / 10
+
+
+def all_closed(conns):
+    for conn in conns:
+        conn.close()
+
+
+# --- no signal is lost ------------------------------------------------------
+
+
+@pytest.mark.parametrize("clients, commands", [(1, 1000), (5, 300)])
+def test_every_command_gets_its_reply(home, clients, commands):
+    # A time-out must not come to the rescue of a lost signal.
+    listener = home.listener(config={
+        "ExecProg": "exit", "ListenTimeout": 0, "LogfileSize": 16})
+
+    def work(number):
+        for i in range(commands):
+            status = (number * commands + i) % 256
+            reply = listener.request(STATUS + b"EXECUTE %d" % status)
+            assert reply.startswith(
+                b"CONNECT TO TOLVA (REPLY) COMMAND=exit PID="), reply
+            assert reply.endswith(b" EXITSTATUS=%d" % status), reply
+
+    in_threads(clients, work)
+    wait_for(lambda: len(sockets_of(listener)) == 1)
+    listener.stop()
+
+
+def test_many_scripts_that_end_together(home):
+    home.script("tolva_execute.sh",
+                'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done\n'
+                'exit $1')
+    listener = home.listener(config={"ListenTimeout": 0})
+    conns = [listener.connect() for _ in range(40)]
+    for number, conn in enumerate(conns):
+        conn.sendall(STATUS + b"EXECUTE %d" % number)
+    wait_for(lambda: len([m for m in listener.messages()
+                          if m.startswith("[792]")]) == len(conns))
+    home.write("go", "")
+    for number, conn in enumerate(conns):
+        assert harness.read_to_end(conn).endswith(
+            b" EXITSTATUS=%d" % number)
+        conn.close()
+    listener.stop()
+
+
+def datagram_flood(listener):
+    """Keeps the UDP socket readable in every pass."""
+    def flood(go_on):
+        with socket.socket(type=socket.SOCK_DGRAM) as udp:
+            udp.bind((HOST, 0))
+            while go_on.is_set():
+                # The listener is slower than this: its queue stays full.
+                for _ in range(50):
+                    with contextlib.suppress(OSError):
+                        udp.sendto(b"x", (HOST, listener.port))
+                time.sleep(0.0001)
+    return flood
+
+
+def test_scripts_end_while_a_descriptor_is_ready_all_the_time(home):
+    listener = home.listener(config={
+        "AllowedAddresses": HOST, "ExecProg": "exit", "LogfileSize": 16})
+    with in_background(datagram_flood(listener)):
+        wait_for(lambda: message(819) in listener.messages())
+        for status in range(1, 41):
+            reply = listener.request(STATUS + b"EXECUTE %d" % status)
+            assert reply.endswith(b" EXITSTATUS=%d" % status), reply
+    listener.stop()
+
+
+@pytest.mark.parametrize("number", [
+    signal.SIGTERM, signal.SIGQUIT, signal.SIGINT], ids=lambda n: n.name)
+def test_a_stop_signal_while_a_descriptor_is_ready_all_the_time(home,
+                                                                 number):
+    listener = home.listener(config={"AllowedAddresses": HOST,
+                                     "LogfileSize": 16})
+    with in_background(datagram_flood(listener)):
+        wait_for(lambda: message(819) in listener.messages())
+        os.kill(listener.pid, number)
+        assert listener.wait_end() == 0
+
+
+def test_a_stop_signal_at_any_moment(make_home):
+    """While clients come and scripts end, and at rest."""
+    for attempt in range(30):
+        home = make_home()
+        listener = home.listener(config={"ExecProg": "exit",
+                                         "ListenTimeout": 0})
+
+        def work(go_on):
+            while go_on.is_set():
+                with contextlib.suppress(OSError):
+                    listener.request(STATUS + b"EXECUTE 1")
+
+        with contextlib.ExitStack() as stack:
+            if attempt % 3:
+                stack.enter_context(in_background(work))
+            time.sleep(random.uniform(0, 0.02))
+            os.kill(listener.pid, signal.SIGTERM)
+            assert listener.wait_end() == 0
+        assert listener.messages()[-1] == message(757)
+
+
+# --- nothing is left behind -------------------------------------------------
+
+
+def test_hundreds_of_sessions_leave_nothing_behind(home):
+    home.script("tolva_shutdown.sh")
+    home.script("tolva_execute.sh", "exit 3")
+    listener = home.listener(config={"AllowedAddresses": HOST,
+                                     "LogfileSize": 16})
+    before = harness.open_fds(listener.pid)
+    for number in range(60):
+        listener.request(HEADER)
+        listener.request(b"garbage")
+        listener.request(STATUS + b"LOG_TEXT %d" % number)
+        listener.request(EXECUTE + b"EXECUTE")
+        assert listener.request(STATUS + b"EXECUTE").endswith(b"=3")
+        listener.connect().close()
+        listener.connect("127.0.0.2").close()
+        conn = listener.connect()
+        conn.sendall(STATUS + b"EXECUTE")
+        harness.reset(conn)
+        listener.datagram(EXECUTE + b"EXECUTE")
+        listener.datagram(b"")
+    wait_for(lambda: not harness.children(listener.pid))
+    wait_for(lambda: harness.open_fds(listener.pid) == before)
+    assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
+    listener.stop()
+
+
+GATED = ('touch "$TOLVAHOME/on"\n'
+         'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done; exit 5')
+
+
+@pytest.mark.parametrize("ending", ["close", "reset"])
+def test_a_sender_that_does_not_wait_for_its_reply(home, ending):
+    home.script("tolva_execute.sh", GATED)
+    listener = home.listener()
+    conn = listener.connect()
+    conn.sendall(STATUS + b"EXECUTE")
+    wait_for(lambda: home.path("on").exists())
+    if ending == "reset":
+        harness.reset(conn)
+    else:
+        conn.close()
+    # The end of the connection is of no interest while the script runs.
+    settle(listener)
+    assert is_idle(listener, 0.3)
+    home.write("go", "")
+    listener.wait_message(message(793, home.path("tolva_execute.sh")))
+    wait_for(lambda: len(sockets_of(listener)) == 1)
+    assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
+    listener.stop()
+    assert not [m for m in listener.messages() if m.startswith("system:")]
+
+
+def test_a_sender_that_has_finished_sending_gets_its_reply(home):
+    home.script("tolva_execute.sh", GATED)
+    listener = home.listener()
+    with listener.connect() as conn:
+        conn.sendall(STATUS + b"EXECUTE")
+        conn.shutdown(socket.SHUT_WR)
+        wait_for(lambda: home.path("on").exists())
+        home.write("go", "")
+        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=5")
+    listener.stop()
+
+
+# --- a full house -----------------------------------------------------------
+
+
+def test_with_the_budget_used_up_others_wait_and_nothing_spins(home):
+    clock = FakeClock(home)
+    listener = home.listener(env=clock.env, limits="1024:1024",
+                             config={"ExecProg": "exit"})
+    inside = [listener.connect() for _ in range(BUDGET - 1)]
+    wait_for(lambda: len(sockets_of(listener)) == BUDGET,
+             what="the house is full")
+    waiting = [listener.connect() for _ in range(8)]
+    waiting[0].sendall(STATUS + b"LOG_TEXT waited")
+    settle(listener)
+    assert is_idle(listener)
+    assert len(sockets_of(listener)) == BUDGET
+    # Those inside are served, and one that leaves makes room for one.
+    inside[0].sendall(STATUS + b"EXECUTE 7")
+    assert harness.read_to_end(inside[0]).endswith(b" EXITSTATUS=7")
+    assert harness.read_to_end(waiting[0]) == LOGGED
+    # Its descriptor is free again, too, and again one comes in.
+    wait_for(lambda: len(sockets_of(listener)) == BUDGET)
+    settle(listener)
+    assert is_idle(listener, 0.5)
+    clock.advance(listener, 10)
+    for conn in inside[1:] + waiting[1:2]:
+        assert harness.read_to_end(conn) == b""
+    for conn in waiting[2:]:
+        conn.sendall(STATUS + b"LOG_TEXT now")
+        assert harness.read_to_end(conn) == LOGGED
+    all_closed(inside + waiting)
+    wait_for(lambda: len(sockets_of(listener)) == 1)
+    listener.stop()
+    assert listener.messages().count("waited") == 1
+    assert listener.messages().count("now") == 6
+    assert listener.messages().count(TIMED_OUT) == BUDGET - 1
+    assert not [m for m in listener.messages() if m.startswith("system:")]
+
+
+def test_a_full_house_is_left_on_a_stop_signal(home):
+    listener = home.listener(limits="1024:1024", config={"ListenTimeout": 0})
+    conns = [listener.connect() for _ in range(BUDGET + 4)]
+    wait_for(lambda: len(sockets_of(listener)) == BUDGET)
+    listener.stop()
+    all_closed(conns)
+
+
+def test_a_refused_descriptor_is_logged_once_and_service_goes_on(home):
+    clock = FakeClock(home)
+    listener = home.listener(env=clock.env, limits="16:16",
+                             config={"ExecProg": "exit"})
+    conns = [listener.connect() for _ in range(24)]
+    listener.wait_message(TOO_MANY)
+    served = len(sockets_of(listener)) - 1
+    assert 4 <= served <= 12
+    assert is_idle(listener)
+    for _ in range(5):
+        settle(listener)
+    assert listener.messages().count(TOO_MANY) == 1
+    # Those inside are served, and those waiting follow one by one.
+    for number, conn in enumerate(conns):
+        conn.sendall(STATUS + b"EXECUTE %d" % number)
+        assert harness.read_to_end(conn).endswith(
+            b" EXITSTATUS=%d" % number)
+        conn.close()
+    wait_for(lambda: len(sockets_of(listener)) == 1)
+    assert listener.messages().count(TOO_MANY) == 1
+    # The next shortage is another one.
+    conns = [listener.connect() for _ in range(24)]
+    listener.wait_message(TOO_MANY, 2)
+    clock.advance(listener, 10)
+    for conn in conns[:served]:
+        assert harness.read_to_end(conn) == b""
+    clock.advance(listener, 10, lambda: len(
+        [m for m in listener.messages() if m == TIMED_OUT]) >= served + 1)
+    all_closed(conns)
+    listener.stop()
+    assert listener.messages().count(TOO_MANY) == 2
+
+
+def test_service_goes_on_when_the_system_has_descriptors_again(home):
+    """Nothing of our own ends, so nothing but trying again can tell."""
+    listener = home.listener(config={"ListenTimeout": 0})
+    limits = resource.prlimit(listener.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(listener.pid, resource.RLIMIT_NOFILE, (10, limits[1]))
+    conns = [listener.connect() for _ in range(12)]
+    listener.wait_message(TOO_MANY)
+    # It goes on trying, and does not say so again.
+    assert is_idle(listener, 2.5)
+    assert listener.messages().count(TOO_MANY) == 1
+    resource.prlimit(listener.pid, resource.RLIMIT_NOFILE, limits)
+    wait_for(lambda: len(sockets_of(listener)) == len(conns) + 1,
+             what="everybody has come in")
+    for conn in conns:
+        conn.sendall(STATUS + b"LOG_TEXT x")
+        assert harness.read_to_end(conn) == LOGGED
+        conn.close()
+    listener.stop()
+    assert listener.messages().count(TOO_MANY) == 1
+
+
+def test_a_very_small_budget_still_serves(home):
+    listener = home.listener(limits="8:8", config={"ExecProg": "exit"})
+    for status in range(20):
+        reply = listener.request(STATUS + b"EXECUTE %d" % status)
+        assert reply.endswith(b" EXITSTATUS=%d" % status)
+    listener.stop()
+    assert TOO_MANY not in listener.messages()
+
+
+# --- a full disk ------------------------------------------------------------
+
+
+def test_a_full_disk_loses_log_lines_and_nothing_else(home):
+    listener = home.listener(config={"LogfileName": "/dev/full",
+                                     "ExecProg": "exit",
+                                     "AllowedAddresses": HOST})
+    for status in range(10):
+        reply = listener.request(STATUS + b"EXECUTE %d" % status)
+        assert reply.endswith(b" EXITSTATUS=%d" % status)
+        assert listener.request(STATUS + b"LOG_TEXT x") == NOT_LOGGED
+        listener.datagram(EXECUTE + b"LOG_TEXT x")
+    assert sorted(harness.open_fds(listener.pid)) == [0, 1, 2, 3, 4]
+    listener.stop()
+    assert listener.out == ""
+    assert listener.err == ""
+
+
+def test_a_disk_that_fills_up_and_is_cleaned(home):
+    """On a small file system of its own, that only the listener sees."""
+    disk = home.path("disk")
+    disk.mkdir()
+    unshare = ["unshare", "-m"] if os.getuid() == 0 else ["unshare", "-rm"]
+    listener = home.listener(
+        prefix=[*unshare, "--", "/bin/sh", "-c",
+                f'mount -t tmpfs -o size=16k none "{disk}" && exec "$@"',
+                "sh"],
+        config={"LogfileName": disk / "tolva.log"})
+    text = b"y" * 200
+    replies = [listener.request(STATUS + b"LOG_TEXT " + text)
+               for _ in range(120)]
+    written = replies.index(NOT_LOGGED)
+    assert 40 < written < 80
+    assert replies == [LOGGED] * written + [NOT_LOGGED] * (120 - written)
+    log = f"/proc/{listener.pid}/root{disk}/tolva.log"
+    assert os.path.getsize(log) <= 16384
+    os.truncate(log, 0)
+    assert listener.request(STATUS + b"LOG_TEXT again") == LOGGED
+    with open(log) as f:
+        assert f.read().rstrip().endswith(": again")
+    listener.stop()
