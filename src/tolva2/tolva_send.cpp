@@ -100,15 +100,9 @@ bool receive_reply(const connection *cn)
     return true;
 }
 
-/* The listener of a request with status is readable: true for a reply. */
-bool handle_reply(const connection *cn, int32_t events)
+/* The socket of a request with status is readable: true for a reply. */
+bool handle_reply(const connection *cn)
 {
-    debug_printf("DEBUG: event = %d \n", events);
-    if (!(events & EVENT_READABLE)) {
-        log_error(EINVAL);
-        return false;
-    }
-    assert(cn);
     debug_printf("DEBUG: cn->mode = %d \n", cn->mode);
     debug_printf("DEBUG: cn->type = %d \n", cn->type);
     if (cn->mode != MODE_SEND_STATUS || cn->type != ADDR_PEER) {
@@ -127,7 +121,16 @@ bool handle_reply(const connection *cn, int32_t events)
 void do_rcv_tolva(ux_list_element *node, int32_t events)
 {
     TRACE_IN();
-    if (!handle_reply(record_of(node), events)) {
+    const connection *cn = record_of(node);
+    bool received = false;
+    debug_printf("DEBUG: event = %d \n", events);
+    if (events & EVENT_READABLE) {
+        assert(cn);
+        received = handle_reply(cn);
+    } else {
+        log_error(EINVAL);
+    }
+    if (!received) {
         failed = 1;
     }
     unregister_connection(node);

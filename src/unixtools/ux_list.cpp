@@ -124,41 +124,6 @@ int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element, void *data)
     return 0;
 }
 
-namespace
-{
-
-void unlink_head(ux_list *list, const ux_list_element *element)
-{
-    assert(!element->prev);
-    list->head = element->next;
-    if (element == list->tail) {
-        assert(!element->next);
-        assert(list->size == 1);
-        list->tail = nullptr;
-    } else {
-        assert(element->next);
-        assert(list->size > 1);
-        list->head->prev = nullptr;
-    }
-}
-
-void unlink_other(ux_list *list, const ux_list_element *element)
-{
-    assert(element->prev);
-    element->prev->next = element->next;
-    if (element == list->tail) {
-        assert(list->size > 1);
-        assert(!element->next);
-        list->tail = element->prev;
-    } else {
-        assert(list->size > 2);
-        assert(element->next);
-        element->next->prev = element->prev;
-    }
-}
-
-} // namespace
-
 int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out)
 {
     TRACE_IN();
@@ -171,9 +136,29 @@ int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out)
     assert(list->tail);
     assert(list->size > 0);
     if (element == list->head) {
-        unlink_head(list, element);
+        assert(!element->prev);
+        list->head = element->next;
+        if (element == list->tail) {
+            assert(!element->next);
+            assert(list->size == 1);
+            list->tail = nullptr;
+        } else {
+            assert(element->next);
+            assert(list->size > 1);
+            list->head->prev = nullptr;
+        }
     } else {
-        unlink_other(list, element);
+        assert(element->prev);
+        element->prev->next = element->next;
+        if (element == list->tail) {
+            assert(list->size > 1);
+            assert(!element->next);
+            list->tail = element->prev;
+        } else {
+            assert(list->size > 2);
+            assert(element->next);
+            element->next->prev = element->prev;
+        }
     }
     free(element);
     list->size--;
