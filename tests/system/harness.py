@@ -15,7 +15,9 @@ process id.  Nothing here sleeps to be safe: wait_for() polls a condition.
 
 Environment:
     TOLVA          the executable (default: build/tolva of the checkout)
-    TOLVA_WRAPPER  a command to run it under, e.g. "valgrind -q"
+    TOLVA_WRAPPER  a command to run it under, e.g. "valgrind"; looking for
+                   leaks is the sanitizer's work, as valgrind counts what
+                   the parent of a daemon holds when it leaves
 """
 
 import contextlib
