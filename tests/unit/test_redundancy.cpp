@@ -380,7 +380,7 @@ TEST(redundancy, a_batch_file_name_of_511_bytes_is_run)
 
 TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut)
 {
-    for (size_t length : {512, 513, 600, 5000}) {
+    for (size_t length : {512U, 513U, 600U, 5000U}) {
         std::string name = "/" + std::string(length - 1, 'b');
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false",
                                     name);

@@ -98,7 +98,7 @@ TEST(send_ok, sends_up_to_4095_bytes_and_never_a_cut_command)
         arriving(&sent, [&](int fd) { return send_ok(fd, fits.c_str()); }),
         request + " " + fits);
     EXPECT_EQ(sent, 4095);
-    for (size_t more : {1, 2, 100, 10000}) {
+    for (size_t more : {1U, 2U, 100U, 10000U}) {
         std::string over = fits + std::string(more, 'c');
         EXPECT_EQ(
             arriving(&sent, [&](int fd) { return send_ok(fd, over.c_str()); }),
@@ -135,7 +135,7 @@ TEST(udp_send_ok, sends_up_to_1471_bytes_and_never_a_cut_command)
     std::string fits(1471 - 24, 'c');
     EXPECT_EQ(udp_send_ok(fd.get(), port, "127.0.0.1", fits.c_str()), 1471);
     EXPECT_EQ(receive(receiver.get(), 1471), request + " " + fits);
-    for (size_t more : {1, 2, 3, 100, 3000}) {
+    for (size_t more : {1U, 2U, 3U, 100U, 3000U}) {
         std::string over = fits + std::string(more, 'c');
         EXPECT_EQ(udp_send_ok(fd.get(), port, "127.0.0.1", over.c_str()), 0);
     }
