@@ -1,0 +1,57 @@
+"""The documents name files that are there, functions that exist and messages
+that the program writes."""
+
+import re
+
+import pytest
+
+import harness
+
+ROOT = harness.ROOT
+DOCUMENTS = sorted(
+    path.relative_to(ROOT).as_posix()
+    for pattern in ("*.md", "docs/*.md", "examples/*/*.md")
+    for path in ROOT.glob(pattern))
+LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
+CODE = re.compile(r"`([^`\n]+)`")
+
+
+def source_text():
+    return "".join(path.read_text()
+                   for path in sorted((ROOT / "src").glob("*/*"))
+                   if path.suffix in (".cpp", ".h"))
+
+
+def program_texts():
+    """Everything that the program and its scripts can say."""
+    scripts = "".join(path.read_text()
+                      for path in sorted((ROOT / "share").glob("scripts/*")))
+    return (source_text() + scripts +
+            (ROOT / "share" / "messages.dat").read_text())
+
+
+@pytest.mark.parametrize("name", DOCUMENTS)
+def test_links_lead_somewhere(name):
+    path = ROOT / name
+    for target in LINK.findall(path.read_text()):
+        if not re.match(r"[a-z]+:", target):
+            file = target.partition("#")[0]
+            assert (path.parent / file).exists(), target
+
+
+def test_the_source_tour_names_functions_that_exist():
+    text = (ROOT / "docs" / "source-tour.md").read_text()
+    words = set(re.findall(r"\b[A-Za-z]\w*_\w+\b", source_text()))
+    prose = "\n".join(line for line in text.splitlines()
+                      if not line.startswith("|"))
+    named = {name.removesuffix("()") for name in CODE.findall(prose)
+             if re.fullmatch(r"[a-zA-Z]\w*_\w+(\(\))?", name)}
+    assert len(named) > 50
+    assert named - words == set()
+
+
+def test_the_source_tour_has_a_paragraph_for_each_module():
+    text = (ROOT / "docs" / "source-tour.md").read_text()
+    modules = re.findall(r"^\| `\w+/(\w+)` \|", text, re.MULTILINE)
+    assert len(modules) > 25
+    assert re.findall(r"^\*\*`(\w+)`\*\*", text, re.MULTILINE) == modules
