@@ -55,3 +55,22 @@ def test_the_source_tour_has_a_paragraph_for_each_module():
     modules = re.findall(r"^\| `\w+/(\w+)` \|", text, re.MULTILINE)
     assert len(modules) > 25
     assert re.findall(r"^\*\*`(\w+)`\*\*", text, re.MULTILINE) == modules
+
+
+def test_contributing_names_what_is_there():
+    text = (ROOT / "CONTRIBUTING.md").read_text()
+    words = set(re.findall(r"\w+", source_text() + (
+        ROOT / "tests" / "system" / "harness.py").read_text()))
+    for code in CODE.findall(text):
+        path = code.split()[0].rstrip("*")
+        if re.fullmatch(r"(src|share|man|docs|tests|tools|packaging)/[\w./-]+",
+                        path):
+            assert (ROOT / path).exists() or list(
+                ROOT.glob(path + "*")), code
+        elif re.fullmatch(r"[A-Za-z]+_\w+", code):
+            assert code in words, code
+    for preset in re.findall(r"^\| (`.*?) \|", text, re.MULTILINE):
+        for name in CODE.findall(preset):
+            assert f'"{name}"' in (
+                ROOT / "CMakePresets.json").read_text() or \
+                (ROOT / name).is_dir(), name
