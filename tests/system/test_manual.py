@@ -286,7 +286,7 @@ def run_as_it_stands(home, script, port, check_port=1):
         (names / name).chmod(0o755)
     path = f"{names}:{os.environ['PATH']}"
     return home.start("-c", script, program="/bin/sh",
-                      env={"PATH": path}).wait()
+                      env={"PATH": path}, cwd="/").wait()
 
 
 def kesdal(talk):
