@@ -484,7 +484,7 @@ def test_when_nobody_is_left_the_listener_serves_on(notes):
 
 
 GATED = ('echo "$1 $$" >> "$TOLVAHOME/started"\n'
-         'number=$(wc -l < "$TOLVAHOME/started")\n'
+         'number=$(grep -n " $$\$" "$TOLVAHOME/started" | cut -d: -f1)\n'
          'while [ ! -e "$TOLVAHOME/go.$number" ]; do sleep 0.01; done\n')
 
 
