@@ -1,6 +1,7 @@
 """examples/staged-shutdown: no stage is told before the last one has ended."""
 
 import os
+import subprocess
 
 import pytest
 
@@ -41,6 +42,25 @@ def test_a_stage_waits_for_the_scripts_of_the_one_before(site):
         f"stage apps: {first[1].where}: done",
         f"stage hosts: {second.where}: done",
         "every host has done what it was told"]
+
+
+@pytest.mark.parametrize("how, status", [
+    ("exit 0", 0), ("exit 1", 128), ("exit 3", 130), ("exit 127", 254),
+    ("exit 128", 128), ("exit 200", 200), ("exit 255", 255),
+])
+def test_what_the_readme_says_about_exit_statuses(site, how, status):
+    host = site.listener("127.43.0.13", body=how)
+    ran = site.run(site.bin / "tolva", "-sr", "EXECUTE x", "-a", host.where)
+    assert ran.status == status
+
+
+def test_a_script_that_is_killed(site):
+    """It depends on /bin/sh, which runs the script, or becomes it."""
+    host = site.listener("127.43.0.14", body="kill -9 $$")
+    alone = subprocess.run(["/bin/sh", "-c",
+                            f"{host.home}/tolva_execute.sh x"])
+    ran = site.run(site.bin / "tolva", "-sr", "EXECUTE x", "-a", host.where)
+    assert ran.status == {128 + 9: 137, -9: 136}[alone.returncode]
 
 
 @pytest.mark.parametrize("status, shown", [
