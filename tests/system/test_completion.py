@@ -56,6 +56,12 @@ def test_it_serves_all_three_names():
         for name in ("tolva", "sendtolva", "listentolva")]
 
 
+@pytest.mark.parametrize("name", ["sendtolva", "listentolva"])
+def test_it_is_found_under_each_name(name):
+    """Bash loads the file that is called as the command."""
+    assert os.readlink(FILE.with_name(name)) == FILE.name
+
+
 def test_every_documented_option_is_offered():
     page = manual.Page("tolva.8")
     documented = {f"-{option}"
