@@ -34,10 +34,13 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import uuid
+
+import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TOLVA = pathlib.Path(os.environ.get("TOLVA", ROOT / "build" / "tolva"))
@@ -125,6 +128,54 @@ def free_port(low=None, high=None):
         _reservations.append(claim)
         return port
     raise AssertionError("no free port found")
+
+
+def _private_network():
+    """A command that runs another in a network and mounts of its own."""
+    setup = ["sh", "-c", 'ip link set lo up && exec "$@"', "sh"]
+    probe = ["sh", "-c", "mount -t tmpfs none /mnt && cd /etc && "
+             "ls hosts resolv.conf nsswitch.conf"]
+    for options in (["-n", "-m"], ["-r", "-n", "-m"]):
+        command = ["unshare", *options, "--", *setup]
+        with contextlib.suppress(OSError, subprocess.TimeoutExpired):
+            if subprocess.run([*command, *probe], capture_output=True,
+                              timeout=60).returncode == 0:
+                return command
+    return None
+
+
+PRIVATE_NETWORK = _private_network()
+needs_private_network = pytest.mark.skipif(
+    PRIVATE_NETWORK is None,
+    reason="this machine refuses a private network and mount namespace "
+           "(root or user namespaces, iproute2)")
+
+# Takes one request at a port of a private network, while the rest of the
+# arguments run.
+ONE_SERVER = """
+import socket, subprocess, sys, threading
+kind, host, port, record = sys.argv[1:5]
+server = socket.socket(type=getattr(socket, kind))
+server.bind((host, int(port)))
+def take():
+    conn = server
+    if kind == "SOCK_STREAM":
+        conn = server.accept()[0]
+    data = conn.recv(65536)
+    if data.startswith(b"WINCLIENT"):
+        conn.sendall(b"0|0")
+        data += conn.recv(65536)
+    with open(record, "wb") as f:
+        f.write(data)
+    conn.close()
+if kind == "SOCK_STREAM":
+    server.listen(5)
+thread = threading.Thread(target=take, daemon=True)
+thread.start()
+status = subprocess.run(sys.argv[5:]).returncode
+thread.join(20)
+sys.exit(status)
+"""
 
 
 # --- processes --------------------------------------------------------------
@@ -542,6 +593,15 @@ class Home:
         result = self.start(*args, **options).wait(timeout)
         self.check_reports()
         return result
+
+    def behind_server(self, kind, host, port):
+        """A prefix for start() and run(): a network where one server, of
+        kind SOCK_STREAM or SOCK_DGRAM, records its one request in
+        home.dir / "request"."""
+        script = self.dir / "server.py"
+        script.write_text(ONE_SERVER)
+        return [*PRIVATE_NETWORK, sys.executable, str(script), kind, host,
+                str(port), str(self.dir / "request")]
 
     def listener(self, **options):
         return Listener(self, **options)

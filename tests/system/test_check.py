@@ -1,6 +1,5 @@
 """Check mode: the logon and logoff exchange with a UPS manager server."""
 
-import random
 import re
 import time
 
@@ -250,12 +249,15 @@ def test_check_port_option(home):
     assert len(LINE.findall(server.only())) == 2
 
 
-def test_port_option_does_not_set_the_checked_port(home):
-    host = f"127.{random.randint(1, 250)}.{random.randint(0, 250)}.8"
-    server = home.server(good(), host=host, port=5769)
-    result = home.run("-sc", "-a", host, "-p", free_port())
-    assert result.messages == alive_messages(host)
+@harness.needs_private_network
+@pytest.mark.parametrize("more", [[], ["-p", "6000"]], ids=["alone", "-p"])
+def test_default_port_is_5769_whatever_the_port_option_says(home, more):
+    prefix = home.behind_server("SOCK_STREAM", HOST, 5769)
+    result = home.run("-sc", "-a", HOST, *more, prefix=prefix)
+    assert result.messages == alive_messages()
     assert result.status == 0
+    assert [m[1] for m in LINE.findall(
+        (home.dir / "request").read_bytes())] == [b"LOGON", b"LOGOFF"]
 
 
 def test_servers_given_otherwise_are_not_checked(home):

@@ -313,6 +313,18 @@ def test_port_option_in_send_mode(home, option):
         [HEADER + b" MSG_EXECUTE X"] * 2
 
 
+@pytest.mark.parametrize("value", ["1", "65535", "065535", "+1", " 9x"])
+@pytest.mark.parametrize("mode, option", [
+    (["-s", "X"], "-p"), (["-sr", "X"], "-pr"), (["-sc"], "-pc")],
+    ids=lambda a: str(a))
+def test_ports_from_1_to_65535_are_accepted(home, mode, option, value):
+    # Nobody is at that port of that address, or does not speak with us.
+    result = home.run(*mode, "-a", "127.66.77.88", option, value,
+                      "-t", "2")
+    assert result.err == ""
+    assert message(785, "127.66.77.88") in result.messages
+
+
 def test_address_option_with_r(home):
     server = home.server(lambda talk: talk.read_to_end())
     assert home.run("-s", "X", "-ar", server.where).status == 0

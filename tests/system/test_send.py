@@ -514,12 +514,17 @@ def test_broadcast_goes_to_the_common_port_whatever_the_address_says(home):
     assert other.nothing_waits()
 
 
-def test_default_port_of_a_broadcast(home):
-    # An address of its own instead of a port of its own.
-    host = f"127.77.{os.getpid() % 250}.{os.getpid() // 250 % 250}"
-    receiver = home.udp_receiver(host, 6003)
-    assert home.run("-s", "X", "-ab", host).status == 0
-    assert receiver.receive() == HEADER + b" MSG_EXECUTE X"
+@harness.needs_private_network
+@pytest.mark.parametrize("option, kind, address", [
+    ("-a", "SOCK_STREAM", "127.0.0.1"),
+    ("-ab", "SOCK_DGRAM", "127.255.255.255"),
+])
+def test_default_port_is_6003(home, option, kind, address):
+    prefix = home.behind_server(kind, "0.0.0.0", 6003)
+    result = home.run("-s", "X", option, address, prefix=prefix)
+    assert result.status == 0
+    assert (home.dir / "request").read_bytes() == \
+        HEADER + b" MSG_EXECUTE X"
 
 
 def test_broadcast_and_listeners_together(home):
