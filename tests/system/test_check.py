@@ -269,7 +269,7 @@ def test_servers_given_otherwise_are_not_checked(home):
     assert not other.conversations
 
 
-def test_listen_mode_program_name_of_check_mode(home):
+def test_check_option_under_the_senders_name_is_a_request(home):
     # Under the sender's name "-sc" is a request, not a check.
     server = home.server(lambda talk: talk.read_to_end())
     assert home.run("-sc", "-a", server.where,
