@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Counts the tests in CTest's results: prints "<passed> <failed>".
 
-A system test file is one test to CTest but many to pytest; its own count is
+A file of system tests is one test to CTest, many to pytest; its own count is
 taken from the last line of its output. Names the failed ones on stderr.
 """
 
@@ -20,7 +20,7 @@ def count(case):
     good = case.get("status") == "run"
     output = case.findtext("system-out") or ""
     summaries = SUMMARY.findall(output)
-    if not case.get("name").startswith("system.") or not summaries:
+    if not summaries:
         return (1, 0) if good else (0, 1)
     numbers = {word: int(number) for number, word in re.findall(
         r"(\d+) (passed|failed|error|skipped)", summaries[-1])}
