@@ -230,17 +230,25 @@ bool option_r(cmdline_options *o, const char *option, char *value)
     return true;
 }
 
-/* "verb value" on the heap. */
+/* "verb value" on the heap; null when memory is exhausted. */
 char *join_command(const char *verb, const char *value)
 {
     size_t size = strlen(verb) + 1 + strlen(value) + 1;
     char *command = static_cast<char *>(malloc(size));
-    if (!command) {
-        USAGE_ERROR("%s: : %s\n", progname, strerror(errno));
-    } else {
+    if (command) {
         snprintf(command, size, "%s %s", verb, value);
     }
     return command;
+}
+
+/* Takes over the command, unless memory for it was exhausted. */
+void set_command(cmdline_options *o, char *command)
+{
+    if (!command) {
+        USAGE_ERROR("%s: : %s\n", progname, strerror(errno));
+    }
+    free(o->command);
+    o->command = command;
 }
 
 bool option_s(cmdline_options *o, const char *option, char *value)
@@ -252,13 +260,13 @@ bool option_s(cmdline_options *o, const char *option, char *value)
                 "%s: no \"command\" parameter possible in send-mode(kesdal): `-sc' (-? for help).\n",
                 progname);
         }
-        copy_value(&o->command, VERB_SCAN);
+        set_command(o, strdup(VERB_SCAN));
         return false;
     }
     if (value) {
-        free(o->command);
-        o->command = join_command(
-            o->mode == MODE_SEND ? VERB_EXECUTE : VERB_EXECSTATUS, value);
+        const char *verb =
+            o->mode == MODE_SEND ? VERB_EXECUTE : VERB_EXECSTATUS;
+        set_command(o, join_command(verb, value));
     }
     return value != nullptr;
 }
