@@ -4,46 +4,96 @@
     listener = home.listener(env=clock.env, ...)
     clock.advance(listener, 60)
 
-The time of day comes from a file through libfaketime; real waiting stays
-real.  A listener looks at the clock after each wait, and a stray SIGCHLD ends
-the wait without meaning anything, so advance() pokes it until it has seen the
-new time.
+A library under the listener takes the time of day from a page of memory that
+the test shares with it; real waiting stays real.  (libfaketime does as much,
+but keeps its own state under names made of process ids, which collide when
+many tests run at once or process ids come again.)  A listener looks at the
+clock after each wait, and a stray SIGCHLD ends the wait without meaning
+anything, so advance() pokes it until it has seen the new time.
 """
 
 import contextlib
 import datetime
-import glob
 import os
 import signal
+import sys
 
 import harness
+import preload
 
 START = datetime.datetime(2026, 11, 16, 2, 24, 18)
+EPOCH = datetime.datetime(1970, 1, 1)
+
+CLOCK = r"""
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+static volatile int64_t *page;
+
+__attribute__((constructor)) static void open_page(void)
+{
+    const char *path = getenv("TOLVA_TEST_CLOCK");
+    int fd = path ? open(path, O_RDONLY) : -1;
+    if (fd >= 0) {
+        void *found = mmap(0, sizeof *page, PROT_READ, MAP_SHARED, fd, 0);
+        page = found == MAP_FAILED ? 0 : found;
+        close(fd);
+    }
+}
+
+int clock_gettime(clockid_t id, struct timespec *now)
+{
+    if (page && id == CLOCK_REALTIME) {
+        now->tv_sec = *page;
+        now->tv_nsec = 0;
+        return 0;
+    }
+    return (int)syscall(SYS_clock_gettime, id, now);
+}
+
+time_t time(time_t *now)
+{
+    struct timespec spec;
+    clock_gettime(CLOCK_REALTIME, &spec);
+    if (now) {
+        *now = spec.tv_sec;
+    }
+    return spec.tv_sec;
+}
+
+int gettimeofday(struct timeval *restrict now, void *restrict zone)
+{
+    struct timespec spec;
+    (void)zone;
+    clock_gettime(CLOCK_REALTIME, &spec);
+    now->tv_sec = spec.tv_sec;
+    now->tv_usec = spec.tv_nsec / 1000;
+    return 0;
+}
+"""
 
 
 class FakeClock:
     def __init__(self, home):
-        found = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
-        assert found, "libfaketime is missing (apt-get install faketime)"
         self.path = home.dir / "clock"
         self.now = START
         self._write()
-        sanitizer = home.environment()["ASAN_OPTIONS"]
-        self.env = {
-            "LD_PRELOAD": found[0],
-            "FAKETIME_TIMESTAMP_FILE": str(self.path),
-            "FAKETIME_NO_CACHE": "1",
-            "FAKETIME_DONT_FAKE_MONOTONIC": "1",
-            "NO_FAKE_STAT": "1",
-            "TZ": "UTC",
-            # The preloaded library comes before the sanitizer's.
-            "ASAN_OPTIONS": sanitizer + ":verify_asan_link_order=0",
-        }
+        self.env = preload.environment(
+            home, preload.build("clock", CLOCK),
+            TOLVA_TEST_CLOCK=str(self.path), TZ="UTC")
 
     def _write(self):
-        new = self.path.with_suffix(".new")
-        new.write_text(self.now.strftime("%Y-%m-%d %H:%M:%S"))
-        new.rename(self.path)
+        seconds = (self.now - EPOCH) // datetime.timedelta(seconds=1)
+        fd = os.open(self.path, os.O_WRONLY | os.O_CREAT, 0o644)
+        os.pwrite(fd, seconds.to_bytes(8, sys.byteorder, signed=True), 0)
+        os.close(fd)
 
     @property
     def date(self):

@@ -5,6 +5,7 @@ import errno
 import os
 import re
 import signal
+import subprocess
 
 import pytest
 
@@ -433,11 +434,12 @@ def test_a_server_is_dropped_when_its_retries_are_used_up(notes, retries):
     watch = Watch(notes, [A, B], config={"AliveRetries": retries,
                                          "AlivePort": port})
     watch.first_cycle(watch.has(828, A))
-    wait_for(watch.has(814, B))
-    for count in range(2, retries + 1):
-        assert watch.count(832, A) == 0
-        watch.next_cycle(watch.has(828, A, count))
+    for count in range(1, retries + 1):
+        assert watch.count(832, A) == 0 or count == retries
         wait_for(watch.has(814, B, count))
+        watch.listener.wait_message(message(794, watch.script(A)))
+        if count < retries:
+            watch.next_cycle(watch.has(828, A, count + 1))
     watch.listener.wait_message(message(832, A))
     watch.next_cycle(watch.has(814, B, retries + 1))
     watch.stop()
@@ -484,7 +486,7 @@ def test_when_nobody_is_left_the_listener_serves_on(notes):
 
 
 GATED = ('echo "$1 $$" >> "$TOLVAHOME/started"\n'
-         'number=$(grep -n " $$\$" "$TOLVAHOME/started" | cut -d: -f1)\n'
+         'number=$(grep -n " $$\\$" "$TOLVAHOME/started" | cut -d: -f1)\n'
          'while [ ! -e "$TOLVAHOME/go.$number" ]; do sleep 0.01; done\n')
 
 
@@ -578,6 +580,13 @@ class Namespace(Watch):
 
     def __init__(self, home, servers, **options):
         unshare = ["unshare", "-pf" if os.getuid() == 0 else "-rpf", "--"]
+        tried = subprocess.run(
+            [*unshare, "/bin/sh", "-c",
+             "echo 99 > /proc/sys/kernel/ns_last_pid"],
+            stdin=subprocess.DEVNULL, capture_output=True, text=True)
+        if tried.returncode != 0:
+            pytest.skip("process ids cannot be chosen here: " +
+                        tried.stderr.strip())
         super().__init__(home, servers, prefix=unshare, **options)
         [self.pid] = harness.children(self.listener.pid)
         self.outer = self.listener.pid
@@ -587,7 +596,7 @@ class Namespace(Watch):
         """The next process that the listener starts has this id."""
         join = ["nsenter", "-t", str(self.pid), "-p"]
         if os.getuid() != 0:
-            join.append("-U")
+            join += ["-U", "--preserve-credentials"]
         process = self.home.start(
             "-c", f"echo {number - 1} > /proc/sys/kernel/ns_last_pid",
             program="/bin/sh", prefix=[*join, "--"])

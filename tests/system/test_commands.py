@@ -3,13 +3,13 @@ sender is told."""
 
 import os
 import re
-import shutil
 import signal
 import subprocess
 
 import pytest
 
 import harness
+import preload
 from fakeclock import FakeClock, settle
 from harness import HEADER, message, wait_for
 
@@ -487,17 +487,9 @@ __attribute__((constructor)) static void witness(void)
 """
 
 
-@pytest.fixture(scope="module")
-def witness(tmp_path_factory):
-    compiler = next(filter(None, map(shutil.which, (
-        "cc", "c++", "g++", "clang++"))))
-    folder = tmp_path_factory.mktemp("witness")
-    source = folder / "witness.c"
-    source.write_text(WITNESS)
-    library = folder / "witness.so"
-    subprocess.run([compiler, "-x", "c", "-shared", "-fPIC", "-o", library,
-                    source], check=True)
-    return library
+@pytest.fixture
+def witness():
+    return preload.build("witness", WITNESS)
 
 
 def signal_set(text):

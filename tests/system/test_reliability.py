@@ -7,6 +7,7 @@ import random
 import resource
 import signal
 import socket
+import subprocess
 import threading
 import time
 
@@ -372,6 +373,12 @@ def test_a_disk_that_fills_up_and_is_cleaned(home):
     disk = home.path("disk")
     disk.mkdir()
     unshare = ["unshare", "-m"] if os.getuid() == 0 else ["unshare", "-rm"]
+    tried = subprocess.run(
+        [*unshare, "--", "mount", "-t", "tmpfs", "none", disk],
+        stdin=subprocess.DEVNULL, capture_output=True, text=True)
+    if tried.returncode != 0:
+        pytest.skip("no file system can be mounted here: " +
+                    tried.stderr.strip())
     listener = home.listener(
         prefix=[*unshare, "--", "/bin/sh", "-c",
                 f'mount -t tmpfs -o size=16k none "{disk}" && exec "$@"',
