@@ -42,9 +42,9 @@ char *default_config_path()
     return path;
 }
 
-/* Reads the file that was named, or the one in the home directory. Returns
- * its path, on the heap. */
-char *read_settings(char *cfgfile)
+/* Reads the file that was named, on the heap, or the one in the home
+ * directory. */
+void read_settings(char *cfgfile)
 {
     char *path = cfgfile;
     if (!path) {
@@ -57,7 +57,7 @@ char *read_settings(char *cfgfile)
         error_printf(stderr, ERROR_EXIT, "%s: error reading configfile %s\n",
                      progname, path);
     }
-    return path;
+    free(path);
 }
 
 /* Puts text, if there is one, into the place of a setting. */
@@ -169,7 +169,7 @@ int32_t init_receiver(char *cfgfile, const char *listen_host, int32_t port,
                       char *alive_prog, int32_t timeout, int32_t check_interval)
 {
     TRACE_IN();
-    char *path = read_settings(cfgfile);
+    read_settings(cfgfile);
     override_text(&rp->shutdown_prog, shutdown_prog);
     override_text(&rp->alive_prog, alive_prog);
     override_text(&rp->listen_address,
@@ -202,7 +202,6 @@ int32_t init_receiver(char *cfgfile, const char *listen_host, int32_t port,
     free_receiver_config();
     logfile_close();
     msgdb_close();
-    free(path);
     return result;
 }
 
