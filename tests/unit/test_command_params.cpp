@@ -61,6 +61,7 @@ const char standard_texts[] = "m12=UPS #NAME at #PCT%s done\n"
                               "m13=load %s, time %s.\n"
                               "m14=plain\n"
                               "m15=#ONE\n"
+                              "m0=zero\n"
                               "m16=quote \"q\"\n";
 
 std::string stripped(std::string text)

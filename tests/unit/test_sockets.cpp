@@ -1,9 +1,34 @@
 /* The socket helpers, on real loopback sockets. */
 #include "sessions.h"
 
-#include "tolva2/sockets.h"
-
 #include <netinet/in.h>
+
+namespace
+{
+
+bool flags_fail = false;
+
+template <typename... argument_types>
+int fcntl_or_fail(int fd, int request, argument_types... arguments)
+{
+    errno = EIO;
+    return flags_fail ? -1 : fcntl(fd, request, arguments...);
+}
+
+int setsockopt_or_fail(int fd, int level, int option, const void *value,
+                       socklen_t length)
+{
+    errno = EIO;
+    return flags_fail ? -1 : setsockopt(fd, level, option, value, length);
+}
+
+} // namespace
+
+#define fcntl fcntl_or_fail
+#define setsockopt setsockopt_or_fail
+#include "tolva2/sockets.cpp" // NOLINT
+#undef fcntl
+#undef setsockopt
 
 namespace
 {
@@ -61,6 +86,20 @@ TEST(socket_creators, give_minus_one_when_no_descriptor_is_left)
         EXPECT_EQ(row.create(), -1);
         EXPECT_EQ(errno, EMFILE);
     }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(socket_creators, leave_nothing_open_when_a_flag_cannot_be_set)
+{
+    int before = open_descriptors();
+    flags_fail = true;
+    for (const creator &row : creators) {
+        if (row.nonblocking || row.broadcast) {
+            EXPECT_EQ(row.create(), -1) << row.name;
+            EXPECT_EQ(errno, EIO);
+        }
+    }
+    flags_fail = false;
     EXPECT_EQ(open_descriptors(), before);
 }
 
@@ -213,20 +252,28 @@ TEST(listen_helpers, fail_on_a_port_in_use_and_on_datagram_sockets)
 TEST(listen_helpers, a_hundred_and_twenty_connections_wait_in_the_backlog)
 {
     EXPECT_EQ(LISTEN_BACKLOG, 128);
-    descriptor listener(tcp_socket());
-    ASSERT_EQ(sock_listen_to(listener.get(), 0, "127.0.0.1"), 1);
-    std::vector<descriptor> waiting;
-    for (int i = 0; i < 120; i++) {
-        waiting.emplace_back(tcp_socket_nonblock());
-        ASSERT_EQ(sock_connect_to(waiting.back().get(),
-                                  local_port(listener.get()), "127.0.0.1"),
+    for (bool any : {true, false}) {
+        descriptor listener(tcp_socket());
+        ASSERT_EQ(any ? sock_listen_any(listener.get(), 0)
+                      : sock_listen_to(listener.get(), 0, "127.0.0.1"),
                   1);
-    }
-    set_nonblocking(listener.get());
-    for (int i = 0; i < 120; i++) {
-        ASSERT_TRUE(wait_for(listener.get(), POLLIN));
-        descriptor peer(sock_accept(listener.get(), nullptr, nullptr));
-        ASSERT_GE(peer.get(), 0) << "connection " << i;
+        std::vector<descriptor> waiting;
+        for (int i = 0; i < 120; i++) {
+            waiting.emplace_back(tcp_socket_nonblock());
+            ASSERT_EQ(sock_connect_to(waiting.back().get(),
+                                      local_port(listener.get()), "127.0.0.1"),
+                      1);
+        }
+        /* All at once: nobody is let in to make room for the next. */
+        for (const descriptor &one : waiting) {
+            ASSERT_TRUE(wait_for(one.get(), POLLOUT));
+        }
+        set_nonblocking(listener.get());
+        for (int i = 0; i < 120; i++) {
+            ASSERT_TRUE(wait_for(listener.get(), POLLIN));
+            descriptor peer(sock_accept(listener.get(), nullptr, nullptr));
+            ASSERT_GE(peer.get(), 0) << "connection " << i;
+        }
     }
 }
 
