@@ -451,6 +451,85 @@ TEST(set_connections, gives_zero_when_memory_is_exhausted)
     EXPECT_EQ(connections->size, 0u);
 }
 
+TEST(may_start, needs_room_and_a_record_without_socket)
+{
+    session_lists lists(-1);
+    operator_log log;
+    connection *cn = new_connection(MODE_SEND, ADDR_PEER);
+    max_fds = 5;
+    nfds = 4;
+    EXPECT_EQ(may_start(cn), 1);
+    EXPECT_EQ(log.lines(), log_lines{});
+    nfds = 5;
+    EXPECT_EQ(may_start(cn), 0);
+    EXPECT_EQ(may_start(nullptr), 0) << "the budget comes first";
+    nfds = 6;
+    EXPECT_EQ(may_start(cn), 0);
+    const log_lines full = {error_line(EMFILE), error_line(EMFILE),
+                            error_line(EMFILE)};
+    EXPECT_EQ(log.lines(), full);
+    log.clear();
+    nfds = 0;
+    EXPECT_EQ(may_start(nullptr), -1);
+    cn->fd = 0;
+    EXPECT_EQ(may_start(cn), -1);
+    cn->fd = -1;
+    const log_lines unusable = {error_line(EINVAL), error_line(EINVAL)};
+    EXPECT_EQ(log.lines(), unusable);
+    destroy_connection(cn);
+}
+
+TEST(begin_exchange, makes_the_record_wait_to_be_writable)
+{
+    session_lists lists(-1);
+    connection *cn = add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
+    connection_handler handler = [](ux_list_element *, int32_t) {};
+    const connect_ends ends{nullptr, nullptr};
+    int fd = tcp_socket();
+    begin_exchange(cn, fd, handler, &ends);
+    EXPECT_EQ(cn->fd, fd);
+    EXPECT_EQ(cn->handler, handler);
+    EXPECT_EQ(cn->ends, &ends);
+    EXPECT_TRUE(FD_ISSET(fd, &writefds));
+    EXPECT_FALSE(FD_ISSET(fd, &readfds));
+    EXPECT_EQ(nfds, 1);
+    EXPECT_EQ(maxfd, fd);
+
+    close_exchange(cn);
+    EXPECT_EQ(cn->fd, -1);
+    EXPECT_EQ(cn->handler, nullptr);
+    EXPECT_FALSE(is_open(fd));
+    EXPECT_TRUE(is_empty(&writefds));
+    EXPECT_EQ(nfds, 0);
+    EXPECT_EQ(maxfd, fd - 1);
+    /* Nothing is left to close. */
+    cn->handler = handler;
+    close_exchange(cn);
+    EXPECT_EQ(cn->handler, nullptr);
+    EXPECT_EQ(nfds, 0);
+}
+
+TEST(ready_events, are_those_of_the_records_own_socket)
+{
+    reset_descriptors(0);
+    connection cn{};
+    cn.fd = 100;
+    FD_SET(99, &ready_read);
+    FD_SET(101, &ready_write);
+    FD_SET(100, &readfds);
+    FD_SET(100, &writefds);
+    EXPECT_EQ(ready_events(&cn), 0);
+    FD_SET(100, &ready_read);
+    EXPECT_EQ(ready_events(&cn), 2);
+    FD_SET(100, &ready_write);
+    EXPECT_EQ(ready_events(&cn), 6);
+    FD_CLR(100, &ready_read);
+    EXPECT_EQ(ready_events(&cn), 4);
+    cn.fd = -1;
+    EXPECT_EQ(ready_events(&cn), 0);
+    reset_descriptors(0);
+}
+
 TEST(open_connect_socket, connects_without_waiting)
 {
     session_lists lists(-1);

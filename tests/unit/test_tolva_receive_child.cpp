@@ -22,6 +22,14 @@ bool forks_fail = false;
     return memory_exhausted ? nullptr : calloc(count, size);
 }
 
+bool shell_missing = false;
+
+template <typename... argument_types>
+int execl_or_fail(const char *path, argument_types... arguments)
+{
+    return shell_missing ? -1 : execl(path, arguments...);
+}
+
 pid_t fork_or_fail()
 {
     errno = EAGAIN;
@@ -33,10 +41,12 @@ pid_t fork_or_fail()
 #define malloc malloc_or_fail
 #define calloc calloc_or_fail
 #define fork fork_or_fail
+#define execl execl_or_fail
 #include "tolva2/tolva_receive_child.cpp" // NOLINT
 #undef malloc
 #undef calloc
 #undef fork
+#undef execl
 
 namespace
 {
@@ -112,6 +122,16 @@ TEST(fork_and_exec, what_cannot_be_run_ends_with_127)
 {
     capture errors(STDERR_FILENO);
     run script("/no/such/script.sh", "parameters");
+    EXPECT_EQ(script.started, 1);
+    ASSERT_TRUE(WIFEXITED(script.status));
+    EXPECT_EQ(WEXITSTATUS(script.status), 127);
+}
+
+TEST(fork_and_exec, a_missing_shell_ends_with_127_too)
+{
+    shell_missing = true;
+    run script("exit", "3");
+    shell_missing = false;
     EXPECT_EQ(script.started, 1);
     ASSERT_TRUE(WIFEXITED(script.status));
     EXPECT_EQ(WEXITSTATUS(script.status), 127);
