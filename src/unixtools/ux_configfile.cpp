@@ -122,7 +122,11 @@ int32_t parse_value(char *text, cfgmodule *result)
 {
     bool quoted = false;
     bool escaped = false;
-    for (char *c = text; *c && *c != '\n'; c++) {
+    for (char *c = text; *c; c++) {
+        if (*c == '\n') {
+            *c = '\0';
+            break;
+        }
         if (*c == '"' && !escaped) {
             quoted = !quoted;
         } else if (*c == '\\') {
