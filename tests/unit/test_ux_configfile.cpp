@@ -163,7 +163,8 @@ TEST_F(parse_line_test, keys)
 TEST_F(parse_line_test, values)
 {
     for (const line_case &c :
-         {line_case{"key=value", 1, "key", "value", nullopt},
+         {line_case{"ab=x\nbehind", 1, "ab", "x", nullopt},
+          line_case{"key=value", 1, "key", "value", nullopt},
           line_case{"key=value\r\n", 1, "key", "value", nullopt},
           line_case{"key=  value \t\n", 1, "key", "value", nullopt},
           line_case{"key=value \t", 1, "key", "value", nullopt},
