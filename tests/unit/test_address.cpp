@@ -76,7 +76,7 @@ extern "C" hostent *gethostbyname(const char *name)
         return &entry;
     }
     if (strcmp(name, "high.invalid") == 0) {
-        inet_aton("203.0.113.255", &found);
+        inet_aton("203.111.113.255", &found);
         return &entry;
     }
     if (strcmp(name, "ipv6.invalid") == 0) {
@@ -303,7 +303,7 @@ TEST(new_inetaddr, resolves_a_name)
 
     built high("high.invalid", 1);
     ASSERT_NE(high.record, nullptr);
-    EXPECT_STREQ(high.record->text, "203.0.113.255");
+    EXPECT_STREQ(high.record->text, "203.111.113.255");
 }
 
 TEST(new_inetaddr, resolves_localhost_as_the_system_knows_it)
@@ -518,7 +518,7 @@ TEST(GetHostAddrFromHostName, formats_the_first_address)
     const char *first = GetHostAddrFromHostName("myhost");
     EXPECT_STREQ(first, "10.1.2.3");
     EXPECT_EQ(GetHostAddrFromHostName("high.invalid"), first);
-    EXPECT_STREQ(first, "203.0.113.255");
+    EXPECT_STREQ(first, "203.111.113.255");
     EXPECT_STREQ(GetHostAddrFromHostName("localhost"), "127.0.0.1");
 }
 
