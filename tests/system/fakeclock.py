@@ -60,21 +60,21 @@ int clock_gettime(clockid_t id, struct timespec *now)
 
 time_t time(time_t *now)
 {
-    struct timespec spec;
-    clock_gettime(CLOCK_REALTIME, &spec);
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
     if (now) {
-        *now = spec.tv_sec;
+        *now = ts.tv_sec;
     }
-    return spec.tv_sec;
+    return ts.tv_sec;
 }
 
 int gettimeofday(struct timeval *restrict now, void *restrict zone)
 {
-    struct timespec spec;
+    struct timespec ts;
     (void)zone;
-    clock_gettime(CLOCK_REALTIME, &spec);
-    now->tv_sec = spec.tv_sec;
-    now->tv_usec = spec.tv_nsec / 1000;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    now->tv_sec = ts.tv_sec;
+    now->tv_usec = ts.tv_nsec / 1000;
     return 0;
 }
 """

@@ -99,7 +99,7 @@ def test_lines_on_standard_output_are_log_lines_without_a_process_id(home):
 def test_lines_show_local_time(home):
     server = home.server(reader)
     start = datetime.datetime.now(datetime.timezone.utc)
-    result = home.run("-s", "X", "-a", server.where, env={"TZ": "XXX-5:30"})
+    result = home.run("-s", "X", "-a", server.where, env={"TZ": "ABC-5:30"})
     date, clock, _, _ = harness.LOG_LINE.match(
         result.out.splitlines()[0]).groups()
     shown = datetime.datetime.strptime(
