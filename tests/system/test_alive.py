@@ -279,6 +279,19 @@ def test_the_wait_ends_by_itself_when_a_cycle_is_due(notes):
     assert 5 <= (end - begin) % 86400 <= 8
 
 
+def test_the_time_out_of_a_client_begins_no_cycle(notes):
+    ups = UpsServer(notes, A, free_port())
+    watch = Watch(notes, [ups.where], level=1, config={"ListenTimeout": 1})
+    with watch.listener.connect():
+        wait_for(lambda: "returned nready = 0\n" in watch.listener.out,
+                 what="the wait for the client is over")
+        settle(watch.listener)
+        assert len(sockets_of(watch.pid)) == 2
+    watch.first_cycle(watch.has(814, A))
+    watch.stop()
+    assert ups.visits == 1
+
+
 def test_a_late_cycle_is_not_made_up_for(notes):
     ups = UpsServer(notes, A, free_port())
     watch = Watch(notes, [ups.where])

@@ -499,6 +499,16 @@ def test_the_senders_own_mark_of_death_is_left_as_it_was(home):
         table((A, 1, 0), (B, 0, 1)), table((A, 1, 0), (B, 1, 1))]
 
 
+def test_the_sender_itself_is_not_looked_at(home):
+    house = House(home, (A, B), 2, dead=(A,), args=["-d", "1"])
+    house.first_cycle()
+    assert house.ask_and_wait(A) is False
+    assert house.ask_and_wait(B) is False
+    house.stop()
+    assert tables(house.listener.out)[1:] == [
+        table((A, 1, 0), (B, 0, 0)), table((A, 1, 1), (B, 1, 0))]
+
+
 def test_the_table_is_empty_without_redundancy(home):
     home.script("tolva_shutdown.sh")
     listener = home.listener(level=1)
