@@ -289,6 +289,7 @@ def test_the_time_out_of_a_client_begins_no_cycle(notes):
         assert len(sockets_of(watch.pid)) == 2
     watch.first_cycle(watch.has(814, A))
     watch.stop()
+    assert times_of(notes, message(814, A)) == ["02:24:23"]
     assert ups.visits == 1
 
 
