@@ -306,6 +306,7 @@ def test_udp_is_on_for_true_in_any_case(home, value):
 def test_udp_is_on_without_a_setting(home):
     listener = home.listener(config={"AllowedAddresses": HOST,
                                      "ListenUDP": ""})
+    wait_for(lambda: harness.udp_is_bound(listener.port))
     listener.datagram(COMMAND + b"by udp")
     listener.wait_message("by udp")
     listener.stop()
@@ -474,9 +475,8 @@ def test_log_lines_come_through_a_pipe_at_once(home):
 
 def test_a_reader_of_the_output_that_goes_away_ends_nothing(home):
     with piped_listener(home, "-d", "1") as (process, port):
-        read_line(process)
-        process.stdout.close()
         wait_for(lambda: harness.tcp_listens(port))
+        process.stdout.close()
         home.script("tolva_execute.sh", "exit 3")
         for _ in range(5):
             with socket.create_connection((HOST, port)) as conn:
