@@ -2,7 +2,8 @@
 """Counts the tests in CTest's results: prints "<passed> <failed>".
 
 A file of system tests is one test to CTest, many to pytest; its own count is
-taken from the last line of its output. Names the failed ones on stderr.
+taken from the last line of its output. Names the failed ones on stderr, and
+those that this machine could not run, with the reason.
 """
 
 import os
@@ -32,6 +33,12 @@ def count(case):
     return passed, failed if good else max(failed, 1)
 
 
+def not_run(case):
+    """The lines of the tests that could not run here."""
+    output = case.findtext("system-out") or ""
+    return re.findall(r"NOT RUN: [^\r\n\x1b]*", output)
+
+
 def main():
     passed = failed = 0
     for case in ElementTree.parse(sys.argv[1]).getroot().iter("testcase"):
@@ -40,6 +47,8 @@ def main():
         failed += bad
         if bad:
             print(f"failed: {case.get('name')}", file=sys.stderr)
+            for line in not_run(case):
+                print(line, file=sys.stderr)
     print(passed, failed)
 
 
