@@ -1,4 +1,5 @@
 #include "tolva2/address.h"
+#include "tolva2/signals.h"
 #include "tolva2/trace.h"
 #include "unixtools/ux_number.h"
 
@@ -21,20 +22,12 @@ constexpr int32_t RESOLVE_SECONDS = 10;
 
 volatile sig_atomic_t resolve_timed_out = 0;
 
-void arm_timer(int32_t seconds, int *result)
+/* Once, after that many seconds; 0 disarms. 1 done, 0 failed. */
+int32_t arm_timer(int32_t seconds)
 {
     itimerval timer{};
     timer.it_value.tv_sec = seconds;
-    *result = setitimer(ITIMER_REAL, &timer, nullptr);
-}
-
-void set_alarm_action(void (*handler)(int), int *result)
-{
-    struct sigaction action {
-    };
-    action.sa_handler = handler;
-    sigemptyset(&action.sa_mask);
-    *result = sigaction(SIGALRM, &action, nullptr);
+    return setitimer(ITIMER_REAL, &timer, nullptr) == 0;
 }
 
 } // namespace
@@ -83,14 +76,11 @@ void sigalrm_itimer(int32_t signal)
 int32_t start_timeout(int32_t seconds)
 {
     TRACE_IN();
-    int result = 0;
-    set_alarm_action(sigalrm_itimer, &result);
-    if (result < 0) {
+    if (!set_signal(SIGALRM, sigalrm_itimer, 0)) {
         return 0;
     }
-    arm_timer(seconds, &result);
-    if (result < 0) {
-        set_alarm_action(SIG_DFL, &result);
+    if (!arm_timer(seconds)) {
+        set_signal(SIGALRM, SIG_DFL, 0);
         return 0;
     }
     TRACE_OUT();
@@ -101,10 +91,9 @@ void stop_timeout()
 {
     TRACE_IN();
     /* Disarmed first: the default action of a late alarm would kill us. */
-    int ignored = 0;
-    arm_timer(0, &ignored);
-    set_alarm_action(SIG_IGN, &ignored);
-    set_alarm_action(SIG_DFL, &ignored);
+    arm_timer(0);
+    set_signal(SIGALRM, SIG_IGN, 0);
+    set_signal(SIGALRM, SIG_DFL, 0);
 }
 
 const char *GetHostAddrFromHostName(const char *name)
@@ -198,7 +187,9 @@ bool resolve_host(const char *host, char *text)
     close(ends[0]);
     stop_timeout();
     if (child > 0) {
-        kill(child, SIGKILL);
+        if (!found) {
+            kill(child, SIGKILL);
+        }
         waitpid(child, nullptr, 0);
     }
     sigprocmask(SIG_SETMASK, &old_mask, nullptr);

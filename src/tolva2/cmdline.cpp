@@ -40,7 +40,7 @@ struct cmdline_options {
 #define USAGE_ERROR(...)                                                       \
     (error_printf(stderr, ERROR_EXIT, __VA_ARGS__), exit(1))
 
-/* Replaces *text by a copy of value; format tells what failed. */
+/* Replaces *text by a copy of value. */
 void copy_value(char **text, const char *value)
 {
     free(*text);
@@ -346,7 +346,7 @@ void join_words(cmdline_options *o, int32_t argc, char **argv, int32_t first)
     }
 }
 
-/* A word that is no option: true when it has taken all that follows. */
+/* A word that is no option: it takes all that follows. */
 void take_word(cmdline_options *o, int32_t argc, char **argv, int32_t i)
 {
     if (o->mode != MODE_LISTEN) {

@@ -11,7 +11,6 @@
 namespace
 {
 
-constexpr const char *BLANKS = " \t";
 constexpr const char *RECIPIENT_END = " \t$";
 
 /* Its own index is a command's number; the empty word ends the table. */
@@ -70,7 +69,7 @@ const char *next_parameter(char **rest)
         return nullptr;
     }
     if (*parameter != '"') {
-        return split_word(rest, BLANKS);
+        return split_word(rest, PARAM_BLANKS);
     }
     parameter++;
     char *end = strchr(parameter, '"');
@@ -149,13 +148,13 @@ char *strip_params(char *text)
     if (!text) {
         return nullptr;
     }
-    text += strspn(text, BLANKS);
+    text += strspn(text, PARAM_BLANKS);
     int32_t quotes = 0;
     for (const char *c = text; *c; c++) {
         quotes += *c == '"';
     }
     size_t length = strlen(text);
-    while (length > 0 && strchr(BLANKS, text[length - 1])) {
+    while (length > 0 && strchr(PARAM_BLANKS, text[length - 1])) {
         text[--length] = '\0';
     }
     if (quotes == 2 && length > 1 && text[0] == '"' &&
@@ -186,7 +185,7 @@ namespace
 /* The message number in front of *rest; 0 when there is none. */
 int32_t split_number(char **rest)
 {
-    const char *word = split_word(rest, BLANKS);
+    const char *word = split_word(rest, PARAM_BLANKS);
     return word ? ux_atoi(word) : 0;
 }
 

@@ -22,6 +22,9 @@ enum command_index : int32_t {
     COMMAND_LOG_TEXT = 7,
 };
 
+/* What separates words. */
+constexpr const char *PARAM_BLANKS = " \t";
+
 /* The place of word in the table, any case; -1 when null, empty, unknown. */
 int32_t is_V2command(const char *word);
 

@@ -25,9 +25,34 @@ namespace
 /* The log with its copy while it is cut, and the socket that is asked for. */
 constexpr int32_t DESCRIPTORS_NEEDED = 3;
 
-/* Up to this many sockets a process that is given very few gets on without
- * the reserve, rather than never serving anybody. */
-constexpr int32_t FEW_DESCRIPTORS = 2;
+/* Listeners alone are never too many: under a limit of a handful, one client
+ * at a time is better than none. */
+constexpr int32_t LISTENERS_MAX = 2;
+
+/* Whether the system would give us all that is needed, the first of it a
+ * number that select() can watch. errno tells why not. */
+bool descriptors_left()
+{
+    int32_t taken[DESCRIPTORS_NEEDED];
+    int32_t opened = 0;
+    int error = 0;
+    while (opened < DESCRIPTORS_NEEDED && error == 0) {
+        taken[opened] = udp_socket();
+        if (taken[opened] < 0) {
+            error = errno;
+        } else {
+            opened++;
+        }
+    }
+    if (opened > 0 && taken[0] >= FD_SETSIZE) {
+        error = EMFILE;
+    }
+    while (opened > 0) {
+        close(taken[--opened]);
+    }
+    errno = error;
+    return error == 0;
+}
 
 } // namespace
 
@@ -82,7 +107,7 @@ int32_t ready_events(const connection *cn)
 
 int32_t room_for_descriptor()
 {
-    return nfds <= FEW_DESCRIPTORS || descriptors_left(DESCRIPTORS_NEEDED);
+    return nfds <= LISTENERS_MAX || descriptors_left();
 }
 
 int32_t keep_selectable(int32_t fd)
@@ -241,10 +266,7 @@ void close_exchange(connection *cn)
 int32_t open_connect_socket(const connection *cn)
 {
     TRACE_IN();
-    int32_t fd = -1;
-    if (room_for_descriptor()) {
-        fd = keep_selectable(tcp_socket_nonblock());
-    }
+    int32_t fd = keep_selectable(tcp_socket_nonblock());
     if (fd < 0) {
         log_system(errno);
         return -1;

@@ -5,6 +5,7 @@
 #include "tolva2/cmdline.h"
 #include "tolva2/process_state.h"
 #include "tolva2/program_dir.h"
+#include "tolva2/signals.h"
 #include "tolva2/trace.h"
 #include "unixtools/ux_number.h"
 
@@ -137,6 +138,8 @@ int main(int argc, char **argv)
 {
     const char *argv0 = argc > 0 && argv[0] ? argv[0] : "tolva";
     fill_standard_descriptors();
+    /* A reader of our output that has gone must not keep a command back. */
+    set_signal(SIGPIPE, SIG_IGN, SA_RESTART);
     own_pid = getpid();
     read_trace_level();
     progname = strdup(base_name(argv0));

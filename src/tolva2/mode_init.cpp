@@ -8,7 +8,6 @@
 #include "tolva2/tolva_send.h"
 #include "tolva2/trace.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>

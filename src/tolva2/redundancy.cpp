@@ -136,7 +136,9 @@ void init_redundant_shutdowns(const receiver_params *settings,
     redundancy.count = static_cast<int32_t>(address_list->size);
     redundancy.batch_suppress =
         setting_is_on(settings->redundancy_batch_suppress);
-    copy_batch_file(settings->redundancy_batch_file);
+    if (redundancy.enabled) {
+        copy_batch_file(settings->redundancy_batch_file);
+    }
     fill_members(address_list);
     show_redundancy_table(&redundancy);
 }

@@ -273,24 +273,3 @@ int32_t same_address(const char *a, const char *b)
     TRACE_IN();
     return inet_addr(a) == inet_addr(b);
 }
-
-int32_t descriptors_left(int32_t count)
-{
-    TRACE_IN();
-    int32_t taken[8];
-    int32_t opened = 0;
-    int error = 0;
-    while (opened < count && opened < 8 && error == 0) {
-        taken[opened] = udp_socket();
-        if (taken[opened] < 0) {
-            error = errno;
-        } else {
-            opened++;
-        }
-    }
-    while (opened > 0) {
-        close(taken[--opened]);
-    }
-    errno = error;
-    return error == 0;
-}

@@ -82,10 +82,4 @@ int32_t is_dotted_address(const char *text);
 /* 1 when inet_addr reads both texts as the same address, else 0. */
 int32_t same_address(const char *a, const char *b);
 
-/*
- * 1 when the system would still give the process count (at most 8) more
- * descriptors, else 0 with errno set. Opens and closes them.
- */
-int32_t descriptors_left(int32_t count);
-
 #endif

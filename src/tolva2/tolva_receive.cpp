@@ -3,6 +3,7 @@
 #include "tolva2/logfile.h"
 #include "tolva2/msgdb.h"
 #include "tolva2/redundancy.h"
+#include "tolva2/signals.h"
 #include "tolva2/sockets.h"
 #include "tolva2/tolva_receive_alive.h"
 #include "tolva2/tolva_receive_child.h"
@@ -26,7 +27,7 @@ volatile sig_atomic_t running = 1;
 volatile sig_atomic_t child_ended = 0;
 
 sigset_t loop_mask;   /* everything handled here is held back */
-sigset_t wait_mask;   /* nothing is, as before we started */
+sigset_t wait_mask;   /* nothing is */
 sigset_t script_mask; /* what scripts start with: SIGCHLD held back */
 
 /* What one pass of the loop hands to the next. */
@@ -54,30 +55,24 @@ void handle_signal(int number)
     }
 }
 
-void set_signal(int number, void (*handler)(int))
-{
-    struct sigaction action {
-    };
-    action.sa_handler = handler;
-    sigemptyset(&action.sa_mask);
-    sigaction(number, &action, nullptr);
-}
-
 /*
  * Handled signals are held back except while waiting, so that none can slip
  * in between a look at its flag and the wait.
  */
 void prepare_signals()
 {
-    set_signal(SIGINT, debug_level < 0 ? SIG_IGN : handle_signal);
-    set_signal(SIGHUP, SIG_IGN);
-    set_signal(SIGPIPE, SIG_IGN);
-    set_signal(SIGCHLD, handle_signal);
-    set_signal(SIGTERM, handle_signal);
-    set_signal(SIGQUIT, handle_signal);
+    set_signal(SIGINT, debug_level < 0 ? SIG_IGN : handle_signal, 0);
+    set_signal(SIGHUP, SIG_IGN, 0);
+    set_signal(SIGPIPE, SIG_IGN, 0);
+    set_signal(SIGCHLD, handle_signal, 0);
+    set_signal(SIGTERM, handle_signal, 0);
+    set_signal(SIGQUIT, handle_signal, 0);
+    /* A log at the limit of what a process may write is a failed write, not
+     * the end. Ignored it would be for scripts too, a handler is not. */
+    set_signal(SIGXFSZ, handle_signal, 0);
 
-    sigprocmask(SIG_SETMASK, nullptr, &wait_mask);
-    sigdelset(&wait_mask, SIGCHLD);
+    /* Whatever our parent held back: we must be able to hear a stop signal. */
+    sigemptyset(&wait_mask);
     script_mask = wait_mask;
     sigaddset(&script_mask, SIGCHLD);
     child_mask = &script_mask;

@@ -8,6 +8,7 @@
 #include "tolva2/trace.h"
 
 #include <cassert>
+#include <cerrno>
 #include <cstring>
 
 namespace
@@ -48,6 +49,10 @@ int32_t start_connect(ux_list_element *node)
     int32_t startable = may_start(cn);
     if (startable != 1) {
         return startable;
+    }
+    if (!room_for_descriptor()) {
+        log_system(errno);
+        return 0;
     }
     int32_t fd = open_connect_socket(cn);
     if (fd < 0) {

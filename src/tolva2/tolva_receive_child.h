@@ -1,6 +1,6 @@
 /*
- * Starting a script: the only place of listen mode that forks. Its children
- * are waited for where commands are dispatched.
+ * Starting scripts, all of them. They are waited for where commands are
+ * dispatched.
  */
 #ifndef TOLVA2_TOLVA_RECEIVE_CHILD_H
 #define TOLVA2_TOLVA_RECEIVE_CHILD_H

@@ -88,18 +88,15 @@ connection *add_client(int32_t type, const sockaddr_in *address, int32_t fd)
     cn->addr = *address;
     copy_address(cn->ipaddr, &address->sin_addr);
     cn->port = static_cast<uint32_t>(rp->listenport);
-    if (!register_connection(clients, cn)) {
-        log_system(errno);
-        destroy_connection(cn);
-        if (fd >= 0) {
-            close(fd);
-        }
-        return nullptr;
-    }
     if (fd >= 0) {
         cn->fd = fd;
         set_close_on_exec(fd);
         add_descriptor(fd, &readfds);
+    }
+    if (!register_connection(clients, cn)) {
+        log_system(errno);
+        destroy_connection(cn);
+        return nullptr;
     }
     return cn;
 }
@@ -206,7 +203,8 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
     }
     copy_address(peer, &from.sin_addr);
     log_message(1, msgdb_get(824), peer);
-    if (!client_is_allowed(allowed, &from.sin_addr)) {
+    /* The source of a datagram can be forged, to 0.0.0.0 too. */
+    if (!from.sin_addr.s_addr || !client_is_allowed(allowed, &from.sin_addr)) {
         log_message(1, msgdb_get(835), peer);
         return;
     }

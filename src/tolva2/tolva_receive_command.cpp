@@ -16,8 +16,6 @@
 namespace
 {
 
-constexpr const char *BLANKS = " \t";
-
 /* The script of each command word; null: the text goes to the log. */
 constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
     &receiver_params::shutdown_prog, /* SHUTDOWN */
@@ -33,7 +31,7 @@ constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
 /* Reads the verb in front of *rest: true for one of the two there are. */
 bool take_verb(connection *cn, char **rest)
 {
-    const char *verb = split_word(rest, BLANKS);
+    const char *verb = split_word(rest, PARAM_BLANKS);
     if (!verb) {
         return false;
     }
@@ -119,7 +117,7 @@ int32_t exec_V2command(connection *cn, char *text)
     }
     char *rest = text;
     const char *word = nullptr;
-    if (!take_verb(cn, &rest) || !(word = split_word(&rest, BLANKS))) {
+    if (!take_verb(cn, &rest) || !(word = split_word(&rest, PARAM_BLANKS))) {
         log_message(0, msgdb_get(819));
         return 0;
     }
@@ -156,8 +154,12 @@ void handle_sigchld(ux_list *list)
 void reap_children()
 {
     TRACE_IN();
-    handle_sigchld(clients);
-    handle_sigchld(connections);
+    if (clients->size > 0) {
+        handle_sigchld(clients);
+    }
+    if (connections->size > 0) {
+        handle_sigchld(connections);
+    }
     int status = 0;
     pid_t child = 0;
     while ((child = waitpid(-1, &status, WNOHANG)) > 0) {

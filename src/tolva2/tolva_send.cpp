@@ -3,6 +3,7 @@
 #include "tolva2/kesdal.h"
 #include "tolva2/logfile.h"
 #include "tolva2/msgdb.h"
+#include "tolva2/signals.h"
 #include "tolva2/sockets.h"
 #include "tolva2/trace.h"
 #include "tolva2/wire.h"
@@ -68,13 +69,15 @@ void end_connect(ux_list_element *node)
 
 constexpr connect_ends SEND_ENDS{cancel_connect, end_connect};
 
-/* A reply has come: its status becomes the run's, seen as our own. */
+/* A reply has come: its status becomes the run's, seen as our own. The byte
+ * behind the header is not looked at. */
 void take_reply(const connection *cn, const char *reply)
 {
     const char *text = reply + REPLY_HEADER_LENGTH;
-    log_message(2, "server[%s]: %s", cn->ipaddr, *text ? text + 1 : text);
+    text += *text ? 1 : 0;
+    log_message(2, "server[%s]: %s", cn->ipaddr, text);
     char value[STATUS_TEXT];
-    if (get_key_value(reply, "EXITSTATUS", value, sizeof value)) {
+    if (get_key_value(text, "EXITSTATUS", value, sizeof value)) {
         debug_printf("DEBUG: value = [%s]\n", value);
         remote_status = ux_atoi(value);
     }
@@ -178,10 +181,7 @@ int32_t open_connect_socket_bc(const connection *cn)
 {
     TRACE_IN();
     static_cast<void>(cn);
-    int32_t fd = -1;
-    if (room_for_descriptor()) {
-        fd = keep_selectable(udp_broadcast_socket_nonblock());
-    }
+    int32_t fd = keep_selectable(udp_broadcast_socket_nonblock());
     if (fd < 0) {
         log_system(errno);
     }
@@ -237,16 +237,6 @@ int32_t start_connections()
         }
     }
     return static_cast<int32_t>(connections->size);
-}
-
-void ignore_signal(int signal)
-{
-    struct sigaction action {
-    };
-    action.sa_handler = SIG_IGN;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(signal, &action, nullptr);
 }
 
 /* Whole seconds of a clock that nobody sets, so that no run is cut short or
@@ -326,8 +316,8 @@ int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
                   const char *command_text)
 {
     TRACE_IN();
-    ignore_signal(SIGHUP);
-    ignore_signal(SIGPIPE);
+    set_signal(SIGHUP, SIG_IGN, SA_RESTART);
+    set_signal(SIGPIPE, SIG_IGN, SA_RESTART);
     reset_descriptors(-1);
     ux_list list;
     connections = ux_list_init(&list, destroy_connection);

@@ -3,7 +3,6 @@
 #include "tolva2/tolva.h"
 #include "tolva2/trace.h"
 
-#include <cctype>
 #include <cstdarg>
 #include <cstring>
 #include <strings.h>

@@ -285,6 +285,11 @@ TEST(room_for_descriptor, leaves_some_for_the_log)
         nfds = 0;
         EXPECT_EQ(room_for_descriptor(), 1);
     }
+    {
+        no_descriptors limit(3);
+        nfds = 10;
+        EXPECT_EQ(room_for_descriptor(), 1);
+    }
     reset_descriptors(0);
 }
 

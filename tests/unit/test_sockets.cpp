@@ -580,18 +580,3 @@ TEST(same_address, compares_what_inet_addr_reads)
     /* Both read as the value for "no address". */
     EXPECT_EQ(same_address("no address", "255.255.255.255"), 1);
 }
-
-TEST(descriptors_left, tells_how_many_more_can_be_had)
-{
-    int before = open_descriptors();
-    EXPECT_EQ(descriptors_left(0), 1);
-    EXPECT_EQ(descriptors_left(8), 1);
-    EXPECT_EQ(open_descriptors(), before);
-    {
-        no_descriptors limit(2);
-        EXPECT_EQ(descriptors_left(2), 1);
-        EXPECT_EQ(descriptors_left(3), 0);
-        EXPECT_EQ(errno, EMFILE);
-    }
-    EXPECT_EQ(open_descriptors(), before);
-}
