@@ -9,6 +9,7 @@ import time
 import pytest
 
 import harness
+import preload
 from harness import HEADER, REPLY_HEADER, free_port, message, wait_for
 
 HOST = "127.0.0.1"
@@ -482,6 +483,64 @@ def test_signals_that_do_not_disturb(home, number):
     os.kill(run.pid, signal.SIGCONT)
     ready.append(True)
     assert run.wait().status == 0
+
+
+# Nothing is handled in send mode, so this is put under it.
+HANDLER = r"""
+#include <signal.h>
+#include <string.h>
+
+static void take(int number)
+{
+    (void)number;
+}
+
+__attribute__((constructor)) static void handle(void)
+{
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = take;
+    sigaction(SIGUSR1, &action, NULL);
+}
+"""
+
+
+def test_a_wait_that_a_signal_interrupts_goes_on(home):
+    def play(talk):
+        talk.read_some()
+        asked.append(True)
+        wait_for(lambda: len(asked) > 1)
+        talk.send(reply(b"EXITSTATUS=0"))
+        talk.read_to_end()
+
+    asked = []
+    server = home.server(play)
+    handler = preload.build("handler", HANDLER)
+    run = home.start("-sr", "X", "-a", server.where, "-t", "0",
+                     env=preload.environment(home, handler))
+    wait_for(lambda: asked)
+    for _ in range(5):
+        wait_for(lambda: run.pid in harness.children(os.getpid(), "S"))
+        os.kill(run.pid, signal.SIGUSR1)
+    asked.append(True)
+    result = run.wait()
+    assert result.status == 0
+    assert not [m for m in result.messages if m.startswith("system: ")]
+
+
+def test_interrupted_waits_do_not_put_the_time_limit_off(home):
+    server = home.server(reader)
+    handler = preload.build("handler", HANDLER)
+    run = home.start("-sr", "X", "-a", server.where, "-t", "2",
+                     env=preload.environment(home, handler))
+    wait_for(lambda: server.conversations)
+    end = time.monotonic() + harness.BOUND
+    while run.running() and time.monotonic() < end:
+        os.kill(run.pid, signal.SIGUSR1)
+        time.sleep(0.1)
+    result = run.wait()
+    assert result.messages[-2] == "error: Connection timed out"
+    assert result.status == 1
 
 
 # --- broadcast ---
