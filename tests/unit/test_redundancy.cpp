@@ -395,6 +395,13 @@ TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut)
     }
 }
 
+TEST(redundancy, a_longer_batch_file_name_matters_to_nobody_while_it_is_off)
+{
+    redundant_listener listener(1, "10.0.0.1 10.0.0.2", "false", "false",
+                                "/" + std::string(600, 'b'));
+    EXPECT_EQ(listener.log.lines(), log_lines{});
+}
+
 TEST(redundancy, an_empty_or_unset_batch_file_is_no_error)
 {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", "");
