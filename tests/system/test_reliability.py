@@ -14,6 +14,7 @@ import time
 import pytest
 
 import harness
+import preload
 from fakeclock import FakeClock, settle
 from harness import HEADER, message, wait_for
 
@@ -173,6 +174,102 @@ def test_a_stop_signal_at_any_moment(make_home):
             os.kill(listener.pid, signal.SIGTERM)
             assert listener.wait_end() == 0
         assert listener.messages()[-1] == message(757)
+
+
+# Lets a signal come right before a wait, when nothing else is looked at any
+# more: the number is read from a file, which is removed. For SIGCHLD it is
+# the end of a child that is waited for.
+LAST_MOMENT = r"""
+#define _GNU_SOURCE
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/select.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+static int take_number(void)
+{
+    char path[4096];
+    int number = 0;
+    snprintf(path, sizeof path, "%s/signal", getenv("TOLVAHOME"));
+    FILE *in = fopen(path, "r");
+    if (in) {
+        if (fscanf(in, "%d", &number) != 1) {
+            number = 0;
+        }
+        fclose(in);
+        unlink(path);
+    }
+    return number;
+}
+
+int pselect(int count, fd_set *restrict readable, fd_set *restrict writable,
+            fd_set *restrict special, const struct timespec *restrict limit,
+            const sigset_t *restrict mask)
+{
+    struct timespec left;
+    struct {
+        const sigset_t *mask;
+        size_t size;
+    } signals = {mask, 8};
+    int number = take_number();
+    if (number == SIGCHLD) {
+        siginfo_t info;
+        waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
+    } else if (number != 0) {
+        kill(getpid(), number);
+    }
+    if (limit) {
+        left = *limit;
+    }
+    return (int)syscall(SYS_pselect6, count, readable, writable, special,
+                        limit ? &left : NULL, &signals);
+}
+"""
+
+
+def listener_at_the_last_moment(home):
+    # Nothing but the signal ends a wait.
+    return home.listener(
+        config={"ExecProg": "exit", "ListenTimeout": 0},
+        env=preload.environment(
+            home, preload.build("last_moment", LAST_MOMENT)))
+
+
+@pytest.mark.parametrize("number", [
+    signal.SIGTERM, signal.SIGQUIT, signal.SIGINT], ids=lambda n: n.name)
+def test_a_stop_signal_right_before_the_wait(home, number):
+    listener = listener_at_the_last_moment(home)
+    home.write("new", f"{number.value}")
+    home.path("new").rename(home.path("signal"))
+    with listener.connect():  # nothing more comes after the next wait
+        assert listener.wait_end() == 0
+
+
+def test_a_script_that_ends_right_before_the_wait(home):
+    listener = listener_at_the_last_moment(home)
+    with listener.connect() as conn:
+        # The next wait is for the request, the one after it for its script.
+        listener.request(STATUS + b"LOG_TEXT")
+        home.write("new", f"{signal.SIGCHLD.value}")
+        home.path("new").rename(home.path("signal"))
+        conn.sendall(STATUS + b"EXECUTE 7")
+        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=7")
+    listener.stop()
+
+
+def test_signals_are_seen_that_the_starter_blocks(home):
+    old = signal.pthread_sigmask(signal.SIG_BLOCK, {
+        signal.SIGCHLD, signal.SIGTERM})
+    try:
+        listener = home.listener(config={"ExecProg": "exit",
+                                         "ListenTimeout": 0})
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, old)
+    assert listener.request(STATUS + b"EXECUTE 7").endswith(b" EXITSTATUS=7")
+    listener.stop()
 
 
 # --- nothing is left behind -------------------------------------------------
