@@ -6,6 +6,7 @@ import os
 import re
 import signal
 import subprocess
+import threading
 
 import pytest
 
@@ -304,6 +305,21 @@ def test_a_late_cycle_is_not_made_up_for(notes):
     watch.stop()
 
 
+def test_a_due_cycle_comes_when_nothing_else_is_left_to_do(notes):
+    watch = Watch(notes, [f"{A}:{free_port()}"],
+                  config={"AllowedAddresses": HOST})
+    os.kill(watch.pid, signal.SIGSTOP)
+    for number in range(30):
+        watch.listener.datagram(EXECUTE + b"LOG_TEXT %d" % number)
+    watch.clock.set(5)
+    os.kill(watch.pid, signal.SIGCONT)
+    watch.listener.wait_message(message(828, A))
+    messages = watch.listener.messages()
+    assert messages.index("29") < messages.index(message(828, A))
+    watch.listener.wait_message(message(794, watch.script(A)))
+    watch.stop()
+
+
 @pytest.mark.parametrize("value", ["TRUE", "true", "tRuE"])
 def test_the_watch_is_on(notes, value):
     ups = UpsServer(notes, A, free_port())
@@ -367,6 +383,41 @@ def test_some_fail_and_some_do_not(notes):
     watch.stop()
     when = f"{watch.clock.date} {watch.clock.time}"
     assert sorted(noted(notes)) == [f"3:{A} {when}", f"3:{B} {when}"]
+
+
+def test_what_is_ready_at_once_is_served_in_order(notes):
+    """Who connects, datagrams, clients, servers."""
+    def play(talk):
+        talk.read_exactly(LOGON)
+        asked.set()
+        assert stopped.wait(harness.BOUND)
+        talk.send(b"ERROR")
+        answered.set()
+        talk.read_to_end()
+
+    asked, stopped, answered = (threading.Event() for _ in range(3))
+    ups = UpsServer(notes, A, free_port(), play)
+    watch = Watch(notes, [ups.where], config={"AllowedAddresses": HOST})
+    client = watch.listener.connect()
+    wait_for(lambda: len(sockets_of(watch.pid)) == 3)
+    watch.first_cycle(asked.is_set)
+    settle(watch.listener)
+    os.kill(watch.pid, signal.SIGSTOP)
+    stopped.set()
+    assert answered.wait(harness.BOUND)
+    client.sendall(EXECUTE + b"LOG_TEXT client")
+    watch.listener.datagram(EXECUTE + b"LOG_TEXT datagram")
+    stranger = watch.listener.connect("127.0.0.9")
+    os.kill(watch.pid, signal.SIGCONT)
+    watch.listener.wait_message(message(828, A))
+    told = [m for m in watch.listener.messages() if m in (
+        message(835, "127.0.0.9"), "datagram", "client", message(828, A))]
+    assert told == [message(835, "127.0.0.9"), "datagram", "client",
+                    message(828, A)]
+    for conn in (client, stranger):
+        conn.close()
+    watch.listener.wait_message(message(794, watch.script(A)))
+    watch.stop()
 
 
 def test_commands_are_served_while_servers_are_asked(notes):

@@ -178,9 +178,11 @@ def test_a_stop_signal_at_any_moment(make_home):
 
 # Lets a signal come right before a wait, when nothing else is looked at any
 # more: the number is read from a file, which is removed. For SIGCHLD it is
-# the end of a child that is waited for.
+# the end of a child that is waited for; a number below 0 is an error that
+# the wait fails with.
 LAST_MOMENT = r"""
 #define _GNU_SOURCE
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -215,6 +217,10 @@ int pselect(int count, fd_set *restrict readable, fd_set *restrict writable,
         size_t size;
     } signals = {mask, 8};
     int number = take_number();
+    if (number < 0) {
+        errno = -number;
+        return -1;
+    }
     if (number == SIGCHLD) {
         siginfo_t info;
         waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
@@ -238,12 +244,16 @@ def listener_at_the_last_moment(home):
             home, preload.build("last_moment", LAST_MOMENT)))
 
 
+def at_the_next_wait(home, number):
+    home.write("new", f"{number}")
+    home.path("new").rename(home.path("signal"))
+
+
 @pytest.mark.parametrize("number", [
     signal.SIGTERM, signal.SIGQUIT, signal.SIGINT], ids=lambda n: n.name)
 def test_a_stop_signal_right_before_the_wait(home, number):
     listener = listener_at_the_last_moment(home)
-    home.write("new", f"{number.value}")
-    home.path("new").rename(home.path("signal"))
+    at_the_next_wait(home, number.value)
     with listener.connect():  # nothing more comes after the next wait
         assert listener.wait_end() == 0
 
@@ -253,11 +263,19 @@ def test_a_script_that_ends_right_before_the_wait(home):
     with listener.connect() as conn:
         # The next wait is for the request, the one after it for its script.
         listener.request(STATUS + b"LOG_TEXT")
-        home.write("new", f"{signal.SIGCHLD.value}")
-        home.path("new").rename(home.path("signal"))
+        at_the_next_wait(home, signal.SIGCHLD.value)
         conn.sendall(STATUS + b"EXECUTE 7")
         assert harness.read_to_end(conn).endswith(b" EXITSTATUS=7")
     listener.stop()
+
+
+def test_a_wait_that_fails_ends_the_listener_and_is_told(home):
+    listener = listener_at_the_last_moment(home)
+    at_the_next_wait(home, -errno.ENOMEM)
+    with listener.connect():
+        assert listener.wait_end() == 1
+    assert listener.messages() == [
+        message(756), "system: " + os.strerror(errno.ENOMEM), message(757)]
 
 
 def test_signals_are_seen_that_the_starter_blocks(home):
@@ -417,9 +435,11 @@ def test_a_refused_descriptor_is_logged_once_and_service_goes_on(home):
     assert listener.messages().count(TOO_MANY) == 2
 
 
-def test_service_goes_on_when_the_system_has_descriptors_again(home):
+@pytest.mark.parametrize("timeout", [0, 3600])
+def test_service_goes_on_when_the_system_has_descriptors_again(home,
+                                                               timeout):
     """Nothing of our own ends, so nothing but trying again can tell."""
-    listener = home.listener(config={"ListenTimeout": 0})
+    listener = home.listener(config={"ListenTimeout": timeout})
     limits = resource.prlimit(listener.pid, resource.RLIMIT_NOFILE)
     resource.prlimit(listener.pid, resource.RLIMIT_NOFILE, (10, limits[1]))
     conns = [listener.connect() for _ in range(12)]
