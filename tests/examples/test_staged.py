@@ -76,7 +76,7 @@ def test_exit_status_of_a_script(site, status, shown):
     assert ran.status == 1
     assert ran.out.splitlines() == [
         f"stage a: {host.where}: {shown}", "stage a: 1 not done; going on",
-        "1 hosts have not done what they were told"]
+        "hosts that have not done what they were told: 1"]
 
 
 def failing_first_stage(site):
@@ -99,7 +99,7 @@ def test_goes_on_after_a_failure(site):
     assert "(could not handle address [nowhere.invalid])" in ran.out
     assert "stage one: 3 not done; going on\n" in ran.out
     assert f"stage two: {last.where}: done\n" in ran.out
-    assert ran.out.endswith("3 hosts have not done what they were told\n")
+    assert ran.out.endswith("hosts that have not done what they were told: 3\n")
 
 
 def test_stops_after_a_failure_if_told_to(site):
