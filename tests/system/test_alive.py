@@ -200,11 +200,12 @@ def test_a_server_that_is_not_alive(notes, kind):
         message(794, script), message(830), message(757)]
 
 
-def test_nobody_listens(notes):
-    watch = Watch(notes, [f"{A}:{free_port()}"])
-    watch.first_cycle(watch.has(828, A))
-    watch.listener.wait_message(message(794, watch.script(A)))
-    assert noted(notes) == [f"3:{A} {watch.clock.date} {watch.clock.time}"]
+@pytest.mark.parametrize("host", [A, "127.111.111.111"])
+def test_nobody_listens(notes, host):
+    watch = Watch(notes, [f"{host}:{free_port()}"])
+    watch.first_cycle(watch.has(828, host))
+    watch.listener.wait_message(message(794, watch.script(host)))
+    assert noted(notes) == [f"3:{host} {watch.clock.date} {watch.clock.time}"]
     watch.stop()
 
 
