@@ -308,6 +308,40 @@ def test_the_handlers_of_the_listener_do_not_save_scripts(home):
     listener.stop()
 
 
+# Lets a signal come when the child is just about to become the shell.
+EARLY = r"""
+#define _GNU_SOURCE
+#include <signal.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+int execl(const char *path, const char *first, ...)
+{
+    const char *args[8] = {first};
+    va_list more;
+    va_start(more, first);
+    for (int i = 1; i < 7 && args[i - 1]; i++) {
+        args[i] = va_arg(more, const char *);
+    }
+    va_end(more);
+    kill(getpid(), atoi(getenv("TOLVA_TEST_SIGNAL")));
+    return execv(path, (char *const *)args);
+}
+"""
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT],
+                         ids=lambda n: n.name)
+def test_a_signal_that_comes_before_the_shell_is_not_swallowed(home, number):
+    listener = home.listener(
+        config={"ExecProg": "exit"},
+        env=preload.environment(home, preload.build("early", EARLY),
+                                TOLVA_TEST_SIGNAL=number.value))
+    assert reply_parts(listener.request(STATUS + b"EXECUTE 0"))[2] == number
+    listener.stop()
+
+
 STOP = "kill -STOP $$; touch $TOLVAHOME/went.on; exit 0;"
 
 

@@ -458,6 +458,59 @@ def test_service_goes_on_when_the_system_has_descriptors_again(home,
     assert listener.messages().count(TOO_MANY) == 1
 
 
+# Refuses new clients with the error whose number a file has.
+REFUSE = r"""
+#define _GNU_SOURCE
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+int accept(int fd, struct sockaddr *restrict address,
+           socklen_t *restrict length)
+{
+    char path[4096];
+    int error = 0;
+    snprintf(path, sizeof path, "%s/error", getenv("TOLVAHOME"));
+    FILE *in = fopen(path, "r");
+    if (in) {
+        if (fscanf(in, "%d", &error) != 1) {
+            error = 0;
+        }
+        fclose(in);
+    }
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return (int)syscall(SYS_accept4, fd, address, length, 0);
+}
+"""
+
+
+@pytest.mark.parametrize("error", [
+    errno.EMFILE, errno.ENFILE, errno.ENOBUFS, errno.ENOMEM],
+    ids=errno.errorcode.get)
+def test_any_shortage_of_the_system_is_told_once_and_outlasted(home, error):
+    told = "system: " + os.strerror(error)
+    home.write("error", f"{error}")
+    listener = home.listener(
+        config={"ListenTimeout": 0},
+        env=preload.environment(home, preload.build("refuse", REFUSE)))
+    conns = [listener.connect() for _ in range(3)]
+    listener.wait_message(told)
+    assert is_idle(listener, 1.5)
+    home.path("error").unlink()
+    for conn in conns:
+        conn.sendall(STATUS + b"LOG_TEXT x")
+        assert harness.read_to_end(conn) == LOGGED
+        conn.close()
+    listener.stop()
+    assert listener.messages().count(told) == 1
+
+
 def test_a_very_small_budget_still_serves(home):
     listener = home.listener(limits="8:8", config={"ExecProg": "exit"})
     for status in range(20):

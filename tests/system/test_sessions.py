@@ -88,6 +88,7 @@ def test_a_peer_that_is_not_on_the_list_is_closed_without_a_word(scripts):
     ("127.0.0.2\t127.0.0.4:6003  127.0.0.3", "127.0.0.3", True),
     ("127.0.0.20", "127.0.0.2", False),
     ("127.0.0.2", "127.0.0.20", False),
+    ("127.0.0.2", "127.111.111.111", False),
     ("127.1", "127.0.0.1", True),
     ("localhost", "127.0.0.1", True),
 ])
