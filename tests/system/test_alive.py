@@ -576,6 +576,23 @@ def test_a_server_is_dropped_when_its_last_script_has_ended(home):
     watch.stop()
 
 
+def test_a_stopped_script_counts_as_ended_and_is_collected_later(home):
+    script = "kill -STOP $$; exit 3;"
+    watch = Watch(home, [f"{A}:{free_port()}"], config={"AliveProg": script})
+    watch.first_cycle(watch.has(828, A))
+    line = f"{script} {A} {watch.clock.date} {watch.clock.time}"
+    watch.listener.wait_message(message(793, line))
+    [pid] = harness.children(watch.pid)
+    os.kill(pid, signal.SIGCONT)
+    # Its end is told too, of a line that is no longer known.
+    watch.listener.wait_message(message(793, ""))
+    assert not harness.children(watch.pid)
+    watch.stop()
+    assert watch.listener.messages() == [
+        message(756), message(829), message(828, A), message(792, line),
+        message(793, line), message(793, ""), message(830), message(757)]
+
+
 def test_a_script_that_outlasts_the_interval_is_superseded(home):
     home.script("tolva_notalive.sh", GATED)
     ups = UpsServer(home, A, free_port(), refusing)
