@@ -526,6 +526,26 @@ TEST(reap_children, leaves_no_zombie_that_nobody_waits_for)
     }));
 }
 
+TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for)
+{
+    listener listen;
+    connection *cn =
+        add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    collect(connections, 1);
+    /* The system gives the old number to a script that is not watched. */
+    connection lost{};
+    run_text(&lost, "MSG_EXECUTE SHUTDOWN");
+    cn->pid = lost.pid;
+    siginfo_t info;
+    waitid(P_PID, static_cast<id_t>(lost.pid), &info, WEXITED | WNOWAIT);
+    listen.log.clear();
+    reap_children();
+    EXPECT_EQ(listen.log.lines(), log_lines{});
+    EXPECT_EQ(waitpid(lost.pid, nullptr, WNOHANG), -1);
+    free(lost.cmdline);
+}
+
 TEST(reap_children, does_not_wait_for_scripts_that_run)
 {
     listener listen;
