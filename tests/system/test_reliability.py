@@ -269,6 +269,71 @@ def test_a_script_that_ends_right_before_the_wait(home):
     listener.stop()
 
 
+# Where a file says so, the last look for children of nobody comes when one
+# has ended that was still running when those of somebody were looked at.
+LATE_LOOK = r"""
+#define _GNU_SOURCE
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+pid_t waitpid(pid_t pid, int *status, int options)
+{
+    char path[4096];
+    snprintf(path, sizeof path, "%s/late", getenv("TOLVAHOME"));
+    if (pid == -1 && unlink(path) == 0) {
+        siginfo_t info;
+        waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
+    }
+    return (pid_t)syscall(SYS_wait4, pid, status, options, NULL);
+}
+"""
+
+UNTIL_TOLD = ('touch "$TOLVAHOME/started"\n'
+              'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done\n'
+              'exit 7')
+
+
+def end_during_the_last_look(home, listener):
+    wait_for(lambda: home.path("started").exists())
+    home.write("late", "")
+    os.kill(listener.pid, signal.SIGCHLD)
+    wait_for(lambda: not home.path("late").exists())
+    home.write("go", "")
+
+
+def test_the_script_of_a_client_that_ends_during_the_last_look(home):
+    home.script("tolva_execute.sh", UNTIL_TOLD)
+    listener = home.listener(
+        config={"ListenTimeout": 0},
+        env=preload.environment(
+            home, preload.build("late_look", LATE_LOOK)))
+    with listener.connect() as conn:
+        conn.sendall(STATUS + b"EXECUTE")
+        end_during_the_last_look(home, listener)
+        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=7")
+    listener.stop()
+
+
+def test_the_script_of_a_server_that_ends_during_the_last_look(home):
+    home.script("tolva_notalive.sh", UNTIL_TOLD)
+    clock = FakeClock(home)
+    libraries = f"{clock.env['LD_PRELOAD']}:" + str(
+        preload.build("late_look", LATE_LOOK))
+    listener = home.listener(
+        config={"AliveEnabled": "true",
+                "AliveAddresses": f"{HOST}:{harness.free_port()}",
+                "AliveRetries": 1},
+        env={**clock.env, "LD_PRELOAD": libraries})
+    clock.advance(listener, 5, home.path("started").exists)
+    end_during_the_last_look(home, listener)
+    listener.wait_message(message(832, HOST))
+    listener.stop()
+
+
 def test_a_wait_that_fails_ends_the_listener_and_is_told(home):
     listener = listener_at_the_last_moment(home)
     at_the_next_wait(home, -errno.ENOMEM)
