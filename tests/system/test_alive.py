@@ -481,9 +481,13 @@ def test_trace_of_a_check(notes):
 # --- retries ----------------------------------------------------------------
 
 
-def test_without_a_limit_a_failing_server_is_watched_for_ever(notes):
+@pytest.mark.parametrize("args, retries", [([], 0), (["-rc", "0"], 1)],
+                         ids=str)
+def test_without_a_limit_a_failing_server_is_watched_for_ever(notes, args,
+                                                              retries):
     ups = UpsServer(notes, A, free_port(), refusing)
-    watch = Watch(notes, [ups.where], config={"AliveRetries": 0})
+    watch = Watch(notes, [ups.where], args=args,
+                  config={"AliveRetries": retries})
     watch.first_cycle(watch.has(828, A))
     for count in range(2, 7):
         watch.next_cycle(watch.has(828, A, count))

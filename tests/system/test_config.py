@@ -191,6 +191,16 @@ def test_the_time_out_of_the_command_line_comes_first(home, args, seconds):
     listener.stop()
 
 
+@pytest.mark.parametrize("args", [["-t", "0"], ["-t", "abc"]], ids=str)
+def test_no_time_out_of_the_command_line_comes_first_too(home, args):
+    listener = home.listener(level=1, args=args,
+                             config={"ListenTimeout": 7})
+    with listener.connect():
+        wait_for(lambda: "DEBUG: nclients = 1" in listener.out)
+    listener.stop()
+    assert set(re.findall("DEBUG: timeout 1 = (.*)", listener.out)) == {"-1"}
+
+
 # --- truth values -----------------------------------------------------------
 
 

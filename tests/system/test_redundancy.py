@@ -509,12 +509,18 @@ def test_the_sender_itself_is_not_looked_at(home):
         table((A, 1, 0), (B, 0, 0)), table((A, 1, 1), (B, 1, 0))]
 
 
-def test_the_table_is_empty_without_redundancy(home):
+@pytest.mark.parametrize("config", [
+    {}, {"RedundancyEnabled": "false", "RedundancyLevel": 1,
+         "RedundancyAddresses": "127.0.0.1 nosuchhost.invalid."}],
+    ids=["unset", "switched off"])
+def test_the_table_is_empty_without_redundancy(home, config):
     home.script("tolva_shutdown.sh")
-    listener = home.listener(level=1)
+    listener = home.listener(level=1, config=config)
     listener.request(HEADER)
     listener.stop()
     assert tables(listener.out) == [table()] * 2
+    # Nobody's name was looked up.
+    assert listener.err == "returning: TRUE\n"
 
 
 def test_the_table_is_not_shown_without_a_trace(home):

@@ -9,6 +9,7 @@ import socket
 import pytest
 
 import harness
+import preload
 from harness import HEADER, TOLVA, message, wait_for
 
 HELP = "".join(line + "\n" for line in [
@@ -405,6 +406,30 @@ def test_log_lines_of_a_foreground_listener_show_no_process_id(home):
         ("00000", message(756)), ("00000", message(757))]
 
 
+# A daemon that cannot leave its session.
+BOUND_TO_STAY = r"""
+#include <errno.h>
+#include <unistd.h>
+
+pid_t setsid(void)
+{
+    errno = EPERM;
+    return -1;
+}
+"""
+
+
+def test_a_listener_that_cannot_detach_serves_and_shows_no_process_id(home):
+    listener = home.listener(
+        daemon=True, env=preload.environment(
+            home, preload.build("bound_to_stay", BOUND_TO_STAY)))
+    listener.request(HEADER + b" MSG_EXECUTE LOG_TEXT served")
+    listener.stop()
+    assert [(line[2], line[3]) for line in home.log_lines()] == [
+        ("00000", message(756)), ("00000", message(795)),
+        ("00000", "served"), ("00000", message(757))]
+
+
 def test_the_daemon_keeps_the_file_creation_mask(home):
     home.script("tolva_execute.sh", 'umask > "$TOLVAHOME/mask"')
     listener = home.listener(daemon=True,
@@ -443,6 +468,15 @@ def test_unusable_settings_end_the_start(home, config, args, text,
     assert result.err == f"tolva: {text}\n"
     assert result.out == ""
     assert result.status == 1
+
+
+@pytest.mark.parametrize("config", [
+    {}, {"AliveEnabled": "false", "AliveAddresses": "127.0.0.2"},
+    {"AliveEnabled": "true"}], ids=str)
+def test_a_script_for_dead_servers_is_needed_for_servers_only(home, config):
+    listener = home.listener(args=["-ba", ""], config=config)
+    listener.stop()
+    assert listener.err == ""
 
 
 def test_without_a_message_database_the_listener_says_so_and_serves(home):
