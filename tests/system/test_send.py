@@ -10,6 +10,7 @@ import pytest
 
 import harness
 import preload
+from fakeclock import FakeClock
 from harness import HEADER, REPLY_HEADER, free_port, message, wait_for
 
 HOST = "127.0.0.1"
@@ -458,6 +459,74 @@ def test_default_time_limit_and_no_limit(home):
     assert all(run.running() for run in unlimited)
     released.append(True)
     assert [run.wait().status for run in unlimited] == [0, 0]
+
+
+# Makes it much later as soon as a file says so.
+LATER = r"""
+#define _GNU_SOURCE
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+int clock_gettime(clockid_t id, struct timespec *now)
+{
+    char path[4096];
+    int result = (int)syscall(SYS_clock_gettime, id, now);
+    snprintf(path, sizeof path, "%s/later", getenv("TOLVAHOME"));
+    if (access(path, F_OK) == 0) {
+        now->tv_sec += 1000;
+    }
+    return result;
+}
+"""
+
+
+def test_an_event_after_the_time_limit_is_the_last(home):
+    def play(talk):
+        talk.read_some()
+        asked.append(True)
+        wait_for(home.path("later").exists)
+        talk.send(reply(b"EXITSTATUS=0"))
+        talk.read_to_end()
+
+    asked = []
+    late, silent = home.server(play), home.server(reader)
+    run = home.start("-sr", "X", "-a", late.where, "-a", silent.where,
+                     "-t", "60", env=preload.environment(
+                         home, preload.build("later", LATER)))
+    wait_for(lambda: asked and silent.conversations and
+             silent.conversations[0].received)
+    home.write("later", "")
+    result = run.wait()
+    assert result.messages[-3:] == [
+        f"server[{HOST}]: COMMAND=/x.sh PID=4711 EXITSTATUS=0",
+        "error: Connection timed out", message(759)]
+    assert result.status == 1
+
+
+def test_setting_the_clock_does_not_shorten_the_time(home):
+    def play(talk):
+        talk.read_some()
+        asked.append(talk)
+        wait_for(lambda: len(asked) > 2)
+        if talk is asked[1]:
+            wait_for(lambda: answered)
+        talk.send(reply(b"EXITSTATUS=0"))
+        talk.read_to_end()
+        answered.append(True)
+
+    asked, answered = [], []
+    clock = FakeClock(home)
+    servers = [home.server(play), home.server(play)]
+    run = home.start("-sr", "X", "-t", "60",
+                     *(arg for s in servers for arg in ("-a", s.where)),
+                     env=clock.env)
+    wait_for(lambda: len(asked) == 2)
+    clock.set(1000)
+    asked.append(None)
+    assert run.wait().status == 0
 
 
 # --- signals ---

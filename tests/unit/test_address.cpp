@@ -13,6 +13,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/time.h>
 
 namespace
@@ -38,16 +39,49 @@ int32_t insert_or_fail(ux_list *list, ux_list_element *element, void *data)
     return list_full ? -1 : ux_list_ins_next(list, element, data);
 }
 
+bool timer_broken = false;
+
+template <typename kind>
+int set_timer_or_fail(kind which, const itimerval *timer, itimerval *old)
+{
+    return timer_broken ? -1 : setitimer(which, timer, old);
+}
+
+/* What happens to the next wait for the resolver. */
+enum { NOTHING, EARLY_ALARM, INTERRUPTION, LAPSE } next_wait = NOTHING;
+time_t waited_at_most = -1;
+
+int wait_or_not(pollfd *fds, nfds_t count, const timespec *limit,
+                const sigset_t *mask)
+{
+    auto event = next_wait;
+    next_wait = NOTHING;
+    waited_at_most = limit ? limit->tv_sec : -1;
+    if (event == EARLY_ALARM) {
+        kill(getpid(), SIGALRM);
+    } else if (event == INTERRUPTION) {
+        errno = EINTR;
+        return -1;
+    } else if (event == LAPSE) {
+        return 0;
+    }
+    return ppoll(fds, count, limit, mask);
+}
+
 } // namespace
 
 #define calloc calloc_or_fail
 #undef strdup
 #define strdup strdup_or_fail
 #define ux_list_ins_next insert_or_fail
+#define setitimer set_timer_or_fail
+#define ppoll wait_or_not
 #include "tolva2/address.cpp" // NOLINT(bugprone-suspicious-include)
 #undef calloc
 #undef strdup
 #undef ux_list_ins_next
+#undef setitimer
+#undef ppoll
 
 /* Stands before the C library's: answers by name, localhost in truth. */
 extern "C" hostent *gethostbyname(const char *name)
@@ -361,6 +395,36 @@ TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds)
     EXPECT_LT(took, std::chrono::seconds(18));
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+TEST(new_inetaddr, an_alarm_right_before_the_wait_ends_it)
+{
+    next_wait = EARLY_ALARM;
+    built one("hangs.invalid", 0);
+    EXPECT_EQ(one.record, nullptr);
+    EXPECT_EQ(one.said, "prog: timeout resolving hostname...\n" +
+                            unresolved("hangs.invalid"));
+}
+
+TEST(new_inetaddr, another_signal_does_not_end_the_wait)
+{
+    next_wait = INTERRUPTION;
+    built one("myhost", 0);
+    ASSERT_NE(one.record, nullptr);
+    EXPECT_STREQ(one.record->text, "10.1.2.3");
+    EXPECT_EQ(one.said, "");
+}
+
+TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit)
+{
+    timer_broken = true;
+    next_wait = LAPSE;
+    built one("unknown.invalid", 0);
+    timer_broken = false;
+    EXPECT_EQ(waited_at_most, 10);
+    EXPECT_EQ(one.record, nullptr);
+    EXPECT_EQ(one.said, "prog: timeout resolving hostname...\n" +
+                            unresolved("unknown.invalid"));
 }
 
 TEST(new_inetaddr, gives_null_without_a_word_when_memory_is_exhausted)
