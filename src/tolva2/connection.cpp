@@ -255,6 +255,13 @@ void begin_exchange(connection *cn, int32_t fd, connection_handler handler,
     add_descriptor(fd, &writefds);
 }
 
+void wait_in(connection *cn, fd_set *from, fd_set *to, connection_handler next)
+{
+    FD_CLR(cn->fd, from);
+    FD_SET(cn->fd, to);
+    cn->handler = next;
+}
+
 void close_exchange(connection *cn)
 {
     if (cn->fd >= 0) {

@@ -1,7 +1,7 @@
 /*
  * The record behind every socket and running script of either mode, the two
- * lists that own such records, and the only code that counts descriptors and
- * touches the sets that select() is given.
+ * lists that own such records, and the only code that counts descriptors. Who
+ * waits for what stands in the sets for select(), which handlers change.
  */
 #ifndef TOLVA2_CONNECTION_H
 #define TOLVA2_CONNECTION_H
@@ -125,6 +125,9 @@ int32_t may_start(const connection *cn);
 /* Gives the record its socket and first handler; it waits to be writable. */
 void begin_exchange(connection *cn, int32_t fd, connection_handler handler,
                     const connect_ends *ends);
+
+/* From now on the record waits in the other set, for the next handler. */
+void wait_in(connection *cn, fd_set *from, fd_set *to, connection_handler next);
 
 /* Takes socket and handler from the record. */
 void close_exchange(connection *cn);

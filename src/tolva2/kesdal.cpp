@@ -14,14 +14,6 @@ bool is_ready(const connection *cn, int32_t events, int32_t wanted)
     return (events & wanted) && sock_pending_error(cn->fd) == 0;
 }
 
-/* From now on the record waits in the other set, for the next handler. */
-void wait_in(connection *cn, fd_set *from, fd_set *to, connection_handler next)
-{
-    FD_CLR(cn->fd, from);
-    FD_SET(cn->fd, to);
-    cn->handler = next;
-}
-
 } // namespace
 
 void do_kesdal_send_logon(ux_list_element *node, int32_t events)

@@ -169,9 +169,7 @@ void do_send_tolva(ux_list_element *node, int32_t events)
     if (!send_request(cn, events)) {
         cancel_connect(node);
     } else if (cn->mode == MODE_SEND_STATUS) {
-        FD_CLR(cn->fd, &writefds);
-        FD_SET(cn->fd, &readfds);
-        cn->handler = do_rcv_tolva;
+        wait_in(cn, &writefds, &readfds, do_rcv_tolva);
     } else {
         end_connect(node);
     }
