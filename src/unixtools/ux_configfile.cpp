@@ -1,5 +1,5 @@
 #include "unixtools/ux_configfile.h"
-#include "tolva2/trace.h"
+#include "tolva2/base/trace.h"
 #include "unixtools/ux_number.h"
 
 #include <cassert>

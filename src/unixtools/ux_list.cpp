@@ -1,5 +1,5 @@
 #include "unixtools/ux_list.h"
-#include "tolva2/trace.h"
+#include "tolva2/base/trace.h"
 
 #include <cassert>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 /* Address texts as far as they are taken apart without a resolver. */
 #include "fuzz_input.h"
-#include "tolva2/address.h"
-#include "tolva2/program_dir.h"
+#include "tolva2/net/address.h"
+#include "tolva2/start/program_dir.h"
 #include "unixtools/ux_number.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -1,7 +1,7 @@
 /* Template, parameters and out buffer of every size. */
 #include "fuzz_input.h"
-#include "tolva2/command_params.h"
-#include "tolva2/msgdb.h"
+#include "tolva2/files/command_params.h"
+#include "tolva2/files/msgdb.h"
 
 #include <cstdio>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 /* Any format and argument; the file must stay below its limit and a line. */
 #include "fuzz_input.h"
-#include "tolva2/logfile.h"
+#include "tolva2/files/logfile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 /* What comes in from a socket: requests, replies and their values. */
 #include "fuzz_input.h"
-#include "tolva2/wire.h"
+#include "tolva2/net/wire.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -6,7 +6,7 @@
 #ifndef TESTS_UNIT_CAPTURE_H
 #define TESTS_UNIT_CAPTURE_H
 
-#include "tolva2/process_state.h"
+#include "tolva2/base/process_state.h"
 
 #include <gtest/gtest.h>
 

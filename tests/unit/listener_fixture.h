@@ -7,8 +7,8 @@
 
 #include "sessions.h"
 
-#include "tolva2/redundancy.h"
-#include "tolva2/settings.h"
+#include "tolva2/files/settings.h"
+#include "tolva2/listen/redundancy.h"
 
 #include <cstdlib>
 

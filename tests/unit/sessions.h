@@ -9,10 +9,10 @@
 #include "capture.h"
 #include "temp_dir.h"
 
-#include "tolva2/connection.h"
-#include "tolva2/logfile.h"
-#include "tolva2/msgdb.h"
-#include "tolva2/process_state.h"
+#include "tolva2/base/process_state.h"
+#include "tolva2/files/logfile.h"
+#include "tolva2/files/msgdb.h"
+#include "tolva2/net/connection.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
  */
 #include "sessions.h"
 
-#include "tolva2/address.h"
+#include "tolva2/net/address.h"
 #include "unixtools/ux_list.h"
 
 #include <csignal>
@@ -76,7 +76,7 @@ int wait_or_not(pollfd *fds, nfds_t count, const timespec *limit,
 #define ux_list_ins_next insert_or_fail
 #define setitimer set_timer_or_fail
 #define ppoll wait_or_not
-#include "tolva2/address.cpp" // NOLINT(bugprone-suspicious-include)
+#include "tolva2/net/address.cpp" // NOLINT(bugprone-suspicious-include)
 #undef calloc
 #undef strdup
 #undef ux_list_ins_next

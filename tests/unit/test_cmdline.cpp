@@ -4,8 +4,8 @@
  */
 #include "sessions.h"
 
-#include "tolva2/help.h"
-#include "tolva2/mode_init.h"
+#include "tolva2/start/help.h"
+#include "tolva2/start/mode_init.h"
 
 #include <cstdlib>
 #include <netdb.h>
@@ -41,7 +41,7 @@ void *realloc_or_fail(void *block, size_t size)
 #define strdup strdup_or_fail
 #define malloc malloc_or_fail
 #define realloc realloc_or_fail
-#include "tolva2/cmdline.cpp" // NOLINT
+#include "tolva2/start/cmdline.cpp" // NOLINT
 #undef strdup
 #undef malloc
 #undef realloc

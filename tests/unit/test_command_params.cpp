@@ -29,7 +29,7 @@ bool memory_exhausted = false;
 #define strdup strdup_or_fail
 #define malloc malloc_or_fail
 #define calloc calloc_or_fail
-#include "tolva2/command_params.cpp" // NOLINT(bugprone-suspicious-include)
+#include "tolva2/files/command_params.cpp" // NOLINT(bugprone-suspicious-include)
 #undef strdup
 #undef malloc
 #undef calloc

@@ -1,7 +1,7 @@
 #include "capture.h"
 #include "starve.h"
 #include "temp_dir.h"
-#include "tolva2/daemon.h"
+#include "tolva2/start/daemon.h"
 
 #include <fcntl.h>
 #include <poll.h>

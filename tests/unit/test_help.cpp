@@ -1,5 +1,5 @@
 #include "capture.h"
-#include "tolva2/help.h"
+#include "tolva2/start/help.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 /* The logon and logoff exchange, step by step, with endings of our own. */
 #include "sessions.h"
 
-#include "tolva2/kesdal.h"
+#include "tolva2/net/kesdal.h"
 
 namespace
 {

@@ -1,7 +1,7 @@
 #include "capture.h"
 #include "starve.h"
 #include "temp_dir.h"
-#include "tolva2/logfile.h"
+#include "tolva2/files/logfile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

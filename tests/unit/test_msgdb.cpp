@@ -1,6 +1,6 @@
 #include "capture.h"
 #include "temp_dir.h"
-#include "tolva2/msgdb.h"
+#include "tolva2/files/msgdb.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

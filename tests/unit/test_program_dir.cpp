@@ -1,6 +1,6 @@
 #include "capture.h"
 #include "temp_dir.h"
-#include "tolva2/program_dir.h"
+#include "tolva2/start/program_dir.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -5,9 +5,9 @@
  */
 #include "sessions.h"
 
-#include "tolva2/redundancy.h"
-#include "tolva2/tolva_receive_alive.h"
-#include "tolva2/tolva_receive_child.h"
+#include "tolva2/listen/alive.h"
+#include "tolva2/listen/child.h"
+#include "tolva2/listen/redundancy.h"
 
 #include <set>
 

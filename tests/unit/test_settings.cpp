@@ -1,6 +1,6 @@
 #include "capture.h"
 #include "temp_dir.h"
-#include "tolva2/settings.h"
+#include "tolva2/files/settings.h"
 
 #include <sys/stat.h>
 

@@ -26,7 +26,7 @@ int setsockopt_or_fail(int fd, int level, int option, const void *value,
 
 #define fcntl fcntl_or_fail
 #define setsockopt setsockopt_or_fail
-#include "tolva2/sockets.cpp" // NOLINT
+#include "tolva2/net/sockets.cpp" // NOLINT
 #undef fcntl
 #undef setsockopt
 

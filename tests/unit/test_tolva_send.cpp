@@ -1,7 +1,7 @@
 /* Send and check mode: each step alone, then whole runs. */
 #include "sessions.h"
 
-#include "tolva2/tolva_send.cpp" // NOLINT
+#include "tolva2/send/tolva_send.cpp" // NOLINT
 
 #include <sys/time.h>
 #include <thread>

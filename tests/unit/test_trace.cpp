@@ -1,6 +1,6 @@
 #include "capture.h"
 #include "temp_dir.h"
-#include "tolva2/trace.h"
+#include "tolva2/base/trace.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 /* Every text on the wire, compared byte for byte. */
 #include "sessions.h"
 
-#include "tolva2/wire.h"
+#include "tolva2/net/wire.h"
 
 #include <cstring>
 

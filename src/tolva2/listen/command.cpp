@@ -1,0 +1,171 @@
+#include "tolva2/listen/command.h"
+#include "tolva2/base/trace.h"
+#include "tolva2/files/command_params.h"
+#include "tolva2/files/logfile.h"
+#include "tolva2/files/msgdb.h"
+#include "tolva2/files/settings.h"
+#include "tolva2/listen/alive.h"
+#include "tolva2/listen/child.h"
+#include "tolva2/listen/redundancy.h"
+#include "tolva2/net/wire.h"
+
+#include <cstdlib>
+#include <strings.h>
+#include <sys/wait.h>
+
+namespace
+{
+
+/* The script of each command word; null: the text goes to the log. */
+constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
+    &receiver_params::shutdown_prog, /* SHUTDOWN */
+    &receiver_params::exec_prog,     /* EXECUTE */
+    &receiver_params::msg_prog,      /* MSG_ID */
+    &receiver_params::msg_prog,      /* MSG_TEXT */
+    &receiver_params::mail_prog,     /* MAIL_ID */
+    &receiver_params::mail_prog,     /* MAIL_TEXT */
+    nullptr,                         /* LOG_ID */
+    nullptr,                         /* LOG_TEXT */
+};
+
+/* Reads the verb in front of *rest: true for one of the two there are. */
+bool take_verb(connection *cn, char **rest)
+{
+    const char *verb = split_word(rest, PARAM_BLANKS);
+    if (!verb) {
+        return false;
+    }
+    debug_printf("DEBUG: ptr1 = [%s]\n", verb);
+    if (strcasecmp(verb, VERB_EXECSTATUS) == 0) {
+        if (cn->type == ADDR_PEER) {
+            cn->want_reply = 1;
+        }
+        return true;
+    }
+    return strcasecmp(verb, VERB_EXECUTE) == 0;
+}
+
+/* Writes the text to the log; a wanted reply goes out without any child. */
+int32_t exec_log_command(connection *cn, const char *text)
+{
+    int32_t result = *text ? log_message(0, text) : 0;
+    if (cn->want_reply) {
+        cn->busy = 1;
+        cn->exitstatus = result == 1 ? 0 : 1;
+        FD_SET(cn->fd, &writefds);
+    }
+    return result;
+}
+
+/* A script has ended or was stopped: log it and serve who waits for it. */
+void finish_child(ux_list *list, ux_list_element *node, int32_t status)
+{
+    connection *cn = record_of(node);
+    if (!WIFSTOPPED(status)) {
+        /* The number may belong to another child from now on. */
+        cn->child_owed = 0;
+    }
+    if ((status & 0x7f) == 0) {
+        status = (status >> 8) & 0xff;
+    }
+    log_message(1, msgdb_get(status == 0 ? 794 : 793),
+                cn->cmdline ? cn->cmdline : "");
+    cn->busy = 0;
+    if (cn->type == ADDR_KESDAL) {
+        free(cn->cmdline);
+        cn->cmdline = nullptr;
+        check_alive_retries(node);
+    } else if (cn->want_reply) {
+        cn->exitstatus = status == -1 ? 1 : status;
+        FD_SET(cn->fd, &writefds);
+    } else {
+        unregister_connection(list, node);
+    }
+}
+
+/* Serves the record that waits for this child: false when none does. */
+bool finish_recorded(ux_list *list, pid_t child, int32_t status)
+{
+    for (ux_list_element *node = list->head; node; node = node->next) {
+        const connection *cn = record_of(node);
+        if (cn && cn->child_owed && cn->pid == child) {
+            finish_child(list, node, status);
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+int32_t exec_V1command(connection *cn)
+{
+    TRACE_IN();
+    if (!track_redundant_shutdowns(cn)) {
+        return 0;
+    }
+    return fork_and_exec(cn, rp->shutdown_prog, nullptr);
+}
+
+int32_t exec_V2command(connection *cn, char *text)
+{
+    TRACE_IN();
+    debug_printf("DEBUG: tolvamsg = [%s]\n", text ? text : "NULL");
+    if (!text || !*text) {
+        log_message(0, msgdb_get(820));
+        return 0;
+    }
+    char *rest = text;
+    const char *word = nullptr;
+    if (!take_verb(cn, &rest) || !(word = split_word(&rest, PARAM_BLANKS))) {
+        log_message(0, msgdb_get(819));
+        return 0;
+    }
+    debug_printf("DEBUG: ptr2 = [%s]\n", word);
+    int32_t index = is_V2command(word);
+    char params[TEXT_BUFFER];
+    if (!get_V2command_params(params, sizeof params, index, rest)) {
+        params[0] = '\0';
+    }
+    if (index == COMMAND_UNKNOWN) {
+        log_message(0, msgdb_get(820));
+        return 0;
+    }
+    char *receiver_params::*script = COMMAND_SCRIPTS[index];
+    return script ? fork_and_exec(cn, rp->*script, params)
+                  : exec_log_command(cn, params);
+}
+
+void handle_sigchld(ux_list *list)
+{
+    TRACE_IN();
+    ux_list_element *next = nullptr;
+    for (ux_list_element *node = list->head; node; node = next) {
+        next = node->next;
+        const connection *cn = record_of(node);
+        int status = 0;
+        if (cn && cn->pid != 0 && cn->child_owed &&
+            waitpid(cn->pid, &status, WNOHANG | WUNTRACED) > 0) {
+            finish_child(list, node, status);
+        }
+    }
+}
+
+void reap_children()
+{
+    TRACE_IN();
+    if (clients->size > 0) {
+        handle_sigchld(clients);
+    }
+    if (connections->size > 0) {
+        handle_sigchld(connections);
+    }
+    int status = 0;
+    pid_t child = 0;
+    while ((child = waitpid(-1, &status, WNOHANG)) > 0) {
+        /* One that has ended since the lists were walked still counts. */
+        if (!finish_recorded(clients, child, status)) {
+            finish_recorded(connections, child, status);
+        }
+    }
+}

@@ -1,0 +1,29 @@
+/*
+ * From a received command to the script that serves it, and from a finished
+ * script to whoever waits for its status. Client sessions hand commands in,
+ * the main loop hands SIGCHLD in.
+ */
+#ifndef TOLVA2_LISTEN_COMMAND_H
+#define TOLVA2_LISTEN_COMMAND_H
+
+#include "tolva2/net/connection.h"
+
+/* The bare request: the shutdown script, unless redundancy withholds it. */
+int32_t exec_V1command(connection *cn);
+
+/*
+ * A command text (cut up in place, may be null). Returns 1 when a script was
+ * started or the text logged, else 0.
+ */
+int32_t exec_V2command(connection *cn, char *text);
+
+/* Collects the finished scripts of one list (clients or connections). */
+void handle_sigchld(ux_list *list);
+
+/*
+ * Collects the finished scripts of both lists, and every other child: one
+ * that no record follows any more must not stay behind as a zombie.
+ */
+void reap_children();
+
+#endif

@@ -1,0 +1,290 @@
+#include "tolva2/net/address.h"
+#include "tolva2/base/signals.h"
+#include "tolva2/base/trace.h"
+#include "unixtools/ux_number.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr int32_t RESOLVE_SECONDS = 10;
+
+volatile sig_atomic_t resolve_timed_out = 0;
+
+/* Once, after that many seconds; 0 disarms. 1 done, 0 failed. */
+int32_t arm_timer(int32_t seconds)
+{
+    itimerval timer{};
+    timer.it_value.tv_sec = seconds;
+    return setitimer(ITIMER_REAL, &timer, nullptr) == 0;
+}
+
+} // namespace
+
+char *split_addr(char **host, int32_t *port, char *text)
+{
+    TRACE_IN();
+    if (!text || !*text) {
+        return nullptr;
+    }
+    *host = text;
+    *port = 0;
+    char *colon = strrchr(text, ':');
+    if (colon) {
+        *colon = '\0';
+        *port = ux_atoi(colon + 1);
+    }
+    return *host;
+}
+
+int32_t split_port(char **host, char *text)
+{
+    TRACE_IN();
+    if (!text || !*text) {
+        return 0;
+    }
+    char *colon = strrchr(text, ':');
+    if (!colon) {
+        *host = nullptr;
+        return ux_atoi(text);
+    }
+    *colon = '\0';
+    *host = text;
+    return ux_atoi(colon + 1);
+}
+
+void sigalrm_itimer(int32_t signal)
+{
+    TRACE_IN();
+    static_cast<void>(signal);
+    resolve_timed_out = 1;
+    error_printf(stderr, ERROR_CONTINUE, "%s: timeout resolving hostname...\n",
+                 progname);
+}
+
+int32_t start_timeout(int32_t seconds)
+{
+    TRACE_IN();
+    if (!set_signal(SIGALRM, sigalrm_itimer, 0)) {
+        return 0;
+    }
+    if (!arm_timer(seconds)) {
+        set_signal(SIGALRM, SIG_DFL, 0);
+        return 0;
+    }
+    TRACE_OUT();
+    return 1;
+}
+
+void stop_timeout()
+{
+    TRACE_IN();
+    /* Disarmed first: the default action of a late alarm would kill us. */
+    arm_timer(0);
+    set_signal(SIGALRM, SIG_IGN, 0);
+    set_signal(SIGALRM, SIG_DFL, 0);
+}
+
+const char *GetHostAddrFromHostName(const char *name)
+{
+    TRACE_IN();
+    static char text[ADDRESS_TEXT];
+    if (!name || !*name) {
+        return nullptr;
+    }
+    const hostent *entry = gethostbyname(name);
+    if (!entry || entry->h_addrtype != AF_INET || !entry->h_addr_list[0]) {
+        return nullptr;
+    }
+    unsigned char octets[4];
+    memcpy(octets, entry->h_addr_list[0], sizeof octets);
+    snprintf(text, sizeof text, "%u.%u.%u.%u", octets[0], octets[1], octets[2],
+             octets[3]);
+    TRACE_OUT();
+    return text;
+}
+
+namespace
+{
+
+/*
+ * Waits for the resolving child's answer until it comes, the child ends or
+ * the alarm goes off. The alarm is let in only while waiting, so that it
+ * cannot slip through just before and its handler never runs inside other
+ * code.
+ */
+bool read_answer(int fd, bool armed, char *text)
+{
+    sigset_t wait_mask;
+    sigprocmask(SIG_SETMASK, nullptr, &wait_mask);
+    sigdelset(&wait_mask, SIGALRM);
+    const timespec limit{RESOLVE_SECONDS, 0};
+    pollfd answer{fd, POLLIN, 0};
+    int ready = -1;
+    while (ready < 0 && !resolve_timed_out) {
+        ready = ppoll(&answer, 1, armed ? nullptr : &limit, &wait_mask);
+        if (ready < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+    if (ready == 0) {
+        sigalrm_itimer(SIGALRM);
+    }
+    if (resolve_timed_out) {
+        return false;
+    }
+    ssize_t length = read(fd, text, ADDRESS_TEXT - 1);
+    text[length > 0 ? length : 0] = '\0';
+    return length > 0;
+}
+
+/* The child's whole life: one look-up, one answer. */
+[[noreturn]] void answer_and_exit(int fd, const char *host)
+{
+    const char *found = GetHostAddrFromHostName(host);
+    if (found) {
+        ssize_t written = write(fd, found, strlen(found));
+        static_cast<void>(written);
+    }
+    _exit(0);
+}
+
+/*
+ * Resolves host within ten seconds into text. The C library restarts its own
+ * waits after a signal, so the look-up is done in a child that can be killed.
+ */
+bool resolve_host(const char *host, char *text)
+{
+    int ends[2];
+    sigset_t alarm_set;
+    sigset_t old_mask;
+    if (pipe(ends) < 0) {
+        return false;
+    }
+    sigemptyset(&alarm_set);
+    sigaddset(&alarm_set, SIGALRM);
+    sigprocmask(SIG_BLOCK, &alarm_set, &old_mask);
+    resolve_timed_out = 0;
+    bool armed = start_timeout(RESOLVE_SECONDS) != 0;
+    pid_t child = fork();
+    if (child == 0) {
+        close(ends[0]);
+        answer_and_exit(ends[1], host);
+    }
+    close(ends[1]);
+    bool found = child > 0 && read_answer(ends[0], armed, text);
+    close(ends[0]);
+    stop_timeout();
+    if (child > 0) {
+        if (!found) {
+            kill(child, SIGKILL);
+        }
+        waitpid(child, nullptr, 0);
+    }
+    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
+    return found;
+}
+
+/* The address of host, resolved if need be: false after a message. */
+bool find_address(const char *host, char *text, in_addr *address)
+{
+    text[0] = '\0';
+    if (inet_aton(host, address)) {
+        strncat(text, host, ADDRESS_TEXT - 1);
+        return true;
+    }
+    if (!resolve_host(host, text)) {
+        error_printf(stderr, ERROR_CONTINUE,
+                     "%s: could not resolve hostname `%s'\n", progname, host);
+        return false;
+    }
+    if (!inet_aton(text, address)) {
+        error_printf(stderr, ERROR_CONTINUE, "%s: address invalid `%s'\n",
+                     progname, text);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+inetaddr *new_inetaddr(const char *host, uint16_t port, int32_t kind,
+                       int32_t mode)
+{
+    TRACE_IN();
+    auto *iaddr = static_cast<inetaddr *>(calloc(1, sizeof(inetaddr)));
+    if (!iaddr) {
+        return nullptr;
+    }
+    debug_printf("DEBUG: sizeof(iaddr->addr) = %d\n",
+                 static_cast<int>(sizeof iaddr->addr));
+    if (!find_address(host, iaddr->text, &iaddr->addr.sin_addr)) {
+        free(iaddr);
+        return nullptr;
+    }
+    iaddr->mode = mode;
+    iaddr->kind = kind;
+    iaddr->addr.sin_family = AF_INET;
+    iaddr->addr.sin_port = htons(port);
+    iaddr->port = static_cast<int16_t>(port);
+    return iaddr;
+}
+
+void destroy_inetaddr(void *data)
+{
+    TRACE_IN();
+    free(data);
+}
+
+int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode)
+{
+    TRACE_IN();
+    char *host = nullptr;
+    int32_t port = 0;
+    if (!split_addr(&host, &port, text)) {
+        return 0;
+    }
+    inetaddr *iaddr =
+        new_inetaddr(host, static_cast<uint16_t>(port), kind, mode);
+    if (!iaddr) {
+        return 0;
+    }
+    if (ux_list_ins_next(list, list->tail, iaddr) != 0) {
+        error_printf(stderr, ERROR_EXIT, "%s: malloc(): %s\n", progname,
+                     strerror(errno));
+    }
+    return 1;
+}
+
+int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text, int32_t kind,
+                                  int32_t mode)
+{
+    TRACE_IN();
+    if (!text || !*text) {
+        return 0;
+    }
+    char *copy = strdup(text);
+    if (!copy) {
+        return 0;
+    }
+    int32_t added = 0;
+    char *rest = nullptr;
+    const char *space = " \t\n\v\f\r";
+    for (char *token = strtok_r(copy, space, &rest); token;
+         token = strtok_r(nullptr, space, &rest)) {
+        added += add_inetaddr(list, token, kind, mode);
+    }
+    free(copy);
+    return added;
+}

@@ -1,0 +1,76 @@
+/*
+ * Remote parties as IPv4 address records in lists: their text forms, and the
+ * resolution of host names, which never takes longer than ten seconds. The
+ * option parser adds single addresses, mode initialisation whole lists.
+ */
+#ifndef TOLVA2_NET_ADDRESS_H
+#define TOLVA2_NET_ADDRESS_H
+
+#include "tolva2/base/codes.h"
+#include "unixtools/ux_list.h"
+
+#include <netinet/in.h>
+
+constexpr uint32_t ADDRESS_TEXT = 16; /* dotted quad and terminator */
+
+/* One remote party; on the heap, owned by its list. */
+struct inetaddr {
+    int32_t mode; /* mode_code when it was added */
+    int32_t kind; /* address_kind */
+    sockaddr_in addr;
+    char text[ADDRESS_TEXT];
+    int16_t port; /* host byte order, as 16 bits; 0 when none was given */
+};
+
+/*
+ * Cuts text at its last ":", in place: *host is the text, *port the number
+ * behind the ":" or 0. Returns *host, or null for a null or empty text.
+ */
+char *split_addr(char **host, int32_t *port, char *text);
+
+/*
+ * Reads "[host:]port": cuts text at its last ":", *host is what stands before
+ * it or null. Returns the port; 0 for a null or empty text.
+ */
+int32_t split_port(char **host, char *text);
+
+/*
+ * Builds a record; a host that is no dotted address is resolved first. Null
+ * when memory is exhausted or, after a message on standard error, when the
+ * name does not resolve. The caller owns it.
+ */
+inetaddr *new_inetaddr(const char *host, uint16_t port, int32_t kind,
+                       int32_t mode);
+
+/* Frees a record; a list destructor. */
+void destroy_inetaddr(void *data);
+
+/*
+ * Appends the address "host[:port]" to list, cutting text in place. Returns
+ * 1, or 0 when text is empty or no record could be built. Ends the process
+ * when the list cannot grow.
+ */
+int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode);
+
+/*
+ * Appends every address of a text separated by white space; those that fail
+ * are left out. Returns how many were added.
+ */
+int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text, int32_t kind,
+                                  int32_t mode);
+
+/*
+ * Asks the resolver, for as long as it takes. Returns the first IPv4 address
+ * as text in a static buffer, or null.
+ */
+const char *GetHostAddrFromHostName(const char *name);
+
+/*
+ * Arms a one-shot SIGALRM after that many seconds: 1, or 0 on failure. The
+ * handler says so on standard error; without SA_RESTART, it interrupts waits.
+ */
+int32_t start_timeout(int32_t seconds);
+void stop_timeout();
+void sigalrm_itimer(int32_t signal);
+
+#endif

@@ -1,0 +1,66 @@
+#include "tolva2/net/kesdal.h"
+#include "tolva2/base/trace.h"
+#include "tolva2/net/sockets.h"
+#include "tolva2/net/wire.h"
+
+#include <cassert>
+
+namespace
+{
+
+/* The event has come and the socket is in order. */
+bool is_ready(const connection *cn, int32_t events, int32_t wanted)
+{
+    return (events & wanted) && sock_pending_error(cn->fd) == 0;
+}
+
+} // namespace
+
+void do_kesdal_send_logon(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logon(cn->fd)) {
+        wait_in(cn, &writefds, &readfds, do_kesdal_recv_logon);
+    } else {
+        cn->ends->cancel(node);
+    }
+}
+
+void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    if (is_ready(cn, events, EVENT_READABLE) && recv_kesdal(cn->fd)) {
+        wait_in(cn, &readfds, &writefds, do_kesdal_send_logoff);
+    } else {
+        cn->ends->cancel(node);
+    }
+}
+
+void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logoff(cn->fd)) {
+        wait_in(cn, &writefds, &readfds, do_kesdal_recv_logoff);
+        sock_shutdown_write(cn->fd);
+    } else {
+        cn->ends->cancel(node);
+    }
+}
+
+void do_kesdal_recv_logoff(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    if (is_ready(cn, events, EVENT_READABLE)) {
+        /* Whatever it says: the server has answered before. */
+        recv_kesdal(cn->fd);
+    }
+    cn->ends->end(node);
+}

@@ -1,0 +1,157 @@
+#include "tolva2/net/wire.h"
+#include "tolva2/base/codes.h"
+#include "tolva2/base/trace.h"
+#include "tolva2/net/sockets.h"
+
+#include <cstdarg>
+#include <cstring>
+#include <strings.h>
+
+namespace
+{
+
+constexpr size_t DATAGRAM_BUFFER = 1472;
+
+constexpr const char *KESDAL_CLIENT = "WINCLIENT";
+constexpr const char *KESDAL_LOGON = "LOGON";
+constexpr const char *KESDAL_LOGOFF = "LOGOFF";
+
+/* Builds a request in buffer: false when it does not fit. */
+bool format_request(char *buffer, size_t size, const char *command)
+{
+    int length = 0;
+    if (command && *command) {
+        length = snprintf(buffer, size, "%s %s", REQUEST_HEADER, command);
+    } else {
+        length = snprintf(buffer, size, "%s", REQUEST_HEADER);
+    }
+    return length > 0 && static_cast<size_t>(length) < size;
+}
+
+/*
+ * The descriptor's own number stands for a client number: no other socket of
+ * this host's program has it at that moment.
+ */
+int32_t send_kesdal(int32_t fd, const char *verb)
+{
+    char buffer[TEXT_BUFFER];
+    snprintf(buffer, sizeof buffer, "%s %05d %s", KESDAL_CLIENT, fd, verb);
+    return sock_send_text0(fd, buffer);
+}
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+} // namespace
+
+int32_t send_ok(int32_t fd, const char *command)
+{
+    TRACE_IN();
+    char buffer[TEXT_BUFFER];
+    if (!format_request(buffer, sizeof buffer, command)) {
+        return 0;
+    }
+    return sock_send_text(fd, buffer);
+}
+
+int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
+                    const char *command)
+{
+    TRACE_IN();
+    char buffer[DATAGRAM_BUFFER];
+    if (!format_request(buffer, sizeof buffer, command)) {
+        return 0;
+    }
+    return udp_send_text(fd, port, dotted, buffer);
+}
+
+int32_t send_kesdal_logon(int32_t fd)
+{
+    TRACE_IN();
+    return send_kesdal(fd, KESDAL_LOGON);
+}
+
+int32_t send_kesdal_logoff(int32_t fd)
+{
+    TRACE_IN();
+    return send_kesdal(fd, KESDAL_LOGOFF);
+}
+
+int32_t recv_kesdal(int32_t fd)
+{
+    TRACE_IN();
+    char answer[TEXT_BUFFER];
+    int32_t length = sock_recv_text(fd, answer, sizeof answer);
+    /* The terminator is no digit and no "|", so a short answer fails too. */
+    if (is_digit(answer[0]) && answer[1] == '|' && is_digit(answer[2])) {
+        return length;
+    }
+    return 0;
+}
+
+int32_t send_reply(int32_t fd, const char *format, ...)
+{
+    TRACE_IN();
+    char buffer[TEXT_BUFFER];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+    return sock_send_text(fd, buffer);
+}
+
+bool is_reply_header(const char *text)
+{
+    TRACE_IN();
+    return text && strncasecmp(text, REPLY_HEADER, REPLY_HEADER_LENGTH) == 0;
+}
+
+int32_t classify_request(const char *text)
+{
+    TRACE_IN();
+    if (!text ||
+        strncasecmp(text, REQUEST_HEADER, REQUEST_HEADER_LENGTH) != 0) {
+        return REQUEST_NONE;
+    }
+    return text[REQUEST_HEADER_LENGTH] == '\0' ? REQUEST_V1 : REQUEST_V2;
+}
+
+char *get_key_value(const char *text, const char *key, char *out, size_t size)
+{
+    TRACE_IN();
+    if (!out || size == 0) {
+        return nullptr;
+    }
+    out[0] = '\0';
+    if (!text) {
+        return nullptr;
+    }
+    const char *blanks = " \t";
+    const char *word = text + strspn(text, blanks);
+    /* A word that only begins with the key is good enough. */
+    while (*word && strncmp(word, key, strlen(key)) != 0) {
+        word += strcspn(word, blanks);
+        word += strspn(word, blanks);
+    }
+    const char *value = *word ? strchr(word, '=') : nullptr;
+    size_t length = value ? strcspn(++value, blanks) : 0;
+    if (length == 0) {
+        return nullptr;
+    }
+    strncat(out, value, length < size - 1 ? length : size - 1);
+    return out;
+}
+
+int32_t map_remote_status(int32_t status)
+{
+    TRACE_IN();
+    if (status < 0) {
+        status = 1;
+    }
+    if (status >= 1 && status <= 127) {
+        status += 127;
+    }
+    return status > 255 ? 255 : status;
+}

@@ -1,0 +1,333 @@
+#include "tolva2/send/tolva_send.h"
+#include "tolva2/base/signals.h"
+#include "tolva2/base/trace.h"
+#include "tolva2/files/logfile.h"
+#include "tolva2/files/msgdb.h"
+#include "tolva2/net/connection.h"
+#include "tolva2/net/kesdal.h"
+#include "tolva2/net/sockets.h"
+#include "tolva2/net/wire.h"
+#include "unixtools/ux_number.h"
+
+#include <cassert>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <sys/socket.h>
+
+namespace
+{
+
+constexpr size_t STATUS_TEXT = 16;
+
+const char *command = nullptr; /* what every listener is sent */
+int32_t failed = 0;            /* 1 once any connection has failed */
+int32_t remote_status = -1;    /* of the last reply, mapped; -1: none */
+
+/* The message of a type of connection that failed; "%s" is its address. */
+void log_failure(const connection *cn)
+{
+    switch (cn->type) {
+    case ADDR_KESDAL:
+        log_message(1, msgdb_get(828), cn->ipaddr, cn->ipaddr);
+        break;
+    case ADDR_PEER:
+        log_message(1, msgdb_get(753), cn->ipaddr, cn->ipaddr);
+        break;
+    case ADDR_BROADCAST:
+        log_message(0, msgdb_get(810));
+        break;
+    default:
+        log_error(EINVAL);
+        break;
+    }
+}
+
+void cancel_connect(ux_list_element *node)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    close_exchange(cn);
+    cn->nerror++;
+    log_failure(cn);
+    unregister_connection(node);
+    failed = 1;
+}
+
+void end_connect(ux_list_element *node)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    close_exchange(cn);
+    cn->nerror = 0;
+    log_message(1, msgdb_get(cn->type == ADDR_KESDAL ? 814 : 787), cn->ipaddr,
+                cn->ipaddr);
+    unregister_connection(node);
+}
+
+constexpr connect_ends SEND_ENDS{cancel_connect, end_connect};
+
+/* A reply has come: its status becomes the run's, seen as our own. The byte
+ * behind the header is not looked at. */
+void take_reply(const connection *cn, const char *reply)
+{
+    const char *text = reply + REPLY_HEADER_LENGTH;
+    text += *text ? 1 : 0;
+    log_message(2, "server[%s]: %s", cn->ipaddr, text);
+    char value[STATUS_TEXT];
+    if (get_key_value(text, "EXITSTATUS", value, sizeof value)) {
+        debug_printf("DEBUG: value = [%s]\n", value);
+        remote_status = ux_atoi(value);
+    }
+    debug_printf("DEBUG: remote_status = [%d]\n", remote_status);
+    remote_status = map_remote_status(remote_status);
+}
+
+/* One receive from a listener: true when it was a reply. */
+bool receive_reply(const connection *cn)
+{
+    char reply[TEXT_BUFFER];
+    ssize_t length = recv(cn->fd, reply, sizeof reply - 1, 0);
+    if (length < 0) {
+        log_system(errno);
+        return false;
+    }
+    reply[length] = '\0';
+    if (length == 0 || !is_reply_header(reply)) {
+        log_message(0, msgdb_get(819));
+        return false;
+    }
+    take_reply(cn, reply);
+    return true;
+}
+
+/* The socket of a request with status is readable: true for a reply. */
+bool handle_reply(const connection *cn)
+{
+    debug_printf("DEBUG: cn->mode = %d \n", cn->mode);
+    debug_printf("DEBUG: cn->type = %d \n", cn->type);
+    if (cn->mode != MODE_SEND_STATUS || cn->type != ADDR_PEER) {
+        log_error(EINVAL);
+        return false;
+    }
+    int32_t err = sock_pending_error(cn->fd);
+    debug_printf("DEBUG: err = %d \n", err);
+    if (err != 0) {
+        log_system(err);
+        return false;
+    }
+    return receive_reply(cn);
+}
+
+void do_rcv_tolva(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    const connection *cn = record_of(node);
+    bool received = false;
+    debug_printf("DEBUG: event = %d \n", events);
+    if (events & EVENT_READABLE) {
+        assert(cn);
+        received = handle_reply(cn);
+    } else {
+        log_error(EINVAL);
+    }
+    if (!received) {
+        failed = 1;
+    }
+    unregister_connection(node);
+}
+
+/* Sends the request when the socket is fit for it: false on any failure. */
+bool send_request(const connection *cn, int32_t events)
+{
+    if (!(events & EVENT_WRITABLE)) {
+        return false;
+    }
+    int32_t err = sock_pending_error(cn->fd);
+    if (err != 0) {
+        log_system(err);
+        return false;
+    }
+    switch (cn->type) {
+    case ADDR_PEER:
+        return send_ok(cn->fd, command) != 0;
+    case ADDR_BROADCAST:
+        return udp_send_ok(cn->fd, static_cast<uint16_t>(cn->port), cn->ipaddr,
+                           command) != 0;
+    default:
+        return true;
+    }
+}
+
+void do_send_tolva(ux_list_element *node, int32_t events)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    assert(cn);
+    if (!send_request(cn, events)) {
+        cancel_connect(node);
+    } else if (cn->mode == MODE_SEND_STATUS) {
+        wait_in(cn, &writefds, &readfds, do_rcv_tolva);
+    } else {
+        end_connect(node);
+    }
+}
+
+int32_t open_connect_socket_bc(const connection *cn)
+{
+    TRACE_IN();
+    static_cast<void>(cn);
+    int32_t fd = keep_selectable(udp_broadcast_socket_nonblock());
+    if (fd < 0) {
+        log_system(errno);
+    }
+    return fd;
+}
+
+/* Opens the socket of a record's type, with the messages around it. */
+int32_t open_by_type(const connection *cn)
+{
+    switch (cn->type) {
+    case ADDR_BROADCAST:
+        log_message(1, msgdb_get(833), cn->ipaddr, cn->ipaddr);
+        return open_connect_socket_bc(cn);
+    case ADDR_KESDAL:
+    case ADDR_PEER:
+        log_message(1, msgdb_get(785), cn->ipaddr, cn->ipaddr);
+        return open_connect_socket(cn);
+    default:
+        return -1;
+    }
+}
+
+/* 1 started, 0 or -1 not. */
+int32_t start_connect(ux_list_element *node)
+{
+    TRACE_IN();
+    connection *cn = record_of(node);
+    int32_t startable = may_start(cn);
+    if (startable != 1) {
+        return startable;
+    }
+    int32_t fd = open_by_type(cn);
+    if (fd < 0) {
+        log_failure(cn);
+        return 0;
+    }
+    begin_exchange(
+        cn, fd, cn->type == ADDR_KESDAL ? do_kesdal_send_logon : do_send_tolva,
+        &SEND_ENDS);
+    return 1;
+}
+
+int32_t start_connections()
+{
+    TRACE_IN();
+    assert(connections);
+    ux_list_element *next = nullptr;
+    for (ux_list_element *node = connections->head; node; node = next) {
+        next = node->next;
+        if (start_connect(node) != 1) {
+            unregister_connection(node);
+            failed = 1;
+        }
+    }
+    return static_cast<int32_t>(connections->size);
+}
+
+/* Whole seconds of a clock that nobody sets, so that no run is cut short or
+ * drawn out by a change of the time of day. */
+time_t seconds_now()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+/* Hands every ready connection to its handler. */
+void serve_connections()
+{
+    ux_list_element *next = nullptr;
+    for (ux_list_element *node = connections->head; node; node = next) {
+        next = node->next;
+        const connection *cn = record_of(node);
+        if (!cn) {
+            unregister_connection(node);
+            continue;
+        }
+        int32_t events = ready_events(cn);
+        if (events && cn->handler) {
+            cn->handler(node, events);
+        }
+    }
+}
+
+/* Waits once and serves what is ready: false when the run is over. */
+bool drive_connections(time_t start, int32_t timeout)
+{
+    ready_read = readfds;
+    ready_write = writefds;
+    timeval limit{};
+    if (timeout != 0) {
+        int64_t left = timeout - (seconds_now() - start);
+        limit.tv_sec = left > 0 ? left : 0;
+    }
+    int nready = select(maxfd + 1, &ready_read, &ready_write, nullptr,
+                        timeout != 0 ? &limit : nullptr);
+    if (nready < 0) {
+        if (errno == EINTR) {
+            return true;
+        }
+        log_system(errno);
+        return false;
+    }
+    if (nready == 0) {
+        log_error(ETIMEDOUT);
+        return false;
+    }
+    serve_connections();
+    return true;
+}
+
+/* Starts all connections and drives them to their ends: false when the run
+ * as a whole has failed. */
+bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout)
+{
+    time_t start = seconds_now();
+    if (!set_connections(addresses, static_cast<uint32_t>(port)) ||
+        !start_connections()) {
+        return false;
+    }
+    while (connections->size > 0) {
+        if (!drive_connections(start, timeout)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
+                  const char *command_text)
+{
+    TRACE_IN();
+    set_signal(SIGHUP, SIG_IGN, SA_RESTART);
+    set_signal(SIGPIPE, SIG_IGN, SA_RESTART);
+    reset_descriptors(-1);
+    ux_list list;
+    connections = ux_list_init(&list, destroy_connection);
+    command = command_text;
+    bool run_failed = !run_connections(addresses, port, timeout);
+    if (connections->size > 0) {
+        ux_list_destroy(connections);
+    }
+    connections = nullptr;
+    int32_t status = failed;
+    if (status == 0 && remote_status >= 0) {
+        status = remote_status;
+    }
+    return run_failed ? 1 : status;
+}

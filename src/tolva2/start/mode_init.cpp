@@ -1,0 +1,221 @@
+#include "tolva2/start/mode_init.h"
+#include "tolva2/base/trace.h"
+#include "tolva2/files/logfile.h"
+#include "tolva2/files/msgdb.h"
+#include "tolva2/files/settings.h"
+#include "tolva2/listen/tolva_receive.h"
+#include "tolva2/net/address.h"
+#include "tolva2/send/tolva_send.h"
+#include "tolva2/start/daemon.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr const char *CONFIG_FILE = "tolva.cfg";
+constexpr const char *LOG_FILE = "tolva.log";
+constexpr const char *MESSAGE_FILE = "messages.dat";
+
+constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60; /* seconds */
+
+bool is_empty(const char *text)
+{
+    return !text || !*text;
+}
+
+/* home/tolva.cfg on the heap. */
+char *default_config_path()
+{
+    size_t size = strlen(home_dir) + 1 + strlen(CONFIG_FILE) + 1;
+    char *path = static_cast<char *>(malloc(size));
+    if (!path) {
+        error_printf(stderr, ERROR_EXIT, "%s: malloc():: %s\n", progname,
+                     strerror(errno));
+    } else {
+        snprintf(path, size, "%s/%s", home_dir, CONFIG_FILE);
+    }
+    return path;
+}
+
+/* Reads the file that was named, on the heap, or the one in the home
+ * directory. */
+void read_settings(char *cfgfile)
+{
+    char *path = cfgfile;
+    if (!path) {
+        path = default_config_path();
+        debug_printf("DEBUG: init_receiver: new configfile=%s\n", path);
+    } else {
+        debug_printf("DEBUG: init_receiver: existing configfile=%s\n", path);
+    }
+    if (!read_receiver_config(path, home_dir, cfgfile ? 0 : 1)) {
+        error_printf(stderr, ERROR_EXIT, "%s: error reading configfile %s\n",
+                     progname, path);
+    }
+    free(path);
+}
+
+/* Puts text, if there is one, into the place of a setting. */
+void override_text(char **setting, char *text)
+{
+    if (text) {
+        free(*setting);
+        *setting = text;
+    }
+}
+
+void override_number(int32_t *setting, int32_t number, int32_t least)
+{
+    if (number >= least) {
+        *setting = number;
+    }
+}
+
+void open_log()
+{
+    if (!setting_is_on(rp->logfile_enabled)) {
+        return;
+    }
+    if (is_empty(rp->logfile_name)) {
+        error_printf(stderr, ERROR_CONTINUE,
+                     "%s: empty pathname for `%s': log to file disabled\n",
+                     progname, LOG_FILE);
+    } else if (!logfile_open(rp->logfile_name, rp->logfile_size)) {
+        error_printf(stderr, ERROR_CONTINUE,
+                     "%s: error initializing logfile %s\n", progname,
+                     rp->logfile_name);
+    } else {
+        log_to_file = 1;
+    }
+}
+
+/*
+ * Senders were named, but none of the names could be used. An empty list
+ * admits everybody, which is the last thing that was asked for: put in an
+ * address that nobody can come from.
+ */
+void admit_nobody(ux_list *peers)
+{
+    char nobody[] = "255.255.255.255";
+    log_message(
+        0,
+        "error: no address of AllowedAddresses can be used, nobody is admitted");
+    add_inetaddr(peers, nobody, ADDR_PEER, MODE_LISTEN);
+}
+
+/* One "-a" on the command line replaces both lists of the settings. */
+void fill_address_lists(ux_list *peers, ux_list *servers)
+{
+    if (peers->size > 0 || servers->size > 0) {
+        return;
+    }
+    const char *allowed = rp->allowed_addresses;
+    if (!is_empty(allowed) &&
+        !get_inetaddr_arr_from_str(peers, allowed, ADDR_PEER, MODE_LISTEN)) {
+        admit_nobody(peers);
+    }
+    if (setting_is_on(rp->alive_enabled)) {
+        get_inetaddr_arr_from_str(servers, rp->alive_addresses, ADDR_KESDAL,
+                                  MODE_LISTEN);
+    }
+}
+
+void check_scripts(const ux_list *peers, const ux_list *servers)
+{
+    if (peers->size > 0 && is_empty(rp->shutdown_prog)) {
+        error_printf(stderr, ERROR_EXIT,
+                     "%s: missing parameter: -bs <file> (-? for help).\n",
+                     progname);
+    }
+    if (servers->size > 0 && is_empty(rp->alive_prog)) {
+        error_printf(stderr, ERROR_EXIT,
+                     "%s: missing parameter: -ba <file> (-? for help).\n",
+                     progname);
+    }
+}
+
+void fill_redundant_list(ux_list *redundant)
+{
+    if (!check_redundancy_config(rp)) {
+        error_printf(stderr, ERROR_EXIT,
+                     "%s: invalid redundancy configuration (-? for help).\n",
+                     progname);
+    }
+    if (setting_is_on(rp->redundancy_enabled)) {
+        get_inetaddr_arr_from_str(redundant, rp->redundancy_addresses,
+                                  ADDR_PEER, MODE_LISTEN);
+    }
+}
+
+void detach()
+{
+    daemonize(0, 1);
+    own_pid = getpid();
+    if (daemonized) {
+        logged_pid = own_pid;
+    }
+}
+
+} // namespace
+
+int32_t init_receiver(char *cfgfile, const char *listen_host, int32_t port,
+                      int32_t check_port, ux_list *peers, ux_list *servers,
+                      ux_list *redundant, int32_t retries, char *shutdown_prog,
+                      char *alive_prog, int32_t timeout, int32_t check_interval)
+{
+    TRACE_IN();
+    read_settings(cfgfile);
+    override_text(&rp->shutdown_prog, shutdown_prog);
+    override_text(&rp->alive_prog, alive_prog);
+    override_text(&rp->listen_address,
+                  listen_host ? strdup(listen_host) : nullptr);
+    open_log();
+    if (!msgdb_open(rp->msgfile_name)) {
+        error_printf(stderr, ERROR_CONTINUE,
+                     "%s: error initializing messages database [%s]\n",
+                     progname, rp->msgfile_name ? rp->msgfile_name : "");
+    }
+    override_number(&rp->listenport, port, 1);
+    override_number(&rp->kesdalport, check_port, 1);
+    override_number(&rp->alive_retries, retries, 0);
+    override_number(&rp->listen_timeout, timeout, 0);
+    override_number(&rp->alive_interval, check_interval, 0);
+    if (rp->alive_interval < ALIVE_INTERVAL_MINIMUM) {
+        rp->alive_interval = ALIVE_INTERVAL_MINIMUM;
+    }
+    debug_printf("DEBUG: rp->msgfile_name = %s\n",
+                 rp->msgfile_name ? rp->msgfile_name : "");
+    debug_printf("DEBUG: rp->listenport = %d\n", rp->listenport);
+    debug_printf("DEBUG: rp->kesdalport = %d\n", rp->kesdalport);
+    fill_address_lists(peers, servers);
+    check_scripts(peers, servers);
+    fill_redundant_list(redundant);
+    if (debug_level < 0) {
+        detach();
+    }
+    int32_t result = recv_mode(rp, peers, servers, redundant);
+    free_receiver_config();
+    logfile_close();
+    msgdb_close();
+    return result;
+}
+
+int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
+                    const char *command)
+{
+    TRACE_IN();
+    if (!msgdb_open(MESSAGE_FILE)) {
+        error_printf(stderr, ERROR_CONTINUE,
+                     "%s: error initializing messages database %s\n", progname,
+                     MESSAGE_FILE);
+    }
+    log_message(0, msgdb_get(758));
+    int32_t result = send_mode(addresses, port, timeout, command);
+    log_message(0, msgdb_get(759));
+    msgdb_close();
+    return result;
+}

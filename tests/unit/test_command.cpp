@@ -1,0 +1,562 @@
+/* From a command to its script, and from the script's end to the record. */
+#include "listener_fixture.h"
+
+#include "tolva2/listen/command.h"
+#include "tolva2/net/sockets.h"
+
+#include <algorithm>
+#include <csignal>
+
+namespace
+{
+
+connection *add_client(int32_t type = ADDR_PEER, int fd = -1,
+                       const char *address = "127.0.0.1")
+{
+    return add_record(clients, MODE_LISTEN, type, address, fd);
+}
+
+int32_t run_text(connection *cn, std::string text)
+{
+    return exec_V2command(cn, text.data());
+}
+
+/* The exit status of the client's script, not collected by the program. */
+int wait_status(const connection *cn)
+{
+    int status = -1;
+    EXPECT_EQ(waitpid(cn->pid, &status, 0), cn->pid);
+    return status;
+}
+
+struct v2_row {
+    const char *text;
+    const char *cmdline; /* null: no script */
+    int logged;          /* number of the message, 0: as the script */
+};
+
+const v2_row v2_rows[] = {
+    {"MSG_EXECUTE SHUTDOWN", "exit 0;", 0},
+    {"MSG_EXECUTE SHUTDOWN now", "exit 0; now", 0},
+    {"MSG_EXECUTE EXECUTE backup now", "exit 1; backup now", 0},
+    {"MSG_EXECUTE EXECUTE  \"backup now\" ", "exit 1; backup now", 0},
+    {"MSG_EXECUTE EXECUTE \t a", "exit 1; a", 0},
+    {"MSG_EXECUTE EXECUTE", "exit 1;", 0},
+    {"MSG_EXECUTE EXECUTE  ", "exit 1;", 0},
+    {"MSG_EXECUTE MSG_ID 12 UPS1 45", "exit 2; UPS UPS1 at 45%s done", 0},
+    {"MSG_EXECUTE MSG_ID 9999 UPS1", "exit 2;", 0},
+    {"MSG_EXECUTE MSG_ID", "exit 2;", 0},
+    {"MSG_EXECUTE MSG_TEXT \"UPS on battery\"", "exit 2; UPS on battery", 0},
+    {"MSG_EXECUTE MAIL_ID 14 ops", "exit 3; ops  \"plain\"", 0},
+    {"MSG_EXECUTE MAIL_ID 9999 ops", "exit 3; ops ", 0},
+    {"MSG_EXECUTE MAIL_TEXT ops Battery low", "exit 3; ops \"Battery low\"", 0},
+    {"msg_execute execute x", "exit 1; x", 0},
+    {"Msg_ExecStatus Msg_Text x", "exit 2; x", 0},
+    {"MSG_EXECSTATUS EXECUTE x", "exit 1; x", 0},
+    {" \tMSG_EXECUTE\t EXECUTE\tx", "exit 1; x", 0},
+    {"MSG_EXECUTE EXECUTE \xe4\xff", "exit 1; \xe4\xff", 0},
+    {"", nullptr, 820},
+    {" ", nullptr, 819},
+    {" \t ", nullptr, 819},
+    {"\n", nullptr, 819},
+    {"MSG_EXECUTE", nullptr, 819},
+    {"MSG_EXECUTE ", nullptr, 819},
+    {"MSG_EXECSTATUS \t", nullptr, 819},
+    {"SHUTDOWN", nullptr, 819},
+    {"MSG_SCAN", nullptr, 819},
+    {"MSG_SCAN SHUTDOWN", nullptr, 819},
+    {"MSG_EXECUTEX SHUTDOWN", nullptr, 819},
+    {"MSG_EXEC SHUTDOWN", nullptr, 819},
+    {"MSG_EXECUTE\nSHUTDOWN", nullptr, 819},
+    {"MSG_EXECUTE REBOOT", nullptr, 820},
+    {"MSG_EXECUTE REBOOT now", nullptr, 820},
+    {"MSG_EXECUTE SHUTDOWN\n", nullptr, 820},
+    {"MSG_EXECUTE MSG", nullptr, 820},
+};
+
+/* Collects until the record's script is through, or the record is gone. */
+void collect(ux_list *list, uint32_t size_then)
+{
+    EXPECT_TRUE(wait_until([&] {
+        handle_sigchld(list);
+        bool busy = false;
+        for (const ux_list_element *node = list->head; node;
+             node = node->next) {
+            const connection *cn = session_of(node);
+            busy = busy || (cn != nullptr && cn->busy != 0);
+        }
+        return !busy;
+    }));
+    EXPECT_EQ(list->size, size_then);
+}
+
+} // namespace
+
+TEST(exec_V2command, runs_the_script_of_the_command_word)
+{
+    for (const v2_row &row : v2_rows) {
+        SCOPED_TRACE(std::string("[") + row.text + "]");
+        listener listen;
+        connection *cn = add_client();
+        int32_t result = run_text(cn, row.text);
+        if (row.cmdline != nullptr) {
+            EXPECT_EQ(result, 1);
+            EXPECT_EQ(cn->busy, 1);
+            ASSERT_NE(cn->cmdline, nullptr);
+            EXPECT_STREQ(cn->cmdline, row.cmdline);
+            EXPECT_EQ(listen.log.lines(),
+                      log_lines{message(792, {row.cmdline})});
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(cn->busy, 0);
+            EXPECT_EQ(cn->cmdline, nullptr);
+            EXPECT_EQ(listen.log.lines(), log_lines{message(row.logged, {})});
+        }
+    }
+}
+
+TEST(exec_V2command, without_text_is_unknown)
+{
+    listener listen;
+    EXPECT_EQ(exec_V2command(add_client(), nullptr), 0);
+    EXPECT_EQ(listen.log.lines(), log_lines{message(820, {})});
+}
+
+TEST(exec_V2command, a_script_that_is_not_set_is_not_run)
+{
+    listener listen;
+    listen.settings.shutdown_prog = nullptr;
+    listen.settings.exec_prog = listen.text("");
+    listen.settings.msg_prog = nullptr;
+    listen.settings.mail_prog = nullptr;
+    connection *cn = add_client();
+    for (const char *word : {"SHUTDOWN", "EXECUTE", "MSG_ID 14", "MSG_TEXT x",
+                             "MAIL_ID 14 ops", "MAIL_TEXT ops x"}) {
+        EXPECT_EQ(run_text(cn, std::string("MSG_EXECSTATUS ") + word), 0);
+        EXPECT_EQ(cn->busy, 0) << word;
+    }
+    EXPECT_EQ(listen.log.lines(), log_lines{});
+}
+
+TEST(exec_V2command, execstatus_asks_for_a_reply_over_tcp_only)
+{
+    listener listen;
+    connection *tcp = add_client(ADDR_PEER);
+    connection *udp = add_client(ADDR_BROADCAST);
+    EXPECT_EQ(run_text(tcp, "MSG_EXECSTATUS EXECUTE x"), 1);
+    EXPECT_EQ(run_text(udp, "MSG_EXECSTATUS EXECUTE x"), 1);
+    EXPECT_EQ(tcp->want_reply, 1);
+    EXPECT_EQ(udp->want_reply, 0);
+    connection *quiet = add_client(ADDR_PEER);
+    EXPECT_EQ(run_text(quiet, "MSG_EXECUTE EXECUTE x"), 1);
+    EXPECT_EQ(quiet->want_reply, 0);
+}
+
+TEST(exec_V2command, log_texts_go_to_the_log_without_a_script)
+{
+    struct row {
+        const char *text;
+        const char *logged;
+    };
+    const row rows[] = {
+        {"MSG_EXECUTE LOG_TEXT UPS on battery", "UPS on battery"},
+        {"MSG_EXECUTE LOG_TEXT \"UPS on battery\"", "UPS on battery"},
+        {"MSG_EXECUTE LOG_TEXT %s and #NAME %d %n", "%s and #NAME %d %n"},
+        {"MSG_EXECUTE LOG_TEXT TOLVA ERROR: x", "error: x"},
+        {"MSG_EXECUTE LOG_ID 12 UPS1 45", "UPS UPS1 at 45%s done"},
+        {"MSG_EXECUTE LOG_ID 14", "plain"},
+        {"msg_execute log_text \xe4\xff", "\xe4\xff"},
+    };
+    for (const row &one : rows) {
+        listener listen;
+        connection *cn = add_client();
+        EXPECT_EQ(run_text(cn, one.text), 1) << one.text;
+        EXPECT_EQ(cn->busy, 0);
+        EXPECT_EQ(listen.log.lines(), log_lines{one.logged});
+    }
+    for (const char *nothing :
+         {"MSG_EXECUTE LOG_TEXT", "MSG_EXECUTE LOG_TEXT  ",
+          "MSG_EXECUTE LOG_TEXT \"\"", "MSG_EXECUTE LOG_TEXT \" \"",
+          "MSG_EXECUTE LOG_ID", "MSG_EXECUTE LOG_ID 9999"}) {
+        listener listen;
+        EXPECT_EQ(run_text(add_client(), nothing), 0) << nothing;
+        EXPECT_EQ(listen.log.lines(), log_lines{});
+    }
+}
+
+TEST(exec_V2command, a_logged_text_is_replied_to_without_a_child)
+{
+    struct row {
+        const char *text;
+        int32_t result;
+        int32_t exitstatus;
+    };
+    const row rows[] = {
+        {"MSG_EXECSTATUS LOG_TEXT hello", 1, 0},
+        {"MSG_EXECSTATUS LOG_TEXT", 0, 1},
+        {"MSG_EXECSTATUS LOG_ID 14", 1, 0},
+        {"MSG_EXECSTATUS LOG_ID 9999", 0, 1},
+    };
+    for (const row &one : rows) {
+        listener listen;
+        int fd = tcp_socket();
+        connection *cn = add_client(ADDR_PEER, fd);
+        EXPECT_EQ(run_text(cn, one.text), one.result) << one.text;
+        EXPECT_EQ(cn->busy, 1);
+        EXPECT_EQ(cn->want_reply, 1);
+        EXPECT_EQ(cn->exitstatus, one.exitstatus);
+        EXPECT_EQ(cn->pid, 0);
+        EXPECT_EQ(cn->cmdline, nullptr);
+        EXPECT_TRUE(FD_ISSET(fd, &writefds));
+        EXPECT_EQ(nfds, 1);
+        /* Nothing is left to collect for it. */
+        handle_sigchld(clients);
+        EXPECT_EQ(clients->size, 1u);
+        EXPECT_EQ(cn->busy, 1);
+    }
+}
+
+TEST(exec_V2command, a_text_that_cannot_be_logged_is_replied_to_as_failed)
+{
+    listener listen;
+    int fd = tcp_socket();
+    connection *cn = add_client(ADDR_PEER, fd);
+    logfile_close();
+    EXPECT_EQ(logfile_open("/no/such/directory/log", 0), 1);
+    EXPECT_EQ(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"), 0);
+    EXPECT_EQ(cn->exitstatus, 1);
+}
+
+TEST(exec_V2command, a_logged_datagram_is_not_replied_to)
+{
+    listener listen;
+    connection *cn = add_client(ADDR_BROADCAST);
+    EXPECT_EQ(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"), 1);
+    EXPECT_EQ(cn->busy, 0);
+    EXPECT_EQ(cn->want_reply, 0);
+    EXPECT_EQ(listen.log.lines(), log_lines{"hello"});
+}
+
+TEST(exec_V2command, shutdown_does_not_ask_redundancy)
+{
+    listener listen;
+    listen.make_redundant("127.0.0.1 127.0.0.2", 2);
+    connection *cn = add_client();
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(run_text(cn, "MSG_EXECUTE SHUTDOWN"), 1);
+    EXPECT_EQ(errors.text(), "");
+    EXPECT_STREQ(cn->cmdline, "exit 0;");
+}
+
+TEST(exec_V2command, very_long_parameters_are_kept_to_4094_characters)
+{
+    listener listen;
+    connection *cn = add_client();
+    EXPECT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE " + std::string(5000, 'x')), 1);
+    EXPECT_EQ(std::string(cn->cmdline), "exit 1; " + std::string(4094, 'x'));
+}
+
+TEST(exec_V2command, traces_the_words)
+{
+    listener listen;
+    connection *cn = add_client();
+    EXPECT_EQ(traced(1, [&] { run_text(cn, "MSG_SCAN x"); }),
+              "DEBUG: tolvamsg = [MSG_SCAN x]\nDEBUG: ptr1 = [MSG_SCAN]\n"
+              "DEBUG: arg= [" +
+                  message(819, {}) + "]\n");
+    std::string seen =
+        traced(1, [&] { run_text(cn, " MSG_EXECUTE  EXECUTE x"); });
+    EXPECT_EQ(seen.substr(0, seen.find("DEBUG: compare")),
+              "DEBUG: tolvamsg = [ MSG_EXECUTE  EXECUTE x]\n"
+              "DEBUG: ptr1 = [MSG_EXECUTE]\nDEBUG: ptr2 = [EXECUTE]\n");
+}
+
+TEST(exec_V1command, runs_the_shutdown_script_without_parameters)
+{
+    listener listen;
+    connection *cn = add_client();
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(exec_V1command(cn), 1);
+    EXPECT_EQ(errors.text(), "returning: TRUE\n");
+    EXPECT_EQ(cn->busy, 1);
+    EXPECT_EQ(cn->want_reply, 0);
+    EXPECT_STREQ(cn->cmdline, "exit 0;");
+    EXPECT_EQ(listen.log.lines(), log_lines{message(792, {"exit 0;"})});
+}
+
+TEST(exec_V1command, without_script_runs_nothing)
+{
+    listener listen;
+    listen.settings.shutdown_prog = nullptr;
+    connection *cn = add_client();
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(exec_V1command(cn), 0);
+    EXPECT_EQ(cn->busy, 0);
+}
+
+TEST(exec_V1command, is_withheld_by_redundancy)
+{
+    listener listen;
+    listen.make_redundant("127.0.0.1 127.0.0.2", 2);
+    connection *cn = add_client();
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(exec_V1command(cn), 0);
+    EXPECT_EQ(errors.text(), "returning: FALSE\n");
+    EXPECT_STREQ(cn->cmdline, "exit 4;");
+    const log_lines expected = {"Shutdown suppressed, redundancy-level = 2, "
+                                "failure count = 2.",
+                                message(792, {"exit 4;"})};
+    EXPECT_EQ(listen.log.lines(), expected);
+}
+
+TEST(exec_V1command, asks_the_watched_servers_anew)
+{
+    listener listen;
+    listen.make_redundant("127.0.0.1 127.0.0.2", 1);
+    descriptor server(listening_socket("127.0.0.2"));
+    connection *watched =
+        add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.2");
+    watched->addr = loopback("127.0.0.2", local_port(server.get()));
+    connection *cn = add_client();
+    capture errors(STDERR_FILENO);
+    EXPECT_EQ(exec_V1command(cn), 0) << "the other one is alive";
+    EXPECT_GE(watched->fd, 0);
+    EXPECT_EQ(watched->nerror, 0);
+    wait_status(cn);
+    cn->busy = 0;
+    /* Its check is still open: that counts as a failure by now. */
+    EXPECT_EQ(exec_V1command(cn), 1);
+    EXPECT_EQ(watched->nerror, 1);
+    EXPECT_EQ(errors.text(), "returning: FALSE\nreturning: TRUE\n");
+}
+
+TEST(handle_sigchld, a_script_that_runs_is_left_alone)
+{
+    listener listen;
+    listen.settings.exec_prog = listen.text("exec sleep 600 #");
+    connection *cn = add_client();
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    handle_sigchld(clients);
+    EXPECT_EQ(clients->size, 1u);
+    EXPECT_EQ(cn->busy, 1);
+    kill(cn->pid, SIGKILL);
+    collect(clients, 0);
+}
+
+TEST(handle_sigchld, without_reply_the_record_goes)
+{
+    listener listen;
+    run_text(add_client(), "MSG_EXECUTE SHUTDOWN a");
+    run_text(add_client(ADDR_BROADCAST), "MSG_EXECSTATUS EXECUTE b");
+    listen.log.clear();
+    collect(clients, 0);
+    log_lines seen = listen.log.lines();
+    std::sort(seen.begin(), seen.end());
+    const log_lines expected = {message(793, {"exit 1; b"}),
+                                message(794, {"exit 0; a"})};
+    EXPECT_EQ(seen, expected);
+}
+
+TEST(handle_sigchld, with_reply_the_status_is_kept_for_it)
+{
+    struct row {
+        const char *program;
+        int32_t exitstatus;
+        int logged;
+    };
+    const row rows[] = {
+        {"exit 0;", 0, 794},
+        {"exit 1;", 1, 793},
+        {"exit 255;", 255, 793},
+        {"exit 128;", 128, 793},
+        {"exec /no/such/file 2>/dev/null;", 127, 793},
+        {"kill -9 $$;", 9, 793},
+        {"kill -15 $$;", 15, 793},
+    };
+    for (const row &one : rows) {
+        SCOPED_TRACE(one.program);
+        listener listen;
+        listen.settings.exec_prog = listen.text(one.program);
+        int fd = tcp_socket();
+        connection *cn = add_client(ADDR_PEER, fd);
+        ASSERT_EQ(run_text(cn, "MSG_EXECSTATUS EXECUTE"), 1);
+        int32_t pid = cn->pid;
+        EXPECT_FALSE(FD_ISSET(fd, &writefds));
+        listen.log.clear();
+        collect(clients, 1);
+        EXPECT_EQ(cn->exitstatus, one.exitstatus);
+        EXPECT_EQ(cn->pid, pid);
+        EXPECT_EQ(cn->want_reply, 1);
+        EXPECT_TRUE(FD_ISSET(fd, &writefds));
+        EXPECT_EQ(nfds, 1);
+        EXPECT_STREQ(cn->cmdline, one.program);
+        EXPECT_EQ(listen.log.lines(),
+                  log_lines{message(one.logged, {one.program})});
+        /* Once collected, it is never collected again. */
+        cn->busy = 1;
+        handle_sigchld(clients);
+        EXPECT_EQ(cn->busy, 1);
+        cn->busy = 0;
+    }
+}
+
+TEST(handle_sigchld, a_stopped_script_is_reported_with_its_raw_status)
+{
+    listener listen;
+    listen.settings.exec_prog = listen.text("kill -STOP $$; exit 0;");
+    int fd = tcp_socket();
+    connection *cn = add_client(ADDR_PEER, fd);
+    ASSERT_EQ(run_text(cn, "MSG_EXECSTATUS EXECUTE"), 1);
+    int32_t pid = cn->pid;
+    collect(clients, 1);
+    EXPECT_EQ(cn->exitstatus, (SIGSTOP << 8) | 0x7f);
+    EXPECT_TRUE(FD_ISSET(fd, &writefds));
+    EXPECT_EQ(listen.log.lines().back(),
+              message(793, {"kill -STOP $$; exit 0;"}));
+    kill(pid, SIGKILL);
+    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+    cn->pid = 0;
+}
+
+TEST(handle_sigchld, skips_records_without_child_and_nodes_without_record)
+{
+    listener listen;
+    connection *idle = add_client();
+    ASSERT_EQ(ux_list_ins_next(clients, clients->tail, nullptr), 0);
+    idle->busy = 1;
+    /* Waiting for number 0 would take any child of the group. */
+    connection cn{};
+    run_text(&cn, "MSG_EXECUTE SHUTDOWN");
+    siginfo_t info;
+    EXPECT_EQ(
+        waitid(P_PID, static_cast<id_t>(cn.pid), &info, WEXITED | WNOWAIT), 0);
+    handle_sigchld(clients);
+    EXPECT_EQ(clients->size, 2u);
+    EXPECT_EQ(idle->busy, 1);
+    EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid) << "not taken by others";
+    idle->busy = 0;
+    free(cn.cmdline);
+}
+
+TEST(handle_sigchld, collects_several_of_a_list_at_once)
+{
+    listener listen;
+    for (int i = 0; i < 5; i++) {
+        run_text(add_client(), "MSG_EXECUTE SHUTDOWN");
+    }
+    for (const ux_list_element *node = clients->head; node; node = node->next) {
+        siginfo_t info;
+        waitid(P_PID, static_cast<id_t>(session_of(node)->pid), &info,
+               WEXITED | WNOWAIT);
+    }
+    handle_sigchld(clients);
+    EXPECT_EQ(clients->size, 0u);
+}
+
+TEST(handle_sigchld, a_server_record_stays_and_loses_its_command_line)
+{
+    listener listen;
+    connection *cn =
+        add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
+    cn->nerror = 5;
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    listen.log.clear();
+    collect(connections, 1);
+    EXPECT_EQ(cn->cmdline, nullptr);
+    EXPECT_EQ(listen.log.lines(), log_lines{message(793, {"exit 1;"})});
+    EXPECT_EQ(cn->nerror, 5);
+
+    listen.settings.alive_retries = 5;
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    listen.log.clear();
+    collect(connections, 0);
+    const log_lines expected = {message(793, {"exit 1;"}),
+                                message(832, {"127.0.0.1"})};
+    EXPECT_EQ(listen.log.lines(), expected);
+}
+
+TEST(handle_sigchld, an_old_number_takes_no_other_childs_status)
+{
+    listener listen;
+    connection *cn =
+        add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    collect(connections, 1);
+    /* The system gives the old number to a client's script. */
+    connection *client = add_client();
+    ASSERT_EQ(run_text(client, "MSG_EXECUTE SHUTDOWN"), 1);
+    cn->pid = client->pid;
+    siginfo_t info;
+    waitid(P_PID, static_cast<id_t>(client->pid), &info, WEXITED | WNOWAIT);
+    listen.log.clear();
+    handle_sigchld(connections);
+    EXPECT_EQ(listen.log.lines(), log_lines{});
+    reap_children();
+    EXPECT_EQ(clients->size, 0u);
+    EXPECT_EQ(listen.log.lines(), log_lines{message(794, {"exit 0;"})});
+}
+
+TEST(reap_children, serves_both_lists)
+{
+    listener listen;
+    run_text(add_client(), "MSG_EXECUTE SHUTDOWN");
+    connection *cn =
+        add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
+    run_text(cn, "MSG_EXECUTE EXECUTE");
+    EXPECT_TRUE(wait_until([&] {
+        reap_children();
+        return clients->size == 0 && cn->busy == 0;
+    }));
+    EXPECT_EQ(connections->size, 1u);
+}
+
+TEST(reap_children, leaves_no_zombie_that_nobody_waits_for)
+{
+    listener listen;
+    connection lost{};
+    for (int i = 0; i < 3; i++) {
+        run_text(&lost, "MSG_EXECUTE SHUTDOWN");
+    }
+    free(lost.cmdline);
+    EXPECT_TRUE(wait_until([] {
+        reap_children();
+        siginfo_t info;
+        return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) < 0 &&
+               errno == ECHILD;
+    }));
+}
+
+TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for)
+{
+    listener listen;
+    connection *cn =
+        add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    collect(connections, 1);
+    /* The system gives the old number to a script that is not watched. */
+    connection lost{};
+    run_text(&lost, "MSG_EXECUTE SHUTDOWN");
+    cn->pid = lost.pid;
+    siginfo_t info;
+    waitid(P_PID, static_cast<id_t>(lost.pid), &info, WEXITED | WNOWAIT);
+    listen.log.clear();
+    reap_children();
+    EXPECT_EQ(listen.log.lines(), log_lines{});
+    EXPECT_EQ(waitpid(lost.pid, nullptr, WNOHANG), -1);
+    free(lost.cmdline);
+}
+
+TEST(reap_children, does_not_wait_for_scripts_that_run)
+{
+    listener listen;
+    listen.settings.exec_prog = listen.text("exec sleep 600 #");
+    connection *cn = add_client();
+    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    reap_children();
+    EXPECT_EQ(cn->busy, 1);
+    kill(cn->pid, SIGKILL);
+    EXPECT_TRUE(wait_until([] {
+        reap_children();
+        return clients->size == 0;
+    }));
+}
