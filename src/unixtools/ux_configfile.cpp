@@ -50,7 +50,7 @@ bool copy_text(char **copy, const char *text)
 cfgmodule *new_cfgmodule(const char *ident, const char *value,
                          const char *comment)
 {
-    TRACE_IN();
+    trace_in();
     auto *record = static_cast<cfgmodule *>(calloc(1, sizeof(cfgmodule)));
     if (!record) {
         return nullptr;
@@ -67,7 +67,7 @@ cfgmodule *new_cfgmodule(const char *ident, const char *value,
 
 void destroy_cfgmodule(void *data)
 {
-    TRACE_IN();
+    trace_in();
     auto *record = static_cast<cfgmodule *>(data);
     show_texts(__func__, record);
     free(record->ident);
@@ -78,7 +78,7 @@ void destroy_cfgmodule(void *data)
 
 uint32_t hash_cfgmodule(const void *data)
 {
-    TRACE_IN();
+    trace_in();
     const auto *record = static_cast<const cfgmodule *>(data);
     uint32_t hash = ux_hash_string(record->ident ? record->ident : "");
     debug_printf("DEBUG: hash = %u\n", hash);
@@ -87,7 +87,7 @@ uint32_t hash_cfgmodule(const void *data)
 
 int32_t match_cfgmodule(const void *left, const void *right)
 {
-    TRACE_IN();
+    trace_in();
     const auto *a = static_cast<const cfgmodule *>(left);
     const auto *b = static_cast<const cfgmodule *>(right);
     return a && b && a->ident && b->ident && strcmp(a->ident, b->ident) == 0;
@@ -95,7 +95,7 @@ int32_t match_cfgmodule(const void *left, const void *right)
 
 char *strip(char *text)
 {
-    TRACE_IN();
+    trace_in();
     text += strspn(text, " \t");
     size_t length = strlen(text);
     while (length > 0 && strchr("\n\r\t ", text[length - 1])) {
@@ -106,7 +106,7 @@ char *strip(char *text)
 
 char *strip_newline(char *text)
 {
-    TRACE_IN();
+    trace_in();
     size_t length = strlen(text);
     while (length > 0 && strchr("\n\r", text[length - 1])) {
         text[--length] = '\0';
@@ -174,7 +174,7 @@ int32_t parse_key(char *text, cfgmodule *result)
 
 int32_t parse_line(char *line, cfgmodule *result)
 {
-    TRACE_IN();
+    trace_in();
     *result = cfgmodule{};
     char *text = line;
     while (is_blank(*text)) {
@@ -244,7 +244,7 @@ bool is_string_type(int32_t type)
 
 int32_t set_option_value(ux_option *op, const char *value_text)
 {
-    TRACE_IN();
+    trace_in();
     assert(op && op->type && op->ident);
     debug_printf("DEBUG: type=  [%d]\n", op->type);
     debug_printf("DEBUG: value=  [%s]\n", value_text ? value_text : "NULL");
@@ -254,7 +254,7 @@ int32_t set_option_value(ux_option *op, const char *value_text)
     } else if (is_string_type(op->type)) {
         result = set_string(op, value_text);
     }
-    TRACE_OUT();
+    trace_out();
     return result;
 }
 
@@ -289,7 +289,7 @@ bool init_table(ux_hashtable *table, uint32_t buckets)
 
 int32_t file_to_hashtable(const char *path, ux_hashtable *table)
 {
-    TRACE_IN();
+    trace_in();
     FILE *file = fopen(path, "re");
     if (!file) {
         return 0;
@@ -312,7 +312,7 @@ int32_t file_to_hashtable(const char *path, ux_hashtable *table)
 int32_t ux_readconfig(const char *path, ux_option *topic_table,
                       uint32_t buckets, int32_t missing_ok)
 {
-    TRACE_IN();
+    trace_in();
     assert(topic_table);
     ux_hashtable table;
     if (!init_table(&table, buckets)) {
@@ -341,7 +341,7 @@ int32_t ux_readconfig(const char *path, ux_option *topic_table,
 
 int32_t write_cfgmodule(const cfgmodule *record, FILE *stream)
 {
-    TRACE_IN();
+    trace_in();
     bool has_ident = record->ident && *record->ident;
     if (has_ident) {
         const char *value = record->value ? record->value : "";
@@ -393,7 +393,7 @@ bool write_row(const ux_option *op, FILE *file)
 
 int32_t ux_writeconfig(const char *path, ux_option *topic_table)
 {
-    TRACE_IN();
+    trace_in();
     assert(topic_table);
     umask(NEW_FILE_MASK);
     FILE *file = fopen(path, "we");
@@ -530,7 +530,7 @@ bool replace_file(const char *path, FILE *temporary)
 int32_t hashtable_to_file(const char *path, ux_option *topic_table,
                           ux_hashtable *table)
 {
-    TRACE_IN();
+    trace_in();
     FILE *temporary = tmpfile();
     if (!temporary) {
         return 0;
@@ -551,7 +551,7 @@ int32_t hashtable_to_file(const char *path, ux_option *topic_table,
 int32_t ux_rewriteconfig(const char *path, ux_option *topic_table,
                          uint32_t buckets)
 {
-    TRACE_IN();
+    trace_in();
     assert(topic_table);
     ux_hashtable table;
     if (!init_table(&table, buckets)) {

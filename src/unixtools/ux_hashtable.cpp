@@ -34,7 +34,7 @@ ux_list_element *find_element(const ux_hashtable *ht, const ux_list *list,
 
 uint32_t ux_hash_string(const char *text)
 {
-    TRACE_IN();
+    trace_in();
     uint32_t h = 5381;
     while (*text) {
         h = h * 33 + static_cast<unsigned char>(*text++);
@@ -47,7 +47,7 @@ int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
                           int32_t (*match)(const void *left, const void *right),
                           void (*destroy)(void *data))
 {
-    TRACE_IN();
+    trace_in();
     assert(ht);
     assert(buckets);
     void *table = calloc(buckets, sizeof(ux_list));
@@ -68,7 +68,7 @@ int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
 
 void ux_hashtable_destroy(ux_hashtable *ht)
 {
-    TRACE_IN();
+    trace_in();
     assert(ht);
     for (uint32_t bucket = 0; bucket < ht->buckets; bucket++) {
         ux_list_destroy(&ht->table[bucket]);
@@ -79,7 +79,7 @@ void ux_hashtable_destroy(ux_hashtable *ht)
 
 int32_t ux_hashtable_insert(ux_hashtable *ht, void *data)
 {
-    TRACE_IN();
+    trace_in();
     assert(ht);
     assert(data);
     ux_list *list = bucket_of(ht, data);
@@ -95,7 +95,7 @@ int32_t ux_hashtable_insert(ux_hashtable *ht, void *data)
 
 int32_t ux_hashtable_replace(ux_hashtable *ht, void **data)
 {
-    TRACE_IN();
+    trace_in();
     assert(ht);
     assert(data);
     assert(*data);
@@ -118,7 +118,7 @@ int32_t ux_hashtable_replace(ux_hashtable *ht, void **data)
 
 int32_t ux_hashtable_remove(ux_hashtable *ht, void **data)
 {
-    TRACE_IN();
+    trace_in();
     assert(ht);
     assert(data);
     assert(*data);
@@ -133,7 +133,7 @@ int32_t ux_hashtable_remove(ux_hashtable *ht, void **data)
 
 int32_t ux_hashtable_lookup(ux_hashtable *ht, void **data)
 {
-    TRACE_IN();
+    trace_in();
     assert(ht);
     assert(data);
     assert(*data);

@@ -21,7 +21,7 @@ ux_list_element *new_element(void *data)
 
 ux_list *ux_list_init(ux_list *list, void (*destroy)(void *data))
 {
-    TRACE_IN();
+    trace_in();
     if (list) {
         *list = ux_list{0, destroy, nullptr, nullptr};
     }
@@ -30,7 +30,7 @@ ux_list *ux_list_init(ux_list *list, void (*destroy)(void *data))
 
 void ux_list_destroy(ux_list *list)
 {
-    TRACE_IN();
+    trace_in();
     assert(list);
     while (list->tail) {
         assert(list->size);
@@ -49,7 +49,7 @@ void ux_list_destroy(ux_list *list)
 
 int32_t ux_list_ins_next(ux_list *list, ux_list_element *element, void *data)
 {
-    TRACE_IN();
+    trace_in();
     if (!list) {
         return -1;
     }
@@ -87,7 +87,7 @@ int32_t ux_list_ins_next(ux_list *list, ux_list_element *element, void *data)
 
 int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element, void *data)
 {
-    TRACE_IN();
+    trace_in();
     if (!list) {
         return -1;
     }
@@ -126,7 +126,7 @@ int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element, void *data)
 
 int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out)
 {
-    TRACE_IN();
+    trace_in();
     assert(list);
     assert(element);
     if (data_out) {

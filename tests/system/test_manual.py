@@ -24,7 +24,7 @@ PAGES = ("tolva.8", "sendtolva.8", "listentolva.8", "tolva.cfg.5",
 
 def source_text():
     return "".join(path.read_text() for path in sorted(
-        SOURCE.glob("*/*.cpp")))
+        SOURCE.rglob("*.*")))
 
 
 # --- the pages --------------------------------------------------------------
@@ -123,7 +123,7 @@ def test_every_option_of_all_modes_is_taken(home):
 def test_every_option_of_the_program_is_in_the_manual():
     listed = {option for group in ("any", "listen", "send", "check")
               for option in TOLVA_8.options(group)}
-    text = (SOURCE / "tolva2" / "help.cpp").read_text()
+    text = (SOURCE / "tolva2" / "start" / "help.cpp").read_text()
     told = set(re.findall(r"(?<![\w<])-([a-z?]{1,2})(?=[ \\])", text))
     assert {"l", "ac", "rc"} <= told
     assert told <= listed
@@ -197,7 +197,7 @@ def documented_settings():
 
 def program_settings():
     """{key: default} from the program's own tables."""
-    text = (SOURCE / "tolva2" / "settings.cpp").read_text()
+    text = (SOURCE / "tolva2" / "files" / "settings.cpp").read_text()
     fields = re.findall(r'KEY_ROW\(\w+,\s*"(\w+)",\s*(\w+)\)', text)
     values = dict(re.findall(r"default_settings\.(\w+) = (\d+);", text))
     rows = re.findall(r'\{&receiver_params::(\w+), "([^"]+)"\}', text)

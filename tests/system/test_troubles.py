@@ -47,7 +47,7 @@ def told(text):
 
 def test_first_columns_are_texts_of_the_program():
     known = "".join(path.read_text() for path in
-                    (harness.ROOT / "src").glob("*/*.cpp"))
+                    (harness.ROOT / "src").rglob("*.cpp"))
     known += (SHARE / "messages.dat").read_text()
     system = {os.strerror(number) for number in range(1, 132)}
     seen = [code for row in re.findall(r"^\| ([^|]*) \|", TROUBLES, re.M)

@@ -6,7 +6,7 @@
 #ifndef TESTS_UNIT_CAPTURE_H
 #define TESTS_UNIT_CAPTURE_H
 
-#include "tolva2/base/process_state.h"
+#include "tolva2/base/trace.h"
 
 #include <gtest/gtest.h>
 

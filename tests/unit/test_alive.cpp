@@ -1,6 +1,7 @@
 /* The watch on UPS management servers, with servers on loopback. */
 #include "listener_fixture.h"
 
+#include "tolva2/base/process_state.h"
 #include "tolva2/listen/alive.cpp" // NOLINT
 #include "tolva2/listen/command.h"
 #include "tolva2/net/kesdal.h"

@@ -25,6 +25,7 @@ int32_t register_or_fail(ux_list *list, connection *cn)
 
 #define new_connection new_or_null
 #define register_connection register_or_fail
+#include "tolva2/base/process_state.h"
 #include "tolva2/listen/client.cpp" // NOLINT
 #undef new_connection
 #undef register_connection

@@ -26,6 +26,7 @@ int32_t insert_or_fail(ux_list *list, ux_list_element *element, void *data)
 
 #define calloc calloc_or_fail
 #define ux_list_ins_next insert_or_fail
+#include "tolva2/base/process_state.h"
 #include "tolva2/net/connection.cpp" // NOLINT(bugprone-suspicious-include)
 #undef calloc
 #undef ux_list_ins_next

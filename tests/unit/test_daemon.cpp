@@ -1,6 +1,7 @@
 #include "capture.h"
 #include "starve.h"
 #include "temp_dir.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/start/daemon.h"
 
 #include <fcntl.h>

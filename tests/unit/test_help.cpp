@@ -1,4 +1,5 @@
 #include "capture.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/start/help.h"
 
 #include <string>

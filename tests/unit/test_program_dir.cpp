@@ -17,10 +17,8 @@ using text_or_null = std::optional<std::string>;
 
 text_or_null dir_of(const std::string &argv0)
 {
-    char *found = find_program_dir(argv0.c_str());
-    text_or_null result = found ? text_or_null(found) : std::nullopt;
-    free(found);
-    return result;
+    ux_text found = find_program_dir(argv0.c_str());
+    return found ? text_or_null(found.get()) : std::nullopt;
 }
 
 TEST(base_name_test, is_what_stands_behind_the_last_slash)

@@ -1,6 +1,7 @@
 /* Send and check mode: each step alone, then whole runs. */
 #include "sessions.h"
 
+#include "tolva2/base/process_state.h"
 #include "tolva2/send/tolva_send.cpp" // NOLINT
 
 #include <sys/time.h>

@@ -6,19 +6,16 @@
 #ifndef TOLVA2_BASE_TRACE_H
 #define TOLVA2_BASE_TRACE_H
 
-#ifdef NDEBUG
-#error "assertions are part of the program's behaviour: build without NDEBUG"
-#endif
-
-#include "tolva2/base/process_state.h"
-
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 
-/* Exit codes of error_printf. */
-constexpr int32_t ERROR_CONTINUE = 0;
-constexpr int32_t ERROR_EXIT = 2; /* the process ends with status 1 */
+/*
+ * Trace level. Negative: detach, no trace; 0: foreground, no trace; above 0
+ * "DEBUG:" lines, above 5 "TRACEIN:" lines, above 9 "TRACEOUT:" lines. Settled
+ * by start-up and by "-d".
+ */
+extern int32_t debug_level;
 
 /*
  * Writes one formatted text to descriptor 1 with a single write, cut to 1,023
@@ -30,19 +27,13 @@ constexpr int32_t ERROR_EXIT = 2; /* the process ends with status 1 */
 /* trace_printf, but only when the trace level is above 0. */
 [[gnu::format(printf, 1, 2)]] void debug_printf(const char *format, ...);
 
-/* The entry and exit lines of a function, under its own name. */
-#define TRACE_IN()                                                             \
-    do {                                                                       \
-        if (debug_level > 5) {                                                 \
-            trace_printf("TRACEIN: %s\n", __func__);                           \
-        }                                                                      \
-    } while (0)
-#define TRACE_OUT()                                                            \
-    do {                                                                       \
-        if (debug_level > 9) {                                                 \
-            trace_printf("TRACEOUT: %s\n", __func__);                          \
-        }                                                                      \
-    } while (0)
+/* The entry and the exit line of the function that calls them. */
+void trace_in(const char *function = __builtin_FUNCTION());
+void trace_out(const char *function = __builtin_FUNCTION());
+
+/* Exit codes of error_printf. */
+constexpr int32_t ERROR_CONTINUE = 0;
+constexpr int32_t ERROR_EXIT = 2; /* the process ends with status 1 */
 
 /*
  * Where error_printf sends its text: vfprintf to begin with. May be replaced
@@ -57,6 +48,9 @@ extern error_hook error_output_hook;
  */
 [[gnu::format(printf, 3, 4)]] int32_t
 error_printf(FILE *stream, int32_t exit_code, const char *format, ...);
+
+/* One error line on standard error, then the process ends with status 1. */
+[[noreturn, gnu::format(printf, 1, 2)]] void fatal(const char *format, ...);
 
 /*
  * Opens the debug file for reading and appending, mode 0664, unless one is

@@ -110,7 +110,7 @@ size_t fill_template(char *buffer, size_t size, const char *text, char *rest)
 
 int32_t is_V2command(const char *word)
 {
-    TRACE_IN();
+    trace_in();
     if (!word || !*word) {
         return COMMAND_UNKNOWN;
     }
@@ -144,7 +144,7 @@ char *split_word(char **rest, const char *delimiters)
 
 char *strip_params(char *text)
 {
-    TRACE_IN();
+    trace_in();
     if (!text) {
         return nullptr;
     }
@@ -167,7 +167,7 @@ char *strip_params(char *text)
 
 int32_t patch_msg_param(char *buffer, size_t size, const char *params)
 {
-    TRACE_IN();
+    trace_in();
     char *text = strdup(buffer);
     char *copy = params ? strdup(params) : nullptr;
     size_t length = 0;
@@ -271,7 +271,7 @@ int32_t mail_text_params(char *out, size_t size, char *text)
 
 int32_t get_V2command_params(char *out, size_t size, int32_t index, char *text)
 {
-    TRACE_IN();
+    trace_in();
     if (!out || size == 0) {
         return 0;
     }

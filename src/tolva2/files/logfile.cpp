@@ -1,4 +1,5 @@
 #include "tolva2/files/logfile.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 
 #include <cctype>
@@ -9,6 +10,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+int32_t logged_pid = 0;
 int32_t log_to_file = 0;
 
 namespace
@@ -171,7 +173,7 @@ const char *log_time_text(time_t t)
 
 int32_t logfile_open(const char *name, int32_t size_kib)
 {
-    TRACE_IN();
+    trace_in();
     if (!name || !*name || log_name) {
         return 0;
     }
@@ -185,7 +187,7 @@ int32_t logfile_open(const char *name, int32_t size_kib)
 
 void logfile_close()
 {
-    TRACE_IN();
+    trace_in();
     free(log_name);
     log_name = nullptr;
     log_limit = 0;
@@ -193,7 +195,7 @@ void logfile_close()
 
 int32_t logfile_trim()
 {
-    TRACE_IN();
+    trace_in();
     if (!log_name) {
         return 0;
     }
@@ -203,7 +205,7 @@ int32_t logfile_trim()
 
 int32_t log_write_line(const char *text)
 {
-    TRACE_IN();
+    trace_in();
     if (!text || !*text) {
         return 0;
     }
@@ -228,7 +230,7 @@ int32_t log_write_line(const char *text)
 
 int32_t log_message(int32_t count, const char *format, ...)
 {
-    TRACE_IN();
+    trace_in();
     if (!format || !*format) {
         return 0;
     }

@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <ctime>
 
+/* The id that log lines show: 0 until the process has detached. */
+extern int32_t logged_pid;
+
 /* Non-zero: lines go to the log file. Set by mode initialisation. */
 extern int32_t log_to_file;
 

@@ -29,7 +29,7 @@ size_t drop_line_end(char *text, size_t length)
 
 int32_t msgdb_open(const char *name)
 {
-    TRACE_IN();
+    trace_in();
     struct stat status;
     if (!name || !*name || stat(name, &status) < 0) {
         return 0;
@@ -49,21 +49,21 @@ int32_t msgdb_open(const char *name)
 
 void msgdb_close()
 {
-    TRACE_IN();
+    trace_in();
     free(database_name);
     database_name = nullptr;
 }
 
 const char *msgdb_get(int32_t number)
 {
-    TRACE_IN();
+    trace_in();
     int32_t length = msgdb_get_into(number, shared_text, sizeof shared_text);
     return length > 0 ? shared_text : nullptr;
 }
 
 int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
 {
-    TRACE_IN();
+    trace_in();
     if (!buffer || size == 0) {
         return -1;
     }
@@ -79,7 +79,7 @@ int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
 
 int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number)
 {
-    TRACE_IN();
+    trace_in();
     if (!stream || !buffer || size == 0) {
         return -1;
     }

@@ -139,7 +139,7 @@ void free_texts(void *ux_option::*storage)
 receiver_params *read_receiver_config(const char *path, const char *home,
                                       int32_t missing_ok)
 {
-    TRACE_IN();
+    trace_in();
     fill_defaults(home);
     /* What an earlier reading left would be lost, or taken for a value. */
     free_texts(&ux_option::value);
@@ -153,14 +153,14 @@ receiver_params *read_receiver_config(const char *path, const char *home,
 
 int32_t write_receiver_config(const char *path, int32_t fresh)
 {
-    TRACE_IN();
+    trace_in();
     return fresh ? ux_writeconfig(path, key_table)
                  : ux_rewriteconfig(path, key_table, SETTINGS_BUCKETS);
 }
 
 int32_t check_redundancy_config(const receiver_params *settings)
 {
-    TRACE_IN();
+    trace_in();
     const char *file = settings->redundancy_batch_file;
     const char *addresses = settings->redundancy_addresses;
     return !setting_is_on(settings->redundancy_enabled) ||
@@ -169,7 +169,7 @@ int32_t check_redundancy_config(const receiver_params *settings)
 
 void free_receiver_config()
 {
-    TRACE_IN();
+    trace_in();
     free_texts(&ux_option::default_value);
     free_texts(&ux_option::value);
 }

@@ -18,7 +18,7 @@ constexpr size_t ALIVE_PARAMS = 128;
 
 void cancel_connect(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     close_exchange(cn);
@@ -31,7 +31,7 @@ void cancel_connect(ux_list_element *node)
 
 void end_connect(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     close_exchange(cn);
@@ -44,7 +44,7 @@ constexpr connect_ends ALIVE_ENDS{cancel_connect, end_connect};
 /* 1 started, 0 could not connect, -1 the record is of no use. */
 int32_t start_connect(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     int32_t startable = may_start(cn);
     if (startable != 1) {
@@ -67,7 +67,7 @@ int32_t start_connect(ux_list_element *node)
 
 int32_t start_connections()
 {
-    TRACE_IN();
+    trace_in();
     assert(connections);
     ux_list_element *next = nullptr;
     for (ux_list_element *node = connections->head; node; node = next) {
@@ -84,7 +84,7 @@ int32_t start_connections()
 
 void cancel_connections()
 {
-    TRACE_IN();
+    trace_in();
     ux_list_element *next = nullptr;
     for (ux_list_element *node = connections->head; node; node = next) {
         next = node->next;
@@ -101,7 +101,7 @@ void cancel_connections()
 
 void exec_aliveproc(connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     char params[ALIVE_PARAMS];
     time_t now = time(nullptr);
     snprintf(params, sizeof params, "%s %s %s", cn->ipaddr, log_date_text(now),
@@ -111,7 +111,7 @@ void exec_aliveproc(connection *cn)
 
 void check_alive_retries(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     const connection *cn = record_of(node);
     if (rp->alive_retries > 0 && cn->nerror >= rp->alive_retries && !cn->busy) {
         log_message(1, msgdb_get(832), cn->ipaddr);
@@ -121,7 +121,7 @@ void check_alive_retries(ux_list_element *node)
 
 int32_t check_alive_single(const char *address)
 {
-    TRACE_IN();
+    trace_in();
     for (const ux_list_element *node = connections->head; node;
          node = node->next) {
         const connection *cn = record_of(node);

@@ -55,7 +55,7 @@ void drop_handlers()
 
 int32_t fork_and_exec(connection *cn, const char *program, const char *params)
 {
-    TRACE_IN();
+    trace_in();
     if (!program || !*program) {
         return 0;
     }

@@ -1,4 +1,5 @@
 #include "tolva2/listen/client.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/logfile.h"
 #include "tolva2/files/msgdb.h"
@@ -139,7 +140,7 @@ void receive_command(connection *cn)
 
 int32_t client_is_allowed(const ux_list *allowed, const in_addr *sin_addr)
 {
-    TRACE_IN();
+    trace_in();
     assert(sin_addr && sin_addr->s_addr);
     for (const ux_list_element *node = allowed->head; node && node->data;
          node = node->next) {
@@ -168,7 +169,7 @@ int32_t accepting_clients(time_t now, int32_t *retry)
 void handle_tcp_connect(int32_t listener, const ux_list *allowed,
                         time_t deadline)
 {
-    TRACE_IN();
+    trace_in();
     if (nfds >= max_fds) {
         return;
     }
@@ -192,7 +193,7 @@ void handle_tcp_connect(int32_t listener, const ux_list *allowed,
 
 void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
 {
-    TRACE_IN();
+    trace_in();
     char text[TEXT_BUFFER];
     char peer[ADDRESS_TEXT];
     sockaddr_in from;
@@ -224,7 +225,7 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
 
 void handle_tcp_client(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     receive_command(cn);
     cn->deadline = 0;
@@ -240,7 +241,7 @@ void handle_tcp_client(ux_list_element *node)
 
 int64_t check_timeout_clients(time_t now, int32_t timeout)
 {
-    TRACE_IN();
+    trace_in();
     int64_t result = -1;
     int64_t limit = static_cast<int64_t>(now) + timeout;
     ux_list_element *next = nullptr;

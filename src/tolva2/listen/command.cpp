@@ -100,7 +100,7 @@ bool finish_recorded(ux_list *list, pid_t child, int32_t status)
 
 int32_t exec_V1command(connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     if (!track_redundant_shutdowns(cn)) {
         return 0;
     }
@@ -109,7 +109,7 @@ int32_t exec_V1command(connection *cn)
 
 int32_t exec_V2command(connection *cn, char *text)
 {
-    TRACE_IN();
+    trace_in();
     debug_printf("DEBUG: tolvamsg = [%s]\n", text ? text : "NULL");
     if (!text || !*text) {
         log_message(0, msgdb_get(820));
@@ -138,7 +138,7 @@ int32_t exec_V2command(connection *cn, char *text)
 
 void handle_sigchld(ux_list *list)
 {
-    TRACE_IN();
+    trace_in();
     ux_list_element *next = nullptr;
     for (ux_list_element *node = list->head; node; node = next) {
         next = node->next;
@@ -153,7 +153,7 @@ void handle_sigchld(ux_list *list)
 
 void reap_children()
 {
-    TRACE_IN();
+    trace_in();
     if (clients->size > 0) {
         handle_sigchld(clients);
     }

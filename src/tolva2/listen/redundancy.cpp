@@ -129,7 +129,7 @@ bool request_completes(connection *cn)
 void init_redundant_shutdowns(const receiver_params *settings,
                               const ux_list *address_list)
 {
-    TRACE_IN();
+    trace_in();
     redundancy = redundancy_record{};
     redundancy.enabled = setting_is_on(settings->redundancy_enabled);
     redundancy.level = settings->redundancy_level;
@@ -145,7 +145,7 @@ void init_redundant_shutdowns(const receiver_params *settings,
 
 int32_t track_redundant_shutdowns(connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     int32_t result = request_completes(cn) ? 1 : 0;
     show_redundancy_table(&redundancy);
     fprintf(stderr, "returning: %s\n", result ? "TRUE" : "FALSE");
@@ -154,7 +154,7 @@ int32_t track_redundant_shutdowns(connection *cn)
 
 void show_redundancy_table(const redundancy_record *record)
 {
-    TRACE_IN();
+    trace_in();
     debug_printf("DEBUG: %s\t%s\t%s\n", "IP-Address", "Shutdown", "NotAlive");
     for (int32_t i = 0; i < REDUNDANCY_MEMBERS; i++) {
         if (record->inuse[i]) {

@@ -31,7 +31,7 @@ void send_status(const connection *cn)
 
 void handle_tcp_reply(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     const connection *cn = record_of(node);
     if (sock_pending_error(cn->fd) == 0) {
         send_status(cn);

@@ -1,4 +1,5 @@
 #include "tolva2/listen/tolva_receive.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/logfile.h"
@@ -102,7 +103,7 @@ int32_t open_failed(int32_t fd)
 
 int32_t open_tcp_socket(int32_t port, const char *address)
 {
-    TRACE_IN();
+    trace_in();
     int32_t fd = keep_selectable(tcp_socket_nonblock());
     if (fd < 0) {
         return open_failed(fd);
@@ -121,7 +122,7 @@ int32_t open_tcp_socket(int32_t port, const char *address)
 
 int32_t open_udp_socket(int32_t port, const char *address)
 {
-    TRACE_IN();
+    trace_in();
     /* A datagram that select() reports may be gone when it is received. */
     int32_t fd = keep_selectable(udp_broadcast_socket_nonblock());
     if (fd < 0 || !sock_bind_to(fd, static_cast<uint16_t>(port), address)) {
@@ -134,7 +135,7 @@ int32_t open_udp_socket(int32_t port, const char *address)
 
 int32_t start_tcp_listener(int32_t port, const char *address)
 {
-    TRACE_IN();
+    trace_in();
     int32_t fd = open_tcp_socket(port, address);
     if (fd >= 0) {
         add_descriptor(fd, &readfds);
@@ -144,7 +145,7 @@ int32_t start_tcp_listener(int32_t port, const char *address)
 
 int32_t start_udp_listener(int32_t port, const char *address)
 {
-    TRACE_IN();
+    trace_in();
     int32_t fd = open_udp_socket(port, address);
     if (fd >= 0) {
         add_descriptor(fd, &readfds);
@@ -367,7 +368,7 @@ void tear_down(listener_state *state)
 int32_t recv_mode(receiver_params *settings, const ux_list *allowed,
                   const ux_list *alive, const ux_list *redundancy)
 {
-    TRACE_IN();
+    trace_in();
     listener_state state{-1, -1, allowed, time(nullptr), 0};
     ux_list client_list;
     ux_list connection_list;

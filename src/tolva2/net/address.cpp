@@ -1,4 +1,5 @@
 #include "tolva2/net/address.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_number.h"
@@ -34,7 +35,7 @@ int32_t arm_timer(int32_t seconds)
 
 char *split_addr(char **host, int32_t *port, char *text)
 {
-    TRACE_IN();
+    trace_in();
     if (!text || !*text) {
         return nullptr;
     }
@@ -50,7 +51,7 @@ char *split_addr(char **host, int32_t *port, char *text)
 
 int32_t split_port(char **host, char *text)
 {
-    TRACE_IN();
+    trace_in();
     if (!text || !*text) {
         return 0;
     }
@@ -66,7 +67,7 @@ int32_t split_port(char **host, char *text)
 
 void sigalrm_itimer(int32_t signal)
 {
-    TRACE_IN();
+    trace_in();
     static_cast<void>(signal);
     resolve_timed_out = 1;
     error_printf(stderr, ERROR_CONTINUE, "%s: timeout resolving hostname...\n",
@@ -75,7 +76,7 @@ void sigalrm_itimer(int32_t signal)
 
 int32_t start_timeout(int32_t seconds)
 {
-    TRACE_IN();
+    trace_in();
     if (!set_signal(SIGALRM, sigalrm_itimer, 0)) {
         return 0;
     }
@@ -83,13 +84,13 @@ int32_t start_timeout(int32_t seconds)
         set_signal(SIGALRM, SIG_DFL, 0);
         return 0;
     }
-    TRACE_OUT();
+    trace_out();
     return 1;
 }
 
 void stop_timeout()
 {
-    TRACE_IN();
+    trace_in();
     /* Disarmed first: the default action of a late alarm would kill us. */
     arm_timer(0);
     set_signal(SIGALRM, SIG_IGN, 0);
@@ -98,7 +99,7 @@ void stop_timeout()
 
 const char *GetHostAddrFromHostName(const char *name)
 {
-    TRACE_IN();
+    trace_in();
     static char text[ADDRESS_TEXT];
     if (!name || !*name) {
         return nullptr;
@@ -111,7 +112,7 @@ const char *GetHostAddrFromHostName(const char *name)
     memcpy(octets, entry->h_addr_list[0], sizeof octets);
     snprintf(text, sizeof text, "%u.%u.%u.%u", octets[0], octets[1], octets[2],
              octets[3]);
-    TRACE_OUT();
+    trace_out();
     return text;
 }
 
@@ -222,7 +223,7 @@ bool find_address(const char *host, char *text, in_addr *address)
 inetaddr *new_inetaddr(const char *host, uint16_t port, int32_t kind,
                        int32_t mode)
 {
-    TRACE_IN();
+    trace_in();
     auto *iaddr = static_cast<inetaddr *>(calloc(1, sizeof(inetaddr)));
     if (!iaddr) {
         return nullptr;
@@ -243,13 +244,13 @@ inetaddr *new_inetaddr(const char *host, uint16_t port, int32_t kind,
 
 void destroy_inetaddr(void *data)
 {
-    TRACE_IN();
+    trace_in();
     free(data);
 }
 
 int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode)
 {
-    TRACE_IN();
+    trace_in();
     char *host = nullptr;
     int32_t port = 0;
     if (!split_addr(&host, &port, text)) {
@@ -261,8 +262,7 @@ int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode)
         return 0;
     }
     if (ux_list_ins_next(list, list->tail, iaddr) != 0) {
-        error_printf(stderr, ERROR_EXIT, "%s: malloc(): %s\n", progname,
-                     strerror(errno));
+        fatal("%s: malloc(): %s\n", progname, strerror(errno));
     }
     return 1;
 }
@@ -270,7 +270,7 @@ int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode)
 int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text, int32_t kind,
                                   int32_t mode)
 {
-    TRACE_IN();
+    trace_in();
     if (!text || !*text) {
         return 0;
     }

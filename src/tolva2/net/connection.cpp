@@ -1,4 +1,5 @@
 #include "tolva2/net/connection.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/logfile.h"
 #include "tolva2/net/sockets.h"
@@ -58,7 +59,7 @@ bool descriptors_left()
 
 void reset_descriptors(int32_t first_maxfd)
 {
-    TRACE_IN();
+    trace_in();
     FD_ZERO(&readfds);
     FD_ZERO(&writefds);
     FD_ZERO(&ready_read);
@@ -69,7 +70,7 @@ void reset_descriptors(int32_t first_maxfd)
 
 void add_descriptor(int32_t fd, fd_set *set)
 {
-    TRACE_IN();
+    trace_in();
     FD_SET(fd, set);
     if (fd > maxfd) {
         maxfd = fd;
@@ -79,7 +80,7 @@ void add_descriptor(int32_t fd, fd_set *set)
 
 void close_descriptor(int32_t *fd)
 {
-    TRACE_IN();
+    trace_in();
     close(*fd);
     if (*fd < FD_SETSIZE) {
         FD_CLR(*fd, &readfds);
@@ -122,7 +123,7 @@ int32_t keep_selectable(int32_t fd)
 
 connection *new_connection(int32_t mode, int32_t type)
 {
-    TRACE_IN();
+    trace_in();
     assert(mode && type);
     auto *cn = static_cast<connection *>(calloc(1, sizeof(connection)));
     if (cn) {
@@ -136,7 +137,7 @@ connection *new_connection(int32_t mode, int32_t type)
 
 void destroy_connection(void *data)
 {
-    TRACE_IN();
+    trace_in();
     auto *cn = static_cast<connection *>(data);
     assert(cn);
     if (cn->fd >= 0) {
@@ -148,14 +149,14 @@ void destroy_connection(void *data)
 
 int32_t register_connection(ux_list *list, connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     assert(list && cn);
     return ux_list_ins_next(list, list->tail, cn) == 0;
 }
 
 int32_t register_connection(connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     assert(connections && cn);
     return ux_list_ins_next(connections, connections->tail, cn) == 0;
 }
@@ -175,14 +176,14 @@ void remove_node(ux_list *list, ux_list_element *element)
 
 void unregister_connection(ux_list *list, ux_list_element *element)
 {
-    TRACE_IN();
+    trace_in();
     assert(list && element);
     remove_node(list, element);
 }
 
 void unregister_connection(ux_list_element *element)
 {
-    TRACE_IN();
+    trace_in();
     assert(connections && element);
     remove_node(connections, element);
     debug_printf("DEBUG: nconnections = %d \n",
@@ -221,7 +222,7 @@ int32_t add_connection(inetaddr *entry, uint32_t default_port)
 
 int32_t set_connections(const ux_list *entries, uint32_t default_port)
 {
-    TRACE_IN();
+    trace_in();
     for (const ux_list_element *node = entries->head; node; node = node->next) {
         auto *entry = static_cast<inetaddr *>(node->data);
         if (!entry) {
@@ -272,7 +273,7 @@ void close_exchange(connection *cn)
 
 int32_t open_connect_socket(const connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     int32_t fd = keep_selectable(tcp_socket_nonblock());
     if (fd < 0) {
         log_system(errno);

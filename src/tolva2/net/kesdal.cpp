@@ -18,7 +18,7 @@ bool is_ready(const connection *cn, int32_t events, int32_t wanted)
 
 void do_kesdal_send_logon(ux_list_element *node, int32_t events)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logon(cn->fd)) {
@@ -30,7 +30,7 @@ void do_kesdal_send_logon(ux_list_element *node, int32_t events)
 
 void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     if (is_ready(cn, events, EVENT_READABLE) && recv_kesdal(cn->fd)) {
@@ -42,7 +42,7 @@ void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
 
 void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logoff(cn->fd)) {
@@ -55,7 +55,7 @@ void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
 
 void do_kesdal_recv_logoff(ux_list_element *node, int32_t events)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     if (is_ready(cn, events, EVENT_READABLE)) {

@@ -74,62 +74,62 @@ size_t sendable_length(const char *text)
 
 int32_t sock_shutdown_read(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     return shutdown(fd, SHUT_RD) == 0;
 }
 
 int32_t sock_shutdown_write(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     return shutdown(fd, SHUT_WR) == 0;
 }
 
 int32_t tcp_socket()
 {
-    TRACE_IN();
+    trace_in();
     return socket(AF_INET, SOCK_STREAM, 0);
 }
 
 int32_t tcp_socket_nonblock()
 {
-    TRACE_IN();
+    trace_in();
     return make_nonblocking(tcp_socket());
 }
 
 int32_t udp_socket()
 {
-    TRACE_IN();
+    trace_in();
     return socket(AF_INET, SOCK_DGRAM, 0);
 }
 
 int32_t udp_socket_nonblock()
 {
-    TRACE_IN();
+    trace_in();
     return make_nonblocking(udp_socket());
 }
 
 int32_t udp_broadcast_socket()
 {
-    TRACE_IN();
+    trace_in();
     return allow_broadcast(udp_socket());
 }
 
 int32_t udp_broadcast_socket_nonblock()
 {
-    TRACE_IN();
+    trace_in();
     return allow_broadcast(udp_socket_nonblock());
 }
 
 int32_t set_close_on_exec(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     int flags = fcntl(fd, F_GETFD);
     return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0;
 }
 
 int32_t sock_connect(int32_t fd, const sockaddr_in *address)
 {
-    TRACE_IN();
+    trace_in();
     const void *any = address;
     return connect(fd, static_cast<const sockaddr *>(any), sizeof *address) ==
                0 ||
@@ -138,20 +138,20 @@ int32_t sock_connect(int32_t fd, const sockaddr_in *address)
 
 int32_t sock_connect_to(int32_t fd, uint16_t port, const char *dotted)
 {
-    TRACE_IN();
+    trace_in();
     sockaddr_in address;
     return fill_address(&address, port, dotted) && sock_connect(fd, &address);
 }
 
 int32_t sock_bind_any(int32_t fd, uint16_t port)
 {
-    TRACE_IN();
+    trace_in();
     return sock_bind_to(fd, port, "0.0.0.0");
 }
 
 int32_t sock_bind_to(int32_t fd, uint16_t port, const char *dotted)
 {
-    TRACE_IN();
+    trace_in();
     sockaddr_in address;
     /* An address that does not convert leaves 0.0.0.0. */
     fill_address(&address, port, dotted);
@@ -160,26 +160,26 @@ int32_t sock_bind_to(int32_t fd, uint16_t port, const char *dotted)
 
 int32_t sock_listen_any(int32_t fd, uint16_t port)
 {
-    TRACE_IN();
+    trace_in();
     return sock_bind_any(fd, port) && listen(fd, LISTEN_BACKLOG) == 0;
 }
 
 int32_t sock_listen_to(int32_t fd, uint16_t port, const char *dotted)
 {
-    TRACE_IN();
+    trace_in();
     return sock_bind_to(fd, port, dotted) && listen(fd, LISTEN_BACKLOG) == 0;
 }
 
 int32_t sock_accept(int32_t fd, sockaddr_in *address, socklen_t *length)
 {
-    TRACE_IN();
+    trace_in();
     void *any = address;
     return accept(fd, static_cast<sockaddr *>(any), length);
 }
 
 int32_t sock_accept_peer(int32_t fd, char *buffer, size_t size)
 {
-    TRACE_IN();
+    trace_in();
     sockaddr_in address;
     socklen_t length = sizeof address;
     int32_t peer = sock_accept(fd, &address, &length);
@@ -195,14 +195,14 @@ int32_t sock_accept_peer(int32_t fd, char *buffer, size_t size)
 
 int32_t sock_send_text(int32_t fd, const char *text)
 {
-    TRACE_IN();
+    trace_in();
     size_t length = sendable_length(text);
     return length > 0 ? send_bytes(fd, text, length) : 0;
 }
 
 int32_t sock_send_text0(int32_t fd, const char *text)
 {
-    TRACE_IN();
+    trace_in();
     size_t length = sendable_length(text);
     return length > 0 ? send_bytes(fd, text, length + 1) : 0;
 }
@@ -210,7 +210,7 @@ int32_t sock_send_text0(int32_t fd, const char *text)
 int32_t udp_send_text(int32_t fd, uint16_t port, const char *dotted,
                       const char *text)
 {
-    TRACE_IN();
+    trace_in();
     size_t length = text ? strlen(text) : 0;
     sockaddr_in address;
     if (length == 0 || length > DATAGRAM_TEXT_MAX ||
@@ -226,7 +226,7 @@ int32_t udp_send_text(int32_t fd, uint16_t port, const char *dotted,
 
 int32_t sock_recv_text(int32_t fd, char *buffer, size_t size)
 {
-    TRACE_IN();
+    trace_in();
     if (!buffer || size == 0 || size > STREAM_TEXT_MAX) {
         return 0;
     }
@@ -238,7 +238,7 @@ int32_t sock_recv_text(int32_t fd, char *buffer, size_t size)
 int32_t udp_recv_text(int32_t fd, sockaddr_in *from, socklen_t *fromlen,
                       char *buffer, size_t size)
 {
-    TRACE_IN();
+    trace_in();
     if (!buffer || size == 0) {
         return 0;
     }
@@ -251,7 +251,7 @@ int32_t udp_recv_text(int32_t fd, sockaddr_in *from, socklen_t *fromlen,
 
 int32_t sock_pending_error(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     int error = 0;
     socklen_t length = sizeof error;
     errno = 0;
@@ -263,13 +263,13 @@ int32_t sock_pending_error(int32_t fd)
 
 int32_t is_dotted_address(const char *text)
 {
-    TRACE_IN();
+    trace_in();
     in_addr address;
     return inet_aton(text, &address);
 }
 
 int32_t same_address(const char *a, const char *b)
 {
-    TRACE_IN();
+    trace_in();
     return inet_addr(a) == inet_addr(b);
 }

@@ -48,7 +48,7 @@ bool is_digit(char c)
 
 int32_t send_ok(int32_t fd, const char *command)
 {
-    TRACE_IN();
+    trace_in();
     char buffer[TEXT_BUFFER];
     if (!format_request(buffer, sizeof buffer, command)) {
         return 0;
@@ -59,7 +59,7 @@ int32_t send_ok(int32_t fd, const char *command)
 int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
                     const char *command)
 {
-    TRACE_IN();
+    trace_in();
     char buffer[DATAGRAM_BUFFER];
     if (!format_request(buffer, sizeof buffer, command)) {
         return 0;
@@ -69,19 +69,19 @@ int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
 
 int32_t send_kesdal_logon(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     return send_kesdal(fd, KESDAL_LOGON);
 }
 
 int32_t send_kesdal_logoff(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     return send_kesdal(fd, KESDAL_LOGOFF);
 }
 
 int32_t recv_kesdal(int32_t fd)
 {
-    TRACE_IN();
+    trace_in();
     char answer[TEXT_BUFFER];
     int32_t length = sock_recv_text(fd, answer, sizeof answer);
     /* The terminator is no digit and no "|", so a short answer fails too. */
@@ -93,7 +93,7 @@ int32_t recv_kesdal(int32_t fd)
 
 int32_t send_reply(int32_t fd, const char *format, ...)
 {
-    TRACE_IN();
+    trace_in();
     char buffer[TEXT_BUFFER];
     va_list args;
     va_start(args, format);
@@ -104,13 +104,13 @@ int32_t send_reply(int32_t fd, const char *format, ...)
 
 bool is_reply_header(const char *text)
 {
-    TRACE_IN();
+    trace_in();
     return text && strncasecmp(text, REPLY_HEADER, REPLY_HEADER_LENGTH) == 0;
 }
 
 int32_t classify_request(const char *text)
 {
-    TRACE_IN();
+    trace_in();
     if (!text ||
         strncasecmp(text, REQUEST_HEADER, REQUEST_HEADER_LENGTH) != 0) {
         return REQUEST_NONE;
@@ -120,7 +120,7 @@ int32_t classify_request(const char *text)
 
 char *get_key_value(const char *text, const char *key, char *out, size_t size)
 {
-    TRACE_IN();
+    trace_in();
     if (!out || size == 0) {
         return nullptr;
     }
@@ -146,7 +146,7 @@ char *get_key_value(const char *text, const char *key, char *out, size_t size)
 
 int32_t map_remote_status(int32_t status)
 {
-    TRACE_IN();
+    trace_in();
     if (status < 0) {
         status = 1;
     }

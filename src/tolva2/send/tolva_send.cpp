@@ -45,7 +45,7 @@ void log_failure(const connection *cn)
 
 void cancel_connect(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     close_exchange(cn);
@@ -57,7 +57,7 @@ void cancel_connect(ux_list_element *node)
 
 void end_connect(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     close_exchange(cn);
@@ -123,7 +123,7 @@ bool handle_reply(const connection *cn)
 
 void do_rcv_tolva(ux_list_element *node, int32_t events)
 {
-    TRACE_IN();
+    trace_in();
     const connection *cn = record_of(node);
     bool received = false;
     debug_printf("DEBUG: event = %d \n", events);
@@ -163,7 +163,7 @@ bool send_request(const connection *cn, int32_t events)
 
 void do_send_tolva(ux_list_element *node, int32_t events)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     assert(cn);
     if (!send_request(cn, events)) {
@@ -177,7 +177,7 @@ void do_send_tolva(ux_list_element *node, int32_t events)
 
 int32_t open_connect_socket_bc(const connection *cn)
 {
-    TRACE_IN();
+    trace_in();
     static_cast<void>(cn);
     int32_t fd = keep_selectable(udp_broadcast_socket_nonblock());
     if (fd < 0) {
@@ -205,7 +205,7 @@ int32_t open_by_type(const connection *cn)
 /* 1 started, 0 or -1 not. */
 int32_t start_connect(ux_list_element *node)
 {
-    TRACE_IN();
+    trace_in();
     connection *cn = record_of(node);
     int32_t startable = may_start(cn);
     if (startable != 1) {
@@ -224,7 +224,7 @@ int32_t start_connect(ux_list_element *node)
 
 int32_t start_connections()
 {
-    TRACE_IN();
+    trace_in();
     assert(connections);
     ux_list_element *next = nullptr;
     for (ux_list_element *node = connections->head; node; node = next) {
@@ -313,7 +313,7 @@ bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout)
 int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
                   const char *command_text)
 {
-    TRACE_IN();
+    trace_in();
     set_signal(SIGHUP, SIG_IGN, SA_RESTART);
     set_signal(SIGPIPE, SIG_IGN, SA_RESTART);
     reset_descriptors(-1);

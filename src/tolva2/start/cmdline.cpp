@@ -1,4 +1,5 @@
 #include "tolva2/start/cmdline.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/net/address.h"
 #include "tolva2/net/wire.h"
@@ -35,25 +36,20 @@ struct cmdline_options {
     ux_list redundant{};
 };
 
-/* Ends the process with one line and status 1; the exit behind it is for the
- * compiler, which cannot know that. */
-#define USAGE_ERROR(...)                                                       \
-    (error_printf(stderr, ERROR_EXIT, __VA_ARGS__), exit(1))
-
 /* Replaces *text by a copy of value. */
 void copy_value(char **text, const char *value)
 {
     free(*text);
     *text = strdup(value);
     if (!*text) {
-        USAGE_ERROR("%s: malloc(): %s\n", progname, strerror(errno));
+        fatal("%s: malloc(): %s\n", progname, strerror(errno));
     }
 }
 
 void add_address(ux_list *list, char *value, int32_t kind, int32_t mode)
 {
     if (!add_inetaddr(list, value, kind, mode)) {
-        USAGE_ERROR("%s: could not handle address [%s]\n", progname, value);
+        fatal("%s: could not handle address [%s]\n", progname, value);
     }
 }
 
@@ -62,9 +58,8 @@ int32_t read_count(const char *option, const char *value)
 {
     int32_t number = ux_atoi(value);
     if (number < 0) {
-        USAGE_ERROR("%s: invalid parameter: -%c%c `%s' (-? for help).\n",
-                    progname, tolower(static_cast<unsigned char>(option[1])),
-                    option[2], value);
+        fatal("%s: invalid parameter: -%c%c `%s' (-? for help).\n", progname,
+              tolower(static_cast<unsigned char>(option[1])), option[2], value);
     }
     return number;
 }
@@ -79,12 +74,12 @@ bool option_a(cmdline_options *o, const char *option, char *value)
     switch (option[2]) {
     case 'b':
         if (!value) {
-            USAGE_ERROR(
+            fatal(
                 "%s: missing parameter for -ab `<ip-address>'(-? for help).\n",
                 progname);
         }
         if (o->mode != MODE_SEND) {
-            USAGE_ERROR(
+            fatal(
                 "%s: broadcast only possible in send_mode(tolva) -s[e] (-? for help).\n",
                 progname);
         }
@@ -92,12 +87,12 @@ bool option_a(cmdline_options *o, const char *option, char *value)
         break;
     case 'c':
         if (!value) {
-            USAGE_ERROR(
+            fatal(
                 "%s: missing parameter for -ac `<host[:port]>'(-? for help).\n",
                 progname);
         }
         if (o->mode != MODE_CHECK) {
-            USAGE_ERROR(
+            fatal(
                 "%s: kesdal/kesnor address not possible in send_mode(tolva) -s[e] (-? for help).\n",
                 progname);
         }
@@ -106,7 +101,7 @@ bool option_a(cmdline_options *o, const char *option, char *value)
     case '\0':
     case 'r':
         if (!value) {
-            USAGE_ERROR(
+            fatal(
                 "%s: missing parameter for -a `<host[:port]>'(-? for help).\n",
                 progname);
         }
@@ -117,8 +112,8 @@ bool option_a(cmdline_options *o, const char *option, char *value)
         }
         break;
     default:
-        USAGE_ERROR("%s: unknown parameter: `-a%c' (-? for help).\n", progname,
-                    option[2]);
+        fatal("%s: unknown parameter: `-a%c' (-? for help).\n", progname,
+              option[2]);
     }
     return true;
 }
@@ -126,13 +121,13 @@ bool option_a(cmdline_options *o, const char *option, char *value)
 bool option_b(cmdline_options *o, const char *option, char *value)
 {
     if (o->mode != MODE_LISTEN) {
-        USAGE_ERROR(
+        fatal(
             "%s: no execute parameter possible in send-mode: `-b%c' (-? for help).\n",
             progname, option[2]);
     }
     if (!value) {
-        USAGE_ERROR("%s: missing parameter: -b%c `<file>' (-? for help).\n",
-                    progname, option[2]);
+        fatal("%s: missing parameter: -b%c `<file>' (-? for help).\n", progname,
+              option[2]);
     }
     switch (option[2]) {
     case 's':
@@ -142,8 +137,8 @@ bool option_b(cmdline_options *o, const char *option, char *value)
         copy_value(&o->alive_prog, value);
         break;
     default:
-        USAGE_ERROR("%s: unknown parameter: `-b%c' (-? for help).\n", progname,
-                    option[2]);
+        fatal("%s: unknown parameter: `-b%c' (-? for help).\n", progname,
+              option[2]);
     }
     return true;
 }
@@ -152,11 +147,10 @@ bool option_c(cmdline_options *o, const char *option, char *value)
 {
     static_cast<void>(option);
     if (o->mode != MODE_LISTEN) {
-        USAGE_ERROR("%s: configfile not used in send-mode: `-c'.\n", progname);
+        fatal("%s: configfile not used in send-mode: `-c'.\n", progname);
     }
     if (!value) {
-        USAGE_ERROR("%s: missing parameter: -c `<file>' (-? for help).\n",
-                    progname);
+        fatal("%s: missing parameter: -c `<file>' (-? for help).\n", progname);
     }
     copy_value(&o->cfgfile, value);
     return true;
@@ -186,28 +180,28 @@ bool is_port(int32_t port)
 bool option_p(cmdline_options *o, const char *option, char *value)
 {
     if (!value) {
-        USAGE_ERROR("%s: missing parameter for -p%c `<port>' (-? for help).\n",
-                    progname, option[2]);
+        fatal("%s: missing parameter for -p%c `<port>' (-? for help).\n",
+              progname, option[2]);
     }
     switch (option[2]) {
     case 'c':
         o->check_port = ux_atoi(value);
         if (!is_port(o->check_port)) {
-            USAGE_ERROR("%s: invalid parameter: -pc `%s' (-? for help).\n",
-                        progname, value);
+            fatal("%s: invalid parameter: -pc `%s' (-? for help).\n", progname,
+                  value);
         }
         break;
     case '\0':
     case 'r':
         o->port = split_port(&o->listen_host, value);
         if (!is_port(o->port)) {
-            USAGE_ERROR("%s: invalid parameter: -p%c `%s' (-? for help).\n",
-                        progname, option[2], value);
+            fatal("%s: invalid parameter: -p%c `%s' (-? for help).\n", progname,
+                  option[2], value);
         }
         break;
     default:
-        USAGE_ERROR("%s: unknown parameter: `-p%c' (-? for help).\n", progname,
-                    option[2]);
+        fatal("%s: unknown parameter: `-p%c' (-? for help).\n", progname,
+              option[2]);
     }
     return true;
 }
@@ -215,8 +209,8 @@ bool option_p(cmdline_options *o, const char *option, char *value)
 bool option_r(cmdline_options *o, const char *option, char *value)
 {
     if (!value) {
-        USAGE_ERROR("%s: missing parameter: -r%c `<num>' (-? for help).\n",
-                    progname, option[2]);
+        fatal("%s: missing parameter: -r%c `<num>' (-? for help).\n", progname,
+              option[2]);
     }
     switch (option[2]) {
     case '\0':
@@ -224,8 +218,8 @@ bool option_r(cmdline_options *o, const char *option, char *value)
         o->retries = read_count(option, value);
         break;
     default:
-        USAGE_ERROR("%s: unknown parameter: `-r%c' (-? for help).\n", progname,
-                    option[2]);
+        fatal("%s: unknown parameter: `-r%c' (-? for help).\n", progname,
+              option[2]);
     }
     return true;
 }
@@ -245,7 +239,7 @@ char *join_command(const char *verb, const char *value)
 void set_command(cmdline_options *o, char *command)
 {
     if (!command) {
-        USAGE_ERROR("%s: : %s\n", progname, strerror(errno));
+        fatal("%s: : %s\n", progname, strerror(errno));
     }
     free(o->command);
     o->command = command;
@@ -256,7 +250,7 @@ bool option_s(cmdline_options *o, const char *option, char *value)
     static_cast<void>(option);
     if (o->mode != MODE_SEND && o->mode != MODE_SEND_STATUS) {
         if (value) {
-            USAGE_ERROR(
+            fatal(
                 "%s: no \"command\" parameter possible in send-mode(kesdal): `-sc' (-? for help).\n",
                 progname);
         }
@@ -274,8 +268,8 @@ bool option_s(cmdline_options *o, const char *option, char *value)
 bool option_t(cmdline_options *o, const char *option, char *value)
 {
     if (!value) {
-        USAGE_ERROR("%s: missing parameter: -t%c `<time>' (-? for help).\n",
-                    progname, option[2]);
+        fatal("%s: missing parameter: -t%c `<time>' (-? for help).\n", progname,
+              option[2]);
     }
     switch (option[2]) {
     case 'c':
@@ -286,8 +280,8 @@ bool option_t(cmdline_options *o, const char *option, char *value)
         o->timeout = read_count(option, value);
         break;
     default:
-        USAGE_ERROR("%s: unknown parameter: `-t%c' (-? for help).\n", progname,
-                    option[2]);
+        fatal("%s: unknown parameter: `-t%c' (-? for help).\n", progname,
+              option[2]);
     }
     return true;
 }
@@ -318,9 +312,7 @@ bool take_option(cmdline_options *o, const char *option, char *value)
             return row.take(o, option, value);
         }
     }
-    USAGE_ERROR("%s: unknown parameter: `%s' (-? for help).\n", progname,
-                option);
-    return false;
+    fatal("%s: unknown parameter: `%s' (-? for help).\n", progname, option);
 }
 
 /*
@@ -338,7 +330,7 @@ void join_words(cmdline_options *o, int32_t argc, char **argv, int32_t first)
         }
         void *block = realloc(o->shutdown_prog, size);
         if (!block) {
-            USAGE_ERROR("%s: %s\n", progname, strerror(errno));
+            fatal("%s: %s\n", progname, strerror(errno));
         }
         o->shutdown_prog = static_cast<char *>(block);
         memcpy(o->shutdown_prog + length, argv[i], word + 1);
@@ -350,12 +342,12 @@ void join_words(cmdline_options *o, int32_t argc, char **argv, int32_t first)
 void take_word(cmdline_options *o, int32_t argc, char **argv, int32_t i)
 {
     if (o->mode != MODE_LISTEN) {
-        USAGE_ERROR("%s: unknown parameter: `%s' (-? for help).\n", progname,
-                    argv[i]);
+        fatal("%s: unknown parameter: `%s' (-? for help).\n", progname,
+              argv[i]);
     }
     if (o->shutdown_prog) {
-        USAGE_ERROR("%s: superfluous parameter: `%s' (-? for help).\n",
-                    progname, argv[i]);
+        fatal("%s: superfluous parameter: `%s' (-? for help).\n", progname,
+              argv[i]);
     }
     join_words(o, argc, argv, i + 1);
 }
@@ -385,12 +377,12 @@ int32_t choose_mode(int32_t argc, char **argv)
         return MODE_LISTEN;
     }
     if (argc < 2) {
-        USAGE_ERROR("%s: missing parameter! (-? for help).\n", progname);
+        fatal("%s: missing parameter! (-? for help).\n", progname);
     }
     int32_t mode = scan_mode(argc, argv);
     if (mode == 0) {
-        USAGE_ERROR("%s: missing parameter: `-l' or `-s'! (-? for help).\n",
-                    progname);
+        fatal("%s: missing parameter: `-l' or `-s'! (-? for help).\n",
+              progname);
     }
     return mode;
 }
@@ -404,7 +396,7 @@ int32_t value_or(int32_t value, int32_t least, int32_t default_value)
 int32_t dispatch_send(const cmdline_options *o)
 {
     if (o->peers.size == 0) {
-        USAGE_ERROR(
+        fatal(
             "%s: missing address parameter: `-a <host[:port]>'! (-? for help).\n",
             progname);
     }
@@ -416,7 +408,7 @@ int32_t dispatch_send(const cmdline_options *o)
 int32_t dispatch_check(const cmdline_options *o)
 {
     if (o->servers.size == 0) {
-        USAGE_ERROR(
+        fatal(
             "%s: missing address parameter: `-ac <host[:port]>'! (-? for help).\n",
             progname);
     }
@@ -449,9 +441,8 @@ int32_t dispatch(cmdline_options *o)
     case MODE_CHECK:
         return dispatch_check(o);
     default:
-        USAGE_ERROR("%s: missing parameter: `-l' or `-s'! (-? for help).\n",
-                    progname);
-        return 1;
+        fatal("%s: missing parameter: `-l' or `-s'! (-? for help).\n",
+              progname);
     }
 }
 
@@ -459,7 +450,7 @@ int32_t dispatch(cmdline_options *o)
 
 int32_t scan_mode(int32_t argc, char **argv)
 {
-    TRACE_IN();
+    trace_in();
     int32_t mode = 0;
     for (int32_t i = 1; i < argc; i++) {
         if (argv[i][0] != '-') {
@@ -478,9 +469,8 @@ int32_t scan_mode(int32_t argc, char **argv)
             continue;
         }
         if (mode != 0) {
-            USAGE_ERROR(
-                "%s: doubled mode parameter: `-l' and `-s'! (-? for help).\n",
-                progname);
+            fatal("%s: doubled mode parameter: `-l' and `-s'! (-? for help).\n",
+                  progname);
         }
         if (letter == 'l') {
             mode = MODE_LISTEN;
@@ -498,8 +488,8 @@ int32_t scan_mode(int32_t argc, char **argv)
             mode = MODE_CHECK;
             break;
         default:
-            USAGE_ERROR("%s: unknown parameter: `-s%c' (-? for help).\n",
-                        progname, argv[i][2]);
+            fatal("%s: unknown parameter: `-s%c' (-? for help).\n", progname,
+                  argv[i][2]);
         }
     }
     return mode;
@@ -507,7 +497,7 @@ int32_t scan_mode(int32_t argc, char **argv)
 
 int32_t check_input(int32_t argc, char **argv)
 {
-    TRACE_IN();
+    trace_in();
     cmdline_options options;
     options.mode = choose_mode(argc, argv);
     ux_list *lists[] = {&options.peers, &options.servers, &options.redundant};

@@ -1,4 +1,5 @@
 #include "tolva2/start/daemon.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 
 #include <cstdio>
@@ -22,7 +23,7 @@ int32_t leave_parent()
 
 int32_t daemonize(int32_t change_dir, int32_t redirect_std)
 {
-    TRACE_IN();
+    trace_in();
     /* What is buffered now would otherwise be lost with the parents. */
     fflush(nullptr);
     if (leave_parent() < 0 || setsid() < 0) {

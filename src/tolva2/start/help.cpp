@@ -56,7 +56,7 @@ constexpr const char *COPYRIGHT =
 
 void help()
 {
-    TRACE_IN();
+    trace_in();
     for (const char *line : HELP_LINES) {
         for (const char *c = line; *c; c++) {
             if (c[0] == '%' && c[1] == 's') {
@@ -71,7 +71,7 @@ void help()
 
 void version()
 {
-    TRACE_IN();
+    trace_in();
     printf("\n%s V%s - %s", PROGRAM_WORD, VERSION, TITLE);
     printf("\n%s\n\n", COPYRIGHT);
 }

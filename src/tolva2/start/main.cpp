@@ -8,7 +8,9 @@
 #include "tolva2/start/cmdline.h"
 #include "tolva2/start/program_dir.h"
 #include "unixtools/ux_number.h"
+#include "unixtools/ux_owned.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -26,9 +28,7 @@ constexpr int32_t RESERVE_CAP = 246;
 
 [[noreturn]] void start_up_failed(const char *call)
 {
-    error_printf(stderr, ERROR_EXIT, "%s: %s: \n: %s\n", progname, call,
-                 strerror(errno));
-    abort();
+    fatal("%s: %s: \n: %s\n", progname, call, strerror(errno));
 }
 
 /* A socket must never become the standard output that the log goes to. */
@@ -38,9 +38,8 @@ void fill_standard_descriptors()
     while (fd >= 0 && fd <= STDERR_FILENO) {
         fd = open("/dev/null", O_RDWR);
     }
-    if (fd > STDERR_FILENO) {
-        close(fd);
-    }
+    /* The first that is not wanted goes again. */
+    ux_fd superfluous(fd);
 }
 
 void read_trace_level()
@@ -51,90 +50,68 @@ void read_trace_level()
     }
 }
 
-void find_home()
+/* A copy of TOLVAHOME, or the directory of the executable. */
+ux_text find_home(const char *argv0)
 {
     const char *home = getenv("TOLVAHOME");
-    if (!home) {
-        return;
+    if (home && home[0] != '/') {
+        fatal("%s: `$TOLVAHOME' (%s): Not an absolute path\n", progname, home);
     }
-    if (home[0] != '/') {
-        error_printf(stderr, ERROR_EXIT,
-                     "%s: `$TOLVAHOME' (%s): Not an absolute path\n", progname,
-                     home);
+    ux_text found = home ? ux_copy(home) : find_program_dir(argv0);
+    if (!found && home) {
+        start_up_failed("malloc()");
     }
-    home_dir = strdup(home);
+    if (!found) {
+        fatal("%s: could not determine `$TOLVAHOME'\n", progname);
+    }
+    debug_printf("DEBUG: workdir = >%s<\n", found.get());
+    return found;
 }
 
-void settle_home(const char *argv0)
+rlimit read_limit()
 {
-    find_home();
-    if (!home_dir) {
-        home_dir = find_program_dir(argv0);
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) < 0) {
+        fatal("%s: getrlimit(): %s\n", progname, strerror(errno));
     }
-    if (!home_dir) {
-        error_printf(stderr, ERROR_EXIT,
-                     "%s: could not determine `$TOLVAHOME'\n", progname);
-    }
-    debug_printf("DEBUG: workdir = >%s<\n", home_dir);
-}
-
-void read_limit(rlimit *limit)
-{
-    if (getrlimit(RLIMIT_NOFILE, limit) < 0) {
-        error_printf(stderr, ERROR_EXIT, "%s: getrlimit(): %s\n", progname,
-                     strerror(errno));
-    }
-}
-
-int32_t smaller(int32_t a, int32_t b)
-{
-    return a < b ? a : b;
+    return limit;
 }
 
 /* How many descriptors we may use: up to 256, raising a lower soft limit. */
 void settle_descriptor_budget()
 {
-    rlimit limit;
-    read_limit(&limit);
-    rlim_t budget = limit.rlim_cur;
-    if (budget >= DESCRIPTOR_BUDGET) {
-        budget = DESCRIPTOR_BUDGET;
-    } else {
-        rlim_t target = limit.rlim_max < DESCRIPTOR_BUDGET ? limit.rlim_max
-                                                           : DESCRIPTOR_BUDGET;
-        rlimit raised{target, limit.rlim_max};
-        if (budget < target && setrlimit(RLIMIT_NOFILE, &raised) == 0) {
-            budget = target;
-        }
+    rlimit limit = read_limit();
+    rlim_t budget = std::min(limit.rlim_cur, DESCRIPTOR_BUDGET);
+    rlim_t target = std::min(limit.rlim_max, DESCRIPTOR_BUDGET);
+    rlimit raised{target, limit.rlim_max};
+    if (budget < target && setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+        budget = target;
     }
-    max_fds = smaller(static_cast<int32_t>(budget), DESCRIPTOR_CEILING);
-    fd_reserve = smaller(max_fds - KEPT_FOR_FILES, RESERVE_CAP);
+    max_fds = std::min(static_cast<int32_t>(budget), DESCRIPTOR_CEILING);
+    fd_reserve = std::min(max_fds - KEPT_FOR_FILES, RESERVE_CAP);
 }
 
-/* Puts the home directory in front of PATH. Returns the text that the
- * environment now uses. */
-char *extend_search_path()
+/* Puts the home directory in front of PATH. The environment uses the text
+ * that is returned for as long as PATH is set. */
+ux_text extend_search_path()
 {
     errno = 0;
     const char *path = getenv("PATH");
     if (!path) {
         start_up_failed("getenv()");
     }
-    size_t size = strlen(home_dir) + strlen(path) + 7;
-    char *entry = static_cast<char *>(malloc(size));
+    ux_text entry = ux_join({"PATH=", home_dir, ":", path});
     if (!entry) {
         start_up_failed("malloc()");
     }
-    snprintf(entry, size, "PATH=%s:%s", home_dir, path);
-    if (putenv(entry) != 0) {
+    if (putenv(entry.get()) != 0) {
         start_up_failed("putenv()");
     }
     return entry;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+/* The program from its first step to the mode's result. */
+int32_t run(int argc, char **argv)
 {
     const char *argv0 = argc > 0 && argv[0] ? argv[0] : "tolva";
     fill_standard_descriptors();
@@ -142,14 +119,24 @@ int main(int argc, char **argv)
     set_signal(SIGPIPE, SIG_IGN, SA_RESTART);
     own_pid = getpid();
     read_trace_level();
-    progname = strdup(base_name(argv0));
-    settle_home(argv0);
+    progname = base_name(argv0);
+    ux_text name = ux_copy(progname);
+    if (!name) {
+        start_up_failed("malloc()");
+    }
+    progname = name.get();
+    ux_text home = find_home(argv0);
+    home_dir = home.get();
     settle_descriptor_budget();
-    char *path_entry = extend_search_path();
+    ux_text path_entry = extend_search_path();
     int32_t status = check_input(argc, argv);
     unsetenv("PATH");
-    free(path_entry);
-    free(home_dir);
-    free(progname);
-    exit(status);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    exit(run(argc, argv));
 }

@@ -1,4 +1,5 @@
 #include "tolva2/start/mode_init.h"
+#include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/logfile.h"
 #include "tolva2/files/msgdb.h"
@@ -33,11 +34,9 @@ char *default_config_path()
     size_t size = strlen(home_dir) + 1 + strlen(CONFIG_FILE) + 1;
     char *path = static_cast<char *>(malloc(size));
     if (!path) {
-        error_printf(stderr, ERROR_EXIT, "%s: malloc():: %s\n", progname,
-                     strerror(errno));
-    } else {
-        snprintf(path, size, "%s/%s", home_dir, CONFIG_FILE);
+        fatal("%s: malloc():: %s\n", progname, strerror(errno));
     }
+    snprintf(path, size, "%s/%s", home_dir, CONFIG_FILE);
     return path;
 }
 
@@ -53,8 +52,7 @@ void read_settings(char *cfgfile)
         debug_printf("DEBUG: init_receiver: existing configfile=%s\n", path);
     }
     if (!read_receiver_config(path, home_dir, cfgfile ? 0 : 1)) {
-        error_printf(stderr, ERROR_EXIT, "%s: error reading configfile %s\n",
-                     progname, path);
+        fatal("%s: error reading configfile %s\n", progname, path);
     }
     free(path);
 }
@@ -127,23 +125,18 @@ void fill_address_lists(ux_list *peers, ux_list *servers)
 void check_scripts(const ux_list *peers, const ux_list *servers)
 {
     if (peers->size > 0 && is_empty(rp->shutdown_prog)) {
-        error_printf(stderr, ERROR_EXIT,
-                     "%s: missing parameter: -bs <file> (-? for help).\n",
-                     progname);
+        fatal("%s: missing parameter: -bs <file> (-? for help).\n", progname);
     }
     if (servers->size > 0 && is_empty(rp->alive_prog)) {
-        error_printf(stderr, ERROR_EXIT,
-                     "%s: missing parameter: -ba <file> (-? for help).\n",
-                     progname);
+        fatal("%s: missing parameter: -ba <file> (-? for help).\n", progname);
     }
 }
 
 void fill_redundant_list(ux_list *redundant)
 {
     if (!check_redundancy_config(rp)) {
-        error_printf(stderr, ERROR_EXIT,
-                     "%s: invalid redundancy configuration (-? for help).\n",
-                     progname);
+        fatal("%s: invalid redundancy configuration (-? for help).\n",
+              progname);
     }
     if (setting_is_on(rp->redundancy_enabled)) {
         get_inetaddr_arr_from_str(redundant, rp->redundancy_addresses,
@@ -167,7 +160,7 @@ int32_t init_receiver(char *cfgfile, const char *listen_host, int32_t port,
                       ux_list *redundant, int32_t retries, char *shutdown_prog,
                       char *alive_prog, int32_t timeout, int32_t check_interval)
 {
-    TRACE_IN();
+    trace_in();
     read_settings(cfgfile);
     override_text(&rp->shutdown_prog, shutdown_prog);
     override_text(&rp->alive_prog, alive_prog);
@@ -207,7 +200,7 @@ int32_t init_receiver(char *cfgfile, const char *listen_host, int32_t port,
 int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
                     const char *command)
 {
-    TRACE_IN();
+    trace_in();
     if (!msgdb_open(MESSAGE_FILE)) {
         error_printf(stderr, ERROR_CONTINUE,
                      "%s: error initializing messages database %s\n", progname,

@@ -95,9 +95,9 @@ const char *base_name(const char *path)
     return slash ? slash + 1 : path;
 }
 
-char *find_program_dir(const char *argv0)
+ux_text find_program_dir(const char *argv0)
 {
-    TRACE_IN();
+    trace_in();
     if (!argv0) {
         return nullptr;
     }
@@ -112,5 +112,5 @@ char *find_program_dir(const char *argv0)
         return nullptr;
     }
     slash[slash == path ? 1 : 0] = '\0';
-    return strdup(path);
+    return ux_copy(path);
 }
