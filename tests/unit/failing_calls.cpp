@@ -1,0 +1,146 @@
+/*
+ * Behind the linker's --wrap: a call of name() arrives at __wrap_name() and
+ * goes on to __real_name(). A name that is added here is added to the list in
+ * tests/CMakeLists.txt too.
+ */
+#include "failing_calls.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <vector>
+
+ppoll_call ppoll_instead;
+
+namespace
+{
+
+/* Those that live now; a plain array, since the heap is one that may fail. */
+std::array<failing_call *, 8> failures{};
+
+bool fails(const char *name)
+{
+    for (failing_call *one : failures) {
+        if (one != nullptr && one->claims(name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+failing_call::failing_call(std::string_view called, int with, int first)
+    : name(called), error(with), after(first)
+{
+    *std::find(failures.begin(), failures.end() - 1, nullptr) = this;
+}
+
+failing_call::~failing_call()
+{
+    std::replace(failures.begin(), failures.end(), this,
+                 static_cast<failing_call *>(nullptr));
+}
+
+bool failing_call::claims(std::string_view called)
+{
+    if (called != name || after-- > 0) {
+        return false;
+    }
+    after = 0;
+    errno = error;
+    return true;
+}
+
+extern "C" {
+
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void *__real_realloc(void *block, size_t size);
+char *__real_strdup(const char *text);
+pid_t __real_fork();
+int __real_fcntl(int fd, int command, long argument);
+int __real_setsockopt(int fd, int level, int name, const void *value,
+                      socklen_t length);
+int __real_setitimer(int which, const itimerval *timer, itimerval *old);
+int __real_execv(const char *path, char *const arguments[]);
+int __real_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
+                 const sigset_t *mask);
+
+void *__wrap_malloc(size_t size)
+{
+    return fails("heap") ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_calloc(size_t count, size_t size)
+{
+    return fails("heap") ? nullptr : __real_calloc(count, size);
+}
+
+void *__wrap_realloc(void *block, size_t size)
+{
+    return fails("heap") ? nullptr : __real_realloc(block, size);
+}
+
+char *__wrap_strdup(const char *text)
+{
+    return fails("heap") ? nullptr : __real_strdup(text);
+}
+
+pid_t __wrap_fork()
+{
+    return fails("fork") ? -1 : __real_fork();
+}
+
+/* The program gives fcntl a number or nothing. */
+int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list rest;
+    va_start(rest, command);
+    long argument = va_arg(rest, long);
+    va_end(rest);
+    return fails("fcntl") ? -1 : __real_fcntl(fd, command, argument);
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void *value,
+                      socklen_t length)
+{
+    return fails("setsockopt")
+               ? -1
+               : __real_setsockopt(fd, level, name, value, length);
+}
+
+int __wrap_setitimer(int which, const itimerval *timer, itimerval *old)
+{
+    return fails("setitimer") ? -1 : __real_setitimer(which, timer, old);
+}
+
+int __wrap_execl(const char *path, const char *argument, ...)
+{
+    if (fails("execl")) {
+        return -1;
+    }
+    std::vector<char *> arguments;
+    va_list rest;
+    va_start(rest, argument);
+    for (const char *one = argument; one != nullptr;
+         one = va_arg(rest, const char *)) {
+        arguments.push_back(const_cast<char *>(one));
+    }
+    va_end(rest);
+    arguments.push_back(nullptr);
+    return execv(path, arguments.data());
+}
+
+int __wrap_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
+                 const sigset_t *mask)
+{
+    if (ppoll_instead) {
+        return ppoll_instead(fds, count, limit, mask);
+    }
+    return __real_ppoll(fds, count, limit, mask);
+}
+}

@@ -1,0 +1,53 @@
+/*
+ * Calls of the C library that fail on demand, the same way for every test: the
+ * linker leads the program's calls here first (see failing_calls.cpp for the
+ * list), and each goes on to the C library unless a test has said otherwise.
+ *
+ *     failing_call no_child("fork", EAGAIN);
+ *     failing_heap one_left(1);
+ */
+#ifndef TESTS_UNIT_FAILING_CALLS_H
+#define TESTS_UNIT_FAILING_CALLS_H
+
+#include <cerrno>
+#include <functional>
+#include <poll.h>
+#include <string_view>
+
+/*
+ * For as long as it lives, calls of that name fail with that error, after the
+ * first few have gone through. "heap" is any allocation.
+ */
+class failing_call
+{
+  public:
+    failing_call(std::string_view name, int error, int after = 0);
+    ~failing_call();
+    failing_call(const failing_call &) = delete;
+    failing_call &operator=(const failing_call &) = delete;
+
+    /* True, with errno set, when the call of that name is to fail. */
+    bool claims(std::string_view called);
+
+  private:
+    std::string_view name;
+    int error;
+    int after;
+};
+
+/* The heap has this many allocations left for as long as it lives. */
+class failing_heap : public failing_call
+{
+  public:
+    explicit failing_heap(int left = 0) : failing_call("heap", ENOMEM, left)
+    {
+    }
+};
+
+/* When set, what a wait in ppoll comes to; it may call on to ppoll itself
+ * after it has been unset. */
+using ppoll_call =
+    std::function<int(pollfd *, nfds_t, const timespec *, const sigset_t *)>;
+extern ppoll_call ppoll_instead;
+
+#endif
