@@ -452,7 +452,7 @@ inline connection *session_of(const ux_list_element *node)
 }
 
 /* A new record at the end of a list, with an open descriptor or -1. */
-inline connection *add_record(ux_list *list, int32_t mode, int32_t type,
+inline connection *add_record(ux_list *list, mode_code mode, address_kind type,
                               const char *address, int fd = -1,
                               fd_set *set = &readfds)
 {

@@ -132,8 +132,8 @@ struct built {
     inetaddr *record;
     std::string said;
 
-    built(const char *host, uint16_t port, int32_t kind = ADDR_PEER,
-          int32_t mode = MODE_SEND)
+    built(const char *host, uint16_t port, address_kind kind = ADDR_PEER,
+          mode_code mode = MODE_SEND)
     {
         program_name name("prog");
         capture errors(STDERR_FILENO);
@@ -196,7 +196,7 @@ class address_list
 };
 
 /* As the program: the text is cut up in place, so it gets a copy. */
-int32_t add(address_list &list, std::string text, int32_t kind = ADDR_PEER)
+int32_t add(address_list &list, std::string text, address_kind kind = ADDR_PEER)
 {
     return add_inetaddr(list.get(), text.data(), kind, MODE_SEND);
 }
@@ -539,7 +539,8 @@ TEST(get_inetaddr_arr_from_str, does_not_take_commas_as_separators)
     program_name name("prog");
     address_list list;
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1,10.0.0.2", 1, 1),
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1,10.0.0.2",
+                                        ADDR_PEER, MODE_LISTEN),
               0);
     EXPECT_EQ(errors.text(), unresolved("10.0.0.1,10.0.0.2"));
 }
@@ -549,8 +550,9 @@ TEST(get_inetaddr_arr_from_str, leaves_out_what_fails_and_goes_on)
     program_name name("prog");
     address_list list;
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(get_inetaddr_arr_from_str(
-                  list.get(), "10.0.0.1 unknown.invalid myhost", ADDR_PEER, 1),
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(),
+                                        "10.0.0.1 unknown.invalid myhost",
+                                        ADDR_PEER, MODE_LISTEN),
               2);
     EXPECT_EQ(errors.text(), unresolved("unknown.invalid"));
     EXPECT_EQ(list.content(), "10.0.0.1:0 10.1.2.3:0");
@@ -560,18 +562,25 @@ TEST(get_inetaddr_arr_from_str, works_on_a_copy)
 {
     address_list list;
     const char text[] = "10.0.0.1:5 10.0.0.2";
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), text, ADDR_PEER, 1), 2);
+    EXPECT_EQ(
+        get_inetaddr_arr_from_str(list.get(), text, ADDR_PEER, MODE_LISTEN), 2);
     EXPECT_STREQ(text, "10.0.0.1:5 10.0.0.2");
 }
 
 TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing)
 {
     address_list list;
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), nullptr, ADDR_PEER, 1), 0);
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "", ADDR_PEER, 1), 0);
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), " \t\n", ADDR_PEER, 1), 0);
+    EXPECT_EQ(
+        get_inetaddr_arr_from_str(list.get(), nullptr, ADDR_PEER, MODE_LISTEN),
+        0);
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "", ADDR_PEER, MODE_LISTEN),
+              0);
+    EXPECT_EQ(
+        get_inetaddr_arr_from_str(list.get(), " \t\n", ADDR_PEER, MODE_LISTEN),
+        0);
     memory_exhausted = true;
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1", ADDR_PEER, 1),
+    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1", ADDR_PEER,
+                                        MODE_LISTEN),
               0);
     memory_exhausted = false;
     EXPECT_EQ(list.size(), 0u);

@@ -67,7 +67,7 @@ class server
 };
 
 /* Lets the record's handler go on when its socket is ready. */
-void advance(ux_list_element *node, int32_t event)
+void advance(ux_list_element *node, event_bits event)
 {
     const connection *cn = session_of(node);
     ASSERT_TRUE(wait_for(cn->fd, event == EVENT_READABLE ? POLLIN : POLLOUT));

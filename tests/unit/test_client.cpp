@@ -9,7 +9,7 @@ namespace
 bool memory_exhausted = false;
 bool list_full = false;
 
-connection *new_or_null(int32_t mode, int32_t type)
+connection *new_or_null(mode_code mode, address_kind type)
 {
     errno = ENOMEM;
     return memory_exhausted ? nullptr : new_connection(mode, type);

@@ -10,7 +10,7 @@
 namespace
 {
 
-connection *add_client(int32_t type = ADDR_PEER, int fd = -1,
+connection *add_client(address_kind type = ADDR_PEER, int fd = -1,
                        const char *address = "127.0.0.1")
 {
     return add_record(clients, MODE_LISTEN, type, address, fd);

@@ -57,8 +57,8 @@ int open_as(int number)
 class address_list
 {
   public:
-    explicit address_list(const char *text, int32_t kind = ADDR_PEER,
-                          int32_t mode = MODE_SEND)
+    explicit address_list(const char *text, address_kind kind = ADDR_PEER,
+                          mode_code mode = MODE_SEND)
     {
         ux_list_init(&list, destroy_inetaddr);
         get_inetaddr_arr_from_str(&list, text, kind, mode);
@@ -131,10 +131,10 @@ TEST(new_connection, is_null_when_memory_is_exhausted)
 
 TEST(new_connection_death, needs_mode_and_type)
 {
-    EXPECT_DEATH(new_connection(0, ADDR_PEER),
+    EXPECT_DEATH(new_connection(MODE_NONE, ADDR_PEER),
                  "connection\\.cpp:[0-9]+: .*new_connection.*mode && type");
-    EXPECT_DEATH(new_connection(MODE_SEND, 0), "mode && type");
-    EXPECT_DEATH(new_connection(0, 0), "mode && type");
+    EXPECT_DEATH(new_connection(MODE_SEND, ADDR_NONE), "mode && type");
+    EXPECT_DEATH(new_connection(MODE_NONE, ADDR_NONE), "mode && type");
 }
 
 TEST(destroy_connection_death, needs_a_record)
@@ -489,7 +489,7 @@ TEST(begin_exchange, makes_the_record_wait_to_be_writable)
 {
     session_lists lists(-1);
     connection *cn = add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
-    connection_handler handler = [](ux_list_element *, int32_t) {};
+    connection_handler handler = [](ux_list_element *, event_bits) {};
     const connect_ends ends{nullptr, nullptr};
     int fd = tcp_socket();
     begin_exchange(cn, fd, handler, &ends);

@@ -23,7 +23,7 @@ constexpr connect_ends noting_ends{note_cancel, note_end};
 struct step {
     const char *name;
     connection_handler handle;
-    int32_t event;
+    event_bits event;
     fd_set *waits_in;
     fd_set *goes_to;
     connection_handler next;
@@ -158,8 +158,9 @@ TEST(kesdal_exchange, the_wrong_event_ends_a_step_as_failed)
 {
     for (const step &one : steps) {
         SCOPED_TRACE(one.name);
-        int32_t other = EVENT_READABLE + EVENT_WRITABLE - one.event;
-        for (int32_t events : {0, other}) {
+        event_bits other =
+            one.event == EVENT_READABLE ? EVENT_WRITABLE : EVENT_READABLE;
+        for (event_bits events : {EVENT_NONE, other}) {
             exchange ex(one);
             ex.answer("0|0");
             one.handle(ex.node(), events);
@@ -168,7 +169,7 @@ TEST(kesdal_exchange, the_wrong_event_ends_a_step_as_failed)
         /* Both at once are as good as the one that is needed. */
         exchange ex(one);
         ex.answer("0|0");
-        one.handle(ex.node(), EVENT_READABLE + EVENT_WRITABLE);
+        one.handle(ex.node(), EVENT_READABLE | EVENT_WRITABLE);
         expect_waiting(ex, one.goes_to, one.waits_in, one.next);
     }
 }
@@ -234,7 +235,7 @@ TEST(kesdal_exchange, the_last_step_cannot_fail)
         do_kesdal_recv_logoff(ex.node(), EVENT_READABLE);
         EXPECT_EQ(finished, "end 127.0.0.1;");
     }
-    for (int32_t events : {0, static_cast<int32_t>(EVENT_WRITABLE)}) {
+    for (event_bits events : {EVENT_NONE, EVENT_WRITABLE}) {
         exchange ex;
         ex.answer("0|0");
         do_kesdal_recv_logoff(ex.node(), events);
@@ -248,7 +249,8 @@ TEST(kesdal_exchange, each_step_traces_its_entry)
     for (const step &one : steps) {
         exchange ex(one);
         std::string line = std::string("TRACEIN: ") + one.name + "\n";
-        std::string seen = traced(6, [&] { one.handle(ex.node(), 0); });
+        std::string seen =
+            traced(6, [&] { one.handle(ex.node(), EVENT_NONE); });
         EXPECT_EQ(seen.substr(0, line.size()), line);
     }
 }

@@ -10,6 +10,9 @@
 namespace
 {
 
+/* A kind of connection that nobody knows. */
+constexpr auto NO_KIND = static_cast<address_kind>(8);
+
 const std::string request_header = "CONNECT TO TOLVA (SEND)";
 const std::string reply_header = "CONNECT TO TOLVA (REPLY)";
 
@@ -31,8 +34,9 @@ class fresh_run
 class conversation : public fresh_run
 {
   public:
-    explicit conversation(const char *text = nullptr, int32_t mode = MODE_SEND,
-                          int32_t type = ADDR_PEER)
+    explicit conversation(const char *text = nullptr,
+                          mode_code mode = MODE_SEND,
+                          address_kind type = ADDR_PEER)
         : fresh_run(text)
     {
         set_nonblocking(pair.near.get());
@@ -79,7 +83,7 @@ class address_list
     address_list &operator=(const address_list &) = delete;
 
     address_list &add(const std::string &host, uint16_t port,
-                      int32_t mode = MODE_SEND, int32_t kind = ADDR_PEER)
+                      mode_code mode = MODE_SEND, address_kind kind = ADDR_PEER)
     {
         std::string text = host + ":" + std::to_string(port);
         EXPECT_EQ(add_inetaddr(&list, text.data(), kind, mode), 1);
@@ -175,7 +179,7 @@ std::string sent_to(int listener)
 TEST(start_connect, opens_by_type)
 {
     struct row {
-        int32_t type;
+        address_kind type;
         int logged;
         connection_handler handler;
     };
@@ -210,7 +214,7 @@ TEST(start_connect, opens_by_type)
 TEST(start_connect, an_unknown_type_is_an_error)
 {
     fresh_run run;
-    connection *cn = add_record(connections, MODE_SEND, 8, "127.0.0.1");
+    connection *cn = add_record(connections, MODE_SEND, NO_KIND, "127.0.0.1");
     EXPECT_EQ(start_connect(connections->head), 0);
     EXPECT_EQ(cn->fd, -1);
     EXPECT_EQ(nfds, 0);
@@ -220,7 +224,7 @@ TEST(start_connect, an_unknown_type_is_an_error)
 TEST(start_connect, what_cannot_connect_is_logged_by_type)
 {
     struct row {
-        int32_t type;
+        address_kind type;
         int logged;
     };
     for (const row &one : {row{ADDR_PEER, 753}, row{ADDR_KESDAL, 828}}) {
@@ -287,7 +291,7 @@ TEST(start_connections, leaves_out_what_does_not_start)
 {
     fresh_run run;
     descriptor listener(listening_socket());
-    add_record(connections, MODE_SEND, 8, "127.0.0.2");
+    add_record(connections, MODE_SEND, NO_KIND, "127.0.0.2");
     connection *good =
         add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
     good->addr = loopback("127.0.0.1", local_port(listener.get()));
@@ -346,7 +350,7 @@ TEST(do_send_tolva, sends_the_request_and_ends)
 TEST(do_send_tolva, with_status_waits_for_the_reply)
 {
     conversation talk("MSG_EXECSTATUS EXECUTE x", MODE_SEND_STATUS);
-    do_send_tolva(connections->head, EVENT_READABLE + EVENT_WRITABLE);
+    do_send_tolva(connections->head, EVENT_READABLE | EVENT_WRITABLE);
     ASSERT_EQ(connections->size, 1u);
     EXPECT_EQ(talk.cn->handler, do_rcv_tolva);
     EXPECT_TRUE(FD_ISSET(talk.number, &readfds));
@@ -360,7 +364,7 @@ TEST(do_send_tolva, with_status_waits_for_the_reply)
 
 TEST(do_send_tolva, needs_a_writable_socket)
 {
-    for (int32_t events : {0, static_cast<int32_t>(EVENT_READABLE)}) {
+    for (event_bits events : {EVENT_NONE, EVENT_READABLE}) {
         conversation talk("MSG_EXECUTE x");
         do_send_tolva(connections->head, events);
         EXPECT_TRUE(talk.is_gone());
@@ -431,7 +435,7 @@ TEST(do_send_tolva, a_datagram_that_does_not_fit_fails_unsent)
 
 TEST(do_send_tolva, any_other_type_counts_as_sent)
 {
-    conversation talk("MSG_EXECUTE x", MODE_SEND, 8);
+    conversation talk("MSG_EXECUTE x", MODE_SEND, NO_KIND);
     do_send_tolva(connections->head, EVENT_WRITABLE);
     EXPECT_TRUE(talk.is_gone());
     EXPECT_EQ(failed, 0);
@@ -566,12 +570,12 @@ TEST(do_rcv_tolva, a_receive_that_fails_is_logged)
 TEST(do_rcv_tolva, needs_a_readable_socket_of_the_right_kind)
 {
     struct row {
-        int32_t mode;
-        int32_t type;
-        int32_t events;
+        mode_code mode;
+        address_kind type;
+        event_bits events;
     };
     const row rows[] = {
-        {MODE_SEND_STATUS, ADDR_PEER, 0},
+        {MODE_SEND_STATUS, ADDR_PEER, EVENT_NONE},
         {MODE_SEND_STATUS, ADDR_PEER, EVENT_WRITABLE},
         {MODE_SEND, ADDR_PEER, EVENT_READABLE},
         {MODE_CHECK, ADDR_PEER, EVENT_READABLE},
@@ -629,7 +633,7 @@ TEST(do_rcv_tolva_death, needs_a_record_when_readable)
 TEST(endings, log_by_type)
 {
     struct row {
-        int32_t type;
+        address_kind type;
         std::string cancelled;
         std::string ended;
     };
@@ -637,7 +641,7 @@ TEST(endings, log_by_type)
         {ADDR_PEER, message(753, {"127.0.0.1"}), message(787, {"127.0.0.1"})},
         {ADDR_BROADCAST, message(810, {}), message(787, {"127.0.0.1"})},
         {ADDR_KESDAL, message(828, {"127.0.0.1"}), message(814, {"127.0.0.1"})},
-        {8, error_line(EINVAL), message(787, {"127.0.0.1"})},
+        {NO_KIND, error_line(EINVAL), message(787, {"127.0.0.1"})},
     };
     for (const row &one : rows) {
         {

@@ -76,7 +76,8 @@ int32_t accept_client(int32_t listener, sockaddr_in *address)
 }
 
 /* A registered record for a peer; null after a log line. */
-connection *add_client(int32_t type, const sockaddr_in *address, int32_t fd)
+connection *add_client(address_kind type, const sockaddr_in *address,
+                       int32_t fd)
 {
     connection *cn = new_connection(MODE_LISTEN, type);
     if (!cn) {

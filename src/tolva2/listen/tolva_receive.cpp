@@ -268,7 +268,7 @@ int serve_clients(int nready)
             continue;
         }
         /* Never both: a client is read from first, then written to. */
-        int32_t events = ready_events(cn);
+        event_bits events = ready_events(cn);
         if (events & EVENT_READABLE) {
             handle_tcp_client(node);
             nready--;
@@ -296,7 +296,7 @@ void serve_connections(int nready)
             continue;
         }
         debug_printf("DEBUG: check >%s< (>%d<)\n", cn->ipaddr, cn->fd);
-        int32_t events = ready_events(cn);
+        event_bits events = ready_events(cn);
         nready -= (events & EVENT_READABLE) ? 1 : 0;
         nready -= (events & EVENT_WRITABLE) ? 1 : 0;
         if (events && cn->handler) {

@@ -220,8 +220,8 @@ bool find_address(const char *host, char *text, in_addr *address)
 
 } // namespace
 
-inetaddr *new_inetaddr(const char *host, uint16_t port, int32_t kind,
-                       int32_t mode)
+inetaddr *new_inetaddr(const char *host, uint16_t port, address_kind kind,
+                       mode_code mode)
 {
     trace_in();
     auto *iaddr = static_cast<inetaddr *>(calloc(1, sizeof(inetaddr)));
@@ -248,7 +248,8 @@ void destroy_inetaddr(void *data)
     free(data);
 }
 
-int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode)
+int32_t add_inetaddr(ux_list *list, char *text, address_kind kind,
+                     mode_code mode)
 {
     trace_in();
     char *host = nullptr;
@@ -267,8 +268,8 @@ int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode)
     return 1;
 }
 
-int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text, int32_t kind,
-                                  int32_t mode)
+int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
+                                  address_kind kind, mode_code mode)
 {
     trace_in();
     if (!text || !*text) {

@@ -15,8 +15,8 @@ constexpr uint32_t ADDRESS_TEXT = 16; /* dotted quad and terminator */
 
 /* One remote party; on the heap, owned by its list. */
 struct inetaddr {
-    int32_t mode; /* mode_code when it was added */
-    int32_t kind; /* address_kind */
+    mode_code mode; /* when it was added */
+    address_kind kind;
     sockaddr_in addr;
     char text[ADDRESS_TEXT];
     int16_t port; /* host byte order, as 16 bits; 0 when none was given */
@@ -39,8 +39,8 @@ int32_t split_port(char **host, char *text);
  * when memory is exhausted or, after a message on standard error, when the
  * name does not resolve. The caller owns it.
  */
-inetaddr *new_inetaddr(const char *host, uint16_t port, int32_t kind,
-                       int32_t mode);
+inetaddr *new_inetaddr(const char *host, uint16_t port, address_kind kind,
+                       mode_code mode);
 
 /* Frees a record; a list destructor. */
 void destroy_inetaddr(void *data);
@@ -50,14 +50,15 @@ void destroy_inetaddr(void *data);
  * 1, or 0 when text is empty or no record could be built. Ends the process
  * when the list cannot grow.
  */
-int32_t add_inetaddr(ux_list *list, char *text, int32_t kind, int32_t mode);
+int32_t add_inetaddr(ux_list *list, char *text, address_kind kind,
+                     mode_code mode);
 
 /*
  * Appends every address of a text separated by white space; those that fail
  * are left out. Returns how many were added.
  */
-int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text, int32_t kind,
-                                  int32_t mode);
+int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
+                                  address_kind kind, mode_code mode);
 
 /*
  * Asks the resolver, for as long as it takes. Returns the first IPv4 address

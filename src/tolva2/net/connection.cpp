@@ -96,14 +96,13 @@ void close_descriptor(int32_t *fd)
     *fd = -1;
 }
 
-int32_t ready_events(const connection *cn)
+event_bits ready_events(const connection *cn)
 {
-    int32_t events = 0;
-    if (cn->fd >= 0) {
-        events |= FD_ISSET(cn->fd, &ready_read) ? EVENT_READABLE : 0;
-        events |= FD_ISSET(cn->fd, &ready_write) ? EVENT_WRITABLE : 0;
+    if (cn->fd < 0) {
+        return EVENT_NONE;
     }
-    return events;
+    return (FD_ISSET(cn->fd, &ready_read) ? EVENT_READABLE : EVENT_NONE) |
+           (FD_ISSET(cn->fd, &ready_write) ? EVENT_WRITABLE : EVENT_NONE);
 }
 
 int32_t room_for_descriptor()
@@ -121,7 +120,7 @@ int32_t keep_selectable(int32_t fd)
     return -1;
 }
 
-connection *new_connection(int32_t mode, int32_t type)
+connection *new_connection(mode_code mode, address_kind type)
 {
     trace_in();
     assert(mode && type);

@@ -15,7 +15,7 @@
 #include <sys/select.h>
 
 /* Called with the record's node and event bits when its socket is ready. */
-using connection_handler = void (*)(ux_list_element *node, int32_t events);
+using connection_handler = void (*)(ux_list_element *node, event_bits events);
 
 /* How one outbound exchange finishes; each mode has its own pair. */
 struct connect_ends {
@@ -24,9 +24,9 @@ struct connect_ends {
 };
 
 struct connection {
-    int32_t fd;   /* -1 when there is none */
-    int32_t mode; /* mode_code */
-    int32_t type; /* address_kind: 1 TCP, 2 UDP, 4 UPS management server */
+    int32_t fd; /* -1 when there is none */
+    mode_code mode;
+    address_kind type; /* 1 TCP, 2 UDP, 4 UPS management server */
     char ipaddr[ADDRESS_TEXT];
     uint32_t port;      /* the run's default port */
     sockaddr_in addr;   /* where to connect to, or who came */
@@ -74,7 +74,7 @@ void add_descriptor(int32_t fd, fd_set *set);
 void close_descriptor(int32_t *fd);
 
 /* The event bits that the current pass has found for cn's socket. */
-int32_t ready_events(const connection *cn);
+event_bits ready_events(const connection *cn);
 
 /*
  * 1 when one more descriptor may be opened with enough left for the log and
@@ -90,7 +90,7 @@ int32_t keep_selectable(int32_t fd);
 
 /* A zeroed record without socket; null when memory is exhausted. Asserts
  * "mode && type". */
-connection *new_connection(int32_t mode, int32_t type);
+connection *new_connection(mode_code mode, address_kind type);
 
 /* Closes its socket, frees what it owns and itself. Asserts "cn". */
 void destroy_connection(void *data);

@@ -9,14 +9,14 @@ namespace
 {
 
 /* The event has come and the socket is in order. */
-bool is_ready(const connection *cn, int32_t events, int32_t wanted)
+bool is_ready(const connection *cn, event_bits events, event_bits wanted)
 {
     return (events & wanted) && sock_pending_error(cn->fd) == 0;
 }
 
 } // namespace
 
-void do_kesdal_send_logon(ux_list_element *node, int32_t events)
+void do_kesdal_send_logon(ux_list_element *node, event_bits events)
 {
     trace_in();
     connection *cn = record_of(node);
@@ -28,7 +28,7 @@ void do_kesdal_send_logon(ux_list_element *node, int32_t events)
     }
 }
 
-void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
+void do_kesdal_recv_logon(ux_list_element *node, event_bits events)
 {
     trace_in();
     connection *cn = record_of(node);
@@ -40,7 +40,7 @@ void do_kesdal_recv_logon(ux_list_element *node, int32_t events)
     }
 }
 
-void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
+void do_kesdal_send_logoff(ux_list_element *node, event_bits events)
 {
     trace_in();
     connection *cn = record_of(node);
@@ -53,7 +53,7 @@ void do_kesdal_send_logoff(ux_list_element *node, int32_t events)
     }
 }
 
-void do_kesdal_recv_logoff(ux_list_element *node, int32_t events)
+void do_kesdal_recv_logoff(ux_list_element *node, event_bits events)
 {
     trace_in();
     connection *cn = record_of(node);

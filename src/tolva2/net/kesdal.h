@@ -13,9 +13,9 @@
  * three call the record's cancel ending on any failure; the last cannot fail
  * and calls its end ending. Each asserts "cn".
  */
-void do_kesdal_send_logon(ux_list_element *node, int32_t events);
-void do_kesdal_recv_logon(ux_list_element *node, int32_t events);
-void do_kesdal_send_logoff(ux_list_element *node, int32_t events);
-void do_kesdal_recv_logoff(ux_list_element *node, int32_t events);
+void do_kesdal_send_logon(ux_list_element *node, event_bits events);
+void do_kesdal_recv_logon(ux_list_element *node, event_bits events);
+void do_kesdal_send_logoff(ux_list_element *node, event_bits events);
+void do_kesdal_recv_logoff(ux_list_element *node, event_bits events);
 
 #endif

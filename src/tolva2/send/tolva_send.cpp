@@ -121,7 +121,7 @@ bool handle_reply(const connection *cn)
     return receive_reply(cn);
 }
 
-void do_rcv_tolva(ux_list_element *node, int32_t events)
+void do_rcv_tolva(ux_list_element *node, event_bits events)
 {
     trace_in();
     const connection *cn = record_of(node);
@@ -140,7 +140,7 @@ void do_rcv_tolva(ux_list_element *node, int32_t events)
 }
 
 /* Sends the request when the socket is fit for it: false on any failure. */
-bool send_request(const connection *cn, int32_t events)
+bool send_request(const connection *cn, event_bits events)
 {
     if (!(events & EVENT_WRITABLE)) {
         return false;
@@ -161,7 +161,7 @@ bool send_request(const connection *cn, int32_t events)
     }
 }
 
-void do_send_tolva(ux_list_element *node, int32_t events)
+void do_send_tolva(ux_list_element *node, event_bits events)
 {
     trace_in();
     connection *cn = record_of(node);
@@ -257,7 +257,7 @@ void serve_connections()
             unregister_connection(node);
             continue;
         }
-        int32_t events = ready_events(cn);
+        event_bits events = ready_events(cn);
         if (events && cn->handler) {
             cn->handler(node, events);
         }

@@ -20,7 +20,7 @@ constexpr size_t JOIN_STEP = 1024;
 
 /* What the arguments say. Texts are on the heap unless noted. */
 struct cmdline_options {
-    int32_t mode = 0;
+    mode_code mode = MODE_NONE;
     char *cfgfile = nullptr;
     char *listen_host = nullptr; /* part of an argument */
     int32_t port = 0;
@@ -46,7 +46,7 @@ void copy_value(char **text, const char *value)
     }
 }
 
-void add_address(ux_list *list, char *value, int32_t kind, int32_t mode)
+void add_address(ux_list *list, char *value, address_kind kind, mode_code mode)
 {
     if (!add_inetaddr(list, value, kind, mode)) {
         fatal("%s: could not handle address [%s]\n", progname, value);
@@ -368,7 +368,7 @@ void take_arguments(cmdline_options *o, int32_t argc, char **argv)
     }
 }
 
-int32_t choose_mode(int32_t argc, char **argv)
+mode_code choose_mode(int32_t argc, char **argv)
 {
     if (strcmp(progname, "sendtolva") == 0) {
         return MODE_SEND;
@@ -379,8 +379,8 @@ int32_t choose_mode(int32_t argc, char **argv)
     if (argc < 2) {
         fatal("%s: missing parameter! (-? for help).\n", progname);
     }
-    int32_t mode = scan_mode(argc, argv);
-    if (mode == 0) {
+    mode_code mode = scan_mode(argc, argv);
+    if (mode == MODE_NONE) {
         fatal("%s: missing parameter: `-l' or `-s'! (-? for help).\n",
               progname);
     }
@@ -448,10 +448,10 @@ int32_t dispatch(cmdline_options *o)
 
 } // namespace
 
-int32_t scan_mode(int32_t argc, char **argv)
+mode_code scan_mode(int32_t argc, char **argv)
 {
     trace_in();
-    int32_t mode = 0;
+    mode_code mode = MODE_NONE;
     for (int32_t i = 1; i < argc; i++) {
         if (argv[i][0] != '-') {
             continue;
@@ -468,7 +468,7 @@ int32_t scan_mode(int32_t argc, char **argv)
         if (letter != 'l' && letter != 's') {
             continue;
         }
-        if (mode != 0) {
+        if (mode != MODE_NONE) {
             fatal("%s: doubled mode parameter: `-l' and `-s'! (-? for help).\n",
                   progname);
         }

@@ -6,6 +6,8 @@
 #ifndef TOLVA2_START_CMDLINE_H
 #define TOLVA2_START_CMDLINE_H
 
+#include "tolva2/base/codes.h"
+
 #include <cstdint>
 
 /*
@@ -14,7 +16,7 @@
  */
 int32_t check_input(int32_t argc, char **argv);
 
-/* The mode that the arguments name, 0 for none. Serves -?, -h and -v. */
-int32_t scan_mode(int32_t argc, char **argv);
+/* The mode that the arguments name, MODE_NONE for none. Serves -?, -h and -v. */
+mode_code scan_mode(int32_t argc, char **argv);
 
 #endif
