@@ -1,9 +1,10 @@
 #!/usr/bin/python3
-"""Checks the operator messages in src/ against share/messages.dat.
+"""Checks the program's events against share/messages.dat.
 
-Every number that the program logs must have a text, every text a place that
-logs it, and each text exactly as many placeholders as the call counts. The
-calls must read log_message(count, msgdb_get(number or condition), ...).
+Every event of src/tolva2/files/events.h must have a text there, every text an
+event, each text exactly as many placeholders as the event has arguments, and
+each event a place that reports it. What is logged without a number must have
+as many placeholders as are counted.
 """
 
 import pathlib
@@ -14,22 +15,13 @@ ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1
                     else pathlib.Path(__file__).resolve().parents[1])
 DATABASE = ROOT / "share" / "messages.dat"
 SOURCE = ROOT / "src"
+EVENTS = SOURCE / "tolva2" / "files" / "events.h"
 # What log_message fills: "%s" with no letter or digit behind it.
 PLACEHOLDER = re.compile(r"%s(?![0-9A-Za-z])")
-NUMBERED = re.compile(r"log_message\(\s*(\w+)\s*,\s*msgdb_get\(")
+EVENT = re.compile(r"event_message<(\d+)> (\w+)\{(\d+)\};")
 LITERAL = re.compile(r'log_message\(\s*(\w+)\s*,\s*"((?:[^"\\]|\\.)*)"')
 # The program's buffer for a line of the file, with its end.
 LONGEST = 1022
-
-
-def closing(text, start):
-    """Where the parenthesis ends that was opened before start."""
-    depth = 1
-    for position in range(start, len(text)):
-        depth += {"(": 1, ")": -1}.get(text[position], 0)
-        if depth == 0:
-            return position
-    return len(text)
 
 
 def read_database(complain):
@@ -59,63 +51,58 @@ def read_database(complain):
     return texts
 
 
-def read_source(complain):
-    """Each number with the places that log it and the counts there."""
-    calls = {}
+def read_events(complain):
+    """{number: (name, count of arguments)}"""
+    events = {}
+    for count, name, number in EVENT.findall(EVENTS.read_text()):
+        if int(number) in events:
+            complain(f"{EVENTS.name}: message {number} stands there twice")
+        events[int(number)] = (name, int(count))
+    return events
+
+
+def check_source(events, complain):
+    reported = set()
     for file in sorted(SOURCE.rglob("*.cpp")):
         text = file.read_text()
         name = file.relative_to(ROOT)
-
-        def where(position):
-            return f"{name}:{text.count(chr(10), 0, position) + 1}"
-
-        understood = set()
-        for match in NUMBERED.finditer(text):
-            understood.add(match.end())
-            argument = text[match.end():closing(text, match.end())]
-            # "kind == 4 ? 814 : 787": only what is chosen is a message.
-            chosen = argument.rsplit("?", 1)[-1]
-            numbers = re.findall(r"\b\d{1,4}\b", chosen)
-            if not numbers or not match[1].isdigit():
-                complain(f"{where(match.start())}: no number to be seen")
-                continue
-            for number in numbers:
-                calls.setdefault(int(number), []).append(
-                    (where(match.start()), int(match[1])))
+        reported.update(re.findall(r"\bevent::(\w+)", text))
         for match in LITERAL.finditer(text):
             filled = len(PLACEHOLDER.findall(match[2]))
+            line = text.count("\n", 0, match.start()) + 1
             if match[1].isdigit() and filled != int(match[1]):
-                complain(f"{where(match.start())}: {filled} placeholders, "
+                complain(f"{name}:{line}: {filled} placeholders, "
                          f"{match[1]} arguments are counted")
-        for match in re.finditer(r"\bmsgdb_get\(", text):
-            line = text[text.rfind("\n", 0, match.start()) + 1:match.start()]
-            defined = line.strip() == "const char *"
-            if match.end() not in understood and not defined:
-                complain(f"{where(match.start())}: msgdb_get outside "
-                         "log_message(count, msgdb_get(number), ...)")
-    return calls
+        for match in re.finditer(r"\bmsgdb_get\(\s*\d", text):
+            line = text.count("\n", 0, match.start()) + 1
+            complain(f"{name}:{line}: a bare number, not an event")
+    for name, _ in events.values():
+        if name not in reported:
+            complain(f"{EVENTS.name}: nothing reports {name}")
 
 
 def main():
     problems = []
     texts = read_database(problems.append)
-    calls = read_source(problems.append)
-    for number, places in sorted(calls.items()):
+    events = read_events(problems.append)
+    if not events:
+        problems.append(f"{EVENTS.name}: no events")
+    check_source(events, problems.append)
+    for number, (name, count) in sorted(events.items()):
         if number not in texts:
-            problems.append(f"{places[0][0]}: message {number} has no text "
-                            f"in {DATABASE.name}")
+            problems.append(f"{EVENTS.name}: {name} has no text in "
+                            f"{DATABASE.name}")
             continue
         filled = len(PLACEHOLDER.findall(texts[number]))
-        for where, count in places:
-            if filled != count:
-                problems.append(f"{where}: message {number} has {filled} "
-                                f"placeholders, {count} are counted")
-    for number in sorted(set(texts) - set(calls)):
+        if filled != count:
+            problems.append(f"{DATABASE.name}: message {number} has {filled} "
+                            f"placeholders, {name} has {count} arguments")
+    for number in sorted(set(texts) - set(events)):
         problems.append(f"{DATABASE.name}: nothing logs message {number}")
     for problem in problems:
         print(problem, file=sys.stderr)
     if not problems:
-        print(f"{len(texts)} messages agree with the source")
+        print(f"{len(texts)} messages agree with the program's events")
     return 1 if problems else 0
 
 

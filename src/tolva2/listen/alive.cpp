@@ -1,7 +1,7 @@
 #include "tolva2/listen/alive.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
-#include "tolva2/files/msgdb.h"
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/child.h"
 #include "tolva2/net/kesdal.h"
@@ -23,7 +23,7 @@ void cancel_connect(ux_list_element *node)
     assert(cn);
     close_exchange(cn);
     cn->nerror++;
-    log_message(1, msgdb_get(828), cn->ipaddr);
+    report(event::server_not_alive, cn->ipaddr);
     /* At every failure, not only when the retries are used up. */
     exec_aliveproc(cn);
     check_alive_retries(node);
@@ -36,7 +36,7 @@ void end_connect(ux_list_element *node)
     assert(cn);
     close_exchange(cn);
     cn->nerror = 0;
-    log_message(1, msgdb_get(814), cn->ipaddr);
+    report(event::server_alive, cn->ipaddr);
 }
 
 constexpr connect_ends ALIVE_ENDS{cancel_connect, end_connect};
@@ -114,7 +114,7 @@ void check_alive_retries(ux_list_element *node)
     trace_in();
     const connection *cn = record_of(node);
     if (rp->alive_retries > 0 && cn->nerror >= rp->alive_retries && !cn->busy) {
-        log_message(1, msgdb_get(832), cn->ipaddr);
+        report(event::server_dropped, cn->ipaddr);
         unregister_connection(connections, node);
     }
 }

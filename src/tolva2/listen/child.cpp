@@ -1,7 +1,7 @@
 #include "tolva2/listen/child.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
-#include "tolva2/files/msgdb.h"
 
 #include <cerrno>
 #include <csignal>
@@ -64,7 +64,7 @@ int32_t fork_and_exec(connection *cn, const char *program, const char *params)
         log_system(errno);
         return 0;
     }
-    log_message(1, msgdb_get(792), line);
+    report(event::script_started, line);
     pid_t child = fork();
     if (child == 0) {
         run_shell(line);

@@ -1,8 +1,8 @@
 #include "tolva2/listen/client.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
-#include "tolva2/files/msgdb.h"
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/command.h"
 #include "tolva2/net/sockets.h"
@@ -114,7 +114,7 @@ void run_request(connection *cn, char *text)
         exec_V2command(cn, text + REQUEST_TEXT_OFFSET);
         break;
     default:
-        log_message(0, msgdb_get(819));
+        report(event::not_understood);
         break;
     }
 }
@@ -128,11 +128,11 @@ void receive_command(connection *cn)
         log_system(errno);
     }
     if (length <= 0) {
-        log_message(0, msgdb_get(796));
+        report(event::nothing_received);
         return;
     }
     text[length] = '\0';
-    log_message(0, msgdb_get(795));
+    report(event::message_received);
     debug_printf("DEBUG: received = [%s]\n", text);
     run_request(cn, text);
 }
@@ -183,7 +183,7 @@ void handle_tcp_connect(int32_t listener, const ux_list *allowed,
         char text[ADDRESS_TEXT];
         copy_address(text, &address.sin_addr);
         close(fd);
-        log_message(1, msgdb_get(835), text);
+        report(event::refused, text);
         return;
     }
     connection *cn = add_client(ADDR_PEER, &address, fd);
@@ -200,18 +200,18 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
     sockaddr_in from;
     socklen_t fromlen = sizeof from;
     if (!udp_recv_text(udp_socket, &from, &fromlen, text, sizeof text)) {
-        log_message(0, msgdb_get(825));
+        report(event::datagram_failed);
         return;
     }
     copy_address(peer, &from.sin_addr);
-    log_message(1, msgdb_get(824), peer);
+    report(event::datagram_received, peer);
     /* The source of a datagram can be forged, to 0.0.0.0 too. */
     if (!from.sin_addr.s_addr || !client_is_allowed(allowed, &from.sin_addr)) {
-        log_message(1, msgdb_get(835), peer);
+        report(event::refused, peer);
         return;
     }
     if (classify_request(text) == REQUEST_NONE) {
-        log_message(0, msgdb_get(819));
+        report(event::not_understood);
         return;
     }
     connection *cn = add_client(ADDR_BROADCAST, &from, -1);

@@ -1,8 +1,8 @@
 #include "tolva2/listen/command.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/command_params.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
-#include "tolva2/files/msgdb.h"
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/child.h"
@@ -68,8 +68,8 @@ void finish_child(ux_list *list, ux_list_element *node, int32_t status)
     if ((status & 0x7f) == 0) {
         status = (status >> 8) & 0xff;
     }
-    log_message(1, msgdb_get(status == 0 ? 794 : 793),
-                cn->cmdline ? cn->cmdline : "");
+    report(status == 0 ? event::script_finished : event::script_failed,
+           cn->cmdline ? cn->cmdline : "");
     cn->busy = 0;
     if (cn->type == ADDR_KESDAL) {
         free(cn->cmdline);
@@ -112,13 +112,13 @@ int32_t exec_V2command(connection *cn, char *text)
     trace_in();
     debug_printf("DEBUG: tolvamsg = [%s]\n", text ? text : "NULL");
     if (!text || !*text) {
-        log_message(0, msgdb_get(820));
+        report(event::command_unknown);
         return 0;
     }
     char *rest = text;
     const char *word = nullptr;
     if (!take_verb(cn, &rest) || !(word = split_word(&rest, PARAM_BLANKS))) {
-        log_message(0, msgdb_get(819));
+        report(event::not_understood);
         return 0;
     }
     debug_printf("DEBUG: ptr2 = [%s]\n", word);
@@ -128,7 +128,7 @@ int32_t exec_V2command(connection *cn, char *text)
         params[0] = '\0';
     }
     if (index == COMMAND_UNKNOWN) {
-        log_message(0, msgdb_get(820));
+        report(event::command_unknown);
         return 0;
     }
     char *receiver_params::*script = COMMAND_SCRIPTS[index];

@@ -2,8 +2,8 @@
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
-#include "tolva2/files/msgdb.h"
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/child.h"
 #include "tolva2/listen/client.h"
@@ -160,20 +160,20 @@ bool open_listeners(listener_state *state, const ux_list *alive)
     if (state->tcp_fd < 0) {
         return false;
     }
-    log_message(0, msgdb_get(756));
+    report(event::tcp_listening);
     /* Datagrams are easily forged: none from just anybody. */
     if (setting_is_on(rp->listen_udp) && state->allowed->size > 0) {
         state->udp_fd = start_udp_listener(rp->listenport, rp->listen_address);
         if (state->udp_fd < 0) {
             return false;
         }
-        log_message(0, msgdb_get(821));
+        report(event::udp_listening);
     }
     if (alive->size > 0) {
         if (!set_connections(alive, static_cast<uint32_t>(rp->kesdalport))) {
             return false;
         }
-        log_message(0, msgdb_get(829));
+        report(event::watch_started);
         state->last_alive = state->now - rp->alive_interval + FIRST_ALIVE_CYCLE;
     }
     return true;
@@ -347,11 +347,11 @@ void tear_down(listener_state *state)
 {
     if (connections->size > 0) {
         ux_list_destroy(connections);
-        log_message(0, msgdb_get(830));
+        report(event::watch_stopped);
     }
     if (state->udp_fd >= 0) {
         close_descriptor(&state->udp_fd);
-        log_message(0, msgdb_get(822));
+        report(event::udp_stopped);
     }
     if (state->tcp_fd < 0) {
         return;
@@ -360,7 +360,7 @@ void tear_down(listener_state *state)
     if (clients->size > 0) {
         ux_list_destroy(clients);
     }
-    log_message(0, msgdb_get(757));
+    report(event::tcp_stopped);
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 #include "tolva2/send/tolva_send.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
-#include "tolva2/files/msgdb.h"
 #include "tolva2/net/connection.h"
 #include "tolva2/net/kesdal.h"
 #include "tolva2/net/sockets.h"
@@ -29,13 +29,13 @@ void log_failure(const connection *cn)
 {
     switch (cn->type) {
     case ADDR_KESDAL:
-        log_message(1, msgdb_get(828), cn->ipaddr, cn->ipaddr);
+        report(event::server_not_alive, cn->ipaddr);
         break;
     case ADDR_PEER:
-        log_message(1, msgdb_get(753), cn->ipaddr, cn->ipaddr);
+        report(event::send_failed, cn->ipaddr);
         break;
     case ADDR_BROADCAST:
-        log_message(0, msgdb_get(810));
+        report(event::broadcast_failed);
         break;
     default:
         log_error(EINVAL);
@@ -62,8 +62,8 @@ void end_connect(ux_list_element *node)
     assert(cn);
     close_exchange(cn);
     cn->nerror = 0;
-    log_message(1, msgdb_get(cn->type == ADDR_KESDAL ? 814 : 787), cn->ipaddr,
-                cn->ipaddr);
+    report(cn->type == ADDR_KESDAL ? event::server_alive : event::command_sent,
+           cn->ipaddr);
     unregister_connection(node);
 }
 
@@ -96,7 +96,7 @@ bool receive_reply(const connection *cn)
     }
     reply[length] = '\0';
     if (length == 0 || !is_reply_header(reply)) {
-        log_message(0, msgdb_get(819));
+        report(event::not_understood);
         return false;
     }
     take_reply(cn, reply);
@@ -191,11 +191,11 @@ int32_t open_by_type(const connection *cn)
 {
     switch (cn->type) {
     case ADDR_BROADCAST:
-        log_message(1, msgdb_get(833), cn->ipaddr, cn->ipaddr);
+        report(event::broadcasting, cn->ipaddr);
         return open_connect_socket_bc(cn);
     case ADDR_KESDAL:
     case ADDR_PEER:
-        log_message(1, msgdb_get(785), cn->ipaddr, cn->ipaddr);
+        report(event::connecting, cn->ipaddr);
         return open_connect_socket(cn);
     default:
         return -1;

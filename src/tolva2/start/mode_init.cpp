@@ -1,6 +1,7 @@
 #include "tolva2/start/mode_init.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
 #include "tolva2/files/msgdb.h"
 #include "tolva2/files/settings.h"
@@ -206,9 +207,9 @@ int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
                      "%s: error initializing messages database %s\n", progname,
                      MESSAGE_FILE);
     }
-    log_message(0, msgdb_get(758));
+    report(event::sender_started);
     int32_t result = send_mode(addresses, port, timeout, command);
-    log_message(0, msgdb_get(759));
+    report(event::sender_finished);
     msgdb_close();
     return result;
 }
