@@ -17,26 +17,27 @@ import tempfile
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tests" / "system"))
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 
-import harness  # noqa: E402
-from harness import wait_for  # noqa: E402
+from harness import (  # noqa: E402
+    ROOT, TOLVA, message, need_tolva, wrapper)
+from home import Home  # noqa: E402
+from ports import free_port, tcp_listens  # noqa: E402
+from processes import Running  # noqa: E402
+from waiting import wait_for  # noqa: E402
 
 EXAMPLES = ROOT / "examples"
 
 
 def pytest_sessionstart(session):
-    if not harness.TOLVA.exists():
-        pytest.exit(f"{harness.TOLVA} is missing: build it, or name the "
-                    "executable in TOLVA", returncode=2)
+    need_tolva()
 
 
 class Site:
     """One home of the harness, in which examples run."""
 
     def __init__(self):
-        self.home = harness.Home()
+        self.home = Home()
         self.dir = self.home.dir
         self.effects = self.dir / "effects"
         self.effects.mkdir()
@@ -44,13 +45,12 @@ class Site:
         self.bin.mkdir()
         for name in ("tolva", "sendtolva", "listentolva"):
             link = self.bin / name
-            if harness.WRAPPER:
-                wrapper = " ".join(harness.WRAPPER)
-                target = harness.TOLVA.parent / name
-                link.write_text(f'#!/bin/sh\nexec {wrapper} {target} "$@"\n')
+            if wrapper():
+                target = " ".join([*wrapper(), str(TOLVA.parent / name)])
+                link.write_text(f'#!/bin/sh\nexec {target} "$@"\n')
                 link.chmod(0o755)
             else:
-                link.symlink_to(harness.TOLVA)
+                link.symlink_to(TOLVA)
         # Neither the journal nor the terminals hear of tests.
         self.stand_in("logger", "exit 0")
         self.stand_in("wall", "exit 0")
@@ -77,7 +77,7 @@ class Site:
         return target
 
     def start(self, *argv, env=None, **popen):
-        return harness.Running(
+        return Running(
             self.home, [str(a) for a in argv],
             self.home.environment(self.environment(env)), self.dir, **popen)
 
@@ -100,7 +100,7 @@ class Site:
                             f'echo "{name} $*" >>"{effect}"\n{body}\n')
             path.chmod(0o755)
         for _ in range(5):
-            chosen = port or harness.free_port()
+            chosen = port or free_port()
             (home / "tolva.cfg").write_text(
                 f"ListenAddress={host}\nListenPort={chosen}\n"
                 f"AllowedAddresses={allowed}\nListenUDP=FALSE\n")
@@ -127,15 +127,11 @@ class PlainListener:
         self.effect_path = effect_path
 
     def listens(self):
-        wait_for(lambda: harness.tcp_listens(self.port) or
+        wait_for(lambda: tcp_listens(self.port) or
                  not self.run.running(), what="the listener listens")
-        wait_for(lambda: self.message(756) in self.log() or
+        wait_for(lambda: message(756) in self.log() or
                  not self.run.running(), what="the listener says so")
         return self.run.running()
-
-    @staticmethod
-    def message(number):
-        return harness.message(number)
 
     @property
     def where(self):

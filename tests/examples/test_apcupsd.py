@@ -13,9 +13,10 @@ import threading
 
 import pytest
 
-import harness
 from conftest import unpacked
-from harness import free_port, wait_for
+from harness import message
+from ports import free_port
+from waiting import wait_for
 
 
 @pytest.fixture(scope="module")
@@ -224,4 +225,4 @@ def test_wrong_words_send_nothing(site, debian, words):
     ran = site.run(apc.scripts / "tolva-tell", *words, env=apc.env)
     assert ran.status == 2
     assert "usage: tolva-tell" in ran.err
-    assert harness.message(795) not in host.log()
+    assert message(795) not in host.log()

@@ -8,9 +8,11 @@ import time
 
 import pytest
 
-import harness
 from conftest import EXAMPLES
-from harness import free_port, wait_for
+from harness import message
+from peers import reset
+from ports import free_port, tcp_listeners
+from waiting import wait_for
 
 FLEET = EXAMPLES / "fleet" / "tolva-fleet"
 
@@ -44,8 +46,8 @@ class Fleet:
             home.start("-l", "-d", "0", "-p", f"{address}:{port}",
                        env={"FLEET_ADDRESS": address,
                             "PATH": site.environment()["PATH"]})
-        wait_for(lambda: len(harness._socket_inodes("tcp", port, "0A"))
-                 >= count, 60, "all listeners listen")
+        wait_for(lambda: len(tcp_listeners(port)) >= count, 60,
+                 "all listeners listen")
 
     def effects(self):
         return os.listdir(self.site.effects)
@@ -79,7 +81,7 @@ def test_hundreds_of_hosts_and_the_dead_hold_nobody_up(site):
             with contextlib.suppress(OSError):
                 peer.setblocking(False)
                 while True:
-                    harness.reset(peer.accept()[0])
+                    reset(peer.accept()[0])
         ended = run.wait(120)
     assert sorted(fleet.effects()) == sorted(fleet.addresses)
     assert (site.effects / "127.44.0.9").read_text() == "127.44.0.9 a b\n"
@@ -177,7 +179,7 @@ def test_nothing_is_sent_by_a_wrong_call(site, args):
     ran = site.run(FLEET, "-p", host.port, *args)
     assert ran.status == 2
     assert ran.err and not ran.out
-    assert harness.message(795) not in host.log()
+    assert message(795) not in host.log()
 
 
 def test_the_shipped_list_is_usable(site):

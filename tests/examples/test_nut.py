@@ -7,9 +7,9 @@ import signal
 
 import pytest
 
-import harness
 from conftest import EXAMPLES, only_one
-from harness import free_port, wait_for
+from ports import free_port
+from waiting import wait_for
 
 NUT = pathlib.Path("/lib/nut")
 PID_FILE = pathlib.Path("/run/nut/upsmon.pid")

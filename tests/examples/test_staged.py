@@ -6,7 +6,9 @@ import subprocess
 import pytest
 
 from conftest import EXAMPLES
-from harness import free_port, message, wait_for
+from harness import message
+from ports import free_port
+from waiting import wait_for
 
 STAGED = EXAMPLES / "staged-shutdown" / "staged-shutdown"
 

@@ -10,9 +10,12 @@ import subprocess
 
 import pytest
 
-import harness
 from conftest import EXAMPLES
-from harness import free_port, message, wait_for
+from harness import message
+from peers import read_to_end
+from ports import free_port, tcp_listens, udp_is_bound
+from waiting import BOUND, wait_for
+from wire import HEADER, STATUS
 
 MAKE = EXAMPLES / "stunnel" / "make-certificates"
 HOST = "127.54.0.1"
@@ -68,7 +71,7 @@ class Tunnel:
         self.run = site.start("stunnel4", conf)
 
     def ready(self, port):
-        wait_for(lambda: harness.tcp_listens(port) or
+        wait_for(lambda: tcp_listens(port) or
                  not self.run.running(), what="stunnel listens")
         assert self.run.running(), self.run.describe()
 
@@ -128,12 +131,11 @@ class Chain:
     def still_serves(self):
         """The next good sender shows that the end was reached, and why."""
         conn = tls(self.ours / "ups1.pem", self.ours).wrap_socket(
-            socket.create_connection((HOST, self.port), harness.BOUND),
+            socket.create_connection((HOST, self.port), BOUND),
             server_hostname=NAME)
         with conn:
-            conn.sendall(b"CONNECT TO TOLVA (SEND) "
-                         b"MSG_EXECSTATUS EXECUTE good")
-            assert b"EXITSTATUS=" in harness.read_to_end(conn)
+            conn.sendall(STATUS + b"EXECUTE good")
+            assert b"EXITSTATUS=" in read_to_end(conn)
         assert self.listener.effect() == ["tolva_execute.sh good"]
 
 
@@ -225,14 +227,12 @@ def test_others_get_nothing(site, certificates, which):
 
 def test_plain_bytes_get_nothing(site, certificates):
     chain = Chain(site, certificates)
-    for payload in (b"CONNECT TO TOLVA (SEND)",
-                    b"CONNECT TO TOLVA (SEND) MSG_EXECSTATUS EXECUTE x"):
-        with socket.create_connection((HOST, chain.port),
-                                      harness.BOUND) as conn:
+    for payload in (HEADER, STATUS + b"EXECUTE x"):
+        with socket.create_connection((HOST, chain.port), BOUND) as conn:
             conn.sendall(payload)
             with contextlib.suppress(OSError):  # it may have hung up
                 conn.shutdown(socket.SHUT_WR)
-            assert b"CONNECT" not in harness.read_to_end(conn)
+            assert b"CONNECT" not in read_to_end(conn)
     chain.nothing_came()
     chain.still_serves()
 
@@ -241,8 +241,7 @@ def test_old_tls_gets_nothing(site, certificates):
     chain = Chain(site, certificates)
     context = tls(chain.ours / "ups1.pem", chain.ours)
     context.maximum_version = ssl.TLSVersion.TLSv1_2
-    with socket.create_connection((HOST, chain.port),
-                                  harness.BOUND) as conn:
+    with socket.create_connection((HOST, chain.port), BOUND) as conn:
         with pytest.raises(ssl.SSLError):
             context.wrap_socket(conn, server_hostname=NAME)
     chain.nothing_came()
@@ -283,13 +282,13 @@ def test_nobody_reaches_the_listener_past_the_tunnel(site, certificates):
             pytest.raises(ConnectionRefusedError):
         conn.connect(("127.0.0.2", port))
     # A datagram has nowhere to go, and another source is refused.
-    assert not harness.udp_is_bound(port)
+    assert not udp_is_bound(port)
     with contextlib.closing(socket.socket()) as conn:
-        conn.settimeout(harness.BOUND)
+        conn.settimeout(BOUND)
         conn.bind(("127.54.0.9", 0))
         conn.connect(("127.0.0.1", port))
-        conn.sendall(b"CONNECT TO TOLVA (SEND)")
-        assert harness.read_to_end(conn) == b""
+        conn.sendall(HEADER)
+        assert read_to_end(conn) == b""
     wait_for(lambda: message(835) in listener.log(), what="it is refused")
     assert not listener.effect()
 

@@ -7,9 +7,9 @@ import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 
-import harness  # noqa: E402
 from conftest import home, make_home  # noqa: E402, F401
 from harness import message  # noqa: E402
+from ports import free_port  # noqa: E402
 from upsserver import UpsServer, good  # noqa: E402
 
 A, B, C = "127.0.0.2", "127.0.0.3", "127.0.0.4"
@@ -31,7 +31,7 @@ def test_two_cycles(home):  # noqa: F811
     """One server is alive, one is silent, and one does not run."""
     home.script("tolva_notalive.sh",
                 'echo "$1" >> "$TOLVAHOME/notalive"')
-    port = harness.free_port()
+    port = free_port()
     UpsServer(home, A, port, good)
     UpsServer(home, B, port, silent)
     listener = home.listener(config={

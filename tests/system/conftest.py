@@ -1,19 +1,14 @@
 """Fixtures of the system tests, and what is shown when one fails."""
 
-import pathlib
-import sys
-
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent))
-
-import harness  # noqa: E402
+from harness import need_tolva
+from home import Home
+from scripthost import Host
 
 
 def pytest_sessionstart(session):
-    if not harness.TOLVA.exists():
-        pytest.exit(f"{harness.TOLVA} is missing: build it, or name the "
-                    "executable in TOLVA", returncode=2)
+    need_tolva()
 
 
 @pytest.fixture
@@ -22,7 +17,7 @@ def make_home():
     homes = []
 
     def make():
-        homes.append(harness.Home())
+        homes.append(Home())
         return homes[-1]
 
     make.homes = homes
@@ -40,6 +35,20 @@ def make_home():
 @pytest.fixture
 def home(make_home):
     return make_home()
+
+
+@pytest.fixture
+def notes(home):
+    """A not-alive script that writes down its parameters."""
+    home.script("tolva_notalive.sh",
+                'echo "$#:$*" >> "$TOLVAHOME/notalive"')
+    return home
+
+
+@pytest.fixture
+def host(tmp_path):
+    """A host on which the shipped scripts are run."""
+    return Host(tmp_path)
 
 
 @pytest.hookimpl(hookwrapper=True)

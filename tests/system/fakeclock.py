@@ -18,8 +18,8 @@ import os
 import signal
 import sys
 
-import harness
 import preload
+from waiting import wait_for
 
 START = datetime.datetime(2026, 11, 16, 2, 24, 18)
 EPOCH = datetime.datetime(1970, 1, 1)
@@ -116,7 +116,7 @@ class FakeClock:
         """
         self.set(seconds)
         if until:
-            harness.wait_for(lambda: poke(listener) and until(), what=what)
+            wait_for(lambda: poke(listener) and until(), what=what)
         else:
             settle(listener)
 
@@ -141,6 +141,5 @@ def settle(listener):
     """Returns when the listener has been through three passes."""
     for _ in range(3):
         before = switches(listener)
-        harness.wait_for(lambda: poke(listener) and
-                         switches(listener) > before,
-                         what="the listener waits again")
+        wait_for(lambda: poke(listener) and switches(listener) > before,
+                 what="the listener waits again")

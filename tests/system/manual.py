@@ -10,9 +10,9 @@ The pages mark what is read with comments, .\\" at the start of a line.
 
 import re
 
-import harness
+from harness import ROOT
 
-DIRECTORY = harness.ROOT / "man"
+DIRECTORY = ROOT / "man"
 ESCAPES = {r"\(aq": "'", r"\(ga": "`", r"\(dq": '"', r"\e": "\\",
            r"\-": "-", r"\&": "", r"\ ": " "}
 

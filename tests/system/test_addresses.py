@@ -1,18 +1,20 @@
 """Addresses on the command line and in the settings."""
 
+import time
 
 import pytest
 
-import harness
-from harness import HEADER, message
+from harness import message
+from namespaces import private_network
+from peers import read_to_end, reader
+from ports import free_port
+from processes import children, open_fds
+from waiting import wait_for
+from wire import EXECUTE, LOG_TEXT
 
-REQUEST = HEADER + b" MSG_EXECUTE X"
+REQUEST = EXECUTE + b"X"
 # A name that no resolver has to ask anybody about.
 NO_NAME = "x" * 300
-
-
-def reader(talk):
-    talk.read_to_end()
 
 
 def test_port_of_the_address_comes_before_the_port_option(home):
@@ -40,7 +42,7 @@ def test_without_a_port_of_its_own_an_address_takes_the_option(home, text):
 def high_port():
     for _ in range(200):
         try:
-            return harness.free_port(61000, 65535)
+            return free_port(61000, 65535)
         except AssertionError:
             pass
     raise AssertionError("no high port")
@@ -49,7 +51,7 @@ def high_port():
 @pytest.mark.parametrize("text", [
     "{port}", "0{port}", " {port}", "+{port}", "{port}x", "{port} 1",
     "{over}", "{twice}"])
-@pytest.mark.parametrize("make_port", [harness.free_port, high_port],
+@pytest.mark.parametrize("make_port", [free_port, high_port],
                          ids=["low", "high"])
 def test_port_of_an_address_is_cut_to_16_bits(home, text, make_port):
     server = home.server(reader, port=make_port())
@@ -99,8 +101,8 @@ def test_an_unresolvable_server_ends_the_check(home):
 
 def log_from(listener, host):
     with listener.connect(host) as conn:
-        conn.sendall(HEADER + b" MSG_EXECUTE LOG_TEXT by " + host.encode())
-        harness.read_to_end(conn)
+        conn.sendall(LOG_TEXT + b"by " + host.encode())
+        read_to_end(conn)
 
 
 def test_allowed_addresses_are_separated_by_white_space(home):
@@ -146,24 +148,24 @@ def test_a_long_list_of_addresses(home):
 def test_resolving_leaves_no_child_and_no_descriptor(home):
     def play(talk):
         talk.read_some()
-        seen.append(harness.children(run.pid))
+        seen.append(children(run.pid))
         seen.append([t.split(":")[0] for fd, t in
-                     harness.open_fds(run.pid).items() if 2 < fd < 256])
+                     open_fds(run.pid).items() if 2 < fd < 256])
         talk.read_to_end()
 
     seen = []
     server = home.server(play)
     run = home.start("-sr", "X", "-a", f"localhost:{server.port}",
                      "-t", "60")
-    harness.wait_for(lambda: len(seen) == 2)
+    wait_for(lambda: len(seen) == 2)
     assert seen == [[], ["socket"]]
 
 
 def test_a_listener_keeps_no_child_and_no_descriptor(home):
     listener = home.listener(config={
         "AllowedAddresses": f"localhost {NO_NAME} localhost:1"})
-    harness.wait_for(lambda: harness.children(listener.pid) == [])
-    fds = harness.open_fds(listener.pid)
+    wait_for(lambda: children(listener.pid) == [])
+    fds = open_fds(listener.pid)
     assert sorted(t.split(":")[0] for fd, t in fds.items()
                   if 2 < fd < 256) == ["socket", "socket"]
     listener.stop()
@@ -210,7 +212,7 @@ def in_namespace(home, hosts="", nsswitch="hosts: files dns\n",
     (directory / "resolv.conf").write_text(resolv)
     setup = home.dir / "namespace.sh"
     setup.write_text(SETUP)
-    command = [*harness.PRIVATE_NETWORK, "sh", str(setup), str(directory)]
+    command = [*private_network(), "sh", str(setup), str(directory)]
     if server:
         script = home.dir / "server.py"
         script.write_text(SILENT_SERVER)
@@ -219,7 +221,6 @@ def in_namespace(home, hosts="", nsswitch="hosts: files dns\n",
     return command
 
 
-@harness.needs_private_network
 @pytest.mark.parametrize("host", [
     "nohost.invalid", "[::1]", "::1", "fe80:", "127.0.0.1.5", "256.1.1.1",
     "127.0.0.1,127.0.0.2", "six.example"])
@@ -232,7 +233,6 @@ def test_what_has_no_ipv4_address_is_refused(home, host):
     assert result.status == 1
 
 
-@harness.needs_private_network
 def test_a_name_is_resolved_to_its_first_address(home):
     prefix = in_namespace(
         home, nsswitch="hosts: files\n",
@@ -246,7 +246,6 @@ def test_a_name_is_resolved_to_its_first_address(home):
     assert result.status == 1
 
 
-@harness.needs_private_network
 @pytest.mark.parametrize("resolv", [
     "nameserver 127.0.0.53\n",
     "nameserver 127.0.0.53\noptions timeout:30 attempts:5\n",
@@ -254,11 +253,11 @@ def test_a_name_is_resolved_to_its_first_address(home):
 ], ids=["usual", "long waits", "many waits"])
 def test_a_silent_name_server_is_given_up_after_ten_seconds(home, resolv):
     prefix = in_namespace(home, resolv=resolv, server=True)
-    before = harness.time.monotonic()
+    before = time.monotonic()
     run = home.start("-s", "X", "-a", "slow.example:6003", prefix=prefix)
     # The bound, and what a loaded machine needs to start and end it all.
     result = run.wait(19)
-    taken = harness.time.monotonic() - before
+    taken = time.monotonic() - before
     assert result.err == (
         "tolva: timeout resolving hostname...\n"
         "tolva: could not resolve hostname `slow.example'\n"
@@ -269,15 +268,14 @@ def test_a_silent_name_server_is_given_up_after_ten_seconds(home, resolv):
     assert (home.dir / "queries").exists()
 
 
-@harness.needs_private_network
 def test_each_name_of_a_list_has_its_own_ten_seconds(home):
     prefix = in_namespace(home, server=True)
     home.configure(AllowedAddresses="one.example 127.0.0.2 two.example",
                    ListenAddress="127.0.0.1", ListenPort=6003)
-    before = harness.time.monotonic()
+    before = time.monotonic()
     run = home.start("-l", "-d", prefix=prefix)
-    harness.wait_for(lambda: message(756) in home.log_messages(), 35)
-    assert harness.time.monotonic() - before >= 19.9
+    wait_for(lambda: message(756) in home.log_messages(), 35)
+    assert time.monotonic() - before >= 19.9
     assert run.err == (
         "tolva: timeout resolving hostname...\n"
         "tolva: could not resolve hostname `one.example'\n"

@@ -5,76 +5,23 @@ import errno
 import os
 import re
 import signal
-import subprocess
-import threading
 
 import pytest
 
-import harness
-from fakeclock import FakeClock, poke, settle
-from harness import HEADER, free_port, message, wait_for
+from fakeclock import poke, settle
+from harness import message
+from home import gate
+from namespaces import unshared
+from peers import FullBacklog, read_to_end
+from ports import free_port
+from processes import children, sockets_of
 from upsserver import LOGON, Held, UpsServer, answers, good, refusing, silent
+from waiting import BOUND, wait_for
+from watch import A, B, C, INTERVAL, Watch, noted
+from wire import LOG_TEXT, STATUS, reply_with
 
 HOST = "127.0.0.1"
-A, B, C = "127.0.0.2", "127.0.0.3", "127.0.0.4"
-EXECUTE = HEADER + b" MSG_EXECUTE "
-STATUS = HEADER + b" MSG_EXECSTATUS "
 TOO_MANY = os.strerror(errno.EMFILE)
-INTERVAL = 90
-
-
-class Watch:
-    """A listener that watches servers, on a clock of its own."""
-
-    def __init__(self, home, servers, prefix=(), **options):
-        self.home = home
-        self.clock = FakeClock(home)
-        config = {"AliveEnabled": "true", "AliveAddresses": " ".join(servers),
-                  "AliveInterval": INTERVAL}
-        config.update(options.pop("config", {}))
-        self.listener = home.listener(env=self.clock.env, config=config,
-                                      prefix=prefix, **options)
-        self.pid = self.listener.pid
-
-    def first_cycle(self, until=None):
-        self.clock.advance(self.listener, 5, until, "the first cycle")
-
-    def next_cycle(self, until=None):
-        self.clock.advance(self.listener, INTERVAL, until, "the next cycle")
-
-    def count(self, number, host):
-        return self.listener.messages().count(message(number, host))
-
-    def has(self, number, host, count=1):
-        """A condition: the message is there so often."""
-        return lambda: self.count(number, host) >= count
-
-    def script(self, host, when=None):
-        """The command line of the not-alive script."""
-        when = when or (self.clock.date, self.clock.time)
-        return " ".join([str(self.home.path("tolva_notalive.sh")), host,
-                         *when])
-
-    def stop(self):
-        self.listener.stop()
-
-
-@pytest.fixture
-def notes(home):
-    """A not-alive script that writes down its parameters."""
-    home.script("tolva_notalive.sh",
-                'echo "$#:$*" >> "$TOLVAHOME/notalive"')
-    return home
-
-
-def noted(home):
-    path = home.path("notalive")
-    return path.read_text().splitlines() if path.exists() else []
-
-
-def sockets_of(pid):
-    return [fd for fd, target in harness.open_fds(pid).items()
-            if target.startswith("socket:")]
 
 
 # --- one exchange -----------------------------------------------------------
@@ -85,7 +32,7 @@ def test_the_exchange_byte_for_byte(notes):
     ups = UpsServer(notes, A, free_port(), held)
     watch = Watch(notes, [ups.where])
     before = set(sockets_of(watch.pid))
-    watch.first_cycle(held.logged_on.is_set)
+    watch.first_cycle(held.asked.is_set)
     [fd] = set(sockets_of(watch.pid)) - before
     held.go.set()
     wait_for(watch.has(814, A))
@@ -226,7 +173,7 @@ def test_a_silent_server_fails_when_the_next_cycle_begins(notes):
 
 
 def test_a_full_backlog_fails_when_the_next_cycle_begins(notes):
-    with harness.FullBacklog(A) as full:
+    with FullBacklog(A) as full:
         watch = Watch(notes, [full.where])
         watch.first_cycle(lambda: len(sockets_of(watch.pid)) == 2)
         assert watch.count(828, A) == 0
@@ -311,7 +258,7 @@ def test_a_due_cycle_comes_when_nothing_else_is_left_to_do(notes):
                   config={"AllowedAddresses": HOST})
     os.kill(watch.pid, signal.SIGSTOP)
     for number in range(30):
-        watch.listener.datagram(EXECUTE + b"LOG_TEXT %d" % number)
+        watch.listener.datagram(LOG_TEXT + b"%d" % number)
     watch.clock.set(5)
     os.kill(watch.pid, signal.SIGCONT)
     watch.listener.wait_message(message(828, A))
@@ -362,7 +309,7 @@ def test_servers_have_numbers_of_their_own_at_one_moment(notes):
     servers = [UpsServer(notes, host, port, held)
                for host, held in zip((A, B, C), helds)]
     watch = Watch(notes, [A, B, C], config={"AlivePort": port})
-    watch.first_cycle(lambda: all(h.logged_on.is_set() for h in helds))
+    watch.first_cycle(lambda: all(h.asked.is_set() for h in helds))
     for held in reversed(helds):
         held.go.set()
     for host in (A, B, C):
@@ -388,26 +335,18 @@ def test_some_fail_and_some_do_not(notes):
 
 def test_what_is_ready_at_once_is_served_in_order(notes):
     """Who connects, datagrams, clients, servers."""
-    def play(talk):
-        talk.read_exactly(LOGON)
-        asked.set()
-        assert stopped.wait(harness.BOUND)
-        talk.send(b"ERROR")
-        answered.set()
-        talk.read_to_end()
-
-    asked, stopped, answered = (threading.Event() for _ in range(3))
-    ups = UpsServer(notes, A, free_port(), play)
+    held = Held(b"ERROR")
+    ups = UpsServer(notes, A, free_port(), held)
     watch = Watch(notes, [ups.where], config={"AllowedAddresses": HOST})
     client = watch.listener.connect()
     wait_for(lambda: len(sockets_of(watch.pid)) == 3)
-    watch.first_cycle(asked.is_set)
+    watch.first_cycle(held.asked.is_set)
     settle(watch.listener)
     os.kill(watch.pid, signal.SIGSTOP)
-    stopped.set()
-    assert answered.wait(harness.BOUND)
-    client.sendall(EXECUTE + b"LOG_TEXT client")
-    watch.listener.datagram(EXECUTE + b"LOG_TEXT datagram")
+    held.go.set()
+    assert held.answered.wait(BOUND)
+    client.sendall(LOG_TEXT + b"client")
+    watch.listener.datagram(LOG_TEXT + b"datagram")
     stranger = watch.listener.connect("127.0.0.9")
     os.kill(watch.pid, signal.SIGCONT)
     watch.listener.wait_message(message(828, A))
@@ -425,7 +364,7 @@ def test_commands_are_served_while_servers_are_asked(notes):
     held = Held()
     ups = UpsServer(notes, A, free_port(), held)
     watch = Watch(notes, [ups.where], config={"ExecProg": "exit"})
-    watch.first_cycle(held.logged_on.is_set)
+    watch.first_cycle(held.asked.is_set)
     for status in range(5):
         assert watch.listener.request(
             STATUS + b"EXECUTE %d" % status).endswith(b"=%d" % status)
@@ -458,7 +397,7 @@ def test_trace_of_a_check(notes):
     held = Held()
     ups = UpsServer(notes, A, free_port(), held)
     watch = Watch(notes, [ups.where], level=6)
-    watch.first_cycle(held.logged_on.is_set)
+    watch.first_cycle(held.asked.is_set)
     [fd] = [fd for fd in sockets_of(watch.pid)
             if f"created tcp socket [{fd}]" not in watch.listener.out]
     held.go.set()
@@ -557,7 +496,7 @@ def test_when_nobody_is_left_the_listener_serves_on(notes):
 
 GATED = ('echo "$1 $$" >> "$TOLVAHOME/started"\n'
          'number=$(grep -n " $$\\$" "$TOLVAHOME/started" | cut -d: -f1)\n'
-         'while [ ! -e "$TOLVAHOME/go.$number" ]; do sleep 0.01; done\n')
+         + gate("go.$number") + "\n")
 
 
 def started(home):
@@ -586,11 +525,11 @@ def test_a_stopped_script_counts_as_ended_and_is_collected_later(home):
     watch.first_cycle(watch.has(828, A))
     line = f"{script} {A} {watch.clock.date} {watch.clock.time}"
     watch.listener.wait_message(message(793, line))
-    [pid] = harness.children(watch.pid)
+    [pid] = children(watch.pid)
     os.kill(pid, signal.SIGCONT)
     # Its end is told too, of a line that is no longer known.
     watch.listener.wait_message(message(793, ""))
-    assert not harness.children(watch.pid)
+    assert not children(watch.pid)
     watch.stop()
     assert watch.listener.messages() == [
         message(756), message(829), message(828, A), message(792, line),
@@ -607,10 +546,10 @@ def test_a_script_that_outlasts_the_interval_is_superseded(home):
     watch.next_cycle(watch.has(828, A, 2))
     second = watch.script(A)
     wait_for(lambda: len(started(home)) == 2)
-    assert len(harness.children(watch.pid)) == 2
+    assert len(children(watch.pid)) == 2
     # The older one ends: it is collected, and nothing follows from it.
     home.write("go.1", "")
-    wait_for(lambda: len(harness.children(watch.pid)) == 1,
+    wait_for(lambda: len(children(watch.pid)) == 1,
              what="the older script is collected")
     settle(watch.listener)
     assert watch.count(832, A) == 0
@@ -619,7 +558,7 @@ def test_a_script_that_outlasts_the_interval_is_superseded(home):
     home.write("go.2", "")
     watch.listener.wait_message(message(832, A))
     assert message(794, second) in watch.listener.messages()
-    wait_for(lambda: not harness.children(watch.pid))
+    wait_for(lambda: not children(watch.pid))
     watch.stop()
 
 
@@ -635,7 +574,7 @@ def test_an_older_script_that_ends_after_the_newer_one(home):
     watch.listener.wait_message(message(832, A))
     # Its record is gone, yet it does not stay behind.
     home.write("go.1", "")
-    wait_for(lambda: not harness.children(watch.pid),
+    wait_for(lambda: not children(watch.pid),
              what="the older script is collected")
     assert watch.listener.request(STATUS + b"LOG_TEXT x").endswith(b"=0")
     watch.stop()
@@ -650,11 +589,11 @@ def test_a_server_that_is_down_for_long_leaves_no_processes(home):
         # All but the newest of each server end.
         for number in range(1, 2 * count - 1):
             home.write(f"go.{number}", "")
-        wait_for(lambda: len(harness.children(watch.pid)) == 2,
+        wait_for(lambda: len(children(watch.pid)) == 2,
                  what="the older scripts are collected")
     home.write("go.29", "")
     home.write("go.30", "")
-    wait_for(lambda: not harness.children(watch.pid))
+    wait_for(lambda: not children(watch.pid))
     watch.stop()
 
 
@@ -666,16 +605,11 @@ class Namespace(Watch):
     next process id can be chosen."""
 
     def __init__(self, home, servers, **options):
-        unshare = ["unshare", "-pf" if os.getuid() == 0 else "-rpf", "--"]
-        tried = subprocess.run(
-            [*unshare, "/bin/sh", "-c",
-             "echo 99 > /proc/sys/kernel/ns_last_pid"],
-            stdin=subprocess.DEVNULL, capture_output=True, text=True)
-        if tried.returncode != 0:
-            pytest.skip("process ids cannot be chosen here: " +
-                        tried.stderr.strip())
-        super().__init__(home, servers, prefix=unshare, **options)
-        [self.pid] = harness.children(self.listener.pid)
+        prefix = unshared(
+            "pf", ["/bin/sh", "-c", "echo 99 > /proc/sys/kernel/ns_last_pid"],
+            "process ids cannot be chosen here")
+        super().__init__(home, servers, prefix=prefix, **options)
+        [self.pid] = children(self.listener.pid)
         self.outer = self.listener.pid
         self.listener.pid = self.pid
 
@@ -714,8 +648,7 @@ def test_an_old_process_id_takes_no_other_scripts_status(home):
     # ... and for the script of a client.
     watch.next_pid(pid)
     reply = watch.listener.request(STATUS + b"EXECUTE 9")
-    assert reply == (b"CONNECT TO TOLVA (REPLY) COMMAND=exit PID=4000 "
-                     b"EXITSTATUS=9")
+    assert reply == reply_with(b"EXITSTATUS=9", b"exit", pid)
     watch.next_pid(pid)
     reply = watch.listener.request(STATUS + b"EXECUTE 8")
     assert reply.endswith(b" PID=4000 EXITSTATUS=8")
@@ -806,7 +739,7 @@ def test_clients_and_servers_that_share_descriptor_numbers(notes):
         os.kill(watch.pid, signal.SIGSTOP)
         watch.clock.set(5 if cycle == 1 else INTERVAL)
         for conn in conns[::2]:
-            conn.sendall(EXECUTE + b"LOG_TEXT x")
+            conn.sendall(LOG_TEXT + b"x")
         for conn in conns[1::2]:
             conn.close()
         os.kill(watch.pid, signal.SIGCONT)
@@ -814,7 +747,7 @@ def test_clients_and_servers_that_share_descriptor_numbers(notes):
             watch.count(814, host) == cycle for host in hosts),
             what="every server is alive")
         for conn in conns[::2]:
-            assert harness.read_to_end(conn) == b""
+            assert read_to_end(conn) == b""
             conn.close()
     watch.stop()
     assert not [m for m in watch.listener.messages()
@@ -845,7 +778,7 @@ def test_a_listener_is_no_ups_server(home, make_home):
     peer = other.listener()
     home.script("tolva_notalive.sh")
     watch = Watch(home, [peer.where])
-    watch.first_cycle(watch.has(828, HOST))
+    watch.first_cycle(watch.has(828, "127.0.0.1"))
     peer.wait_message(message(819))
     watch.stop()
     peer.stop()

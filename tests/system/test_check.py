@@ -5,25 +5,17 @@ import time
 
 import pytest
 
-import harness
-from harness import free_port, message
+from harness import message
+from peers import FullBacklog, reader
+from ports import free_port
+from processes import sockets_of
+from upsserver import LOGOFF, LOGON, answers
+from waiting import wait_for
+from wire import HEADER
 
 HOST = "127.0.0.1"
-LOGON = 22  # bytes, with the NUL
-LOGOFF = 23
+GOOD = answers(b"0|0", b"0|0")
 LINE = re.compile(rb"WINCLIENT (\d{5}) (LOGON|LOGOFF)\0")
-
-
-def good(answer=b"0|0", last=b"0|0"):
-    """Plays a server that is alive."""
-    def play(talk):
-        talk.read_exactly(LOGON)
-        talk.send(answer)
-        talk.read_exactly(LOGOFF)
-        talk.read_to_end()
-        if last:
-            talk.send(last)
-    return play
 
 
 def alive_messages(host=HOST):
@@ -45,8 +37,7 @@ def test_exchange_byte_for_byte(home):
 
     def play(talk):
         logon = talk.read_exactly(LOGON)
-        fds.extend(fd for fd, target in harness.open_fds(run.pid).items()
-                   if target.startswith("socket:"))
+        fds.extend(sockets_of(run.pid))
         started.append(logon)
         talk.send(b"0|1 welcome")
         talk.read_exactly(LOGOFF)
@@ -90,7 +81,7 @@ def test_logoff_waits_for_the_answer(home):
 @pytest.mark.parametrize("last", [b"0|0", b"nonsense", b""],
                          ids=["answer", "nonsense", "nothing"])
 def test_alive(home, answer, last):
-    server = home.server(good(answer, last))
+    server = home.server(answers(answer, last))
     result = check(home, server)
     assert result.messages == alive_messages()
     assert result.status == 0
@@ -190,7 +181,7 @@ TIMED_OUT = [message(758), message(785, HOST),
 
 
 def test_time_runs_out_on_a_silent_server(home):
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     start = time.monotonic()
     result = check(home, server, "-t", "2")
     assert time.monotonic() - start >= 0.9
@@ -204,7 +195,7 @@ def test_time_runs_out_on_a_server_that_never_ends(home):
         talk.read_exactly(LOGON)
         talk.send(b"0|0")
         talk.read_to_end()
-        harness.wait_for(lambda: finished, 60)
+        wait_for(lambda: finished, 60)
 
     finished = []
     result = check(home, home.server(play), "-t", "2")
@@ -214,14 +205,14 @@ def test_time_runs_out_on_a_server_that_never_ends(home):
 
 
 def test_time_runs_out_on_a_full_backlog(home):
-    with harness.FullBacklog() as full:
+    with FullBacklog() as full:
         result = check(home, full, "-t", "2")
     assert result.messages == TIMED_OUT
     assert result.status == 1
 
 
 def test_several_servers(home):
-    servers = [home.server(good()) for _ in range(4)]
+    servers = [home.server(GOOD) for _ in range(4)]
     result = home.run("-sc", *(a for s in servers for a in ("-a", s.where)))
     assert result.messages.count(message(814, HOST)) == 4
     assert result.status == 0
@@ -235,7 +226,7 @@ def test_several_servers(home):
 
 
 def test_one_dead_server_among_several(home):
-    servers = [home.server(good()) for _ in range(2)]
+    servers = [home.server(GOOD) for _ in range(2)]
     result = home.run("-sc", "-a", servers[0].where,
                       "-a", f"{HOST}:{free_port()}", "-a", servers[1].where)
     assert result.messages.count(message(814, HOST)) == 2
@@ -244,12 +235,11 @@ def test_one_dead_server_among_several(home):
 
 
 def test_check_port_option(home):
-    server = home.server(good())
+    server = home.server(GOOD)
     assert home.run("-sc", "-a", HOST, "-pc", server.port).status == 0
     assert len(LINE.findall(server.only())) == 2
 
 
-@harness.needs_private_network
 @pytest.mark.parametrize("more", [[], ["-p", "6000"]], ids=["alone", "-p"])
 def test_default_port_is_5769_whatever_the_port_option_says(home, more):
     prefix = home.behind_server("SOCK_STREAM", HOST, 5769)
@@ -261,8 +251,8 @@ def test_default_port_is_5769_whatever_the_port_option_says(home, more):
 
 
 def test_servers_given_otherwise_are_not_checked(home):
-    server = home.server(good())
-    other = home.server(good())
+    server = home.server(GOOD)
+    other = home.server(GOOD)
     result = home.run("-sc", "-ac", other.where, "-a", server.where)
     assert result.status == 0
     assert server.only()
@@ -271,14 +261,14 @@ def test_servers_given_otherwise_are_not_checked(home):
 
 def test_check_option_under_the_senders_name_is_a_request(home):
     # Under the sender's name "-sc" is a request, not a check.
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     assert home.run("-sc", "-a", server.where,
                     program="sendtolva").status == 0
-    assert server.only() == harness.HEADER
+    assert server.only() == HEADER
 
 
 def test_without_a_message_database(home):
-    server = home.server(good())
+    server = home.server(GOOD)
     result = home.run("-sc", "-a", server.where, cwd=home.dir)
     assert result.out == ""
     assert result.err == \
@@ -287,7 +277,7 @@ def test_without_a_message_database(home):
 
 
 def test_trace_of_function_entries(home):
-    result = check(home, home.server(good()), "-d", "6")
+    result = check(home, home.server(GOOD), "-d", "6")
     entries = [line[9:] for line in result.out.splitlines()
                if line.startswith("TRACEIN: ")]
     names = ["do_kesdal_send_logon", "do_kesdal_recv_logon",

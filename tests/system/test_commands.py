@@ -2,37 +2,26 @@
 sender is told."""
 
 import os
-import re
 import signal
 import subprocess
 
 import pytest
 
-import harness
 import preload
 from fakeclock import FakeClock, settle
-from harness import HEADER, message, wait_for
+from harness import message
+from home import gate
+from peers import read_to_end, reader
+from processes import children, signal_set, sockets_of
+from waiting import wait_for
+from wire import (
+    EXECUTE, HEADER, LOGGED, NOT_LOGGED, REPLY_HEADER, STATUS, reply_parts,
+    reply_with)
 
 HOST = "127.0.0.1"
-EXECUTE = HEADER + b" MSG_EXECUTE "
-STATUS = HEADER + b" MSG_EXECSTATUS "
-REPLY = re.compile(rb"\ACONNECT TO TOLVA \(REPLY\) COMMAND=(.*) PID=(\d+) "
-                   rb"EXITSTATUS=(-?\d+)\Z", re.DOTALL)
 SCRIPTS = ("shutdown", "execute", "message", "mail")
 TEXTS = {12: "UPS #NAME at #PCT%s done", 13: "#A and %s", 14: "plain",
          15: "100%sure #low #UP! %d %", 16: "gr\xfc\xdfe %s"}
-
-
-def reply_parts(reply):
-    """(command, process id, status) of a reply, which is matched whole."""
-    match = REPLY.match(reply)
-    assert match, reply
-    return match[1].decode("latin-1"), int(match[2]), int(match[3])
-
-
-def gate(name="go"):
-    """Shell text that waits until the test makes the file."""
-    return f'while [ ! -e "$TOLVAHOME/{name}" ]; do sleep 0.01; done'
 
 
 @pytest.fixture
@@ -54,7 +43,7 @@ def ran(home):
 
 # --- which script, with which parameters ------------------------------------
 
-# text behind the verb: (script, its line behind the path, its parameters)
+# Text behind the verb: (script, its line behind the path, its parameters)
 COMMANDS = {
     "SHUTDOWN": ("shutdown", "", []),
     "SHUTDOWN now": ("shutdown", " now", ["now"]),
@@ -261,8 +250,8 @@ def test_the_exit_status_is_replied(home, status):
     path = home.path("tolva_execute.sh")
     # The shell may run the script in its own place.
     pids = home.read("pids").split()
-    assert reply in [b"CONNECT TO TOLVA (REPLY) COMMAND=%s PID=%s "
-                     b"EXITSTATUS=%d" % (str(path).encode(), pid, status)
+    assert reply in [reply_with(b"EXITSTATUS=%d" % status,
+                                str(path).encode(), int(pid))
                      for pid in pids]
     assert reply_parts(reply)[1] != listener.pid
     number = 793 if status else 794
@@ -359,7 +348,7 @@ def test_a_stopped_script_counts_as_ended(home):
     assert listener.messages()[-1] == message(793, STOP)
     assert not home.path("went.on").exists()
     continue_script(home, pid)
-    wait_for(lambda: not harness.children(listener.pid),
+    wait_for(lambda: not children(listener.pid),
              what="the script is collected in the end")
     settle(listener)
     listener.stop()
@@ -372,9 +361,9 @@ def test_a_stopped_script_nobody_waits_for(home):
     listener = home.listener(config={"ExecProg": STOP})
     assert listener.request(EXECUTE + b"EXECUTE") == b""
     listener.wait_message(message(793, STOP))
-    [pid] = harness.children(listener.pid)
+    [pid] = children(listener.pid)
     continue_script(home, pid)
-    wait_for(lambda: not harness.children(listener.pid),
+    wait_for(lambda: not children(listener.pid),
              what="the script is collected in the end")
     listener.stop()
 
@@ -389,7 +378,7 @@ def test_each_sender_gets_the_reply_of_its_own_script(home):
         wait_for(lambda: home.path(f"on.{number}").exists())
     for number in (22, 33, 11):
         home.write(f"go.{number}", "")
-        reply = harness.read_to_end(conns[number])
+        reply = read_to_end(conns[number])
         assert reply_parts(reply)[2] == number
         conns[number].close()
     path = home.path("tolva_execute.sh")
@@ -411,7 +400,7 @@ def test_a_reply_never_has_more_than_4096_bytes(home):
     name = "x" * 5000
     listener = home.listener(args=["-bs", name])
     reply = listener.request(STATUS + b"SHUTDOWN")
-    whole = b"CONNECT TO TOLVA (REPLY) COMMAND=" + name.encode()
+    whole = REPLY_HEADER + b" COMMAND=" + name.encode()
     assert len(reply) == 4096
     assert reply[:4095] == whole[:4095]
     listener.stop()
@@ -419,7 +408,7 @@ def test_a_reply_never_has_more_than_4096_bytes(home):
 
 # --- texts for the log ------------------------------------------------------
 
-LOGGED = {
+TEXTS_OF_LOG = {
     "LOG_TEXT UPS on battery": "UPS on battery",
     'LOG_TEXT "UPS on battery"': "UPS on battery",
     'LOG_TEXT "a" "b"': '"a" "b"',
@@ -436,16 +425,15 @@ LOGGED = {
 }
 
 
-@pytest.mark.parametrize("text", LOGGED)
+@pytest.mark.parametrize("text", TEXTS_OF_LOG)
 def test_a_text_for_the_log(scripts, text):
     listener = scripts.listener()
-    assert listener.request(STATUS + text.encode()) == \
-        b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=0"
+    assert listener.request(STATUS + text.encode()) == LOGGED
     assert listener.request(EXECUTE + text.encode()) == b""
-    listener.wait_message(LOGGED[text], 2)
+    listener.wait_message(TEXTS_OF_LOG[text], 2)
     listener.stop()
     assert listener.messages() == [
-        message(756), *[message(795), LOGGED[text]] * 2, message(757)]
+        message(756), *[message(795), TEXTS_OF_LOG[text]] * 2, message(757)]
     assert not scripts.path("ran").exists()
 
 
@@ -454,8 +442,7 @@ def test_a_text_for_the_log(scripts, text):
     "LOG_ID 99999 x", "LOG_ID x"])
 def test_no_text_for_the_log(scripts, text):
     listener = scripts.listener()
-    assert listener.request(STATUS + text.encode()) == \
-        b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=1"
+    assert listener.request(STATUS + text.encode()) == NOT_LOGGED
     assert listener.request(EXECUTE + text.encode()) == b""
     listener.stop()
     assert listener.messages() == [
@@ -465,15 +452,13 @@ def test_no_text_for_the_log(scripts, text):
 def test_a_text_that_cannot_be_logged(home):
     home.path("folder").mkdir()
     listener = home.listener(config={"LogfileName": home.path("folder")})
-    assert listener.request(STATUS + b"LOG_TEXT x") == \
-        b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=1"
+    assert listener.request(STATUS + b"LOG_TEXT x") == NOT_LOGGED
     listener.stop()
 
 
 def test_a_text_that_a_daemon_drops_counts_as_logged(home):
     listener = home.listener(daemon=True, config={"LogfileEnabled": "no"})
-    assert listener.request(STATUS + b"LOG_TEXT x") == \
-        b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=0"
+    assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
     listener.stop()
 
 
@@ -526,11 +511,6 @@ def witness():
     return preload.build("witness", WITNESS)
 
 
-def signal_set(text):
-    mask = int(text, 16)
-    return {n for n in range(1, 65) if mask >> (n - 1) & 1}
-
-
 def fields_of(text):
     fields = {}
     for line in text.splitlines():
@@ -551,7 +531,7 @@ def ignored_at_start():
 @pytest.mark.parametrize("udp", [False, True], ids=["tcp", "udp"])
 def test_signals_and_descriptors_of_a_script(home, witness, daemon, udp):
     clock = FakeClock(home)
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     listener = home.listener(
         daemon=daemon,
         env={**clock.env,
@@ -561,8 +541,7 @@ def test_signals_and_descriptors_of_a_script(home, witness, daemon, udp):
     others = [listener.connect() for _ in range(3)]
     # Every kind of socket is open: both listeners, clients, a check.
     clock.advance(listener, 5, lambda: server.conversations)
-    wait_for(lambda: len([t for t in harness.open_fds(listener.pid).values()
-                          if t.startswith("socket:")]) == 6)
+    wait_for(lambda: len(sockets_of(listener.pid)) == 6)
     if udp:
         listener.datagram(EXECUTE + b"EXECUTE")
     else:

@@ -6,13 +6,14 @@ import re
 
 import pytest
 
-import harness
 from fakeclock import FakeClock
-from harness import HEADER, message, wait_for
+from harness import message
+from peers import read_to_end
+from waiting import wait_for
+from wire import REPLY_HEADER, STATUS
 
 HOST = "127.0.0.1"
 NOWHERE = "192.0.2.1"  # an address that no machine here has
-STATUS = HEADER + b" MSG_EXECSTATUS "
 SHOWN = re.compile(r"^DEBUG: rp->(\w+) = (.*)$", re.MULTILINE)
 
 
@@ -180,13 +181,12 @@ def test_the_time_out_of_the_command_line_comes_first(home, args, seconds):
     listener = home.listener(env=clock.env, args=args,
                              config={"ListenTimeout": 7})
     with listener.connect() as conn:
-        wait_for(lambda: len([t for t in harness.open_fds(
-            listener.pid).values() if t.startswith("socket:")]) == 2)
+        listener.wait_sessions(1)
         clock.advance(listener, seconds - 1)
         timed_out = "error: " + os.strerror(errno.ETIMEDOUT)
         assert timed_out not in listener.messages()
         clock.advance(listener, 1)
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message(timed_out)
     listener.stop()
 
@@ -241,7 +241,7 @@ def test_quotes_are_part_of_a_name(home):
         config={"ExecProg": f'"{home.path("a b")}"'})
     # The shell takes them away.
     reply = listener.request(STATUS + b"EXECUTE")
-    assert reply.startswith(b'CONNECT TO TOLVA (REPLY) COMMAND="')
+    assert reply.startswith(REPLY_HEADER + b' COMMAND="')
     assert reply.endswith(b"=6")
     listener.stop()
 

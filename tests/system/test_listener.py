@@ -10,55 +10,30 @@ import time
 
 import pytest
 
-import harness
-from harness import HEADER, message, wait_for
+from harness import message
+from peers import read_to_end
+from ports import (
+    free_port, tcp_listeners, tcp_listens, udp_is_bound, udp_sockets)
+from processes import alive, fd_flags, signal_sets, sockets_of, state
+from waiting import BOUND, wait_for
+from wire import HEADER, LOG_TEXT, STATUS
 
 HOST = "127.0.0.1"
-COMMAND = HEADER + b" MSG_EXECUTE LOG_TEXT "
 IN_USE = "system: " + os.strerror(errno.EADDRINUSE)
 NO_ADDRESS = "system: " + os.strerror(errno.EADDRNOTAVAIL)
 
 
-def serves(listener, text):
-    """A command is carried out."""
-    assert listener.request(COMMAND + text.encode()) == b""
-    listener.wait_message(text)
-    return True
-
-
-def signal_sets(pid):
-    """{"SigIgn": set of numbers, ...} of a process."""
-    sets = {}
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            key, _, value = line.partition(":")
-            if key in ("SigIgn", "SigCgt", "SigBlk"):
-                mask = int(value, 16)
-                sets[key] = {n for n in range(1, 65) if mask >> (n - 1) & 1}
-    return sets
-
-
 def tcp_server_address(port):
     """The local address of the listening socket, dotted."""
-    with open("/proc/net/tcp") as f:
-        next(f)
-        for line in f:
-            fields = line.split()
-            address, _, hex_port = fields[1].partition(":")
-            if int(hex_port, 16) == port and fields[3] == "0A":
-                return socket.inet_ntoa(bytes.fromhex(address)[::-1])
-    return None
+    return next((s.host for s in tcp_listeners(port)), None)
 
 
 def udp_flags(pid, port):
     """The open flags of the process's UDP socket on that port."""
-    for inode in harness._socket_inodes("udp", port):
-        for fd, target in harness.open_fds(pid).items():
-            if target == f"socket:[{inode}]":
-                with open(f"/proc/{pid}/fdinfo/{fd}") as f:
-                    for line in f:
-                        if line.startswith("flags:"):
-                            return int(line.split()[1], 8)
+    inodes = {s.inode for s in udp_sockets(port)}
+    for fd, inode in sockets_of(pid).items():
+        if inode in inodes:
+            return fd_flags(pid, fd)
     raise AssertionError("no UDP socket")
 
 
@@ -66,7 +41,7 @@ def udp_flags(pid, port):
 
 
 def test_start_and_end_are_logged_in_order(home):
-    port = harness.free_port()
+    port = free_port()
     listener = home.listener(config={
         "AllowedAddresses": HOST, "AliveEnabled": "TRUE",
         "AliveAddresses": f"{HOST}:{port}"})
@@ -106,8 +81,8 @@ def test_messages_missing_from_the_database_are_not_logged(home):
     home.messages(without=(756, 757, 821, 822, 829, 830))
     listener = home.listener(config={
         "AllowedAddresses": HOST, "AliveEnabled": "TRUE",
-        "AliveAddresses": f"{HOST}:{harness.free_port()}"})
-    serves(listener, "here")
+        "AliveAddresses": f"{HOST}:{free_port()}"})
+    listener.serves("here")
     listener.stop()
     assert listener.messages() == [message(795), "here"]
 
@@ -136,7 +111,7 @@ def test_the_daemon_ignores_an_interrupt(home):
     listener = home.listener(daemon=True)
     assert signal.SIGINT in signal_sets(listener.pid)["SigIgn"]
     os.kill(listener.pid, signal.SIGINT)
-    serves(listener, "still here")
+    listener.serves("still here")
     listener.stop()
 
 
@@ -148,7 +123,7 @@ def test_hangup_and_broken_pipe_are_ignored(home, daemon):
         signal_sets(listener.pid)["SigIgn"]
     os.kill(listener.pid, signal.SIGHUP)
     os.kill(listener.pid, signal.SIGPIPE)
-    serves(listener, "still here")
+    listener.serves("still here")
     listener.stop()
 
 
@@ -164,8 +139,7 @@ def test_signals_are_let_in_while_the_listener_waits(home):
     handled = {signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGCHLD}
 
     def waits():
-        with open(f"/proc/{listener.pid}/stat") as f:
-            asleep = f.read().rpartition(")")[2].split()[0] == "S"
+        asleep = state(listener.pid) == "S"
         return asleep and not handled & signal_sets(listener.pid)["SigBlk"]
 
     # Inside the wait its own mask is in force, and it lets all of them in.
@@ -177,7 +151,7 @@ def test_a_child_signal_out_of_nowhere_changes_nothing(home):
     listener = home.listener(level=0)
     for _ in range(20):
         os.kill(listener.pid, signal.SIGCHLD)
-    serves(listener, "still here")
+    listener.serves("still here")
     listener.stop()
     assert listener.messages() == [message(756), message(795), "still here",
                                    message(757)]
@@ -188,24 +162,22 @@ def test_a_stop_signal_with_clients_and_scripts_under_way(home):
                 'echo $$ > "$TOLVAHOME/pid"; exec sleep 600')
     listener = home.listener(config={"AllowedAddresses": HOST})
     with listener.connect() as silent, listener.connect() as asking:
-        asking.sendall(HEADER + b" MSG_EXECSTATUS EXECUTE")
+        asking.sendall(STATUS + b"EXECUTE")
         pid = int(wait_for(
             lambda: home.path("pid").exists() and home.read("pid")))
         os.kill(listener.pid, signal.SIGTERM)
         assert listener.wait_end() == 0
         # Neither client is answered, and the script is left alone.
-        assert harness.read_to_end(silent) == b""
-        assert harness.read_to_end(asking) == b""
-        assert harness.alive(pid)
+        assert read_to_end(silent) == b""
+        assert read_to_end(asking) == b""
+        assert alive(pid)
     assert listener.messages()[-2:] == [message(822), message(757)]
 
 
 def test_a_stop_signal_ends_a_wait_that_has_no_limit(home):
     listener = home.listener(config={"ListenTimeout": 0})
     with listener.connect():
-        wait_for(lambda: len([
-            t for t in harness.open_fds(listener.pid).values()
-            if t.startswith("socket:")]) == 2)
+        listener.wait_sessions(1)
         listener.stop()
 
 
@@ -218,7 +190,7 @@ def test_a_port_in_use_ends_it_with_status_1(home, make_home):
     second = other.listener(port=first.port, wait=False)
     assert second.wait_end() == 1
     assert other.log_messages() == [IN_USE]
-    serves(first, "first still serves")
+    first.serves("first still serves")
     first.stop()
 
 
@@ -254,7 +226,7 @@ def test_the_port_can_be_listened_on_again_at_once(home):
     assert listener.request(b"x") == b""
     listener.stop()
     again = home.listener(port=listener.port)
-    serves(again, "again")
+    again.serves("again")
     again.stop()
 
 
@@ -269,18 +241,13 @@ def test_it_listens_on_the_given_address_only(home):
 def test_an_address_that_is_none_means_all_addresses(home):
     listener = home.listener(config={"ListenAddress": "nonsense"})
     assert tcp_server_address(listener.port) == "0.0.0.0"
-    serves(listener, "here")
+    listener.serves("here")
     listener.stop()
 
 
 def test_sockets_do_not_reach_scripts_or_block(home):
     listener = home.listener(config={"AllowedAddresses": HOST})
-    flags = []
-    for fd, target in harness.open_fds(listener.pid).items():
-        if target.startswith("socket:"):
-            with open(f"/proc/{listener.pid}/fdinfo/{fd}") as f:
-                text = f.read()
-            flags.append(int(text.split("flags:")[1].split()[0], 8))
+    flags = [fd_flags(listener.pid, fd) for fd in sockets_of(listener.pid)]
     assert len(flags) == 2
     for value in flags:
         assert value & os.O_CLOEXEC
@@ -296,7 +263,7 @@ def test_sockets_do_not_reach_scripts_or_block(home):
 def test_udp_is_on_for_true_in_any_case(home, value):
     listener = home.listener(config={"AllowedAddresses": HOST,
                                      "ListenUDP": value})
-    listener.datagram(COMMAND + b"by udp")
+    listener.datagram(LOG_TEXT + b"by udp")
     listener.wait_message("by udp")
     assert message(821) in listener.messages()
     listener.stop()
@@ -306,8 +273,8 @@ def test_udp_is_on_for_true_in_any_case(home, value):
 def test_udp_is_on_without_a_setting(home):
     listener = home.listener(config={"AllowedAddresses": HOST,
                                      "ListenUDP": ""})
-    wait_for(lambda: harness.udp_is_bound(listener.port))
-    listener.datagram(COMMAND + b"by udp")
+    wait_for(lambda: udp_is_bound(listener.port))
+    listener.datagram(LOG_TEXT + b"by udp")
     listener.wait_message("by udp")
     listener.stop()
 
@@ -316,8 +283,8 @@ def test_udp_is_on_without_a_setting(home):
 def test_udp_is_off_for_anything_else(home, value):
     listener = home.listener(config={"AllowedAddresses": HOST,
                                      "ListenUDP": value})
-    serves(listener, "by tcp")
-    assert not harness.udp_is_bound(listener.port)
+    listener.serves("by tcp")
+    assert not udp_is_bound(listener.port)
     listener.stop()
     assert message(821) not in listener.messages()
     assert message(822) not in listener.messages()
@@ -326,8 +293,8 @@ def test_udp_is_off_for_anything_else(home, value):
 @pytest.mark.parametrize("value", ["TRUE", "true"])
 def test_udp_is_never_served_to_just_anybody(home, value):
     listener = home.listener(config={"ListenUDP": value})
-    serves(listener, "by tcp")
-    assert not harness.udp_is_bound(listener.port)
+    listener.serves("by tcp")
+    assert not udp_is_bound(listener.port)
     listener.stop()
     assert message(821) not in listener.messages()
 
@@ -338,11 +305,11 @@ def test_udp_listens_on_the_same_address(home):
     with socket.socket(type=socket.SOCK_DGRAM) as udp:
         udp.bind((HOST, 0))
         udp.connect((HOST, listener.port))
-        udp.send(COMMAND + b"wrong address")
+        udp.send(LOG_TEXT + b"wrong address")
         with pytest.raises(ConnectionRefusedError):
-            udp.settimeout(harness.BOUND)
+            udp.settimeout(BOUND)
             udp.recv(10)
-    listener.datagram(COMMAND + b"right address")
+    listener.datagram(LOG_TEXT + b"right address")
     listener.wait_message("right address")
     assert "wrong address" not in listener.messages()
     listener.stop()
@@ -354,8 +321,7 @@ def test_udp_listens_on_the_same_address(home):
 def test_trace_of_an_idle_pass(home):
     listener = home.listener(level=1)
     wait_for(lambda: "calling select()" in listener.out)
-    tcp = [fd for fd, t in harness.open_fds(listener.pid).items()
-           if t.startswith("socket:")][0]
+    tcp = list(sockets_of(listener.pid))[0]
     assert listener.out.endswith(
         f"DEBUG: created tcp socket [{tcp}]\n"
         f"DEBUG: arg= [{message(756)}]\n"
@@ -388,16 +354,14 @@ def test_trace_of_the_udp_socket(home):
     names = [line.split()[2] for line in listener.out.splitlines()
              if "DEBUG: created" in line]
     assert names == ["tcp", "udp"]
-    assert set(fds) == {fd for fd, t in
-                        harness.open_fds(listener.pid).items()
-                        if t.startswith("socket:")}
+    assert set(fds) == set(sockets_of(listener.pid))
     assert "nfds=2" in listener.out
     listener.stop()
 
 
 def test_level_zero_traces_nothing(home):
     listener = home.listener(level=0)
-    serves(listener, "x")
+    listener.serves("x")
     listener.stop()
     assert listener.out == ""
 
@@ -407,8 +371,8 @@ def test_level_zero_traces_nothing(home):
 def test_function_entries_and_exits(home, level, entries, exits):
     listener = home.listener(level=level,
                              config={"AllowedAddresses": HOST})
-    serves(listener, "x")
-    listener.datagram(COMMAND + b"y")
+    listener.serves("x")
+    listener.datagram(LOG_TEXT + b"y")
     listener.wait_message("y")
     listener.stop()
     for name in ("init_receiver", "recv_mode",
@@ -426,10 +390,10 @@ def test_function_entries_and_exits(home, level, entries, exits):
 @contextlib.contextmanager
 def piped_listener(home, *args):
     """A foreground listener whose standard output is a pipe."""
-    port = harness.free_port()
+    port = free_port()
     home.configure({"ListenAddress": HOST, "ListenPort": port,
                     "LogfileEnabled": "false"})
-    argv = home._command(["-l", *args], "tolva", None, ())
+    argv = home.command(["-l", *args])
     process = subprocess.Popen(argv, env=home.environment(), cwd=home.home,
                                stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE)
@@ -465,26 +429,26 @@ def test_log_lines_come_through_a_pipe_at_once(home):
     with piped_listener(home, "-d", "0") as (process, port):
         assert read_line(process).endswith(f"tolva[00000]: {message(756)}\n")
         with socket.create_connection((HOST, port)) as conn:
-            conn.sendall(COMMAND + b"now")
+            conn.sendall(LOG_TEXT + b"now")
         assert read_line(process).endswith(f": {message(795)}\n")
         assert read_line(process).endswith(": now\n")
         process.send_signal(signal.SIGTERM)
         assert read_line(process).endswith(f": {message(757)}\n")
-        assert process.wait(harness.BOUND) == 0
+        assert process.wait(BOUND) == 0
 
 
 def test_a_reader_of_the_output_that_goes_away_ends_nothing(home):
     with piped_listener(home, "-d", "1") as (process, port):
-        wait_for(lambda: harness.tcp_listens(port))
+        wait_for(lambda: tcp_listens(port))
         process.stdout.close()
         home.script("tolva_execute.sh", "exit 3")
         for _ in range(5):
             with socket.create_connection((HOST, port)) as conn:
-                conn.settimeout(harness.BOUND)
-                conn.sendall(HEADER + b" MSG_EXECSTATUS EXECUTE")
-                assert harness.read_to_end(conn).endswith(b"EXITSTATUS=3")
+                conn.settimeout(BOUND)
+                conn.sendall(STATUS + b"EXECUTE")
+                assert read_to_end(conn).endswith(b"EXITSTATUS=3")
         process.send_signal(signal.SIGTERM)
-        assert process.wait(harness.BOUND) == 0
+        assert process.wait(BOUND) == 0
 
 
 # --- the daemon -------------------------------------------------------------
@@ -493,7 +457,7 @@ def test_a_reader_of_the_output_that_goes_away_ends_nothing(home):
 def test_the_daemon_writes_nothing_to_standard_output(home):
     listener = home.listener(daemon=True,
                              config={"LogfileEnabled": "false"})
-    assert listener.request(COMMAND + b"lost") == b""
+    assert listener.request(LOG_TEXT + b"lost") == b""
     listener.stop()
     assert listener.out == ""
     assert listener.err == ""
@@ -520,7 +484,7 @@ def test_the_time_out_of_clients_goes_on_in_the_daemon(home):
     listener = home.listener(daemon=True, config={"ListenTimeout": 1})
     started = time.monotonic()
     with listener.connect() as conn:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     assert time.monotonic() - started < 10
     listener.wait_message("error: Connection timed out")
     listener.stop()

@@ -6,13 +6,13 @@ import random
 
 import pytest
 
-import harness
 from fakeclock import FakeClock
-from harness import HEADER, message
+from harness import LOG_LINE, MESSAGE_ARGUMENTS, message
+from processes import open_fds
+from waiting import wait_for
+from wire import LOGGED, STATUS
 
 HOST = "127.0.0.1"
-COMMAND = HEADER + b" MSG_EXECUTE LOG_TEXT "
-STATUS = HEADER + b" MSG_EXECSTATUS LOG_TEXT "
 PREFIX = "11/16/2026,02:24:18, tolva[00000]: "
 BLOCK = 8192
 LINE_MAX = 1023
@@ -22,16 +22,15 @@ def quiet(home, texts=None, **config):
     """A listener with a clock that stands still, which logs nothing but the
     given texts and what it is told to log."""
     home.messages(texts or {}, without=[
-        n for n in harness.MESSAGE_ARGUMENTS if n not in (texts or {})])
+        n for n in MESSAGE_ARGUMENTS if n not in (texts or {})])
     clock = FakeClock(home)
     return home.listener(env=clock.env, config=config)
 
 
 def log(listener, text):
     """Has the text logged; True when the listener says that it was."""
-    reply = listener.request(STATUS + text.encode("latin-1"))
-    assert reply[:-1] == \
-        b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS="
+    reply = listener.request(STATUS + b"LOG_TEXT " + text.encode("latin-1"))
+    assert reply[:-1] == LOGGED[:-1]
     return reply.endswith(b"0")
 
 
@@ -47,7 +46,7 @@ def test_a_line_byte_for_byte(home):
 
 
 def test_a_line_of_the_daemon_byte_for_byte(home):
-    home.messages(without=list(harness.MESSAGE_ARGUMENTS))
+    home.messages(without=list(MESSAGE_ARGUMENTS))
     clock = FakeClock(home)
     listener = home.listener(env=clock.env, daemon=True)
     log(listener, "hello")
@@ -103,7 +102,7 @@ def test_a_text_of_white_space_is_not_logged(home, text):
 ])
 def test_how_a_message_is_filled(home, text, line):
     listener = quiet(home, {792: text}, ExecProg=": x")
-    listener.request(HEADER + b" MSG_EXECSTATUS EXECUTE")
+    listener.request(STATUS + b"EXECUTE")
     listener.stop()
     assert home.log_text() == PREFIX + line.format(": x") + "\n"
 
@@ -122,7 +121,7 @@ def test_a_long_line_is_cut(home, size):
 @pytest.mark.parametrize("size", [900, 1000, 2000, 4000])
 def test_a_message_filled_with_a_long_text_is_cut(home, size):
     listener = quiet(home, {792: "begin %s end"}, ExecProg=":")
-    listener.request(HEADER + b" MSG_EXECSTATUS EXECUTE " + b"y" * size)
+    listener.request(STATUS + b"EXECUTE " + b"y" * size)
     listener.stop()
     filled = f"begin : {'y' * size} end"[:1023]
     assert home.log_text() == (PREFIX + filled + "\n")[:LINE_MAX]
@@ -140,14 +139,14 @@ def test_the_file_is_opened_for_each_line(home):
     assert home.read("old.log").decode() == PREFIX + "one\n"
     assert home.log_text() == PREFIX + "two\n"
     assert str(home.path("tolva.log")) not in \
-        harness.open_fds(os.getpid()).values()
+        open_fds(os.getpid()).values()
 
 
 def test_no_descriptor_of_the_log_stays_open(home):
     listener = quiet(home)
-    before = harness.open_fds(listener.pid)
+    before = open_fds(listener.pid)
     log(listener, "one")
-    harness.wait_for(lambda: harness.open_fds(listener.pid) == before)
+    wait_for(lambda: open_fds(listener.pid) == before)
     listener.stop()
 
 
@@ -325,10 +324,10 @@ def test_messages_are_bounded_like_texts(home):
     home.script("tolva_execute.sh")
     listener = home.listener(config={"LogfileSize": 1})
     for number in range(100):
-        listener.request(HEADER + b" MSG_EXECSTATUS EXECUTE %d" % number)
+        listener.request(STATUS + b"EXECUTE %d" % number)
         assert len(home.read("tolva.log")) < 1024
     path = home.path("tolva_execute.sh")
     assert home.log_messages()[-1] == message(794, f"{path} 99")
     # It begins with a whole line.
-    assert harness.LOG_LINE.match(home.log_text().splitlines()[0])
+    assert LOG_LINE.match(home.log_text().splitlines()[0])
     listener.stop()

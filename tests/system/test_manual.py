@@ -8,16 +8,20 @@ import subprocess
 
 import pytest
 
-import harness
 import manual
 from fakeclock import FakeClock
-from harness import HEADER, REPLY_HEADER, message, wait_for
+from harness import MESSAGE_ARGUMENTS, ROOT, TOLVA, message, wrapper
+from peers import reader
+from ports import free_port, tcp_listens
+from upsserver import good
+from waiting import wait_for
+from wire import EXECUTE, HEADER, reply_with
 
 TOLVA_8 = manual.Page("tolva.8")
 CFG_5 = manual.Page("tolva.cfg.5")
 MESSAGES_5 = manual.Page("tolva-messages.5")
-SHARE = harness.ROOT / "share"
-SOURCE = harness.ROOT / "src"
+SHARE = ROOT / "share"
+SOURCE = ROOT / "src"
 PAGES = ("tolva.8", "sendtolva.8", "listentolva.8", "tolva.cfg.5",
          "tolva-messages.5")
 
@@ -73,7 +77,7 @@ def test_a_row_of_the_status_table(home, answered, expected):
     for words in IN_ANSWER[answered]:
         def play(talk, words=words):
             talk.read_some()
-            talk.send(REPLY_HEADER + b" COMMAND=x PID=1 " + words.encode())
+            talk.send(reply_with(words.encode()))
 
         server = home.server(play)
         sent = home.run("-sr", "EXECUTE x", "-a", server.where)
@@ -130,18 +134,18 @@ def test_every_option_of_the_program_is_in_the_manual():
 
 
 def test_a_check_under_the_sending_name_is_a_shutdown_request(home):
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     sent = home.run("-sc", "-a", server.where, program="sendtolva")
     assert sent.status == 0
     assert server.only() == HEADER
 
 
 def test_a_request_for_the_status_under_the_sending_name_is_none(home):
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     sent = home.run("-sr", "EXECUTE x", "-a", server.where,
                     program="sendtolva")
     assert sent.status == 0
-    assert server.only() == HEADER + b" MSG_EXECUTE EXECUTE x"
+    assert server.only() == EXECUTE + b"EXECUTE x"
 
 
 # --- messages ---------------------------------------------------------------
@@ -157,7 +161,7 @@ def test_every_diagnostic_is_a_text_of_the_program():
 def test_the_numbers_are_those_of_the_program():
     listed = {int(number): 1 if value else 0
               for number, value, _ in MESSAGES_5.table("texts")}
-    assert listed == harness.MESSAGE_ARGUMENTS
+    assert listed == MESSAGE_ARGUMENTS
     shipped = (SHARE / "messages.dat").read_text()
     for number, count in listed.items():
         text = re.search(rf"^m{number}=(.*)$", shipped, re.MULTILINE)[1]
@@ -237,11 +241,11 @@ def test_an_example_of_settings(home, name):
     text = CFG_5.displays("settings")[name]
     home.write("example.cfg", text)
     clock = FakeClock(home)  # stands still: no server is asked
-    port = harness.free_port()
+    port = free_port()
     listener = home.start("-l", "-d", "-p", port, "-c",
                           home.path("example.cfg"), env=clock.env)
     if "ListenAddress" in text:  # which -p leaves alone
-        wait_for(lambda: harness.tcp_listens(port), what="it listens")
+        wait_for(lambda: tcp_listens(port), what="it listens")
     sent = wait_for(lambda: answered(home, port), what="an answer")
     assert sent.status == 0
     said = home.log_messages()
@@ -280,7 +284,7 @@ def run_as_it_stands(home, script, port, check_port=1):
     names = home.dir / "names"
     names.mkdir(exist_ok=True)
     for name in ("tolva", "sendtolva", "listentolva"):
-        start = " ".join(harness.WRAPPER + [str(harness.TOLVA.parent / name)])
+        start = " ".join(wrapper() + [str(TOLVA.parent / name)])
         (names / name).write_text(
             f'#!/bin/sh\nexec {start} "$@" -p {port} -pc {check_port}\n')
         (names / name).chmod(0o755)
@@ -289,23 +293,16 @@ def run_as_it_stands(home, script, port, check_port=1):
                       env={"PATH": path}, cwd="/").wait()
 
 
-def kesdal(talk):
-    """A UPS management server that is alive."""
-    talk.read_some()
-    talk.send(b"0|0")
-    talk.read_to_end()
-
-
 def test_the_examples_work_as_they_stand(home):
     shipped_home(home)
-    server = home.server(kesdal)
+    server = home.server(good)
     examples = TOLVA_8.displays("run")
     assert list(examples) == ["listen", "shutdown", "bare", "execute",
                               "several", "logid", "check", "end"]
     script = "".join(
         f"{text}printf '%s %s\\n' {name} $? >>\"$TOLVAHOME/done\"\n"
         for name, text in examples.items()) + "wait\n"
-    done = run_as_it_stands(home, script, harness.free_port(), server.port)
+    done = run_as_it_stands(home, script, free_port(), server.port)
     assert home.read("done").decode().splitlines() == [
         f"{name} 0" for name in examples], done
     said = home.log_messages()

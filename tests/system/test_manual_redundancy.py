@@ -3,10 +3,14 @@ manual page is tried."""
 
 import pytest
 
-import harness
 import manual
 from fakeclock import FakeClock
-from harness import HEADER, message, wait_for
+from harness import message
+from peers import reader
+from ports import free_port
+from upsserver import good
+from waiting import wait_for
+from wire import EXECUTE, HEADER
 
 ROWS = manual.Page("tolva.8").table("redundancy")
 ADDRESS = {"A": "127.0.0.11", "B": "127.0.0.12", "C": "127.0.0.13",
@@ -19,13 +23,6 @@ def names(cell):
     return [] if cell == "none" else cell.split(", ")
 
 
-def kesdal(talk):
-    """A UPS management server that is alive."""
-    talk.read_some()
-    talk.send(b"0|0")
-    talk.read_to_end()
-
-
 class Redundancy:
     """A listener with its members, some of them alive."""
 
@@ -34,10 +31,10 @@ class Redundancy:
         self.members = MEMBERS[:members]
         self.dead = dead
         self.checks = 0
-        port = harness.free_port()
+        port = free_port()
         for name in self.members:
             if name not in dead:
-                home.server(kesdal, host=ADDRESS[name], port=port)
+                home.server(good, host=ADDRESS[name], port=port)
         addresses = " ".join(ADDRESS[name] for name in self.members)
         self.shutdown = home.script("tolva_shutdown.sh")
         home.script("tolva_notalive.sh")
@@ -98,12 +95,11 @@ def test_a_row_of_the_table(home, row):
 def test_a_second_request_finds_the_checks_under_way(home):
     """The servers do not answer before the second request comes."""
     redundancy = Redundancy(home, "TRUE", 1, 2, [])
-    silent = harness.free_port()
+    silent = free_port()
     redundancy.listener.stop()
     redundancy.home.settings["AlivePort"] = silent
     for name in "AB":
-        home.server(lambda talk: talk.read_to_end(), host=ADDRESS[name],
-                    port=silent)
+        home.server(reader, host=ADDRESS[name], port=silent)
     redundancy.listener = home.listener()
     assert not redundancy.ask("A")
     assert redundancy.ask("A")
@@ -122,8 +118,7 @@ def test_who_is_not_watched_is_not_alive(home, config):
 
 def test_a_command_is_never_held_back(home):
     redundancy = Redundancy(home, "TRUE", 1, 2, [])
-    redundancy.listener.request(HEADER + b" MSG_EXECUTE SHUTDOWN",
-                                ADDRESS["A"])
+    redundancy.listener.request(EXECUTE + b"SHUTDOWN", ADDRESS["A"])
     redundancy.listener.wait_message(message(792, redundancy.shutdown))
     redundancy.listener.stop()
 

@@ -1,12 +1,15 @@
 """The command line: every refusal, and what accepted options do."""
 
-import re
-
 import pytest
 
-import harness
 from fakeclock import FakeClock, settle
-from harness import HEADER, message, wait_for
+from harness import message
+from peers import read_to_end, reader
+from ports import free_port, tcp_listeners, tcp_listens
+from processes import sockets_of
+from upsserver import good
+from waiting import wait_for
+from wire import EXECUTE, HEADER, LOG_TEXT, reply_with
 
 HELP = " (-? for help).\n"
 HOST = "127.0.0.1"
@@ -193,7 +196,7 @@ def raw(args):
 @pytest.mark.parametrize("args, text", REFUSED,
                          ids=[ascii(" ".join(a)) for a, _ in REFUSED])
 def test_is_refused(home, args, text):
-    home.configure(ListenAddress=HOST, ListenPort=harness.free_port())
+    home.configure(ListenAddress=HOST, ListenPort=free_port())
     result = home.run(*raw(args))
     assert result.err == "tolva: " + text
     assert result.out == ""
@@ -201,7 +204,6 @@ def test_is_refused(home, args, text):
 
 
 # --- the names of the links ---
-
 
 LINKED = [
     # "-?", "-h" and "-v" are options like any other here
@@ -226,7 +228,7 @@ LINKED = [
 @pytest.mark.parametrize("program, args, text", LINKED,
                          ids=[f"{p} {' '.join(a)}" for p, a, _ in LINKED])
 def test_link_refuses(home, program, args, text):
-    home.configure(ListenAddress=HOST, ListenPort=harness.free_port())
+    home.configure(ListenAddress=HOST, ListenPort=free_port())
     result = home.run(*args, program=program)
     assert result.err == f"{program}: {text}"
     assert result.out == ""
@@ -245,17 +247,17 @@ def sent(home, *args, program="tolva", reply=None):
     return server.only(), result
 
 
-REPLY = b"CONNECT TO TOLVA (REPLY) COMMAND=x PID=1 EXITSTATUS=3"
+REPLY = reply_with(b"EXITSTATUS=3")
 
 
 @pytest.mark.parametrize("program", ["tolva", "sendtolva"])
 @pytest.mark.parametrize("args, request_bytes", [
-    (["-s", "EXECUTE x"], HEADER + b" MSG_EXECUTE EXECUTE x"),
-    (["-se", "EXECUTE x"], HEADER + b" MSG_EXECUTE EXECUTE x"),
-    (["-Se", "EXECUTE x"], HEADER + b" MSG_EXECUTE EXECUTE x"),
+    (["-s", "EXECUTE x"], EXECUTE + b"EXECUTE x"),
+    (["-se", "EXECUTE x"], EXECUTE + b"EXECUTE x"),
+    (["-Se", "EXECUTE x"], EXECUTE + b"EXECUTE x"),
     (["-s"], HEADER),
     (["-se"], HEADER),
-    (["-s", ""], HEADER + b" MSG_EXECUTE "),
+    (["-s", ""], EXECUTE),
 ], ids=str)
 def test_send_request(home, program, args, request_bytes):
     received, result = sent(home, *args, program=program)
@@ -274,21 +276,21 @@ def test_sendtolva_without_a_mode_option_asks_for_a_shutdown(home):
 def test_sendtolva_sends_without_waiting_whatever_follows_s(home, option):
     received, result = sent(home, option, "EXECUTE x", program="sendtolva",
                             reply=REPLY)
-    assert received == HEADER + b" MSG_EXECUTE EXECUTE x"
+    assert received == EXECUTE + b"EXECUTE x"
     assert result.status == 0
 
 
 def test_a_repeated_command_counts_last(home):
     received, _ = sent(home, "-s", "EXECUTE one", "-s", "EXECUTE two",
                        program="sendtolva")
-    assert received == HEADER + b" MSG_EXECUTE EXECUTE two"
+    assert received == EXECUTE + b"EXECUTE two"
 
 
 @pytest.mark.parametrize("option", ["-l", "-lxyz", "-d", "-d7", "-L"])
 def test_options_without_a_value_leave_sendtolva_as_it_is(home, option):
     received, result = sent(home, "-s", "EXECUTE x", option,
                             program="sendtolva")
-    assert received == HEADER + b" MSG_EXECUTE EXECUTE x"
+    assert received == EXECUTE + b"EXECUTE x"
     assert result.status == 0
 
 
@@ -298,19 +300,19 @@ def test_options_without_a_value_leave_sendtolva_as_it_is(home, option):
     ["-d", "0"], ["-D"]], ids=" ".join)
 def test_options_of_other_modes_are_accepted(home, args):
     received, result = sent(home, "-s", "EXECUTE x", *args)
-    assert received == HEADER + b" MSG_EXECUTE EXECUTE x"
+    assert received == EXECUTE + b"EXECUTE x"
     assert result.err == ""
     assert result.status == 0
 
 
 @pytest.mark.parametrize("option", ["-p", "-pr", "-P", "-Pr"])
 def test_port_option_in_send_mode(home, option):
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     for value in (str(server.port), f"ignored.host:{server.port}"):
         result = home.run("-s", "X", "-a", HOST, option, value)
         assert result.status == 0
     assert [t.received for t in server.wait_finished(2)] == \
-        [HEADER + b" MSG_EXECUTE X"] * 2
+        [EXECUTE + b"X"] * 2
 
 
 @pytest.mark.parametrize("value", ["1", "65535", "065535", "+1", " 9x"])
@@ -326,9 +328,9 @@ def test_ports_from_1_to_65535_are_accepted(home, mode, option, value):
 
 
 def test_address_option_with_r(home):
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     assert home.run("-s", "X", "-ar", server.where).status == 0
-    assert server.only() == HEADER + b" MSG_EXECUTE X"
+    assert server.only() == EXECUTE + b"X"
 
 
 # --- listen mode ---
@@ -345,10 +347,10 @@ def shutdown_script(home, name):
 
 
 def test_listentolva_without_arguments_runs_as_a_daemon(home):
-    port = harness.free_port()
+    port = free_port()
     home.configure(ListenAddress=HOST, ListenPort=port)
     assert home.run(program="listentolva").status == 0
-    wait_for(lambda: harness.tcp_listens(port))
+    wait_for(lambda: tcp_listens(port))
     assert home.run("-s", "LOG_TEXT hello", "-a",
                     f"{HOST}:{port}").status == 0
     wait_for(lambda: "hello" in home.log_messages())
@@ -398,40 +400,29 @@ def test_shutdown_script_option_overrides_the_settings(home):
 
 def listens_at(pid):
     """"address:port" of the process's listening sockets."""
-    inodes = {re.sub(r"\D", "", target)
-              for target in harness.open_fds(pid).values()
-              if target.startswith("socket:")}
-    found = []
-    with open("/proc/net/tcp") as f:
-        next(f)
-        for line in f:
-            fields = line.split()
-            if fields[3] == "0A" and fields[9] in inodes:
-                address, port = fields[1].split(":")
-                quad = bytes.fromhex(address)[::-1]
-                found.append(f"{'.'.join(map(str, quad))}:{int(port, 16)}")
-    return found
+    inodes = sockets_of(pid).values()
+    return [s.where for s in tcp_listeners() if s.inode in inodes]
 
 
 @pytest.mark.parametrize("value, address", [
     ("{port}", "127.0.0.3"), ("127.0.0.2:{port}", "127.0.0.2"),
     ("nonsense:{port}", "0.0.0.0")], ids=["port", "host", "no address"])
 def test_port_option_overrides_the_listening_address(home, value, address):
-    port = harness.free_port()
+    port = free_port()
     home.configure(ListenAddress="127.0.0.3", ListenPort=1)
     run = home.start("-l", "-d", "-p", value.format(port=port))
-    wait_for(lambda: harness.tcp_listens(port) or not run.running())
+    wait_for(lambda: tcp_listens(port) or not run.running())
     assert listens_at(run.pid) == [f"{address}:{port}"]
 
 
 def test_named_settings_file_replaces_the_usual_one(home):
     other = home.dir / "other.cfg"
-    port = harness.free_port()
+    port = free_port()
     other.write_text(f"ListenAddress=127.0.0.4\nListenPort={port}\n"
                      f"LogfileName={home.path('other.log')}\n")
     home.configure(ListenPort=1)
     run = home.start("-l", "-d", "-C", "other.cfg", cwd=home.dir)
-    wait_for(lambda: harness.tcp_listens(port) or not run.running())
+    wait_for(lambda: tcp_listens(port) or not run.running())
     assert listens_at(run.pid) == [f"127.0.0.4:{port}"]
     wait_for(lambda: home.log_messages("other.log") == [message(756)])
     assert not home.path("tolva.log").exists()
@@ -444,9 +435,9 @@ def test_address_option_replaces_the_allowed_addresses(home):
         args=["-a", "127.0.0.2", "-ar", "127.0.0.4:77"])
     for host in ("127.0.0.1", "127.0.0.2", "127.0.0.3", "127.0.0.4"):
         listener_says = listener.connect(host)
-        listener_says.sendall(HEADER + b" MSG_EXECUTE LOG_TEXT by " +
+        listener_says.sendall(LOG_TEXT + b"by " +
                               host.encode())
-        harness.read_to_end(listener_says)
+        read_to_end(listener_says)
         listener_says.close()
     listener.wait_message(message(835, "127.0.0.3"))
     listener.wait_message("by 127.0.0.4")
@@ -461,7 +452,7 @@ def test_time_out_option_overrides_the_settings(home):
     listener = home.listener(config={"ListenTimeout": 600},
                              args=["-t", "1"])
     with listener.connect() as conn:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message("error: Connection timed out")
     listener.stop()
 
@@ -478,7 +469,7 @@ def test_time_out_option_overrides_the_settings(home):
 ], ids=str)
 def test_alive_interval_is_taken_in_seconds_and_at_least_a_minute(
         home, args, config, interval):
-    server = home.server(answer_check)
+    server = home.server(good)
     clock = FakeClock(home)
     listener = home.listener(args=args, env=clock.env, config={
         "AliveEnabled": "true", "AliveAddresses": server.where, **config})
@@ -490,18 +481,12 @@ def test_alive_interval_is_taken_in_seconds_and_at_least_a_minute(
     listener.stop()
 
 
-def answer_check(talk):
-    talk.read_some()
-    talk.send(b"0|0")
-    talk.read_to_end()
-
-
 def alive_checks(home):
     return home.log_messages().count(message(814, HOST))
 
 
 def test_check_port_option_sets_the_watched_port(home):
-    server = home.server(answer_check)
+    server = home.server(good)
     clock = FakeClock(home)
     listener = home.listener(
         args=["-pc", server.port], env=clock.env,
@@ -518,7 +503,7 @@ def test_not_alive_script_and_retries_override_the_settings(home):
         args=["-ba", home.path("own.sh"), "-rc", "1"], env=clock.env,
         config={"AliveEnabled": "true", "AliveRetries": 99,
                 "AliveProg": "/bin/false",
-                "AliveAddresses": f"127.0.0.1:{harness.free_port()}"})
+                "AliveAddresses": f"127.0.0.1:{free_port()}"})
     clock.advance(listener, 5, lambda: message(832, HOST) in
                   home.log_messages())
     assert home.read("own.ran") == b"127.0.0.1\n"

@@ -6,10 +6,12 @@ import subprocess
 
 import pytest
 
-import harness
-from harness import HEADER, REPLY_HEADER, wait_for
+from harness import ROOT
+from peers import reader
+from waiting import wait_for
+from wire import HEADER, REPLY_HEADER
 
-TEXT = (harness.ROOT / "docs" / "protocol.md").read_text()
+TEXT = (ROOT / "docs" / "protocol.md").read_text()
 
 
 def parse(lines):
@@ -105,7 +107,7 @@ def test_logon_and_logoff(home):
 
 def test_the_sizes(home):
     """The longest message over TCP, and one that is a byte too long."""
-    server = home.server(lambda talk: talk.read_to_end())
+    server = home.server(reader)
     text = "EXECUTE ".ljust(4095 - len(HEADER) - len(" MSG_EXECUTE "), "x")
     assert home.run("-s", text, "-a", server.where).status == 0
     assert len(server.only()) == 4095

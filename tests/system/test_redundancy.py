@@ -3,116 +3,18 @@
 import itertools
 import os
 import signal
-import threading
 
 import pytest
 
-import harness
-from fakeclock import FakeClock
-from harness import HEADER, free_port, message, wait_for
-from upsserver import LOGON, UpsServer, good, refusing
+from harness import message
+from house import A, B, C, D, E, INTERVAL, House, suppressed
+from peers import read_to_end
+from processes import sockets_of, state
+from upsserver import Held, good, refusing
+from waiting import BOUND, wait_for
+from wire import EXECUTE, HEADER, LOG_TEXT, STATUS
 
-A, B, C, D, E = (f"127.0.0.{n}" for n in (2, 3, 4, 5, 6))
 STRANGER = "127.0.0.99"
-EXECUTE = HEADER + b" MSG_EXECUTE "
-STATUS = HEADER + b" MSG_EXECSTATUS "
-INTERVAL = 60
-
-
-def suppressed(level, count):
-    return (f"Shutdown suppressed, redundancy-level = {level}, "
-            f"failure count = {count}.")
-
-
-class House:
-    """A listener with redundant senders, some with a server that is alive.
-
-    Every member is watched; those in dead have no server.
-    """
-
-    def __init__(self, home, members, level, dead=(), watched=True,
-                 servers=None, **options):
-        self.home = home
-        self.clock = FakeClock(home)
-        self.port = free_port()
-        for name in ("tolva_shutdown.sh", "ShutdownSuppressed.sh",
-                     "tolva_notalive.sh"):
-            home.script(name)
-        self.live = [m for m in members if m not in dead]
-        self.dead = [m for m in members if m in dead]
-        self.servers = {}
-        if watched:
-            for host in self.live:
-                plays = (servers or {}).get(host, (good,))
-                self.servers[host] = UpsServer(home, host, self.port, *plays)
-        self.watched = watched
-        config = {"RedundancyEnabled": "true", "RedundancyLevel": level,
-                  "RedundancyAddresses": " ".join(members),
-                  "AliveEnabled": "true" if watched else "false",
-                  "AliveAddresses": " ".join(members),
-                  "AlivePort": self.port, "AliveInterval": INTERVAL}
-        config.update(options.pop("config", {}))
-        self.listener = home.listener(env=self.clock.env, config=config,
-                                      **options)
-        self.rounds = 0
-        self.requests = 0
-
-    def count(self, number, host):
-        return self.listener.messages().count(message(number, host))
-
-    def checked(self):
-        """Every check of this round has ended."""
-        return all(self.count(814, h) >= self.rounds for h in self.live) \
-            and all(self.count(828, h) >= self.rounds for h in self.dead)
-
-    def first_cycle(self):
-        """The listener learns who is alive."""
-        self.rounds += 1
-        self.clock.advance(self.listener, 5, self.checked, "the first cycle")
-
-    def next_cycle(self):
-        self.rounds += 1
-        self.clock.advance(self.listener, INTERVAL, self.checked,
-                           "the next cycle")
-
-    def answers(self):
-        """What was decided so far; scripts write there, too."""
-        return [line for line in self.listener.err.splitlines()
-                if line.startswith("returning: ")]
-
-    def ask(self, host, udp=False):
-        """A bare request; True when the shutdown is carried out."""
-        self.requests += 1
-        if udp:
-            self.listener.datagram(HEADER, host)
-        else:
-            assert self.listener.request(HEADER, host) == b""
-        wait_for(lambda: len(self.answers()) == self.requests,
-                 what="the decision")
-        answer = self.answers()[-1]
-        assert answer in ("returning: TRUE", "returning: FALSE")
-        return answer == "returning: TRUE"
-
-    def ask_and_wait(self, host):
-        """As ask(), and the checks that it began have ended."""
-        self.rounds += 1
-        result = self.ask(host)
-        wait_for(self.checked, what="the checks end")
-        return result
-
-    def ran(self, name):
-        """How often a script was started."""
-        line = message(792, self.home.path(name))
-        return self.listener.messages().count(line)
-
-    def shutdowns(self):
-        return self.ran("tolva_shutdown.sh")
-
-    def batches(self):
-        return self.ran("ShutdownSuppressed.sh")
-
-    def stop(self):
-        self.listener.stop()
 
 
 # --- the decision -----------------------------------------------------------
@@ -371,18 +273,11 @@ def test_suppressing_the_batch_file(home, value, runs):
     assert house.shutdowns() == 0
 
 
-def start_lines(house):
-    """What is logged before the listener listens."""
-    house.listener.wait_message(message(756))
-    messages = house.listener.messages()
-    return messages[:messages.index(message(756))]
-
-
 @pytest.mark.parametrize("size", [510, 511])
 def test_the_longest_name_of_a_batch_file(home, size):
     name = ": " + "x" * (size - 2)
     house = House(home, (A, B), 1, config={"RedundancyBatchFile": name})
-    assert start_lines(house) == []
+    assert house.start_lines() == []
     house.first_cycle()
     assert house.ask_and_wait(A) is False
     house.listener.wait_message(message(794, name))
@@ -394,7 +289,7 @@ def test_too_long_a_name_of_a_batch_file(home, size):
     name = ": " + "x" * (size - 2)
     house = House(home, (A, B), 1, config={"RedundancyBatchFile": name})
     # The operator is told once, when it starts.
-    [line] = start_lines(house)
+    [line] = house.start_lines()
     assert line.startswith("error: RedundancyBatchFile ")
     house.first_cycle()
     assert house.ask_and_wait(A) is False
@@ -415,7 +310,7 @@ def test_too_long_a_name_of_a_batch_file(home, size):
 def test_thirty_members_at_most(home, count):
     members = [f"127.0.1.{n}" for n in range(1, count + 1)]
     house = House(home, members, 30, watched=False)
-    lines = start_lines(house)
+    lines = house.start_lines()
     assert len(lines) == (0 if count == 30 else 1)
     assert all("30" in line for line in lines)
     # Nobody is watched, so everybody else counts as dead.
@@ -533,54 +428,26 @@ def test_the_table_is_not_shown_without_a_trace(home):
 # --- descriptors that are closed and opened again within one pass -----------
 
 
-class StepByStep:
-    """Answers the first logon when told so, then says that it has."""
-
-    def __init__(self):
-        self.logged_on = threading.Event()
-        self.go = threading.Event()
-        self.answered = threading.Event()
-
-    def __call__(self, talk):
-        talk.read_exactly(LOGON)
-        self.logged_on.set()
-        assert self.go.wait(3 * harness.BOUND)
-        talk.send(b"0|0")
-        self.answered.set()
-        talk.read_to_end()
-
-
-def sockets_of(listener):
-    return [target for target in
-            harness.open_fds(listener.pid).values()
-            if target.startswith("socket:")]
-
-
-def is_stopped(pid):
-    with open(f"/proc/{pid}/stat") as f:
-        return f.read().rpartition(")")[2].split()[0] == "T"
-
-
 def test_an_old_answer_is_not_taken_for_another_servers(home):
     """A has been checked, the answer of B and a request come together: the
     new check of A gets the number that B's old one had."""
-    step = StepByStep()
+    step = Held()
     house = House(home, (A, B, C), 3, servers={B: (step, good)},
                   config={"AliveAddresses": f"{A} {B}"})
     listener = house.listener
     house.live = [A]
     house.rounds = 1
     house.clock.advance(listener, 5, house.checked)
-    assert step.logged_on.wait(harness.BOUND)
+    assert step.asked.wait(BOUND)
     with listener.connect(C) as conn:
-        wait_for(lambda: len(sockets_of(listener)) == 3)
+        wait_for(lambda: len(sockets_of(listener.pid)) == 3)
         os.kill(listener.pid, signal.SIGSTOP)
-        wait_for(lambda: is_stopped(listener.pid))
+        wait_for(lambda: state(listener.pid) == "T")
         conn.sendall(HEADER)
         step.go.set()
-        assert step.answered.wait(harness.BOUND)
+        assert step.answered.wait(BOUND)
         os.kill(listener.pid, signal.SIGCONT)
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message(message(814, A), 2)
     # B's check was broken off, once; it was asked again and has answered.
     listener.wait_message(message(814, B))
@@ -604,22 +471,22 @@ def test_ended_sessions_do_not_disturb_the_new_checks(home):
     house.first_cycle()
     for _ in range(10):
         conns = [listener.connect(f"127.0.4.{n}") for n in range(1, 13)]
-        wait_for(lambda: len(sockets_of(listener)) == len(conns) + 1)
+        wait_for(lambda: len(sockets_of(listener.pid)) == len(conns) + 1)
         conns.append(listener.connect(sender))
-        wait_for(lambda: len(sockets_of(listener)) == len(conns) + 1)
+        wait_for(lambda: len(sockets_of(listener.pid)) == len(conns) + 1)
         os.kill(listener.pid, signal.SIGSTOP)
-        wait_for(lambda: is_stopped(listener.pid))
+        wait_for(lambda: state(listener.pid) == "T")
         for number, conn in enumerate(conns[:-1]):
             if number % 3 == 0:
                 conn.sendall(b"no command")
             elif number % 3 == 1:
-                conn.sendall(EXECUTE + b"LOG_TEXT x")
+                conn.sendall(LOG_TEXT + b"x")
             else:
                 conn.close()
         conns[-1].sendall(HEADER)
         house.rounds += 1
         os.kill(listener.pid, signal.SIGCONT)
-        assert harness.read_to_end(conns[-1]) == b""
+        assert read_to_end(conns[-1]) == b""
         wait_for(house.checked, what="every server has been checked")
         for conn in conns:
             conn.close()
@@ -638,16 +505,16 @@ def test_several_requests_in_one_pass(home):
     house.first_cycle()
     for _ in range(5):
         conns = [listener.connect(member) for member in members]
-        wait_for(lambda: len(sockets_of(listener)) == len(conns) + 1)
+        wait_for(lambda: len(sockets_of(listener.pid)) == len(conns) + 1)
         os.kill(listener.pid, signal.SIGSTOP)
-        wait_for(lambda: is_stopped(listener.pid))
+        wait_for(lambda: state(listener.pid) == "T")
         for conn in conns:
             conn.sendall(HEADER)
         os.kill(listener.pid, signal.SIGCONT)
         for conn in conns:
-            assert harness.read_to_end(conn) == b""
+            assert read_to_end(conn) == b""
             conn.close()
-        wait_for(lambda: len(sockets_of(listener)) == 1,
+        wait_for(lambda: len(sockets_of(listener.pid)) == 1,
                  what="all checks have ended")
     # The next cycle finds everybody alive.
     before = {m: house.count(814, m) for m in members}

@@ -7,30 +7,34 @@ import random
 import resource
 import signal
 import socket
-import subprocess
 import threading
 import time
 
 import pytest
 
-import harness
 import preload
 from fakeclock import FakeClock, settle
-from harness import HEADER, message, wait_for
+from harness import message, skip_when_wrapped
+from home import gate
+from namespaces import unshared
+from peers import read_to_end, reset
+from ports import free_port
+from processes import children, is_idle, open_fds, sockets_of
+from waiting import BOUND, wait_for
+from wire import (
+    EXECUTE, HEADER, LOGGED, LOG_TEXT, NOT_LOGGED, REPLY_HEADER, STATUS)
 
 HOST = "127.0.0.1"
-EXECUTE = HEADER + b" MSG_EXECUTE "
-STATUS = HEADER + b" MSG_EXECSTATUS "
-LOGGED = b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=0"
-NOT_LOGGED = LOGGED[:-1] + b"1"
 TIMED_OUT = "error: " + os.strerror(errno.ETIMEDOUT)
 TOO_MANY = "system: " + os.strerror(errno.EMFILE)
 BUDGET = 256
 
 
-def sockets_of(listener):
-    return [target for target in harness.open_fds(listener.pid).values()
-            if target.startswith("socket:")]
+def all_served(conns):
+    for conn in conns:
+        conn.sendall(STATUS + b"LOG_TEXT x")
+        assert read_to_end(conn) == LOGGED
+        conn.close()
 
 
 def in_threads(count, work):
@@ -62,15 +66,8 @@ def in_background(work):
         yield
     finally:
         go_on.clear()
-        thread.join(harness.BOUND)
+        thread.join(BOUND)
         assert not thread.is_alive()
-
-
-def is_idle(listener, seconds=1.0):
-    """Hardly any processor time is used for a while."""
-    before = harness.cpu_seconds(listener.pid)
-    time.sleep(seconds)
-    return harness.cpu_seconds(listener.pid) - before < seconds / 10
 
 
 def all_closed(conns):
@@ -92,18 +89,17 @@ def test_every_command_gets_its_reply(home, clients, commands):
             status = (number * commands + i) % 256
             reply = listener.request(STATUS + b"EXECUTE %d" % status)
             assert reply.startswith(
-                b"CONNECT TO TOLVA (REPLY) COMMAND=exit PID="), reply
+                REPLY_HEADER + b" COMMAND=exit PID="), reply
             assert reply.endswith(b" EXITSTATUS=%d" % status), reply
 
     in_threads(clients, work)
-    wait_for(lambda: len(sockets_of(listener)) == 1)
+    wait_for(lambda: len(sockets_of(listener.pid)) == 1)
     listener.stop()
 
 
 def test_many_scripts_that_end_together(home):
     home.script("tolva_execute.sh",
-                'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done\n'
-                'exit $1')
+                f"{gate()}\nexit $1")
     listener = home.listener(config={"ListenTimeout": 0})
     conns = [listener.connect() for _ in range(40)]
     for number, conn in enumerate(conns):
@@ -112,7 +108,7 @@ def test_many_scripts_that_end_together(home):
                           if m.startswith("[792]")]) == len(conns))
     home.write("go", "")
     for number, conn in enumerate(conns):
-        assert harness.read_to_end(conn).endswith(
+        assert read_to_end(conn).endswith(
             b" EXITSTATUS=%d" % number)
         conn.close()
     listener.stop()
@@ -145,8 +141,8 @@ def test_scripts_end_while_a_descriptor_is_ready_all_the_time(home):
 
 @pytest.mark.parametrize("number", [
     signal.SIGTERM, signal.SIGQUIT, signal.SIGINT], ids=lambda n: n.name)
-def test_a_stop_signal_while_a_descriptor_is_ready_all_the_time(home,
-                                                                 number):
+def test_a_stop_signal_while_a_descriptor_is_ready_all_the_time(
+        home, number):
     listener = home.listener(config={"AllowedAddresses": HOST,
                                      "LogfileSize": 16})
     with in_background(datagram_flood(listener)):
@@ -265,7 +261,7 @@ def test_a_script_that_ends_right_before_the_wait(home):
         listener.request(STATUS + b"LOG_TEXT")
         at_the_next_wait(home, signal.SIGCHLD.value)
         conn.sendall(STATUS + b"EXECUTE 7")
-        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=7")
+        assert read_to_end(conn).endswith(b" EXITSTATUS=7")
     listener.stop()
 
 
@@ -292,9 +288,7 @@ pid_t waitpid(pid_t pid, int *status, int options)
 }
 """
 
-UNTIL_TOLD = ('touch "$TOLVAHOME/started"\n'
-              'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done\n'
-              'exit 7')
+UNTIL_TOLD = f'touch "$TOLVAHOME/started"\n{gate()}\nexit 7'
 
 
 def end_during_the_last_look(home, listener):
@@ -314,7 +308,7 @@ def test_the_script_of_a_client_that_ends_during_the_last_look(home):
     with listener.connect() as conn:
         conn.sendall(STATUS + b"EXECUTE")
         end_during_the_last_look(home, listener)
-        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=7")
+        assert read_to_end(conn).endswith(b" EXITSTATUS=7")
     listener.stop()
 
 
@@ -325,7 +319,7 @@ def test_the_script_of_a_server_that_ends_during_the_last_look(home):
         preload.build("late_look", LATE_LOOK))
     listener = home.listener(
         config={"AliveEnabled": "true",
-                "AliveAddresses": f"{HOST}:{harness.free_port()}",
+                "AliveAddresses": f"{HOST}:{free_port()}",
                 "AliveRetries": 1},
         env={**clock.env, "LD_PRELOAD": libraries})
     clock.advance(listener, 5, home.path("started").exists)
@@ -363,7 +357,7 @@ def test_hundreds_of_sessions_leave_nothing_behind(home):
     home.script("tolva_execute.sh", "exit 3")
     listener = home.listener(config={"AllowedAddresses": HOST,
                                      "LogfileSize": 16})
-    before = harness.open_fds(listener.pid)
+    before = open_fds(listener.pid)
     for number in range(60):
         listener.request(HEADER)
         listener.request(b"garbage")
@@ -374,17 +368,16 @@ def test_hundreds_of_sessions_leave_nothing_behind(home):
         listener.connect("127.0.0.2").close()
         conn = listener.connect()
         conn.sendall(STATUS + b"EXECUTE")
-        harness.reset(conn)
+        reset(conn)
         listener.datagram(EXECUTE + b"EXECUTE")
         listener.datagram(b"")
-    wait_for(lambda: not harness.children(listener.pid))
-    wait_for(lambda: harness.open_fds(listener.pid) == before)
+    wait_for(lambda: not children(listener.pid))
+    wait_for(lambda: open_fds(listener.pid) == before)
     assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
     listener.stop()
 
 
-GATED = ('touch "$TOLVAHOME/on"\n'
-         'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done; exit 5')
+GATED = f'touch "$TOLVAHOME/on"\n{gate()}; exit 5'
 
 
 @pytest.mark.parametrize("ending", ["close", "reset"])
@@ -395,15 +388,15 @@ def test_a_sender_that_does_not_wait_for_its_reply(home, ending):
     conn.sendall(STATUS + b"EXECUTE")
     wait_for(lambda: home.path("on").exists())
     if ending == "reset":
-        harness.reset(conn)
+        reset(conn)
     else:
         conn.close()
     # The end of the connection is of no interest while the script runs.
     settle(listener)
-    assert is_idle(listener, 0.3)
+    assert is_idle(listener.pid, 0.3)
     home.write("go", "")
     listener.wait_message(message(793, home.path("tolva_execute.sh")))
-    wait_for(lambda: len(sockets_of(listener)) == 1)
+    wait_for(lambda: len(sockets_of(listener.pid)) == 1)
     assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
     listener.stop()
     assert not [m for m in listener.messages() if m.startswith("system:")]
@@ -417,7 +410,7 @@ def test_a_sender_that_has_finished_sending_gets_its_reply(home):
         conn.shutdown(socket.SHUT_WR)
         wait_for(lambda: home.path("on").exists())
         home.write("go", "")
-        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=5")
+        assert read_to_end(conn).endswith(b" EXITSTATUS=5")
     listener.stop()
 
 
@@ -429,29 +422,29 @@ def test_with_the_budget_used_up_others_wait_and_nothing_spins(home):
     listener = home.listener(env=clock.env, limits="1024:1024",
                              config={"ExecProg": "exit"})
     inside = [listener.connect() for _ in range(BUDGET - 1)]
-    wait_for(lambda: len(sockets_of(listener)) == BUDGET,
+    wait_for(lambda: len(sockets_of(listener.pid)) == BUDGET,
              what="the house is full")
     waiting = [listener.connect() for _ in range(8)]
     waiting[0].sendall(STATUS + b"LOG_TEXT waited")
     settle(listener)
-    assert is_idle(listener)
-    assert len(sockets_of(listener)) == BUDGET
+    assert is_idle(listener.pid)
+    assert len(sockets_of(listener.pid)) == BUDGET
     # Those inside are served, and one that leaves makes room for one.
     inside[0].sendall(STATUS + b"EXECUTE 7")
-    assert harness.read_to_end(inside[0]).endswith(b" EXITSTATUS=7")
-    assert harness.read_to_end(waiting[0]) == LOGGED
+    assert read_to_end(inside[0]).endswith(b" EXITSTATUS=7")
+    assert read_to_end(waiting[0]) == LOGGED
     # Its descriptor is free again, too, and again one comes in.
-    wait_for(lambda: len(sockets_of(listener)) == BUDGET)
+    wait_for(lambda: len(sockets_of(listener.pid)) == BUDGET)
     settle(listener)
-    assert is_idle(listener, 0.5)
+    assert is_idle(listener.pid, 0.5)
     clock.advance(listener, 10)
     for conn in inside[1:] + waiting[1:2]:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     for conn in waiting[2:]:
         conn.sendall(STATUS + b"LOG_TEXT now")
-        assert harness.read_to_end(conn) == LOGGED
+        assert read_to_end(conn) == LOGGED
     all_closed(inside + waiting)
-    wait_for(lambda: len(sockets_of(listener)) == 1)
+    wait_for(lambda: len(sockets_of(listener.pid)) == 1)
     listener.stop()
     assert listener.messages().count("waited") == 1
     assert listener.messages().count("now") == 6
@@ -462,7 +455,7 @@ def test_with_the_budget_used_up_others_wait_and_nothing_spins(home):
 def test_a_full_house_is_left_on_a_stop_signal(home):
     listener = home.listener(limits="1024:1024", config={"ListenTimeout": 0})
     conns = [listener.connect() for _ in range(BUDGET + 4)]
-    wait_for(lambda: len(sockets_of(listener)) == BUDGET)
+    wait_for(lambda: len(sockets_of(listener.pid)) == BUDGET)
     listener.stop()
     all_closed(conns)
 
@@ -473,26 +466,26 @@ def test_a_refused_descriptor_is_logged_once_and_service_goes_on(home):
                              config={"ExecProg": "exit"})
     conns = [listener.connect() for _ in range(24)]
     listener.wait_message(TOO_MANY)
-    served = len(sockets_of(listener)) - 1
+    served = len(sockets_of(listener.pid)) - 1
     assert 4 <= served <= 12
-    assert is_idle(listener)
+    assert is_idle(listener.pid)
     for _ in range(5):
         settle(listener)
     assert listener.messages().count(TOO_MANY) == 1
     # Those inside are served, and those waiting follow one by one.
     for number, conn in enumerate(conns):
         conn.sendall(STATUS + b"EXECUTE %d" % number)
-        assert harness.read_to_end(conn).endswith(
+        assert read_to_end(conn).endswith(
             b" EXITSTATUS=%d" % number)
         conn.close()
-    wait_for(lambda: len(sockets_of(listener)) == 1)
+    wait_for(lambda: len(sockets_of(listener.pid)) == 1)
     assert listener.messages().count(TOO_MANY) == 1
     # The next shortage is another one.
     conns = [listener.connect() for _ in range(24)]
     listener.wait_message(TOO_MANY, 2)
     clock.advance(listener, 10)
     for conn in conns[:served]:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     clock.advance(listener, 10, lambda: len(
         [m for m in listener.messages() if m == TIMED_OUT]) >= served + 1)
     all_closed(conns)
@@ -510,15 +503,12 @@ def test_service_goes_on_when_the_system_has_descriptors_again(home,
     conns = [listener.connect() for _ in range(12)]
     listener.wait_message(TOO_MANY)
     # It goes on trying, and does not say so again.
-    assert is_idle(listener, 2.5)
+    assert is_idle(listener.pid, 2.5)
     assert listener.messages().count(TOO_MANY) == 1
     resource.prlimit(listener.pid, resource.RLIMIT_NOFILE, limits)
-    wait_for(lambda: len(sockets_of(listener)) == len(conns) + 1,
+    wait_for(lambda: len(sockets_of(listener.pid)) == len(conns) + 1,
              what="everybody has come in")
-    for conn in conns:
-        conn.sendall(STATUS + b"LOG_TEXT x")
-        assert harness.read_to_end(conn) == LOGGED
-        conn.close()
+    all_served(conns)
     listener.stop()
     assert listener.messages().count(TOO_MANY) == 1
 
@@ -566,20 +556,16 @@ def test_any_shortage_of_the_system_is_told_once_and_outlasted(home, error):
         env=preload.environment(home, preload.build("refuse", REFUSE)))
     conns = [listener.connect() for _ in range(3)]
     listener.wait_message(told)
-    assert is_idle(listener, 1.5)
+    assert is_idle(listener.pid, 1.5)
     home.path("error").unlink()
-    for conn in conns:
-        conn.sendall(STATUS + b"LOG_TEXT x")
-        assert harness.read_to_end(conn) == LOGGED
-        conn.close()
+    all_served(conns)
     listener.stop()
     assert listener.messages().count(told) == 1
 
 
-@pytest.mark.skipif(bool(harness.WRAPPER),
-                    reason="valgrind keeps descriptors for itself")
 @pytest.mark.parametrize("limit", [6, 8])
 def test_a_very_small_budget_still_serves(home, limit):
+    skip_when_wrapped("valgrind keeps descriptors for itself")
     listener = home.listener(limits=f"{limit}:{limit}",
                              config={"ExecProg": "exit"})
     for status in range(20):
@@ -600,8 +586,8 @@ def test_a_full_disk_loses_log_lines_and_nothing_else(home):
         reply = listener.request(STATUS + b"EXECUTE %d" % status)
         assert reply.endswith(b" EXITSTATUS=%d" % status)
         assert listener.request(STATUS + b"LOG_TEXT x") == NOT_LOGGED
-        listener.datagram(EXECUTE + b"LOG_TEXT x")
-    assert sorted(harness.open_fds(listener.pid)) == [0, 1, 2, 3, 4]
+        listener.datagram(LOG_TEXT + b"x")
+    assert sorted(open_fds(listener.pid)) == [0, 1, 2, 3, 4]
     listener.stop()
     assert listener.out == ""
     assert listener.err == ""
@@ -611,15 +597,10 @@ def test_a_disk_that_fills_up_and_is_cleaned(home):
     """On a small file system of its own, that only the listener sees."""
     disk = home.path("disk")
     disk.mkdir()
-    unshare = ["unshare", "-m"] if os.getuid() == 0 else ["unshare", "-rm"]
-    tried = subprocess.run(
-        [*unshare, "--", "mount", "-t", "tmpfs", "none", disk],
-        stdin=subprocess.DEVNULL, capture_output=True, text=True)
-    if tried.returncode != 0:
-        pytest.skip("no file system can be mounted here: " +
-                    tried.stderr.strip())
+    apart = unshared("m", ["mount", "-t", "tmpfs", "none", disk],
+                     "no file system can be mounted here")
     listener = home.listener(
-        prefix=[*unshare, "--", "/bin/sh", "-c",
+        prefix=[*apart, "/bin/sh", "-c",
                 f'mount -t tmpfs -o size=16k none "{disk}" && exec "$@"',
                 "sh"],
         config={"LogfileName": disk / "tolva.log"})

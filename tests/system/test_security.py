@@ -7,10 +7,12 @@ import subprocess
 
 import pytest
 
-import harness
-from harness import wait_for
+from harness import ROOT
+from processes import children
+from waiting import wait_for
+from wire import EXECUTE
 
-TEXT = (harness.ROOT / "docs" / "security.md").read_text()
+TEXT = (ROOT / "docs" / "security.md").read_text()
 FILTERS = dict(re.findall(r"<!-- nft: ([\w-]+) -->\n```\n(.*?)```\n", TEXT,
                           re.DOTALL))
 
@@ -61,7 +63,7 @@ def test_a_log_command_runs_nothing(home):
     sent = home.run("-sr", f"LOG_TEXT {text}", "-a", listener.where)
     assert sent.status == 0
     listener.wait_message(text)
-    assert harness.children(listener.pid) == []
+    assert children(listener.pid) == []
     assert not home.path("ran").exists()
     listener.stop()
 
@@ -71,7 +73,6 @@ def test_a_forged_source_is_believed_over_udp(home):
     home.script("tolva_execute.sh", 'touch "$TOLVAHOME/ran"')
     listener = home.listener(config={"AllowedAddresses": "127.0.0.9",
                                      "ListenUDP": "TRUE"})
-    listener.datagram(harness.HEADER + b" MSG_EXECUTE EXECUTE x",
-                      source="127.0.0.9")
+    listener.datagram(EXECUTE + b"EXECUTE x", source="127.0.0.9")
     wait_for(lambda: home.path("ran").exists(), what="the script ran")
     listener.stop()

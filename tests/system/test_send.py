@@ -8,34 +8,19 @@ import time
 
 import pytest
 
-import harness
 import preload
 from fakeclock import FakeClock
-from harness import HEADER, REPLY_HEADER, free_port, message, wait_for
+from harness import LOG_LINE, message, skip_when_wrapped
+from peers import FullBacklog, HeldAnswer, reader, replier
+from ports import free_port
+from processes import children
+from waiting import BOUND, wait_for
+from wire import EXECUTE, HEADER, REPLY_HEADER, STATUS, reply_with
 
 HOST = "127.0.0.1"
 
 
-def reader(talk):
-    talk.read_to_end()
-
-
-def replier(*parts, **options):
-    """Plays a listener that answers with the parts."""
-    def play(talk):
-        talk.read_some()
-        talk.send_split(*parts, **options)
-        talk.stop_sending()
-        talk.read_to_end()
-    return play
-
-
-def reply(tail):
-    return REPLY_HEADER + b" COMMAND=/x.sh PID=4711 " + tail
-
-
 # --- the request ---
-
 
 REQUESTS = [
     (["-s", "SHUTDOWN"], b" MSG_EXECUTE SHUTDOWN"),
@@ -71,7 +56,7 @@ def test_request_on_the_wire(home, args, tail):
     (["-sr"], b""),
 ], ids=str)
 def test_request_for_a_status_on_the_wire(home, args, tail):
-    server = home.server(replier(reply(b"EXITSTATUS=3")))
+    server = home.server(replier(reply_with(b"EXITSTATUS=3")))
     result = home.run(*args, "-a", server.where)
     assert server.only() == HEADER + tail
     assert result.messages == [
@@ -89,7 +74,7 @@ def test_lines_on_standard_output_are_log_lines_without_a_process_id(home):
     result = home.run("-s", "X", "-a", server.where, env={"TZ": "UTC"})
     end = datetime.datetime.now(datetime.timezone.utc)
     for line in result.out.splitlines():
-        date, clock, pid, _ = harness.LOG_LINE.match(line).groups()
+        date, clock, pid, _ = LOG_LINE.match(line).groups()
         assert pid == "00000"
         shown = datetime.datetime.strptime(
             f"{date} {clock}", "%m/%d/%Y %H:%M:%S").replace(
@@ -102,7 +87,7 @@ def test_lines_show_local_time(home):
     server = home.server(reader)
     start = datetime.datetime.now(datetime.timezone.utc)
     result = home.run("-s", "X", "-a", server.where, env={"TZ": "ABC-5:30"})
-    date, clock, _, _ = harness.LOG_LINE.match(
+    date, clock, _, _ = LOG_LINE.match(
         result.out.splitlines()[0]).groups()
     shown = datetime.datetime.strptime(
         f"{date} {clock}", "%m/%d/%Y %H:%M:%S").replace(
@@ -122,7 +107,7 @@ def test_longest_request_is_sent_whole(home, option, verb):
     def play(talk):
         talk.read_exactly(4095)
         if option == "-sr":
-            talk.send(reply(b"EXITSTATUS=0"))
+            talk.send(reply_with(b"EXITSTATUS=0"))
         talk.read_to_end()
 
     server = home.server(play)
@@ -146,7 +131,6 @@ def test_too_long_a_request_is_refused_not_cut(home, option, verb, length):
 
 # --- several listeners, and those that are not there ---
 
-
 REFUSED = [message(785, HOST), "system: Connection refused",
            message(753, HOST)]
 
@@ -156,7 +140,7 @@ def test_every_listener_gets_the_request(home):
     args = [arg for s in servers for arg in ("-a", s.where)]
     result = home.run("-s", "EXECUTE x", *args)
     assert [s.only() for s in servers] == \
-        [HEADER + b" MSG_EXECUTE EXECUTE x"] * 5
+        [EXECUTE + b"EXECUTE x"] * 5
     assert result.messages == [message(758)] + \
         [message(785, HOST)] * 5 + [message(787, HOST)] * 5 + [message(759)]
     assert result.status == 0
@@ -178,14 +162,14 @@ def test_one_unreachable_listener_makes_the_run_fail(home, position):
     result = home.run("-s", "EXECUTE x",
                       *(arg for w in where for arg in ("-a", w)))
     assert [s.only() for s in servers] == \
-        [HEADER + b" MSG_EXECUTE EXECUTE x"] * 2
+        [EXECUTE + b"EXECUTE x"] * 2
     assert result.messages.count(message(753, HOST)) == 1
     assert result.messages.count(message(787, HOST)) == 2
     assert result.status == 1
 
 
 def test_one_unreachable_listener_hides_the_status_of_another(home):
-    server = home.server(replier(reply(b"EXITSTATUS=0")))
+    server = home.server(replier(reply_with(b"EXITSTATUS=0")))
     result = home.run("-sr", "EXECUTE x", "-a", f"{HOST}:{free_port()}",
                       "-a", server.where)
     assert f"server[{HOST}]: COMMAND=/x.sh PID=4711 EXITSTATUS=0" in \
@@ -195,12 +179,12 @@ def test_one_unreachable_listener_hides_the_status_of_another(home):
 
 @pytest.mark.parametrize("statuses", [(3, 0), (0, 3), (200, 7)], ids=str)
 def test_of_several_replies_the_last_one_counts(home, statuses):
-    first = home.server(replier(reply(b"EXITSTATUS=%d" % statuses[0])))
+    first = home.server(replier(reply_with(b"EXITSTATUS=%d" % statuses[0])))
 
     def after_first(talk):
         talk.read_some()
         first.wait_finished()
-        talk.send(reply(b"EXITSTATUS=%d" % statuses[1]))
+        talk.send(reply_with(b"EXITSTATUS=%d" % statuses[1]))
         talk.read_to_end()
 
     last = home.server(after_first)
@@ -210,7 +194,7 @@ def test_of_several_replies_the_last_one_counts(home, statuses):
 
 
 def test_one_bad_reply_among_good_ones_makes_the_run_fail(home):
-    good = home.server(replier(reply(b"EXITSTATUS=0")))
+    good = home.server(replier(reply_with(b"EXITSTATUS=0")))
     bad = home.server(replier(b"HELLO"))
     result = home.run("-sr", "EXECUTE x", "-a", good.where, "-a", bad.where)
     assert result.messages.count(message(819)) == 1
@@ -218,7 +202,6 @@ def test_one_bad_reply_among_good_ones_makes_the_run_fail(home):
 
 
 # --- the reply ---
-
 
 STATUSES = [
     (b"EXITSTATUS=0", 0),
@@ -273,9 +256,10 @@ STATUSES = [
 @pytest.mark.parametrize("tail, status", STATUSES,
                          ids=[repr(t)[2:-1] for t, _ in STATUSES])
 def test_status_of_the_reply_becomes_the_exit_status(home, tail, status):
-    server = home.server(replier(reply(tail)))
+    server = home.server(replier(reply_with(tail)))
     result = home.run("-sr", "EXECUTE x", "-a", server.where)
-    shown = reply(tail)[25:].split(b"\0")[0].split(b"\n")[0].decode("latin-1")
+    shown = reply_with(tail)[25:].split(b"\0")[0].split(b"\n")[0].decode(
+        "latin-1")
     assert result.messages[2].startswith(
         f"server[{HOST}]: {shown.split(chr(13))[0]}")
     assert result.status == status
@@ -378,13 +362,10 @@ def test_a_reset_instead_of_a_reply_makes_the_run_fail(home):
 
 
 # --- time ---
-#
-# The limit counts whole seconds of the clock, so two of them are at least
-# one second.
 
 
 def test_time_runs_out_while_connecting(home):
-    with harness.FullBacklog() as full:
+    with FullBacklog() as full:
         start = time.monotonic()
         result = home.run("-s", "X", "-a", full.where, "-t", "2")
         assert time.monotonic() - start >= 0.9
@@ -402,11 +383,11 @@ def test_time_runs_out_while_waiting_for_the_reply(home, option):
     assert result.messages == [message(758), message(785, HOST),
                                "error: Connection timed out", message(759)]
     assert result.status == 1
-    assert server.only() == HEADER + b" MSG_EXECSTATUS X"
+    assert server.only() == STATUS + b"X"
 
 
 def test_time_running_out_overrides_a_good_reply(home):
-    good = home.server(replier(reply(b"EXITSTATUS=0")))
+    good = home.server(replier(reply_with(b"EXITSTATUS=0")))
     silent = home.server(reader)
     result = home.run("-sr", "X", "-a", good.where, "-a", silent.where,
                       "-t", "3")
@@ -423,7 +404,7 @@ def test_time_limit_is_for_the_whole_run(home):
         def play(talk):
             talk.read_some()
             talk.pause(seconds)
-            talk.send(reply(b"EXITSTATUS=0"))
+            talk.send(reply_with(b"EXITSTATUS=0"))
             talk.read_to_end()
         return play
 
@@ -437,15 +418,9 @@ def test_time_limit_is_for_the_whole_run(home):
 
 
 def test_default_time_limit_and_no_limit(home):
-    def wait_for_word(talk):
-        talk.read_some()
-        wait_for(lambda: released, 60)
-        talk.send(reply(b"EXITSTATUS=0"))
-        talk.read_to_end()
-
-    released = []
+    held = HeldAnswer(reply_with(b"EXITSTATUS=0"))
     silent = home.server(reader)
-    late = home.server(wait_for_word)
+    late = home.server(held)
     start = time.monotonic()
     limited = home.start("-sr", "X", "-a", silent.where)
     unlimited = [home.start("-sr", "X", "-a", late.where, "-t", value)
@@ -457,7 +432,7 @@ def test_default_time_limit_and_no_limit(home):
     # The others began a moment later; they must outlast that moment.
     time.sleep(1.5)
     assert all(run.running() for run in unlimited)
-    released.append(True)
+    held.go.set()
     assert [run.wait().status for run in unlimited] == [0, 0]
 
 
@@ -488,7 +463,7 @@ def test_an_event_after_the_time_limit_is_the_last(home):
         talk.read_some()
         asked.append(True)
         wait_for(home.path("later").exists)
-        talk.send(reply(b"EXITSTATUS=0"))
+        talk.send(reply_with(b"EXITSTATUS=0"))
         talk.read_to_end()
 
     asked = []
@@ -513,7 +488,7 @@ def test_setting_the_clock_does_not_shorten_the_time(home):
         wait_for(lambda: len(asked) > 2)
         if talk is asked[1]:
             wait_for(lambda: answered)
-        talk.send(reply(b"EXITSTATUS=0"))
+        talk.send(reply_with(b"EXITSTATUS=0"))
         talk.read_to_end()
         answered.append(True)
 
@@ -535,22 +510,15 @@ def test_setting_the_clock_does_not_shorten_the_time(home):
 @pytest.mark.parametrize("number", [
     signal.SIGHUP, signal.SIGPIPE, signal.SIGCHLD, signal.SIGWINCH])
 def test_signals_that_do_not_disturb(home, number):
-    def play(talk):
-        talk.read_some()
-        ready.append(True)
-        wait_for(lambda: len(ready) > 1)
-        talk.send(reply(b"EXITSTATUS=0"))
-        talk.read_to_end()
-
-    ready = []
-    server = home.server(play)
+    held = HeldAnswer(reply_with(b"EXITSTATUS=0"))
+    server = home.server(held)
     run = home.start("-sr", "X", "-a", server.where)
-    wait_for(lambda: ready)
+    wait_for(held.asked.is_set)
     for _ in range(5):
         os.kill(run.pid, number)
     os.kill(run.pid, signal.SIGSTOP)
     os.kill(run.pid, signal.SIGCONT)
-    ready.append(True)
+    held.go.set()
     assert run.wait().status == 0
 
 
@@ -575,23 +543,16 @@ __attribute__((constructor)) static void handle(void)
 
 
 def test_a_wait_that_a_signal_interrupts_goes_on(home):
-    def play(talk):
-        talk.read_some()
-        asked.append(True)
-        wait_for(lambda: len(asked) > 1)
-        talk.send(reply(b"EXITSTATUS=0"))
-        talk.read_to_end()
-
-    asked = []
-    server = home.server(play)
+    held = HeldAnswer(reply_with(b"EXITSTATUS=0"))
+    server = home.server(held)
     handler = preload.build("handler", HANDLER)
     run = home.start("-sr", "X", "-a", server.where, "-t", "0",
                      env=preload.environment(home, handler))
-    wait_for(lambda: asked)
+    wait_for(held.asked.is_set)
     for _ in range(5):
-        wait_for(lambda: run.pid in harness.children(os.getpid(), "S"))
+        wait_for(lambda: run.pid in children(os.getpid(), "S"))
         os.kill(run.pid, signal.SIGUSR1)
-    asked.append(True)
+    held.go.set()
     result = run.wait()
     assert result.status == 0
     assert not [m for m in result.messages if m.startswith("system: ")]
@@ -603,7 +564,7 @@ def test_interrupted_waits_do_not_put_the_time_limit_off(home):
     run = home.start("-sr", "X", "-a", server.where, "-t", "2",
                      env=preload.environment(home, handler))
     wait_for(lambda: server.conversations)
-    end = time.monotonic() + harness.BOUND
+    end = time.monotonic() + BOUND
     while run.running() and time.monotonic() < end:
         os.kill(run.pid, signal.SIGUSR1)
         time.sleep(0.1)
@@ -638,11 +599,10 @@ def test_broadcast_goes_to_the_common_port_whatever_the_address_says(home):
     result = home.run("-s", "X", "-ab", f"127.255.255.255:{other.port}",
                       "-p", receiver.port)
     assert result.status == 0
-    assert receiver.receive() == HEADER + b" MSG_EXECUTE X"
+    assert receiver.receive() == EXECUTE + b"X"
     assert other.nothing_waits()
 
 
-@harness.needs_private_network
 @pytest.mark.parametrize("option, kind, address", [
     ("-a", "SOCK_STREAM", "127.0.0.1"),
     ("-ab", "SOCK_DGRAM", "127.255.255.255"),
@@ -652,7 +612,7 @@ def test_default_port_is_6003(home, option, kind, address):
     result = home.run("-s", "X", option, address, prefix=prefix)
     assert result.status == 0
     assert (home.dir / "request").read_bytes() == \
-        HEADER + b" MSG_EXECUTE X"
+        EXECUTE + b"X"
 
 
 def test_broadcast_and_listeners_together(home):
@@ -660,14 +620,14 @@ def test_broadcast_and_listeners_together(home):
     receiver = home.udp_receiver()
     result = home.run("-s", "X", "-ab", "127.255.255.255", "-a",
                       server.where, "-p", receiver.port)
-    assert receiver.receive() == HEADER + b" MSG_EXECUTE X"
-    assert server.only() == HEADER + b" MSG_EXECUTE X"
+    assert receiver.receive() == EXECUTE + b"X"
+    assert server.only() == EXECUTE + b"X"
     assert result.status == 0
 
 
 def test_longest_broadcast_is_sent_whole(home):
     receiver = home.udp_receiver()
-    head = HEADER + b" MSG_EXECUTE "
+    head = EXECUTE
     word = b"x" * (1471 - len(head) - 1) + b"y"
     result = home.run("-s", word, "-ab", "127.255.255.255", "-p",
                       receiver.port)
@@ -678,7 +638,7 @@ def test_longest_broadcast_is_sent_whole(home):
 @pytest.mark.parametrize("length", [1472, 1473, 2000, 5000])
 def test_too_long_a_broadcast_is_refused_not_cut(home, length):
     receiver = home.udp_receiver()
-    word = "x" * (length - len(HEADER + b" MSG_EXECUTE "))
+    word = "x" * (length - len(EXECUTE))
     result = home.run("-s", word, "-ab", "127.255.255.255", "-p",
                       receiver.port)
     assert result.messages == [message(758),
@@ -693,7 +653,7 @@ def test_too_long_for_a_broadcast_still_goes_to_a_listener(home):
     server = home.server(reader)
     result = home.run("-s", "x" * 2000, "-ab", "127.255.255.255", "-a",
                       server.where, "-p", receiver.port)
-    assert server.only() == HEADER + b" MSG_EXECUTE " + b"x" * 2000
+    assert server.only() == EXECUTE + b"x" * 2000
     assert result.status == 1
 
 
@@ -701,9 +661,9 @@ def test_too_long_for_a_broadcast_still_goes_to_a_listener(home):
 
 
 @pytest.mark.parametrize("option, status", [("-s", 0), ("-sr", 130)])
-def test_without_a_message_database_it_says_so_and_goes_on(home, option,
-                                                          status):
-    server = home.server(replier(reply(b"EXITSTATUS=3")))
+def test_without_a_message_database_it_says_so_and_goes_on(
+        home, option, status):
+    server = home.server(replier(reply_with(b"EXITSTATUS=3")))
     result = home.run(option, "X", "-a", server.where, cwd=home.dir)
     assert result.err == \
         "tolva: error initializing messages database messages.dat\n"
@@ -765,14 +725,13 @@ def test_more_listeners_than_the_descriptor_budget(home):
     assert result.messages.count(message(787, HOST)) == 256
     assert message(753, HOST) not in result.messages
     assert [t.received for t in server.wait_finished(256)] == \
-        [HEADER + b" MSG_EXECUTE X"] * 256
+        [EXECUTE + b"X"] * 256
     assert len(server.conversations) == 256
     assert result.status == 1
 
 
-@pytest.mark.skipif(bool(harness.WRAPPER),
-                    reason="valgrind keeps descriptors for itself")
 def test_more_listeners_than_the_system_allows_descriptors(home):
+    skip_when_wrapped("valgrind keeps descriptors for itself")
     server = home.server(reader, backlog=64)
     result = home.run("-s", "X", *(["-a", server.where] * 30),
                       limits="16:16")
@@ -780,14 +739,13 @@ def test_more_listeners_than_the_system_allows_descriptors(home):
     assert 8 <= served <= 13
     assert result.messages.count("system: Too many open files") == 30 - served
     assert [t.received for t in server.wait_finished(served)] == \
-        [HEADER + b" MSG_EXECUTE X"] * served
+        [EXECUTE + b"X"] * served
     assert result.status == 1
 
 
-@pytest.mark.skipif(bool(harness.WRAPPER),
-                    reason="valgrind keeps descriptors for itself")
 @pytest.mark.parametrize("option", ["-a", "-ab"])
 def test_a_single_descriptor_left(home, option):
+    skip_when_wrapped("valgrind keeps descriptors for itself")
     # One is what the loader needs, so none at all cannot be had.
     server = home.server(reader)
     receiver = home.udp_receiver(HOST)
@@ -798,7 +756,7 @@ def test_a_single_descriptor_left(home, option):
     assert result.messages.count(message(787, HOST)) == 1
     assert result.status == 1
     request = server.only() if option == "-a" else receiver.receive()
-    assert request == HEADER + b" MSG_EXECUTE X"
+    assert request == EXECUTE + b"X"
     assert receiver.nothing_waits()
 
 
@@ -806,7 +764,7 @@ def test_a_single_descriptor_left(home, option):
 
 
 def test_trace_of_a_request_for_a_status(home):
-    server = home.server(replier(reply(b"EXITSTATUS=200")))
+    server = home.server(replier(reply_with(b"EXITSTATUS=200")))
     result = home.run("-sr", "X", "-a", server.where, "-d", "1")
     assert result.status == 200
     lines = result.out.splitlines()
@@ -821,7 +779,7 @@ def test_trace_of_a_request_for_a_status(home):
 
 
 def test_trace_of_function_entries_in_send_mode(home):
-    server = home.server(replier(reply(b"EXITSTATUS=200")))
+    server = home.server(replier(reply_with(b"EXITSTATUS=200")))
     result = home.run("-sr", "X", "-a", server.where, "-d", "6")
     entries = [line for line in result.out.splitlines()
                if line.startswith("TRACEIN: ")]

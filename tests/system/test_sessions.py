@@ -7,32 +7,17 @@ import socket
 
 import pytest
 
-import harness
 from fakeclock import FakeClock, settle
-from harness import HEADER, message, wait_for
+from harness import message
+from home import gate
+from peers import read_to_end, reset
+from processes import sockets_of
+from waiting import BOUND, wait_for
+from wire import EXECUTE, HEADER, LOG_TEXT, REPLY_HEADER, STATUS
 
 HOST = "127.0.0.1"
-EXECUTE = HEADER + b" MSG_EXECUTE "
-STATUS = HEADER + b" MSG_EXECSTATUS "
 TIMED_OUT = "error: " + os.strerror(errno.ETIMEDOUT)
 RESET = "system: " + os.strerror(errno.ECONNRESET)
-
-
-def sockets_of(listener):
-    return [target for target in harness.open_fds(listener.pid).values()
-            if target.startswith("socket:")]
-
-
-def wait_sessions(listener, count, listeners=1):
-    """Waits until so many sessions are open."""
-    wait_for(lambda: len(sockets_of(listener)) == count + listeners,
-             what=f"{count} open sessions")
-
-
-def new_messages(listener, marker):
-    """What was logged behind the marker's line."""
-    seen = listener.messages()
-    return seen[seen.index(marker) + 1:]
 
 
 def shutdown_lines(home):
@@ -56,7 +41,7 @@ def scripts(home):
 @pytest.mark.parametrize("source", ["127.0.0.1", "127.0.0.2", "127.9.9.9"])
 def test_an_empty_list_admits_everybody(home, source):
     listener = home.listener()
-    assert listener.request(EXECUTE + b"LOG_TEXT hello", source) == b""
+    assert listener.request(LOG_TEXT + b"hello", source) == b""
     listener.wait_message("hello")
     listener.stop()
     assert message(835, source) not in listener.messages()
@@ -65,14 +50,14 @@ def test_an_empty_list_admits_everybody(home, source):
 def test_a_peer_that_is_not_on_the_list_is_closed_without_a_word(scripts):
     listener = scripts.listener(config={"AllowedAddresses": "127.0.0.2"})
     with listener.connect("127.0.0.3") as conn:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message(message(835, "127.0.0.3"))
     # Also when the request is there at once.
     with listener.connect("127.0.0.1") as conn:
         conn.sendall(HEADER)
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message(message(835, "127.0.0.1"))
-    wait_sessions(listener, 0, 2)
+    listener.wait_sessions(0, 2)
     listener.stop()
     assert listener.messages() == [
         message(756), message(821), message(835, "127.0.0.3"),
@@ -95,7 +80,7 @@ def test_a_peer_that_is_not_on_the_list_is_closed_without_a_word(scripts):
 def test_addresses_are_compared_as_a_whole_and_without_ports(
         home, listed, source, admitted):
     listener = home.listener(config={"AllowedAddresses": listed})
-    assert listener.request(EXECUTE + b"LOG_TEXT hello", source) == b""
+    assert listener.request(LOG_TEXT + b"hello", source) == b""
     listener.wait_message("hello" if admitted else message(835, source))
     listener.stop()
     assert ("hello" in listener.messages()) == admitted
@@ -108,7 +93,7 @@ def test_a_datagram_from_a_stranger_is_refused(scripts):
     listener.wait_message(message(835, "127.0.0.3"))
     listener.datagram(b"no command", "127.0.0.3")
     listener.wait_message(message(835, "127.0.0.3"), 2)
-    listener.datagram(EXECUTE + b"LOG_TEXT mine", "127.0.0.2")
+    listener.datagram(LOG_TEXT + b"mine", "127.0.0.2")
     listener.wait_message("mine")
     listener.stop()
     assert listener.messages() == [
@@ -137,7 +122,7 @@ REQUESTS = {
     "a byte in front": (b" " + HEADER, [message(819)]),
     "a NUL in front": (b"\0" + HEADER, [message(819)]),
     "a NUL inside": (HEADER[:9] + b"\0" + HEADER[10:], [message(819)]),
-    "the header of a reply": (harness.REPLY_HEADER, [message(819)]),
+    "the header of a reply": (REPLY_HEADER, [message(819)]),
     "a web browser": (b"GET / HTTP/1.0\r\n\r\n", [message(819)]),
     "8-bit garbage": (bytes(range(128, 256)), [message(819)]),
     "8-bit header": (HEADER.replace(b"O", b"\xd6"), [message(819)]),
@@ -165,7 +150,7 @@ REQUESTS = {
     "a longer word": (EXECUTE + b"LOG_TEXTS x", [message(820)]),
     "a shorter word": (EXECUTE + b"LOG x", [message(820)]),
     "a word ended by a newline": (EXECUTE + b"LOG_TEXT\nx", [message(820)]),
-    "a log text": (EXECUTE + b"LOG_TEXT hello world", ["hello world"]),
+    "a log text": (LOG_TEXT + b"hello world", ["hello world"]),
     "verb and word in lower case": (
         HEADER + b" msg_execute log_text Hello", ["Hello"]),
     "any separator behind the header": (
@@ -176,9 +161,9 @@ REQUESTS = {
     "runs of blanks": (
         HEADER + b"   MSG_EXECUTE \t LOG_TEXT  \t hello  world \t ",
         ["hello  world"]),
-    "a NUL behind the text": (EXECUTE + b"LOG_TEXT hello\0world",
+    "a NUL behind the text": (LOG_TEXT + b"hello\0world",
                               ["hello"]),
-    "8-bit text": (EXECUTE + b"LOG_TEXT gr\xfc\xdfe \xff\x80\xa0",
+    "8-bit text": (LOG_TEXT + b"gr\xfc\xdfe \xff\x80\xa0",
                    ["gr\xfc\xdfe \xff\x80\xa0"]),
     "a status is asked for": (STATUS + b"LOG_TEXT hello", ["hello"]),
 }
@@ -218,7 +203,7 @@ def test_what_a_datagram_is_taken_for(scripts, name):
 
 def test_the_whole_text_is_logged_with_its_line_end(home):
     listener = home.listener()
-    listener.request(EXECUTE + b"LOG_TEXT hello\n")
+    listener.request(LOG_TEXT + b"hello\n")
     listener.wait_message("hello")
     assert home.log_text().endswith("]: hello\n\n")
     listener.stop()
@@ -254,7 +239,7 @@ def test_a_lot_of_anything_does_no_harm(home, size, udp):
     else:
         listener.request(data)
     listener.wait_message(message(819))
-    listener.request(EXECUTE + b"LOG_TEXT afterwards")
+    listener.request(LOG_TEXT + b"afterwards")
     listener.wait_message("afterwards")
     assert listener.messages().count(message(819)) == 1
     listener.stop()
@@ -264,17 +249,17 @@ def test_what_comes_in_a_later_segment_is_not_read(scripts):
     listener = scripts.listener()
     with listener.connect() as conn:
         conn.sendall(HEADER[:10])
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
         conn.close()
     with listener.connect() as conn:
-        conn.sendall(EXECUTE + b"LOG_TEXT first")
+        conn.sendall(LOG_TEXT + b"first")
         listener.wait_message("first")
         # The listener has closed: this is answered by a reset at most.
         try:
-            conn.sendall(EXECUTE + b"LOG_TEXT second")
+            conn.sendall(LOG_TEXT + b"second")
         except (BrokenPipeError, ConnectionResetError):
             pass
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     with listener.connect() as conn:
         conn.sendall(HEADER)
         listener.wait_message(message(795), 3)
@@ -291,17 +276,17 @@ def test_what_comes_in_a_later_segment_is_not_read(scripts):
 
 def test_further_commands_while_the_script_runs_are_not_read(scripts):
     scripts.script("tolva_message.sh",
-                   'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done')
+                   gate())
     listener = scripts.listener()
     with listener.connect() as conn:
         conn.sendall(STATUS + b"MSG_TEXT first")
         listener.wait_message(message(
             792, f"{scripts.path('tolva_message.sh')} first"))
-        conn.sendall(EXECUTE + b"LOG_TEXT second")
+        conn.sendall(LOG_TEXT + b"second")
         settle(listener)
         scripts.write("go", "")
         # The unread bytes may turn the end into a reset.
-        harness.read_to_end(conn)
+        read_to_end(conn)
     listener.wait_message(message(
         794, f"{scripts.path('tolva_message.sh')} first"))
     listener.stop()
@@ -311,8 +296,8 @@ def test_further_commands_while_the_script_runs_are_not_read(scripts):
 
 def test_two_requests_in_one_segment_are_one(home):
     listener = home.listener()
-    listener.request(EXECUTE + b"LOG_TEXT one" + EXECUTE + b"LOG_TEXT two")
-    text = "one" + (EXECUTE + b"LOG_TEXT two").decode()
+    listener.request(LOG_TEXT + b"one" + LOG_TEXT + b"two")
+    text = "one" + (LOG_TEXT + b"two").decode()
     listener.wait_message(text)
     listener.stop()
 
@@ -326,9 +311,9 @@ def test_a_peer_that_closes_without_a_word(home):
     listener.wait_message(message(796))
     with listener.connect() as conn:
         conn.shutdown(socket.SHUT_WR)
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message(message(796), 2)
-    wait_sessions(listener, 0)
+    listener.wait_sessions(0)
     listener.stop()
     assert listener.messages() == [
         message(756), message(796), message(796), message(757)]
@@ -337,10 +322,10 @@ def test_a_peer_that_closes_without_a_word(home):
 def test_a_peer_that_resets(home):
     listener = home.listener()
     conn = listener.connect()
-    wait_sessions(listener, 1)
-    harness.reset(conn)
+    listener.wait_sessions(1)
+    reset(conn)
     listener.wait_message(message(796))
-    wait_sessions(listener, 0)
+    listener.wait_sessions(0)
     listener.stop()
     assert listener.messages() == [
         message(756), RESET, message(796), message(757)]
@@ -364,13 +349,13 @@ def test_an_empty_datagram(home):
     HEADER, EXECUTE + b"SHUTDOWN now", EXECUTE + b"MSG_TEXT x"])
 def test_without_a_wanted_reply_the_session_ends_at_once(home, data):
     for name in ("shutdown", "message"):
-        home.script(f"tolva_{name}.sh", 'touch "$TOLVAHOME/started"\n'
-                    'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done')
+        home.script(f"tolva_{name}.sh",
+                    f'touch "$TOLVAHOME/started"\n{gate()}')
     listener = home.listener()
     # The end is seen although the script is still running.
     assert listener.request(data) == b""
     wait_for(lambda: home.path("started").exists())
-    assert len(sockets_of(listener)) == 1
+    assert len(sockets_of(listener.pid)) == 1
     assert not [m for m in listener.messages() if m.startswith("[794]")]
     home.write("go", "")
     wait_for(lambda: [m for m in listener.messages()
@@ -379,8 +364,7 @@ def test_without_a_wanted_reply_the_session_ends_at_once(home, data):
 
 
 def test_with_a_wanted_reply_the_session_waits_for_the_script(home):
-    home.script("tolva_execute.sh", 'touch "$TOLVAHOME/started"\n'
-                'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done')
+    home.script("tolva_execute.sh", f'touch "$TOLVAHOME/started"\n{gate()}')
     listener = home.listener()
     with listener.connect() as conn:
         conn.sendall(STATUS + b"EXECUTE")
@@ -388,10 +372,10 @@ def test_with_a_wanted_reply_the_session_waits_for_the_script(home):
         conn.setblocking(False)
         with pytest.raises(BlockingIOError):
             conn.recv(1)
-        conn.settimeout(harness.BOUND)
+        conn.settimeout(BOUND)
         home.write("go", "")
-        assert harness.read_to_end(conn).startswith(harness.REPLY_HEADER)
-    wait_sessions(listener, 0)
+        assert read_to_end(conn).startswith(REPLY_HEADER)
+    listener.wait_sessions(0)
     listener.stop()
 
 
@@ -419,12 +403,12 @@ def test_a_silent_client_is_closed_when_its_time_is_up(home):
     clock = FakeClock(home)
     listener = home.listener(env=clock.env, config={"ListenTimeout": 7})
     with listener.connect() as conn:
-        wait_sessions(listener, 1)
+        listener.wait_sessions(1)
         clock.advance(listener, 6)
-        assert len(sockets_of(listener)) == 2
+        assert len(sockets_of(listener.pid)) == 2
         clock.advance(listener, 1)
-        assert harness.read_to_end(conn) == b""
-    wait_sessions(listener, 0)
+        assert read_to_end(conn) == b""
+    listener.wait_sessions(0)
     listener.stop()
     assert listener.messages() == [message(756), TIMED_OUT, message(757)]
 
@@ -433,18 +417,18 @@ def test_the_time_out_is_ten_seconds_by_default(home):
     clock = FakeClock(home)
     listener = home.listener(env=clock.env)
     with listener.connect() as conn:
-        wait_sessions(listener, 1)
+        listener.wait_sessions(1)
         clock.advance(listener, 9)
-        assert len(sockets_of(listener)) == 2
+        assert len(sockets_of(listener.pid)) == 2
         clock.advance(listener, 1)
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.stop()
 
 
 def test_the_time_out_comes_by_itself(home):
     listener = home.listener(config={"ListenTimeout": 1})
     with listener.connect() as conn:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.wait_message(TIMED_OUT)
     listener.stop()
 
@@ -454,14 +438,14 @@ def test_clients_that_time_out_together_do_not_end_the_listener(home, count):
     clock = FakeClock(home)
     listener = home.listener(env=clock.env)
     conns = [listener.connect() for _ in range(count)]
-    wait_sessions(listener, count)
+    listener.wait_sessions(count)
     clock.advance(listener, 10)
     for conn in conns:
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
         conn.close()
-    listener.request(EXECUTE + b"LOG_TEXT still here")
+    listener.request(LOG_TEXT + b"still here")
     listener.wait_message("still here")
-    wait_sessions(listener, 0)
+    listener.wait_sessions(0)
     listener.stop()
     assert listener.messages().count(TIMED_OUT) == count
     assert not [m for m in listener.messages() if m.startswith("system:")]
@@ -477,19 +461,19 @@ def test_each_client_has_its_own_time(home):
         return int(lines[-1].split()[-1])
 
     with listener.connect() as first:
-        wait_sessions(listener, 1)
+        listener.wait_sessions(1)
         wait_for(lambda: last_timeout() == 10)
         clock.advance(listener, 4, lambda: last_timeout() == 6)
         with listener.connect() as second:
-            wait_sessions(listener, 2)
+            listener.wait_sessions(2)
             settle(listener)
             # The first one decides.
             assert last_timeout() == 6
             clock.advance(listener, 6, lambda: last_timeout() == 4)
-            assert harness.read_to_end(first) == b""
-            assert len(sockets_of(listener)) == 2
+            assert read_to_end(first) == b""
+            assert len(sockets_of(listener.pid)) == 2
             clock.advance(listener, 4, lambda: last_timeout() == -1)
-            assert harness.read_to_end(second) == b""
+            assert read_to_end(second) == b""
     listener.stop()
     assert listener.messages().count(TIMED_OUT) == 2
 
@@ -498,12 +482,12 @@ def test_nobody_waits_longer_because_the_clock_was_set_back(home):
     clock = FakeClock(home)
     listener = home.listener(env=clock.env)
     with listener.connect() as conn:
-        wait_sessions(listener, 1)
+        listener.wait_sessions(1)
         clock.advance(listener, -3600)
         clock.advance(listener, 9)
-        assert len(sockets_of(listener)) == 2
+        assert len(sockets_of(listener.pid)) == 2
         clock.advance(listener, 1)
-        assert harness.read_to_end(conn) == b""
+        assert read_to_end(conn) == b""
     listener.stop()
     assert listener.messages().count(TIMED_OUT) == 1
 
@@ -513,11 +497,11 @@ def test_time_out_zero_is_none(home):
     listener = home.listener(env=clock.env, level=1,
                              config={"ListenTimeout": 0})
     with listener.connect() as conn:
-        wait_sessions(listener, 1)
+        listener.wait_sessions(1)
         clock.advance(listener, 1000000)
-        assert len(sockets_of(listener)) == 2
-        conn.sendall(EXECUTE + b"LOG_TEXT at last")
-        assert harness.read_to_end(conn) == b""
+        assert len(sockets_of(listener.pid)) == 2
+        conn.sendall(LOG_TEXT + b"at last")
+        assert read_to_end(conn) == b""
     listener.wait_message("at last")
     listener.stop()
     timeouts = {line for line in listener.out.splitlines()
@@ -527,8 +511,8 @@ def test_time_out_zero_is_none(home):
 
 
 def test_a_client_whose_script_runs_never_times_out(home):
-    home.script("tolva_execute.sh", 'touch "$TOLVAHOME/started"\n'
-                'while [ ! -e "$TOLVAHOME/go" ]; do sleep 0.01; done; exit 5')
+    home.script("tolva_execute.sh",
+                f'touch "$TOLVAHOME/started"\n{gate()}; exit 5')
     clock = FakeClock(home)
     listener = home.listener(env=clock.env)
     with listener.connect() as conn:
@@ -536,7 +520,7 @@ def test_a_client_whose_script_runs_never_times_out(home):
         wait_for(lambda: home.path("started").exists())
         clock.advance(listener, 100000)
         home.write("go", "")
-        assert harness.read_to_end(conn).endswith(b" EXITSTATUS=5")
+        assert read_to_end(conn).endswith(b" EXITSTATUS=5")
     listener.stop()
     assert TIMED_OUT not in listener.messages()
 
@@ -546,15 +530,15 @@ def test_a_time_out_next_to_work_that_is_ready(home):
     clock = FakeClock(home)
     listener = home.listener(env=clock.env)
     with listener.connect() as silent:
-        wait_sessions(listener, 1)
+        listener.wait_sessions(1)
         os.kill(listener.pid, signal.SIGSTOP)
         clock.set(10)
         with listener.connect() as second:
-            second.sendall(EXECUTE + b"LOG_TEXT served")
+            second.sendall(LOG_TEXT + b"served")
             os.kill(listener.pid, signal.SIGCONT)
             listener.wait_message("served")
-            assert harness.read_to_end(second) == b""
-        assert harness.read_to_end(silent) == b""
-    wait_sessions(listener, 0)
+            assert read_to_end(second) == b""
+        assert read_to_end(silent) == b""
+    listener.wait_sessions(0)
     listener.stop()
     assert listener.messages().count(TIMED_OUT) == 1

@@ -8,9 +8,13 @@ import socket
 
 import pytest
 
-import harness
 import preload
-from harness import HEADER, TOLVA, message, wait_for
+from harness import TOLVA, message, skip_when_wrapped
+from peers import read_to_end
+from ports import free_port, tcp_listens
+from processes import open_fds
+from waiting import wait_for
+from wire import LOG_TEXT, REPLY_HEADER, STATUS, reply_with
 
 HELP = "".join(line + "\n" for line in [
     " tolva may be run in listen-, or send-mode.",
@@ -167,9 +171,8 @@ def test_a_file_that_may_not_be_executed_is_passed_over(home):
     assert debug_home(result.out) == str(home.path("second"))
 
 
-@pytest.mark.skipif(bool(harness.WRAPPER),
-                    reason="a wrapper sets its own program name")
 def test_home_that_cannot_be_found_ends_the_program(home):
+    skip_when_wrapped("a wrapper sets its own program name")
     run = home.start("-v", program="tolva-nowhere", tolvahome=False,
                      env={"PATH": str(home.path("empty"))},
                      executable=str(TOLVA))
@@ -264,10 +267,10 @@ def test_the_option_overrides_the_environment(home):
 
 @pytest.mark.parametrize("value", ["0", "abc", ""])
 def test_level_zero_stays_in_the_foreground_without_trace(home, value):
-    port = harness.free_port()
+    port = free_port()
     home.configure(ListenAddress="127.0.0.1", ListenPort=port)
     run = home.start("-l", env={"TOLVADEBUG": value})
-    wait_for(lambda: harness.tcp_listens(port))
+    wait_for(lambda: tcp_listens(port))
     assert run.running()
     os.kill(run.pid, signal.SIGTERM)
     result = run.wait()
@@ -286,8 +289,6 @@ def test_long_trace_lines_are_cut(home):
 # --- descriptor budget ---
 
 
-@pytest.mark.skipif(bool(harness.WRAPPER),
-                    reason="valgrind keeps descriptors for itself")
 @pytest.mark.parametrize("limits, budget, soft", [
     ("1024:1024", 256, 1024),
     ("256:1024", 256, 256),
@@ -299,6 +300,7 @@ def test_long_trace_lines_are_cut(home):
     ("255:255", 255, 255),
 ])
 def test_descriptor_budget_follows_the_limits(home, limits, budget, soft):
+    skip_when_wrapped("valgrind keeps descriptors for itself")
     listener = home.listener(level=1, limits=limits)
     wait_for(lambda: "DEBUG: calling select() " in listener.out)
     assert re.search(rf"^DEBUG: calling select\(\) maxfd=\d+, "
@@ -314,55 +316,51 @@ def test_descriptor_budget_follows_the_limits(home, limits, budget, soft):
 
 
 def closing(*fds):
+    skip_when_wrapped("valgrind takes closed descriptors for its own report")
+
     def close():
         for fd in fds:
             os.close(fd)
     return close
 
 
-native = pytest.mark.skipif(
-    bool(harness.WRAPPER),
-    reason="valgrind takes closed descriptors for its own report")
 CLOSED = pytest.mark.parametrize(
     "fds", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 1, 2)],
     ids=lambda fds: "closed" + "".join(map(str, fds)))
 
 
-@native
 @CLOSED
 def test_a_request_stays_clean_when_standard_descriptors_are_closed(
         home, fds):
     def play(talk):
         talk.read_some()
-        talk.send(b"CONNECT TO TOLVA (REPLY) COMMAND=x PID=1 EXITSTATUS=3")
+        talk.send(reply_with(b"EXITSTATUS=3"))
         talk.read_to_end()
 
     server = home.server(play)
     run = home.start("-sr", "EXECUTE x", "-a", server.where, "-d", "10",
                      preexec_fn=closing(*fds))
     assert run.wait().status == 130
-    assert server.only() == HEADER + b" MSG_EXECSTATUS EXECUTE x"
+    assert server.only() == STATUS + b"EXECUTE x"
 
 
-@native
 @CLOSED
 def test_a_listener_serves_when_standard_descriptors_are_closed(home, fds):
-    port = harness.free_port()
+    port = free_port()
     home.configure(ListenAddress="127.0.0.1", ListenPort=port)
     home.script("tolva_execute.sh", "echo out; echo err >&2; exit 200")
     run = home.start("-l", "-d", "10", preexec_fn=closing(*fds))
-    wait_for(lambda: harness.tcp_listens(port) or not run.running())
+    wait_for(lambda: tcp_listens(port) or not run.running())
     with socket.create_connection(("127.0.0.1", port), 20) as conn:
-        conn.sendall(HEADER + b" MSG_EXECSTATUS EXECUTE")
-        reply = harness.read_to_end(conn)
+        conn.sendall(STATUS + b"EXECUTE")
+        reply = read_to_end(conn)
     assert re.fullmatch(
-        rb"CONNECT TO TOLVA \(REPLY\) COMMAND=%b PID=\d+ EXITSTATUS=200"
+        re.escape(REPLY_HEADER) + rb" COMMAND=%b PID=\d+ EXITSTATUS=200"
         % re.escape(str(home.path("tolva_execute.sh")).encode()), reply)
     os.kill(run.pid, signal.SIGTERM)
     assert run.wait().status == 0
 
 
-@native
 @CLOSED
 def test_help_and_usage_errors_when_standard_descriptors_are_closed(
         home, fds):
@@ -387,7 +385,7 @@ def test_the_daemon_leaves_its_terminal_and_keeps_its_directory(home):
     assert os.getsid(pid) not in (os.getsid(0), pid)
     assert os.getpgid(pid) == os.getsid(pid)
     assert os.readlink(f"/proc/{pid}/cwd") == str(work)
-    fds = harness.open_fds(pid)
+    fds = open_fds(pid)
     assert [fds[fd] for fd in (0, 1, 2)] == ["/dev/null"] * 3
     listener.stop()
 
@@ -424,7 +422,7 @@ def test_a_listener_that_cannot_detach_serves_and_shows_no_process_id(home):
     listener = home.listener(
         daemon=True, env=preload.environment(
             home, preload.build("bound_to_stay", BOUND_TO_STAY)))
-    listener.request(HEADER + b" MSG_EXECUTE LOG_TEXT served")
+    listener.request(LOG_TEXT + b"served")
     listener.stop()
     assert [(line[2], line[3]) for line in home.log_lines()] == [
         ("00000", message(756)), ("00000", message(795)),
@@ -464,7 +462,7 @@ def test_the_daemon_keeps_the_file_creation_mask(home):
 def test_unusable_settings_end_the_start(home, config, args, text,
                                          foreground):
     home.configure(config, ListenAddress="127.0.0.1",
-                   ListenPort=harness.free_port())
+                   ListenPort=free_port())
     result = home.run("-l", *(["-d"] if foreground else []), *args)
     assert result.err == f"tolva: {text}\n"
     assert result.out == ""
@@ -492,9 +490,9 @@ def test_without_a_message_database_the_listener_says_so_and_serves(home):
 
 
 def test_a_missing_settings_file_means_defaults(home):
-    port = harness.free_port()
+    port = free_port()
     run = home.start("-l", "-d", "-p", f"127.0.0.1:{port}")
-    wait_for(lambda: harness.tcp_listens(port))
+    wait_for(lambda: tcp_listens(port))
     assert not home.path("tolva.cfg").exists()
     os.kill(run.pid, signal.SIGTERM)
     assert run.wait().status == 0

@@ -8,11 +8,11 @@ import sys
 
 import pytest
 
-import harness
-from harness import HEADER, message, needs_private_network, wait_for
-
-STATUS = HEADER + b" MSG_EXECSTATUS "
-LOGGED = b"CONNECT TO TOLVA (REPLY) COMMAND= PID=0 EXITSTATUS=0"
+from harness import TOLVA, message
+from namespaces import private_network
+from peers import read_to_end
+from ports import free_port
+from wire import HEADER, LOGGED, NOT_LOGGED, STATUS
 
 
 def prefix(code):
@@ -51,7 +51,7 @@ def test_a_limit_on_file_sizes_loses_log_lines_and_nothing_else(home):
     text = b"LOG_TEXT " + b"x" * 400
     replies = [listener.request(STATUS + text) for _ in range(8)]
     assert replies[0] == LOGGED
-    assert replies[-1] == LOGGED[:-1] + b"1"
+    assert replies[-1] == NOT_LOGGED
     assert listener.request(STATUS + b"EXECUTE").endswith(b"EXITSTATUS=7")
     listener.stop()
     assert os.path.getsize(home.path("tolva.log")) <= 2048
@@ -65,7 +65,7 @@ def test_a_command_is_sent_although_nobody_reads_what_is_said(home, level):
     os.close(read_end)
     environment = home.environment({"TOLVADEBUG": level} if level else None)
     done = subprocess.run(
-        [str(harness.TOLVA), "-sr", "EXECUTE", "-a", listener.where],
+        [str(TOLVA), "-sr", "EXECUTE", "-a", listener.where],
         env=environment, cwd=home.dir, stdout=write_end,
         stderr=subprocess.DEVNULL, timeout=60)
     os.close(write_end)
@@ -85,27 +85,22 @@ def test_a_client_that_could_not_be_watched_waits_in_the_backlog(home):
         "for fd in range(3, 1021):\n"
         "    os.dup2(0, fd)"))
     silent = [listener.connect() for _ in range(2)]
-    wait_for(lambda: socket_count(listener) == 3, what="two are accepted")
+    listener.wait_sessions(2)
     waiting = listener.connect()
     waiting.sendall(STATUS + b"LOG_TEXT later")
     listener.wait_message("system: Too many open files")
     for conn in silent:
         conn.close()
-    assert harness.read_to_end(waiting) == LOGGED
+    assert read_to_end(waiting) == LOGGED
     waiting.close()
     listener.stop()
-
-
-def socket_count(listener):
-    return sum(target.startswith("socket:")
-               for target in harness.open_fds(listener.pid).values())
 
 
 # A packet with headers of its own making, from 0.0.0.0 to everybody.
 FORGED = r"""
 import socket, struct, sys
 port = int(sys.argv[1])
-data = b"CONNECT TO TOLVA (SEND)"
+data = HEADER
 udp = struct.pack("!4H", 4711, port, 8 + len(data), 0) + data
 ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(udp), 0, 0, 64, 17, 0,
                  bytes(4), b"\xff" * 4)
@@ -116,7 +111,7 @@ frame = b"\xff" * 6 + bytes(6) + b"\x08\x00" + ip + udp
 with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as raw:
     raw.bind((sys.argv[2], 0))
     raw.send(frame)
-"""
+""".replace("HEADER", repr(HEADER))
 
 # Two ends of a wire in one network: what is sent on one is received on the
 # other.
@@ -138,9 +133,8 @@ wait $pid
 """
 
 
-@needs_private_network
 def test_a_datagram_from_nowhere_is_refused_and_ends_nothing(home):
-    port = harness.free_port()
+    port = free_port()
     home.configure({"ListenPort": port, "AllowedAddresses": "127.0.0.1"})
     home.messages()
     forged = home.dir / "forged.py"
@@ -149,7 +143,7 @@ def test_a_datagram_from_nowhere_is_refused_and_ends_nothing(home):
         "-l", "-d", "0",
         env={"LOG": str(home.path("tolva.log")), "PYTHON": sys.executable,
              "FORGED": str(forged), "PORT": str(port)},
-        prefix=[*harness.PRIVATE_NETWORK, "sh", "-c", WIRED, "sh"])
+        prefix=[*private_network(), "sh", "-c", WIRED, "sh"])
     assert run.wait().status == 0
     refused = message(835, "0.0.0.0")
     assert refused in home.log_messages()

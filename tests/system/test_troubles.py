@@ -7,12 +7,13 @@ import shutil
 
 import pytest
 
-import harness
-from harness import wait_for
+from harness import ROOT
+from ports import free_port, tcp_listens
+from waiting import wait_for
 
-README = (harness.ROOT / "README.md").read_text()
+README = (ROOT / "README.md").read_text()
 TROUBLES = README.partition("## When it does not work")[2]
-SHARE = harness.ROOT / "share"
+SHARE = ROOT / "share"
 HOST = "127.0.0.1"
 
 
@@ -31,10 +32,10 @@ def shipped(home):
 
 def listen(home, *args, settings=""):
     """A listener in the foreground, with settings behind the shipped ones."""
-    port = harness.free_port()
+    port = free_port()
     home.write("tolva.cfg", (SHARE / "tolva.cfg").read_text() + settings)
     run = home.start("-l", "-d", "-p", port, *args)
-    wait_for(lambda: harness.tcp_listens(port) or not run.running(),
+    wait_for(lambda: tcp_listens(port) or not run.running(),
              what="it listens, or has ended")
     return run, f"{HOST}:{port}"
 
@@ -47,7 +48,7 @@ def told(text):
 
 def test_first_columns_are_texts_of_the_program():
     known = "".join(path.read_text() for path in
-                    (harness.ROOT / "src").rglob("*.cpp"))
+                    (ROOT / "src").rglob("*.cpp"))
     known += (SHARE / "messages.dat").read_text()
     system = {os.strerror(number) for number in range(1, 132)}
     seen = [code for row in re.findall(r"^\| ([^|]*) \|", TROUBLES, re.M)
@@ -65,7 +66,7 @@ def test_first_columns_are_texts_of_the_program():
 
 def test_wrong_port(shipped):
     sent = shipped.run("-sr", "EXECUTE x", "-a",
-                       f"{HOST}:{harness.free_port()}")
+                       f"{HOST}:{free_port()}")
     assert sent.status == 1
     assert told("system: Connection refused") in sent.messages
     assert any(text.startswith(told("could not send the command to"))

@@ -6,9 +6,7 @@ plays good() to the first client, silent() to the second and to all further
 ones.  Several servers on one port have addresses of their own.
 """
 
-import threading
-
-import harness
+from peers import HeldAnswer
 
 LOGON = 22  # bytes, with the NUL
 LOGOFF = 23
@@ -68,17 +66,8 @@ def answers(data, last=b""):
     return play
 
 
-class Held:
+class Held(HeldAnswer):
     """A server that answers when the test says so."""
 
     def __init__(self, answer=b"0|0"):
-        self.answer = answer
-        self.logged_on = threading.Event()
-        self.go = threading.Event()
-
-    def __call__(self, talk):
-        talk.read_exactly(LOGON)
-        self.logged_on.set()
-        assert self.go.wait(3 * harness.BOUND)
-        talk.send(self.answer)
-        talk.read_to_end()
+        super().__init__(answer, LOGON)
