@@ -1,20 +1,15 @@
-"""Start-up: environment, home directory, descriptors, help, detaching."""
+"""Start-up: help, the home directory, the search path and the trace."""
 
 import os
 import re
 import shutil
 import signal
-import socket
 
 import pytest
 
-import preload
-from harness import TOLVA, message, skip_when_wrapped
-from peers import read_to_end
+from harness import TOLVA, skip_when_wrapped
 from ports import free_port, tcp_listens
-from processes import open_fds
 from waiting import wait_for
-from wire import LOG_TEXT, REPLY_HEADER, STATUS, reply_with
 
 HELP = "".join(line + "\n" for line in [
     " tolva may be run in listen-, or send-mode.",
@@ -73,7 +68,7 @@ def copy_executable(to):
     return to
 
 
-# --- help and version ---
+# --- help and version -------------------------------------------------------
 
 
 @pytest.mark.parametrize("args", [
@@ -103,7 +98,7 @@ def test_help_names_the_product_whatever_the_program_is_called(home):
     assert BANNER.match(home.run("-v", program=str(link)).out)
 
 
-# --- home directory ---
+# --- home directory ---------------------------------------------------------
 
 
 @pytest.mark.parametrize("value", ["relative/dir", "", ".", "~", " /tmp"])
@@ -189,7 +184,7 @@ def test_program_name_is_the_base_name_of_the_first_argument(home):
     assert result.err == "any name: missing parameter! (-? for help).\n"
 
 
-# --- search path ---
+# --- search path ------------------------------------------------------------
 
 
 def test_missing_search_path_ends_the_program(home):
@@ -210,7 +205,7 @@ def test_scripts_find_the_home_directory_first(home, path):
     listener.stop()
 
 
-# --- trace level ---
+# --- trace level ------------------------------------------------------------
 
 
 def traced(out, kind):
@@ -284,227 +279,3 @@ def test_long_trace_lines_are_cut(home):
     result = home.run("-v", env={"TOLVAHOME": directory, "TOLVADEBUG": "1"})
     line = f"DEBUG: workdir = >{directory}<\n"[:1023]
     assert result.out.startswith(line + "\ntolva V3.00.0")
-
-
-# --- descriptor budget ---
-
-
-@pytest.mark.parametrize("limits, budget, soft", [
-    ("1024:1024", 256, 1024),
-    ("256:1024", 256, 256),
-    ("257:257", 256, 257),
-    ("255:1024", 256, 256),
-    ("100:1024", 256, 256),
-    ("100:200", 200, 200),
-    ("100:100", 100, 100),
-    ("255:255", 255, 255),
-])
-def test_descriptor_budget_follows_the_limits(home, limits, budget, soft):
-    skip_when_wrapped("valgrind keeps descriptors for itself")
-    listener = home.listener(level=1, limits=limits)
-    wait_for(lambda: "DEBUG: calling select() " in listener.out)
-    assert re.search(rf"^DEBUG: calling select\(\) maxfd=\d+, "
-                     rf"max_fds={budget}, nfds=1\n\n", listener.out, re.M)
-    with open(f"/proc/{listener.pid}/limits") as f:
-        line = next(line for line in f if line.startswith("Max open files"))
-    # Scripts may raise their own limit as far as we were allowed to.
-    assert line.split()[3:5] == [str(soft), limits.partition(":")[2]]
-    listener.stop()
-
-
-# --- closed standard descriptors ---
-
-
-def closing(*fds):
-    skip_when_wrapped("valgrind takes closed descriptors for its own report")
-
-    def close():
-        for fd in fds:
-            os.close(fd)
-    return close
-
-
-CLOSED = pytest.mark.parametrize(
-    "fds", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 1, 2)],
-    ids=lambda fds: "closed" + "".join(map(str, fds)))
-
-
-@CLOSED
-def test_a_request_stays_clean_when_standard_descriptors_are_closed(
-        home, fds):
-    def play(talk):
-        talk.read_some()
-        talk.send(reply_with(b"EXITSTATUS=3"))
-        talk.read_to_end()
-
-    server = home.server(play)
-    run = home.start("-sr", "EXECUTE x", "-a", server.where, "-d", "10",
-                     preexec_fn=closing(*fds))
-    assert run.wait().status == 130
-    assert server.only() == STATUS + b"EXECUTE x"
-
-
-@CLOSED
-def test_a_listener_serves_when_standard_descriptors_are_closed(home, fds):
-    port = free_port()
-    home.configure(ListenAddress="127.0.0.1", ListenPort=port)
-    home.script("tolva_execute.sh", "echo out; echo err >&2; exit 200")
-    run = home.start("-l", "-d", "10", preexec_fn=closing(*fds))
-    wait_for(lambda: tcp_listens(port) or not run.running())
-    with socket.create_connection(("127.0.0.1", port), 20) as conn:
-        conn.sendall(STATUS + b"EXECUTE")
-        reply = read_to_end(conn)
-    assert re.fullmatch(
-        re.escape(REPLY_HEADER) + rb" COMMAND=%b PID=\d+ EXITSTATUS=200"
-        % re.escape(str(home.path("tolva_execute.sh")).encode()), reply)
-    os.kill(run.pid, signal.SIGTERM)
-    assert run.wait().status == 0
-
-
-@CLOSED
-def test_help_and_usage_errors_when_standard_descriptors_are_closed(
-        home, fds):
-    for args, status in ((["-?"], 0), (["-v"], 0), ([], 1), (["-x"], 1)):
-        run = home.start(*args, preexec_fn=closing(*fds))
-        assert run.wait().status == status
-
-
-# --- detaching ---
-
-
-def test_the_daemon_leaves_its_terminal_and_keeps_its_directory(home):
-    home.configure(AllowedAddresses="127.0.0.1")
-    work = home.dir / "work"
-    work.mkdir()
-    listener = home.listener(daemon=True, cwd=work)
-    assert listener.run.wait().status == 0
-    assert listener.out == ""
-    assert listener.err == ""
-    pid = listener.pid
-    assert pid != listener.run.pid
-    assert os.getsid(pid) not in (os.getsid(0), pid)
-    assert os.getpgid(pid) == os.getsid(pid)
-    assert os.readlink(f"/proc/{pid}/cwd") == str(work)
-    fds = open_fds(pid)
-    assert [fds[fd] for fd in (0, 1, 2)] == ["/dev/null"] * 3
-    listener.stop()
-
-
-def test_log_lines_show_the_daemons_own_process_id(home):
-    listener = home.listener(daemon=True)
-    listener.stop()
-    assert [(line[2], line[3]) for line in home.log_lines()] == [
-        (f"{listener.pid:05d}", message(756)),
-        (f"{listener.pid:05d}", message(757))]
-
-
-def test_log_lines_of_a_foreground_listener_show_no_process_id(home):
-    listener = home.listener()
-    listener.stop()
-    assert [(line[2], line[3]) for line in home.log_lines()] == [
-        ("00000", message(756)), ("00000", message(757))]
-
-
-# A daemon that cannot leave its session.
-BOUND_TO_STAY = r"""
-#include <errno.h>
-#include <unistd.h>
-
-pid_t setsid(void)
-{
-    errno = EPERM;
-    return -1;
-}
-"""
-
-
-def test_a_listener_that_cannot_detach_serves_and_shows_no_process_id(home):
-    listener = home.listener(
-        daemon=True, env=preload.environment(
-            home, preload.build("bound_to_stay", BOUND_TO_STAY)))
-    listener.request(LOG_TEXT + b"served")
-    listener.stop()
-    assert [(line[2], line[3]) for line in home.log_lines()] == [
-        ("00000", message(756)), ("00000", message(795)),
-        ("00000", "served"), ("00000", message(757))]
-
-
-def test_the_daemon_keeps_the_file_creation_mask(home):
-    home.script("tolva_execute.sh", 'umask > "$TOLVAHOME/mask"')
-    listener = home.listener(daemon=True,
-                             config={"LogfileEnabled": "false"},
-                             args=[])
-    home.run("-sr", "EXECUTE", "-a", listener.where)
-    mask = os.umask(0)
-    os.umask(mask)
-    assert int(home.read("mask"), 8) == mask
-    listener.stop()
-
-
-# --- errors of listen mode's initialisation are seen on the terminal ---
-
-
-@pytest.mark.parametrize("config, args, text", [
-    ({}, ["-c", "/no/such.cfg"], "error reading configfile /no/such.cfg"),
-    ({}, ["-cx", "nosuch.cfg"], "error reading configfile nosuch.cfg"),
-    ({}, ["-a", "127.0.0.1", "-bs", ""],
-     "missing parameter: -bs <file> (-? for help)."),
-    ({"AllowedAddresses": "127.0.0.1"}, ["-bs", ""],
-     "missing parameter: -bs <file> (-? for help)."),
-    ({"AliveEnabled": "true", "AliveAddresses": "127.0.0.1"}, ["-ba", ""],
-     "missing parameter: -ba <file> (-? for help)."),
-    ({"RedundancyEnabled": "True"}, [],
-     "invalid redundancy configuration (-? for help)."),
-], ids=["no file", "no file, other letter", "no shutdown script, option",
-        "no shutdown script, settings", "no alive script", "redundancy"])
-@pytest.mark.parametrize("foreground", [True, False],
-                         ids=["foreground", "daemon"])
-def test_unusable_settings_end_the_start(home, config, args, text,
-                                         foreground):
-    home.configure(config, ListenAddress="127.0.0.1",
-                   ListenPort=free_port())
-    result = home.run("-l", *(["-d"] if foreground else []), *args)
-    assert result.err == f"tolva: {text}\n"
-    assert result.out == ""
-    assert result.status == 1
-
-
-@pytest.mark.parametrize("config", [
-    {}, {"AliveEnabled": "false", "AliveAddresses": "127.0.0.2"},
-    {"AliveEnabled": "true"}], ids=str)
-def test_a_script_for_dead_servers_is_needed_for_servers_only(home, config):
-    listener = home.listener(args=["-ba", ""], config=config)
-    listener.stop()
-    assert listener.err == ""
-
-
-def test_without_a_message_database_the_listener_says_so_and_serves(home):
-    home.path("messages.dat").unlink()
-    listener = home.listener()
-    home.script("tolva_execute.sh", "exit 0")
-    assert home.run("-sr", "EXECUTE", "-a", listener.where).status == 0
-    listener.stop()
-    assert listener.err == ("tolva: error initializing messages database "
-                            f"[{home.path('messages.dat')}]\n")
-    assert home.log_text() == ""
-
-
-def test_a_missing_settings_file_means_defaults(home):
-    port = free_port()
-    run = home.start("-l", "-d", "-p", f"127.0.0.1:{port}")
-    wait_for(lambda: tcp_listens(port))
-    assert not home.path("tolva.cfg").exists()
-    os.kill(run.pid, signal.SIGTERM)
-    assert run.wait().status == 0
-    assert home.log_messages() == [message(756), message(757)]
-
-
-def test_a_port_in_use_ends_listen_mode(home, make_home):
-    listener = home.listener()
-    other = make_home()
-    other.configure(ListenAddress="127.0.0.1", ListenPort=listener.port)
-    result = other.run("-l", "-d")
-    assert result.err == ""
-    assert other.log_messages() == ["system: Address already in use"]
-    assert result.status != 0
-    listener.stop()

@@ -1,0 +1,75 @@
+"""Nothing is left behind, however a session ends."""
+
+import socket
+
+import pytest
+
+from fakeclock import settle
+from harness import message
+from home import gate
+from peers import read_to_end, reset
+from processes import children, is_idle, open_fds, sockets_of
+from waiting import wait_for
+from wire import EXECUTE, HEADER, LOGGED, STATUS
+
+HOST = "127.0.0.1"
+GATED = f'touch "$TOLVAHOME/on"\n{gate()}; exit 5'
+
+
+def test_hundreds_of_sessions_leave_nothing_behind(home):
+    home.script("tolva_shutdown.sh")
+    home.script("tolva_execute.sh", "exit 3")
+    listener = home.listener(config={"AllowedAddresses": HOST,
+                                     "LogfileSize": 16})
+    before = open_fds(listener.pid)
+    for number in range(60):
+        listener.request(HEADER)
+        listener.request(b"garbage")
+        listener.request(STATUS + b"LOG_TEXT %d" % number)
+        listener.request(EXECUTE + b"EXECUTE")
+        assert listener.request(STATUS + b"EXECUTE").endswith(b"=3")
+        listener.connect().close()
+        listener.connect("127.0.0.2").close()
+        conn = listener.connect()
+        conn.sendall(STATUS + b"EXECUTE")
+        reset(conn)
+        listener.datagram(EXECUTE + b"EXECUTE")
+        listener.datagram(b"")
+    wait_for(lambda: not children(listener.pid))
+    wait_for(lambda: open_fds(listener.pid) == before)
+    assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
+    listener.stop()
+
+
+@pytest.mark.parametrize("ending", ["close", "reset"])
+def test_a_sender_that_does_not_wait_for_its_reply(home, ending):
+    home.script("tolva_execute.sh", GATED)
+    listener = home.listener()
+    conn = listener.connect()
+    conn.sendall(STATUS + b"EXECUTE")
+    wait_for(lambda: home.path("on").exists())
+    if ending == "reset":
+        reset(conn)
+    else:
+        conn.close()
+    # The end of the connection is of no interest while the script runs.
+    settle(listener)
+    assert is_idle(listener.pid, 0.3)
+    home.write("go", "")
+    listener.wait_message(message(793, home.path("tolva_execute.sh")))
+    wait_for(lambda: len(sockets_of(listener.pid)) == 1)
+    assert listener.request(STATUS + b"LOG_TEXT x") == LOGGED
+    listener.stop()
+    assert not [m for m in listener.messages() if m.startswith("system:")]
+
+
+def test_a_sender_that_has_finished_sending_gets_its_reply(home):
+    home.script("tolva_execute.sh", GATED)
+    listener = home.listener()
+    with listener.connect() as conn:
+        conn.sendall(STATUS + b"EXECUTE")
+        conn.shutdown(socket.SHUT_WR)
+        wait_for(lambda: home.path("on").exists())
+        home.write("go", "")
+        assert read_to_end(conn).endswith(b" EXITSTATUS=5")
+    listener.stop()
