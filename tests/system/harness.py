@@ -44,15 +44,17 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TOLVA = pathlib.Path(os.environ.get("TOLVA", ROOT / "build" / "tolva"))
 
-# How many arguments each operator message is given.
-MESSAGE_ARGUMENTS = {
-    753: 1, 756: 0, 757: 0, 758: 0, 759: 0, 785: 1, 787: 1, 792: 1, 793: 1,
-    794: 1, 795: 0, 796: 0, 810: 0, 814: 1, 819: 0, 820: 0, 821: 0, 822: 0,
-    824: 1, 825: 0, 828: 1, 829: 0, 830: 0, 832: 1, 833: 1, 835: 1,
-}
-
 LOG_LINE = re.compile(
     r"^(\d\d/\d\d/\d{4}),(\d\d:\d\d:\d\d), tolva\[(\d{5,})\]: (.*)$")
+
+
+@functools.cache
+def message_arguments():
+    """{number: how many arguments the message is given}, from the program's
+    own table of events."""
+    table = (ROOT / "src" / "tolva2" / "files" / "events.h").read_text()
+    rows = re.findall(r"event_message<(\d+)> \w+\{(\d+)\};", table)
+    return {int(number): int(count) for count, number in rows}
 
 
 def message(number, *args):

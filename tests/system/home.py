@@ -13,7 +13,7 @@ import tempfile
 import uuid
 
 import namespaces
-from harness import LOG_LINE, MESSAGE_ARGUMENTS, TOLVA, wrapper
+from harness import LOG_LINE, TOLVA, message_arguments, wrapper
 from listener import Listener
 from peers import ScriptedServer, UdpReceiver
 from processes import Running, adopt_orphans, pids
@@ -78,7 +78,7 @@ class Home:
     def messages(self, extra=None, without=()):
         """Writes messages.dat: "[number] %s..." and the extra texts."""
         texts = {n: f"[{n}]" + " %s" * count
-                 for n, count in MESSAGE_ARGUMENTS.items()}
+                 for n, count in message_arguments().items()}
         texts.update(extra or {})
         self.write("messages.dat", "".join(
             f"m{n}={text}\n" for n, text in texts.items()

@@ -7,7 +7,7 @@ import random
 import pytest
 
 from fakeclock import FakeClock
-from harness import LOG_LINE, MESSAGE_ARGUMENTS, message
+from harness import LOG_LINE, message, message_arguments
 from processes import open_fds
 from waiting import wait_for
 from wire import LOGGED, STATUS
@@ -22,7 +22,7 @@ def quiet(home, texts=None, **config):
     """A listener with a clock that stands still, which logs nothing but the
     given texts and what it is told to log."""
     home.messages(texts or {}, without=[
-        n for n in MESSAGE_ARGUMENTS if n not in (texts or {})])
+        n for n in message_arguments() if n not in (texts or {})])
     clock = FakeClock(home)
     return home.listener(env=clock.env, config=config)
 
@@ -46,7 +46,7 @@ def test_a_line_byte_for_byte(home):
 
 
 def test_a_line_of_the_daemon_byte_for_byte(home):
-    home.messages(without=list(MESSAGE_ARGUMENTS))
+    home.messages(without=list(message_arguments()))
     clock = FakeClock(home)
     listener = home.listener(env=clock.env, daemon=True)
     log(listener, "hello")

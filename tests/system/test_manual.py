@@ -10,7 +10,7 @@ import pytest
 
 import manual
 from fakeclock import FakeClock
-from harness import MESSAGE_ARGUMENTS, ROOT, TOLVA, message, wrapper
+from harness import ROOT, TOLVA, message, message_arguments, wrapper
 from peers import reader
 from ports import free_port, tcp_listens
 from upsserver import good
@@ -161,7 +161,7 @@ def test_every_diagnostic_is_a_text_of_the_program():
 def test_the_numbers_are_those_of_the_program():
     listed = {int(number): 1 if value else 0
               for number, value, _ in MESSAGES_5.table("texts")}
-    assert listed == MESSAGE_ARGUMENTS
+    assert listed == message_arguments()
     shipped = (SHARE / "messages.dat").read_text()
     for number, count in listed.items():
         text = re.search(rf"^m{number}=(.*)$", shipped, re.MULTILINE)[1]
