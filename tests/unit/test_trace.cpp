@@ -1,3 +1,7 @@
+/*
+ * Trace lines and error lines: what is written, with how many writes, at which
+ * trace level, and what of it can end the process.
+ */
 #include "capture.h"
 #include "temp_dir.h"
 #include "tolva2/base/process_state.h"

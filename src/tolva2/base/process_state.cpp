@@ -9,4 +9,4 @@ const char *home_dir = nullptr;
 int32_t own_pid = 0;
 int32_t max_fds = 0;
 int32_t fd_reserve = 0;
-int32_t daemonized = 0;
+bool daemonized = false;

@@ -23,7 +23,7 @@ extern int32_t max_fds;
 /* max_fds less the descriptors kept for files; nobody reads it yet. */
 extern int32_t fd_reserve;
 
-/* 1 once the process has cut itself off from its terminal. */
-extern int32_t daemonized;
+/* True once the process has cut itself off from its terminal. */
+extern bool daemonized;
 
 #endif

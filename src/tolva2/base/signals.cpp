@@ -1,6 +1,10 @@
+/*
+ * The one place that fills the record in which the system is told what to do
+ * on a signal.
+ */
 #include "tolva2/base/signals.h"
 
-int32_t set_signal(int number, void (*handler)(int), int flags)
+bool set_signal(int number, void (*handler)(int), int flags)
 {
     struct sigaction action {
     };

@@ -6,13 +6,12 @@
 #define TOLVA2_BASE_SIGNALS_H
 
 #include <csignal>
-#include <cstdint>
 
 /*
  * Gives a signal a handler, SIG_IGN or SIG_DFL, with an empty mask. flags are
- * those of sigaction(): without SA_RESTART the signal interrupts waits. 1
- * done, 0 failed.
+ * those of sigaction(): without SA_RESTART the signal interrupts waits.
+ * False when that failed.
  */
-int32_t set_signal(int number, void (*handler)(int), int flags);
+bool set_signal(int number, void (*handler)(int), int flags);
 
 #endif

@@ -105,7 +105,7 @@ void fatal(const char *format, ...)
     exit(ERROR_EXIT - 1);
 }
 
-int32_t open_debug_file(const char *path)
+bool open_debug_file(const char *path)
 {
     if (debug_fd < 0) {
         debug_fd = open(path ? path : "upsdebug.out",
@@ -117,7 +117,7 @@ int32_t open_debug_file(const char *path)
 void close_debug_file()
 {
     if (debug_fd >= 0) {
-        /* By hand: the owners of descriptors stand on this floor. */
+        /* By hand: the owners of descriptors stand on a floor above. */
         close(debug_fd);
         debug_fd = -1;
     }

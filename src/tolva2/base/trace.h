@@ -54,9 +54,9 @@ error_printf(FILE *stream, int32_t exit_code, const char *format, ...);
 
 /*
  * Opens the debug file for reading and appending, mode 0664, unless one is
- * open. A null path means "upsdebug.out". Returns 1 when one is open, else 0.
+ * open. A null path means "upsdebug.out". True when one is open.
  */
-int32_t open_debug_file(const char *path);
+bool open_debug_file(const char *path);
 void close_debug_file();
 
 #endif
