@@ -62,6 +62,7 @@ void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *block, size_t size);
 char *__real_strdup(const char *text);
 pid_t __real_fork();
+int __real_dup2(int from, int to);
 int __real_fcntl(int fd, int command, long argument);
 int __real_setsockopt(int fd, int level, int name, const void *value,
                       socklen_t length);
@@ -93,6 +94,11 @@ char *__wrap_strdup(const char *text)
 pid_t __wrap_fork()
 {
     return fails("fork") ? -1 : __real_fork();
+}
+
+int __wrap_dup2(int from, int to)
+{
+    return fails("dup2") ? -1 : __real_dup2(from, to);
 }
 
 /* The program gives fcntl a number or nothing. */

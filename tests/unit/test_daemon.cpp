@@ -1,4 +1,10 @@
+/*
+ * What is left of a process that has turned into a daemon: it tells about
+ * itself through a pipe, since its parent ends and it has no terminal. And
+ * what it keeps when a step fails.
+ */
 #include "capture.h"
+#include "failing_calls.h"
 #include "starve.h"
 #include "temp_dir.h"
 #include "tolva2/base/process_state.h"
@@ -14,6 +20,7 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <string>
 
 namespace
@@ -31,11 +38,30 @@ struct report {
     pid_t session;
     mode_t mask;
     bool other_descriptor_open;
+    int open_descriptors;
     bool terminal;
     char directory[PATH_MAX];
     char standard[3][64];
     int access[3];
 };
+
+int count_descriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 1024; fd++) {
+        count += fcntl(fd, F_GETFD) != -1;
+    }
+    return count;
+}
+
+/* What a descriptor is open on. */
+std::string target_of(int fd)
+{
+    char text[256] = "closed";
+    std::string name = "/proc/self/fd/" + std::to_string(fd);
+    ssize_t length = readlink(name.c_str(), text, sizeof text - 1);
+    return length < 0 ? "closed" : std::string(text, text + length);
+}
 
 class daemon_test : public testing::Test
 {
@@ -61,32 +87,35 @@ class daemon_test : public testing::Test
         r.session = getsid(0);
         r.mask = umask(0);
         r.other_descriptor_open = fcntl(ends[0], F_GETFD) != -1;
+        r.open_descriptors = count_descriptors();
         int terminal = open("/dev/tty", O_RDWR);
         r.terminal = terminal >= 0;
         if (getcwd(r.directory, sizeof r.directory) == nullptr) {
             r.directory[0] = '?';
         }
         for (int fd = 0; fd < 3; fd++) {
-            std::string name = "/proc/self/fd/" + std::to_string(fd);
-            if (readlink(name.c_str(), r.standard[fd],
-                         sizeof r.standard[fd] - 1) < 0) {
-                strcpy(r.standard[fd], "closed");
-            }
+            strncpy(r.standard[fd], target_of(fd).c_str(),
+                    sizeof r.standard[fd] - 1);
             r.access[fd] = fcntl(fd, F_GETFL) & O_ACCMODE;
         }
         return r;
     }
 
     /*
-     * Daemonizes a child and fills told with what is left then; status is how
-     * the child itself ended.
+     * Daemonizes a child, prepared for it, and fills told with what is left
+     * then; status is how the child itself ended.
      */
-    void detach(int32_t change_dir, int32_t redirect_std)
+    void detach(
+        int32_t change_dir, int32_t redirect_std,
+        const std::function<void()> &prepare = [] {}, const char *failing = "",
+        int after = 0)
     {
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
             umask(0051);
+            prepare();
+            failing_call no_more(failing, EMFILE, after);
             int32_t result = daemonize(change_dir, redirect_std);
             report r = look(result);
             ssize_t written = write(ends[1], &r, sizeof r);
@@ -143,17 +172,71 @@ TEST_F(daemon_test, puts_dev_null_in_the_place_of_the_standard_streams)
 
 TEST_F(daemon_test, keeps_the_standard_streams_when_told_so)
 {
-    char own[3][64] = {};
-    for (int fd = 0; fd < 3; fd++) {
-        std::string name = "/proc/self/fd/" + std::to_string(fd);
-        if (readlink(name.c_str(), own[fd], sizeof own[fd] - 1) < 0) {
-            strcpy(own[fd], "closed");
-        }
-    }
     detach(0, 0);
     EXPECT_EQ(told.daemonized, 1);
     for (int fd = 0; fd < 3; fd++) {
-        EXPECT_STREQ(told.standard[fd], own[fd]) << fd;
+        EXPECT_EQ(told.standard[fd], target_of(fd)) << fd;
+    }
+}
+
+TEST_F(daemon_test, leaves_no_descriptor_behind)
+{
+    int before = count_descriptors();
+    detach(0, 1);
+    /* All but the end of the pipe that was closed here. */
+    EXPECT_EQ(told.open_descriptors, before);
+}
+
+TEST_F(daemon_test, keeps_the_standard_streams_when_there_is_no_dev_null)
+{
+    detach(0, 1, no_more_descriptors);
+    EXPECT_EQ(told.result, 0);
+    EXPECT_EQ(told.daemonized, 1);
+    for (int fd = 0; fd < 3; fd++) {
+        EXPECT_EQ(told.standard[fd], target_of(fd)) << fd;
+        EXPECT_NE(told.standard[fd], std::string("closed")) << fd;
+    }
+}
+
+TEST_F(daemon_test, keeps_each_standard_stream_that_cannot_be_replaced)
+{
+    int before = count_descriptors();
+    detach(
+        0, 1, [] {}, "dup2", 1);
+    EXPECT_EQ(told.result, 0);
+    EXPECT_STREQ(told.standard[0], "/dev/null");
+    for (int fd = 1; fd < 3; fd++) {
+        EXPECT_EQ(told.standard[fd], target_of(fd)) << fd;
+    }
+    EXPECT_EQ(told.open_descriptors, before);
+}
+
+TEST_F(daemon_test, fills_standard_streams_that_were_closed)
+{
+    for (int closed = 0; closed < 3; closed++) {
+        if (closed > 0) {
+            close(ends[0]);
+            ASSERT_EQ(pipe(ends), 0);
+        }
+        int before = count_descriptors();
+        detach(0, 1, [closed] { close(closed); });
+        for (int fd = 0; fd < 3; fd++) {
+            EXPECT_STREQ(told.standard[fd], "/dev/null") << fd;
+        }
+        EXPECT_EQ(told.open_descriptors, before);
+    }
+}
+
+/* The second fork: the session is new, and the parent waits for nobody. */
+TEST_F(daemon_test, gives_minus_1_when_it_cannot_leave_its_session)
+{
+    detach(
+        1, 1, [] {}, "fork", 1);
+    EXPECT_EQ(told.result, -1);
+    EXPECT_EQ(told.daemonized, 0);
+    EXPECT_EQ(told.session, told.pid);
+    for (int fd = 0; fd < 3; fd++) {
+        EXPECT_EQ(told.standard[fd], target_of(fd)) << fd;
     }
 }
 
