@@ -1,3 +1,7 @@
+/*
+ * Where the program was started from, as a path of its own or found in PATH.
+ * A temporary directory is searched; no name with a "/" has to exist.
+ */
 #include "capture.h"
 #include "temp_dir.h"
 #include "tolva2/start/program_dir.h"

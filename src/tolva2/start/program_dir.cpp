@@ -1,8 +1,14 @@
+/*
+ * Paths are read through views and put together in a buffer that refuses what
+ * it has no room for. Nothing here asks whether a path with a "/" in it is
+ * there: the shell has just started it.
+ */
 #include "tolva2/start/program_dir.h"
 #include "tolva2/base/trace.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <unistd.h>
 
 namespace
@@ -13,78 +19,125 @@ constexpr size_t PATH_MAX_LENGTH = 1018;
 constexpr size_t CANDIDATE_LIMIT = 1020;
 constexpr size_t PATH_BUFFER = 1024;
 
-/*
- * Copies the absolute path into out, which is as long: runs of "/" become
- * one, "." segments go, ".." segments take the one before them along.
- */
-void normalise(const char *path, char *out)
-{
+/* A path with its end; empty for none. */
+struct path_text {
+    char text[PATH_BUFFER] = "";
     size_t length = 0;
-    while (*path) {
-        path += strspn(path, "/");
-        size_t segment = strcspn(path, "/");
-        bool last = path[segment] == '\0';
-        if (segment == 1 && path[0] == '.' && !last) {
-            /* "./" stands for nothing */
-        } else if (segment == 2 && !strncmp(path, "..", 2) && !last) {
-            while (length > 0 && out[--length] != '/') {
-            }
-        } else {
-            out[length++] = '/';
-            memcpy(out + length, path, segment);
-            length += segment;
-        }
-        path += segment;
+
+    std::string_view view() const
+    {
+        return {text, length};
     }
-    out[length] = '\0';
+    /* Without room for all of part nothing is added. */
+    void add(std::string_view part)
+    {
+        if (part.size() < sizeof text - length) {
+            memcpy(text + length, part.data(), part.size());
+            cut(length + part.size());
+        }
+    }
+    void cut(size_t at)
+    {
+        length = at;
+        text[length] = '\0';
+    }
+};
+
+/* A text in two, at the first separator, which is in neither. */
+struct halves {
+    std::string_view first;
+    std::string_view rest;
+    bool divided;
+};
+
+halves divide(std::string_view text, char separator)
+{
+    size_t at = text.find(separator);
+    if (at == text.npos) {
+        return {text, {}, false};
+    }
+    return {
+        {text.data(), at}, {text.data() + at + 1, text.size() - at - 1}, true};
+}
+
+/* Takes the last segment away, if there is one. */
+void go_up(path_text *path)
+{
+    size_t slash = path->view().rfind('/');
+    path->cut(slash == std::string_view::npos ? 0 : slash);
+}
+
+/*
+ * An absolute path with runs of "/" made one, without "." segments, and
+ * without ".." segments and the one before each. The last segment stays as it
+ * is.
+ */
+path_text normalise(std::string_view path)
+{
+    path_text normal;
+    halves here{{}, path, true};
+    while (here.divided) {
+        here = divide(here.rest, '/');
+        bool is_last = !here.divided;
+        if (is_last ||
+            (!here.first.empty() && here.first != "." && here.first != "..")) {
+            normal.add("/");
+            normal.add(here.first);
+        } else if (here.first == "..") {
+            go_up(&normal);
+        }
+    }
+    return normal;
 }
 
 /* argv0 has a "/": it is relative to the working directory, or absolute. */
-bool path_from_name(const char *argv0, char *out)
+path_text path_from_name(std::string_view argv0)
 {
-    char path[PATH_BUFFER] = "";
-    size_t length = 0;
-    if (argv0[0] != '/') {
-        if (!getcwd(path, CWD_MAX)) {
-            return false;
+    path_text path;
+    if (!argv0.starts_with('/')) {
+        if (!getcwd(path.text, CWD_MAX)) {
+            return {};
         }
-        length = strlen(path);
-        path[length++] = '/';
+        path.length = strlen(path.text);
+        path.add("/");
     }
-    size_t rest = strlen(argv0);
-    if (length + rest > PATH_MAX_LENGTH) {
-        return false;
+    if (path.length + argv0.size() > PATH_MAX_LENGTH) {
+        return {};
     }
-    memcpy(path + length, argv0, rest + 1);
-    normalise(path, out);
-    return true;
+    path.add(argv0);
+    return normalise(path.view());
+}
+
+/* The name in a directory of PATH; too long is none. */
+path_text candidate(std::string_view directory, std::string_view name)
+{
+    path_text path;
+    if (directory.size() + name.size() + 1 >= CANDIDATE_LIMIT) {
+        return path;
+    }
+    path.add(directory);
+    /* An empty entry is the root here, never the directory we happen to stand
+     * in. */
+    if (!directory.ends_with('/')) {
+        path.add("/");
+    }
+    path.add(name);
+    return path;
 }
 
 /* argv0 is a bare name: the shell found it in PATH, so look there. */
-bool path_from_search(const char *name, char *out)
+path_text path_from_search(std::string_view name)
 {
-    const char *entry = getenv("PATH");
-    size_t name_length = strlen(name);
-    while (entry) {
-        size_t length = strcspn(entry, ":");
-        if (length + name_length + 1 < CANDIDATE_LIMIT) {
-            memcpy(out, entry, length);
-            /* An empty entry is the root here, never the directory we happen
-             * to stand in. */
-            if (length == 0 || out[length - 1] != '/') {
-                out[length++] = '/';
-            }
-            memcpy(out + length, name, name_length + 1);
-            if (access(out, X_OK) == 0) {
-                return true;
-            }
-        }
-        entry = strchr(entry, ':');
-        if (entry) {
-            entry++;
+    const char *search = getenv("PATH");
+    halves entry{{}, search ? search : "", search != nullptr};
+    while (entry.divided) {
+        entry = divide(entry.rest, ':');
+        path_text path = candidate(entry.first, name);
+        if (path.length > 0 && access(path.text, X_OK) == 0) {
+            return path;
         }
     }
-    return false;
+    return {};
 }
 
 } // namespace
@@ -101,16 +154,12 @@ ux_text find_program_dir(const char *argv0)
     if (!argv0) {
         return nullptr;
     }
-    char path[PATH_BUFFER];
-    bool found = strchr(argv0, '/') ? path_from_name(argv0, path)
-                                    : path_from_search(argv0, path);
-    if (!found) {
+    path_text path =
+        strchr(argv0, '/') ? path_from_name(argv0) : path_from_search(argv0);
+    size_t slash = path.view().rfind('/');
+    if (slash == std::string_view::npos) {
         return nullptr;
     }
-    char *slash = strrchr(path, '/');
-    if (!slash) {
-        return nullptr;
-    }
-    slash[slash == path ? 1 : 0] = '\0';
-    return ux_copy(path);
+    path.cut(slash == 0 ? 1 : slash);
+    return ux_copy(path.text);
 }
