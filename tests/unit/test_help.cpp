@@ -1,3 +1,7 @@
+/*
+ * The help and the banner as they are printed, byte for byte: people look for
+ * words in them, and scripts for the version.
+ */
 #include "capture.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/start/help.h"

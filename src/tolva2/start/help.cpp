@@ -1,4 +1,9 @@
+/*
+ * The help as a table of lines, and the banner. What "-?" says differs from
+ * what is accepted here and there; the table of options decides.
+ */
 #include "tolva2/start/help.h"
+#include "tolva2/base/format.h"
 #include "tolva2/base/trace.h"
 
 #include <cstdio>
@@ -6,7 +11,7 @@
 namespace
 {
 
-/* "%s" stands for the program's word; nothing else is a directive. */
+/* "%s" stands for the program's word. */
 constexpr const char *HELP_LINES[] = {
     " %s may be run in listen-, or send-mode.\n",
     " listen-mode: wait for connections from tolva sender:\n",
@@ -52,20 +57,26 @@ constexpr const char *TITLE = "UPS shutdown listener and sender";
 constexpr const char *COPYRIGHT =
     "Free software under the MIT license, without any warranty.";
 
+/* Each line is printed with the program's word, whether it uses it or not. */
+constexpr bool all_are_printable()
+{
+    for (const char *line : HELP_LINES) {
+        if (!converts_only(line, "s")) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static_assert(all_are_printable());
+
 } // namespace
 
 void help()
 {
     trace_in();
     for (const char *line : HELP_LINES) {
-        for (const char *c = line; *c; c++) {
-            if (c[0] == '%' && c[1] == 's') {
-                fputs(PROGRAM_WORD, stdout);
-                c++;
-            } else {
-                putchar(*c);
-            }
-        }
+        printf(line, PROGRAM_WORD);
     }
 }
 
