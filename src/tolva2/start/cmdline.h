@@ -9,14 +9,19 @@
 #include "tolva2/base/codes.h"
 
 #include <cstdint>
+#include <span>
 
 /*
  * Reads the arguments, some of them cut up in place, and runs the mode that
- * they or the program's name choose. Returns its result.
+ * they or the program's name choose. Returns its result. The first argument is
+ * the program's own word, which is not looked at: progname has its name.
  */
-int32_t check_input(int32_t argc, char **argv);
+[[nodiscard]] int32_t check_input(std::span<char *const> arguments);
 
-/* The mode that the arguments name, MODE_NONE for none. Serves -?, -h and -v. */
-mode_code scan_mode(int32_t argc, char **argv);
+/*
+ * The mode that the arguments name, the first of them left out as above;
+ * MODE_NONE for none. Serves -?, -h and -v.
+ */
+[[nodiscard]] mode_code scan_mode(std::span<char *const> arguments);
 
 #endif

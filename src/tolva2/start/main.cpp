@@ -129,7 +129,7 @@ int32_t run(int argc, char **argv)
     home_dir = home.get();
     settle_descriptor_budget();
     ux_text path_entry = extend_search_path();
-    int32_t status = check_input(argc, argv);
+    int32_t status = check_input({argv, static_cast<size_t>(argc)});
     unsetenv("PATH");
     return status;
 }

@@ -156,15 +156,16 @@ void detach()
 
 } // namespace
 
-int32_t init_receiver(char *cfgfile, const char *listen_host, int32_t port,
+int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
                       int32_t check_port, ux_list *peers, ux_list *servers,
-                      ux_list *redundant, int32_t retries, char *shutdown_prog,
-                      char *alive_prog, int32_t timeout, int32_t check_interval)
+                      ux_list *redundant, int32_t retries,
+                      ux_text shutdown_prog, ux_text alive_prog,
+                      int32_t timeout, int32_t check_interval)
 {
     trace_in();
-    read_settings(cfgfile);
-    override_text(&rp->shutdown_prog, shutdown_prog);
-    override_text(&rp->alive_prog, alive_prog);
+    read_settings(cfgfile.release());
+    override_text(&rp->shutdown_prog, shutdown_prog.release());
+    override_text(&rp->alive_prog, alive_prog.release());
     override_text(&rp->listen_address,
                   listen_host ? strdup(listen_host) : nullptr);
     open_log();
