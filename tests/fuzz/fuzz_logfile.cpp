@@ -9,8 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static char path[] = "/tmp/fuzz_logfile_XXXXXX";
     static int fd = mkstemp(path);
-    static int opened = logfile_open(path, 1);
-    log_to_file = opened;
+    static bool opened = logfile_open(path, 1);
+    log_into_file(opened);
     size_t half = size / 2;
     char *format = fuzz_text(data, half);
     char *argument = fuzz_text(data + half, size - half);

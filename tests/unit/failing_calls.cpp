@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdarg>
+#include <cstdio>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -61,6 +63,12 @@ void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *block, size_t size);
 char *__real_strdup(const char *text);
+FILE *__real_tmpfile();
+FILE *__real_fdopen(int fd, const char *mode);
+int __real_fclose(FILE *stream);
+int __real_open(const char *path, int flags, mode_t mode);
+int __real_mkostemp(char *name, int flags);
+char *__real_realpath(const char *path, char *resolved);
 pid_t __real_fork();
 int __real_dup2(int from, int to);
 int __real_fcntl(int fd, int command, long argument);
@@ -89,6 +97,42 @@ void *__wrap_realloc(void *block, size_t size)
 char *__wrap_strdup(const char *text)
 {
     return fails("heap") ? nullptr : __real_strdup(text);
+}
+
+FILE *__wrap_tmpfile()
+{
+    return fails("tmpfile") ? nullptr : __real_tmpfile();
+}
+
+FILE *__wrap_fdopen(int fd, const char *mode)
+{
+    return fails("fdopen") ? nullptr : __real_fdopen(fd, mode);
+}
+
+/* Closes in any case: what fails is the last write. */
+int __wrap_fclose(FILE *stream)
+{
+    int result = __real_fclose(stream);
+    return fails("fclose") ? EOF : result;
+}
+
+int __wrap_open(const char *path, int flags, ...)
+{
+    va_list rest;
+    va_start(rest, flags);
+    auto mode = static_cast<mode_t>(va_arg(rest, int));
+    va_end(rest);
+    return fails("open") ? -1 : __real_open(path, flags, mode);
+}
+
+int __wrap_mkostemp(char *name, int flags)
+{
+    return fails("mkostemp") ? -1 : __real_mkostemp(name, flags);
+}
+
+char *__wrap_realpath(const char *path, char *resolved)
+{
+    return fails("realpath") ? nullptr : __real_realpath(path, resolved);
 }
 
 pid_t __wrap_fork()

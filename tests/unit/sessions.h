@@ -359,11 +359,11 @@ class operator_log
         texts += "m12=UPS #NAME at #PCT%s done\nm13=%s on %s\nm14=plain\n";
         EXPECT_EQ(msgdb_open(home.file("messages.dat", texts).c_str()), 1);
         EXPECT_EQ(logfile_open(home.path("log").c_str(), 0), 1);
-        log_to_file = 1;
+        log_into_file();
     }
     ~operator_log()
     {
-        log_to_file = 0;
+        log_into_file(false);
         logfile_close();
         msgdb_close();
     }

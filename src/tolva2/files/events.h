@@ -61,7 +61,7 @@ template <std::convertible_to<const char *>... texts>
 bool report(event_message<sizeof...(texts)> what, texts... arguments)
 {
     return log_message(sizeof...(texts), msgdb_get(what.number),
-                       arguments...) != 0;
+                       arguments...);
 }
 
 #endif

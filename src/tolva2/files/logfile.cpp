@@ -1,148 +1,114 @@
+/*
+ * Lines of the log: how a message and its texts become one, and the choice of
+ * where it goes. How the file is kept below its limit is not known here.
+ */
 #include "tolva2/files/logfile.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/bounded_file.h"
+#include "unixtools/ux_owned.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <strings.h>
-#include <sys/stat.h>
-
-int32_t logged_pid = 0;
-int32_t log_to_file = 0;
 
 namespace
 {
 
 constexpr size_t LOG_TEXT = 1024;
-constexpr size_t LOG_BLOCK = 8192;
 constexpr size_t DATE_TEXT = 64; /* room for any year */
 
-char *log_name = nullptr;
-int64_t log_limit = 0; /* bytes; 0: unlimited */
+constexpr std::string_view OWN_NAME = "TOLVA ";
+constexpr std::string_view ERROR_WORD = "ERROR: ";
 
-/*
- * Copies what is left of from, a block at a time, back into the log file. The
- * result starts again from 0 at every second block, so it is 0 after an even
- * number of them: the line that caused the cut is then lost, and the next one
- * finds room.
- */
-int64_t write_back(FILE *from, const char *path)
-{
-    FILE *log = fopen(path, "we");
-    if (!log) {
-        return 0;
-    }
-    char block[LOG_BLOCK];
-    int64_t count = 0;
+struct {
+    ux_text name;
+    int64_t limit;  /* bytes; 0: unlimited */
+    bool into_file; /* where lines go, whether a file is open or not */
+    int32_t shown_pid;
+} operator_log;
+
+/* A text that grows up to LOG_TEXT - 1 characters and loses the rest. */
+struct log_text {
+    char text[LOG_TEXT] = "";
     size_t length = 0;
-    while ((length = fread(block, 1, sizeof block, from)) > 0) {
-        count += static_cast<int64_t>(fwrite(block, 1, length, log));
-        if (count != static_cast<int64_t>(length)) {
-            count = 0;
-        }
+
+    bool is_full() const
+    {
+        return length == sizeof text - 1;
     }
-    /* What is still buffered may be what does not fit the disk. */
-    return fclose(log) == 0 ? count : 0;
+    void add(std::string_view more)
+    {
+        size_t copied = std::min(more.size(), sizeof text - 1 - length);
+        memcpy(text + length, more.data(), copied);
+        length += copied;
+        text[length] = '\0';
+    }
+};
+
+bool append_line(const char *line)
+{
+    return operator_log.name && !ux_is_empty(line) &&
+           append_bounded(operator_log.name.get(), operator_log.limit, line);
 }
 
-/* Copies the log from the first line behind offset on to another file. */
-bool save_tail(const char *path, int64_t offset, FILE *to)
+bool emit_line(const char *line)
 {
-    FILE *log = fopen(path, "re");
-    if (!log) {
-        return false;
-    }
-    char block[LOG_BLOCK + 1];
-    bool saved = fseek(log, static_cast<long>(offset), SEEK_SET) == 0;
-    if (saved) {
-        /* The rest of the line at the cut goes, to start at a whole one. */
-        char *dropped = fgets(block, sizeof block, log);
-        static_cast<void>(dropped);
-        size_t length = 0;
-        while (saved && (length = fread(block, 1, LOG_BLOCK, log)) > 0) {
-            saved = fwrite(block, 1, length, to) == length;
-        }
-        saved = saved && !ferror(log);
-    }
-    fclose(log);
-    return saved && fflush(to) == 0;
-}
-
-/* Cuts the head of the log file: non-zero when done, see write_back. */
-int64_t cut_head(const char *path, int64_t offset)
-{
-    FILE *temporary = tmpfile();
-    if (!temporary) {
-        return 0;
-    }
-    int64_t count = 0;
-    if (save_tail(path, offset, temporary)) {
-        rewind(temporary);
-        count = write_back(temporary, path);
-    }
-    fclose(temporary);
-    return count;
-}
-
-/* Keeps the log file below allowed bytes: 0 when that failed. */
-int64_t check_size(const char *path, int64_t allowed)
-{
-    struct stat status;
-    if (stat(path, &status) < 0) {
-        return 1;
-    }
-    int64_t excess = status.st_size - allowed;
-    if (excess < 0) {
-        return 1;
-    }
-    /* A tenth more than needed, so that not every new line costs a cut. */
-    return cut_head(path, log_limit / 10 + excess);
-}
-
-int32_t append_line(const char *line)
-{
-    if (!log_name || !*line) {
-        return 0;
-    }
-    auto length = static_cast<int64_t>(strlen(line));
-    if (log_limit > 0 && !check_size(log_name, log_limit - length)) {
-        return 0;
-    }
-    FILE *log = fopen(log_name, "a+e");
-    if (!log) {
-        return 0;
-    }
-    bool written = fputs(line, log) != EOF;
-    return fclose(log) == 0 && written;
-}
-
-int32_t emit_line(const char *line)
-{
-    if (log_to_file) {
+    if (operator_log.into_file) {
         return append_line(line);
     }
     if (daemonized) {
-        return 1;
+        return true;
     }
     return fputs(line, stdout) != EOF && fflush(stdout) == 0;
 }
 
-const char *skip_space(const char *text)
+void skip_space(std::string_view *text)
 {
-    while (isspace(static_cast<unsigned char>(*text))) {
-        text++;
+    while (!text->empty() &&
+           isspace(static_cast<unsigned char>(text->front()))) {
+        text->remove_prefix(1);
     }
-    return text;
 }
 
-/* True when text begins with a "%s" that takes an argument. */
+/* Skips the program's own name, in any case, and the space behind it. */
+void skip_name(std::string_view *text)
+{
+    if (text->size() >= OWN_NAME.size() &&
+        strncasecmp(text->data(), OWN_NAME.data(), OWN_NAME.size()) == 0) {
+        text->remove_prefix(OWN_NAME.size());
+        skip_space(text);
+    }
+}
+
+/* True when text begins with a "%s" that takes a text. */
 bool is_directive(const char *text)
 {
     return text[0] == '%' && text[1] == 's' &&
            !isalnum(static_cast<unsigned char>(text[2]));
+}
+
+/* Fills format into out, with at most count of the texts. */
+void fill_in(log_text *out, int32_t count, const char *format, va_list texts)
+{
+    while (*format && !out->is_full()) {
+        const char *text = nullptr;
+        if (count > 0 && is_directive(format)) {
+            text = va_arg(texts, const char *);
+            count--;
+        }
+        if (text) {
+            out->add(text);
+            format += 2;
+        } else {
+            out->add({format, 1});
+            format++;
+        }
+    }
 }
 
 } // namespace
@@ -171,93 +137,86 @@ const char *log_time_text(time_t t)
     return text;
 }
 
-int32_t logfile_open(const char *name, int32_t size_kib)
+bool logfile_open(const char *name, int32_t size_kib)
 {
     trace_in();
-    if (!name || !*name || log_name) {
-        return 0;
+    if (ux_is_empty(name) || operator_log.name) {
+        return false;
     }
-    log_name = strdup(name);
-    if (!log_name) {
-        return 0;
+    operator_log.name = ux_copy(name);
+    if (!operator_log.name) {
+        return false;
     }
-    log_limit = size_kib > 0 ? static_cast<int64_t>(size_kib) << 10 : 0;
-    return 1;
+    operator_log.limit =
+        size_kib > 0 ? static_cast<int64_t>(size_kib) << 10 : 0;
+    return true;
 }
 
 void logfile_close()
 {
     trace_in();
-    free(log_name);
-    log_name = nullptr;
-    log_limit = 0;
+    operator_log.name.reset();
+    operator_log.limit = 0;
 }
 
-int32_t logfile_trim()
+void log_into_file(bool on)
 {
-    trace_in();
-    if (!log_name) {
-        return 0;
-    }
-    return log_limit > 0 ? static_cast<int32_t>(check_size(log_name, log_limit))
-                         : 1;
+    operator_log.into_file = on;
 }
 
-int32_t log_write_line(const char *text)
+void log_as(int32_t pid)
+{
+    operator_log.shown_pid = pid;
+}
+
+bool logfile_trim()
 {
     trace_in();
-    if (!text || !*text) {
-        return 0;
+    if (!operator_log.name) {
+        return false;
     }
-    text = skip_space(text);
-    if (strncasecmp(text, "TOLVA ", 6) == 0) {
-        text = skip_space(text + 6);
+    int64_t limit = operator_log.limit;
+    return limit <= 0 || check_size(operator_log.name.get(), limit, limit);
+}
+
+bool log_write_line(const char *text)
+{
+    trace_in();
+    if (ux_is_empty(text)) {
+        return false;
     }
+    std::string_view said(text);
+    skip_space(&said);
+    skip_name(&said);
     const char *prefix = "";
-    if (strncmp(text, "ERROR: ", 7) == 0) {
+    if (said.starts_with(ERROR_WORD)) {
         prefix = "error: ";
-        text += 7;
-    }
-    if (!*prefix && !*text) {
-        return 0;
+        said.remove_prefix(ERROR_WORD.size());
+    } else if (said.empty()) {
+        return false;
     }
     char line[LOG_TEXT];
     time_t now = time(nullptr);
-    snprintf(line, sizeof line, "%s,%s, tolva[%05d]: %s%s\n",
-             log_date_text(now), log_time_text(now), logged_pid, prefix, text);
+    snprintf(line, sizeof line, "%s,%s, tolva[%05d]: %s%.*s\n",
+             log_date_text(now), log_time_text(now), operator_log.shown_pid,
+             prefix, static_cast<int>(std::min(said.size(), LOG_TEXT)),
+             said.data());
     return emit_line(line);
 }
 
-int32_t log_message(int32_t count, const char *format, ...)
+bool log_message(int32_t count, const char *format, ...)
 {
     trace_in();
-    if (!format || !*format) {
-        return 0;
+    if (ux_is_empty(format)) {
+        return false;
     }
     debug_printf("DEBUG: arg= [%s]\n", format);
-    char text[LOG_TEXT] = "";
-    size_t length = 0;
-    va_list args;
-    va_start(args, format);
-    while (*format && length < sizeof text - 1) {
-        const char *argument = nullptr;
-        if (count > 0 && is_directive(format)) {
-            argument = va_arg(args, const char *);
-            count--;
-        }
-        if (argument) {
-            size_t room = sizeof text - 1 - length;
-            size_t copied = strnlen(argument, room);
-            memcpy(text + length, argument, copied);
-            length += copied;
-            format += 2;
-        } else {
-            text[length++] = *format++;
-        }
-    }
-    va_end(args);
-    text[length] = '\0';
-    return log_write_line(text) != 0;
+    log_text message;
+    va_list texts;
+    va_start(texts, format);
+    fill_in(&message, count, format, texts);
+    va_end(texts);
+    return log_write_line(message.text);
 }
 
 void log_system(int32_t error)

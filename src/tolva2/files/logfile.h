@@ -9,39 +9,43 @@
 #include <cstdint>
 #include <ctime>
 
-/* The id that log lines show: 0 until the process has detached. */
-extern int32_t logged_pid;
-
-/* Non-zero: lines go to the log file. Set by mode initialisation. */
-extern int32_t log_to_file;
-
 /*
- * Names the log file and its limit in KiB (0 or less: unlimited). Returns 1,
- * or 0 when name is null or empty, a log is open, or memory is exhausted.
+ * Names the log file and its limit in KiB (0 or less: unlimited). False when
+ * name is null or empty, a log is open, or memory is exhausted. Lines do not
+ * go there before log_into_file().
  */
-int32_t logfile_open(const char *name, int32_t size_kib);
+[[nodiscard]] bool logfile_open(const char *name, int32_t size_kib);
 void logfile_close();
 
 /*
- * Cuts the log file now if it has reached its limit. Returns 0 when no log is
- * open or the cut failed, else 1 or the bytes of the last block kept.
+ * From now on lines go to the log file, or to standard output. What goes to
+ * a file that is not open is lost.
  */
-int32_t logfile_trim();
+void log_into_file(bool on = true);
+
+/* The process id that lines show from now on; it is 0 to begin with. */
+void log_as(int32_t pid);
+
+/*
+ * Cuts the log file now if it has reached its limit. False when no log is
+ * open or the cut failed; see check_size for what counts as failed.
+ */
+bool logfile_trim();
 
 /*
  * Writes one line. Leading white space and "TOLVA " go, a leading "ERROR: "
- * becomes "error: ". Returns 0 when nothing was written, else non-zero. A
- * process without file log and without terminal drops the line and says 1.
+ * becomes "error: ". False when nothing was written; a process without file
+ * log and without terminal drops the line and says true.
  */
-int32_t log_write_line(const char *text);
+bool log_write_line(const char *text);
 
 /*
  * Fills at most count "%s" of format with the texts that follow and writes
  * the line. No printf: anything else is copied as it stands, a "%s" directly
- * before a letter or digit too. Returns 1 when a line was written, else 0; a
- * null or empty format writes none.
+ * before a letter or digit too, and one whose text is null. True when a line
+ * was written; a null or empty format writes none.
  */
-int32_t log_message(int32_t count, const char *format, ...);
+bool log_message(int32_t count, const char *format, ...);
 
 /* "system: %s" for a failed system call, "error: %s" for our own refusal. */
 void log_system(int32_t error);

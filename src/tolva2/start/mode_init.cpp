@@ -88,7 +88,7 @@ void open_log()
                      "%s: error initializing logfile %s\n", progname,
                      rp->logfile_name);
     } else {
-        log_to_file = 1;
+        log_into_file();
     }
 }
 
@@ -150,7 +150,7 @@ void detach()
     daemonize(0, 1);
     own_pid = getpid();
     if (daemonized) {
-        logged_pid = own_pid;
+        log_as(own_pid);
     }
 }
 
