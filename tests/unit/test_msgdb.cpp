@@ -1,4 +1,6 @@
+/* Numbered texts, looked up in a file. */
 #include "capture.h"
+#include "failing_calls.h"
 #include "temp_dir.h"
 #include "tolva2/files/msgdb.h"
 
@@ -26,7 +28,7 @@ class msgdb_test : public testing::Test
     std::string text(const std::string &content, int32_t number)
     {
         write_file(path, content);
-        EXPECT_EQ(msgdb_open(path.c_str()), 1);
+        EXPECT_TRUE(msgdb_open(path.c_str()));
         const char *found = msgdb_get(number);
         return found ? found : "(null)";
     }
@@ -152,20 +154,20 @@ TEST_F(msgdb_texts, long_lines)
 
 TEST_F(msgdb_test, open_needs_the_name_of_a_regular_file)
 {
-    EXPECT_EQ(msgdb_open(nullptr), 0);
-    EXPECT_EQ(msgdb_open(""), 0);
+    EXPECT_FALSE(msgdb_open(nullptr));
+    EXPECT_FALSE(msgdb_open(""));
     errno = 0;
-    EXPECT_EQ(msgdb_open(dir.path("absent").c_str()), 0);
+    EXPECT_FALSE(msgdb_open(dir.path("absent").c_str()));
     EXPECT_EQ(errno, ENOENT);
     std::string fifo = dir.path("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string &other : {dir.path(), "/dev/null"s, fifo}) {
         errno = 0;
-        EXPECT_EQ(msgdb_open(other.c_str()), 0) << other;
+        EXPECT_FALSE(msgdb_open(other.c_str())) << other;
         EXPECT_EQ(errno, ENOENT) << other;
     }
     errno = 0;
-    EXPECT_EQ(msgdb_open((dir.file("file", "x") + "/below").c_str()), 0);
+    EXPECT_FALSE(msgdb_open((dir.file("file", "x") + "/below").c_str()));
     EXPECT_EQ(errno, ENOTDIR);
     EXPECT_EQ(msgdb_get(1), nullptr);
 }
@@ -175,14 +177,14 @@ TEST_F(msgdb_test, open_follows_links)
     write_file(path, "m1=one\n");
     std::string link = dir.path("link");
     ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
-    EXPECT_EQ(msgdb_open(link.c_str()), 1);
+    EXPECT_TRUE(msgdb_open(link.c_str()));
     EXPECT_STREQ(msgdb_get(1), "one");
 }
 
 TEST_F(msgdb_test, open_copies_the_name)
 {
     std::string name = dir.file("copy.dat", "m1=one\n");
-    EXPECT_EQ(msgdb_open(name.c_str()), 1);
+    EXPECT_TRUE(msgdb_open(name.c_str()));
     name.assign(name.size(), 'x');
     EXPECT_STREQ(msgdb_get(1), "one");
 }
@@ -190,16 +192,27 @@ TEST_F(msgdb_test, open_copies_the_name)
 TEST_F(msgdb_test, a_second_open_replaces_the_first)
 {
     EXPECT_EQ(text("m1=one\n", 1), "one");
-    EXPECT_EQ(msgdb_open(dir.file("other", "m1=uno\n").c_str()), 1);
+    EXPECT_TRUE(msgdb_open(dir.file("other", "m1=uno\n").c_str()));
     EXPECT_STREQ(msgdb_get(1), "uno");
 }
 
 TEST_F(msgdb_test, a_failed_open_keeps_the_former_name)
 {
     EXPECT_EQ(text("m1=one\n", 1), "one");
-    EXPECT_EQ(msgdb_open(dir.path("absent").c_str()), 0);
-    EXPECT_EQ(msgdb_open(dir.path().c_str()), 0);
-    EXPECT_EQ(msgdb_open(nullptr), 0);
+    EXPECT_FALSE(msgdb_open(dir.path("absent").c_str()));
+    EXPECT_FALSE(msgdb_open(dir.path().c_str()));
+    EXPECT_FALSE(msgdb_open(nullptr));
+    EXPECT_STREQ(msgdb_get(1), "one");
+}
+
+TEST_F(msgdb_test, an_open_without_memory_keeps_the_former_name)
+{
+    EXPECT_EQ(text("m1=one\n", 1), "one");
+    std::string other = dir.file("other", "m1=uno\n");
+    {
+        failing_heap none;
+        EXPECT_FALSE(msgdb_open(other.c_str()));
+    }
     EXPECT_STREQ(msgdb_get(1), "one");
 }
 
@@ -238,7 +251,7 @@ TEST_F(msgdb_test, an_edited_database_counts_at_once)
 TEST_F(msgdb_test, each_lookup_overwrites_the_one_before)
 {
     write_file(path, "m1=one\nm2=two\n");
-    ASSERT_EQ(msgdb_open(path.c_str()), 1);
+    ASSERT_TRUE(msgdb_open(path.c_str()));
     const char *first = msgdb_get(1);
     const char *second = msgdb_get(2);
     EXPECT_EQ(first, second);
@@ -248,11 +261,11 @@ TEST_F(msgdb_test, each_lookup_overwrites_the_one_before)
 TEST_F(msgdb_test, lookups_leave_no_descriptor_open)
 {
     write_file(path, "m1=one\n");
-    ASSERT_EQ(msgdb_open(path.c_str()), 1);
+    ASSERT_TRUE(msgdb_open(path.c_str()));
     int before = dup(0);
     close(before);
     for (int i = 0; i < 50; i++) {
-        msgdb_get(i);
+        EXPECT_EQ(msgdb_get(i) != nullptr, i == 1);
     }
     int after = dup(0);
     close(after);
@@ -262,7 +275,7 @@ TEST_F(msgdb_test, lookups_leave_no_descriptor_open)
 TEST_F(msgdb_test, get_into_cuts_to_the_buffer)
 {
     write_file(path, "m5=abcdef\n");
-    ASSERT_EQ(msgdb_open(path.c_str()), 1);
+    ASSERT_TRUE(msgdb_open(path.c_str()));
     char buffer[16];
     const struct {
         size_t size;
@@ -284,7 +297,7 @@ TEST_F(msgdb_test, get_into_cuts_to_the_buffer)
 TEST_F(msgdb_test, get_into_needs_a_buffer)
 {
     write_file(path, "m5=abcdef\n");
-    ASSERT_EQ(msgdb_open(path.c_str()), 1);
+    ASSERT_TRUE(msgdb_open(path.c_str()));
     char buffer[4] = "?";
     EXPECT_EQ(msgdb_get_into(5, nullptr, 10), -1);
     EXPECT_EQ(msgdb_get_into(5, buffer, 0), -1);

@@ -1,10 +1,16 @@
+/*
+ * A look-up reads the file from its start until a line has the number's key
+ * anywhere in it. Lines are searched in the caller's buffer, where the text
+ * then stays.
+ */
 #include "tolva2/files/msgdb.h"
 #include "tolva2/base/trace.h"
+#include "unixtools/ux_owned.h"
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace
@@ -13,52 +19,62 @@ namespace
 constexpr size_t SHARED_BUFFER = 1024;
 constexpr size_t KEY_BUFFER = 16;
 
-char *database_name = nullptr;
-char shared_text[SHARED_BUFFER];
+struct {
+    ux_text name;
+    char shared_text[SHARED_BUFFER];
+} database;
+
+/* What stands behind the first "=" of a line that has the key anywhere in
+ * it; null in any other line. */
+const char *text_of(std::string_view line, std::string_view key)
+{
+    if (line.find(key) == std::string_view::npos) {
+        return nullptr;
+    }
+    return line.data() + line.find('=') + 1;
+}
 
 /* The last character goes when it is part of a line end. */
-size_t drop_line_end(char *text, size_t length)
+void drop_line_end(std::string_view *text)
 {
-    if (length > 0 && (text[length - 1] == '\r' || text[length - 1] == '\n')) {
-        text[--length] = '\0';
+    if (text->ends_with('\r') || text->ends_with('\n')) {
+        text->remove_suffix(1);
     }
-    return length;
 }
 
 } // namespace
 
-int32_t msgdb_open(const char *name)
+bool msgdb_open(const char *name)
 {
     trace_in();
     struct stat status;
-    if (!name || !*name || stat(name, &status) < 0) {
-        return 0;
+    if (ux_is_empty(name) || stat(name, &status) < 0) {
+        return false;
     }
     if (!S_ISREG(status.st_mode)) {
         errno = ENOENT;
-        return 0;
+        return false;
     }
-    char *copy = strdup(name);
+    ux_text copy = ux_copy(name);
     if (!copy) {
-        return 0;
+        return false;
     }
-    free(database_name);
-    database_name = copy;
-    return 1;
+    database.name = std::move(copy);
+    return true;
 }
 
 void msgdb_close()
 {
     trace_in();
-    free(database_name);
-    database_name = nullptr;
+    database.name.reset();
 }
 
 const char *msgdb_get(int32_t number)
 {
     trace_in();
-    int32_t length = msgdb_get_into(number, shared_text, sizeof shared_text);
-    return length > 0 ? shared_text : nullptr;
+    int32_t length = msgdb_get_into(number, database.shared_text,
+                                    sizeof database.shared_text);
+    return length > 0 ? database.shared_text : nullptr;
 }
 
 int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
@@ -68,13 +84,8 @@ int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
         return -1;
     }
     buffer[0] = '\0';
-    FILE *file = database_name ? fopen(database_name, "re") : nullptr;
-    if (!file) {
-        return 0;
-    }
-    int32_t length = msgdb_find(file, buffer, size, number);
-    fclose(file);
-    return length;
+    ux_file file(database.name ? fopen(database.name.get(), "re") : nullptr);
+    return file ? msgdb_find(file.get(), buffer, size, number) : 0;
 }
 
 int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number)
@@ -85,21 +96,16 @@ int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number)
     }
     char key[KEY_BUFFER];
     snprintf(key, sizeof key, "m%i=", number);
-    const char *text = nullptr;
+    const char *found = nullptr;
     /* A line of one byte could hold no text and would never reach the end. */
     int limit = size < INT_MAX ? static_cast<int>(size) : INT_MAX;
-    while (!text && limit > 1 && fgets(buffer, limit, stream)) {
-        if (strstr(buffer, key)) {
-            text = strchr(buffer, '=') + 1;
-        }
+    while (!found && limit > 1 && fgets(buffer, limit, stream)) {
+        found = text_of(buffer, key);
     }
-    if (!text) {
-        buffer[0] = '\0';
-        return 0;
-    }
-    size_t length = strlen(text);
-    memmove(buffer, text, length + 1);
-    length = drop_line_end(buffer, length);
-    length = drop_line_end(buffer, length);
-    return static_cast<int32_t>(length);
+    std::string_view text(found ? found : "");
+    drop_line_end(&text);
+    drop_line_end(&text);
+    memmove(buffer, text.data(), text.size());
+    buffer[text.size()] = '\0';
+    return static_cast<int32_t>(text.size());
 }
