@@ -17,13 +17,14 @@ void with_database(const uint8_t *data, size_t size, char *params)
     fuzz_check(fd >= 0 && ftruncate(fd, 0) == 0);
     fuzz_check(pwrite(fd, "m1=", 3, 0) == 3);
     fuzz_check(pwrite(fd, data, size, 3) == static_cast<ssize_t>(size));
-    fuzz_check(msgdb_open(path) == 1);
+    fuzz_check(msgdb_open(path));
     for (size_t room : {size_t{1}, size_t{2}, size_t{30}, size_t{4096}}) {
         for (int32_t index = -1; index < 9; index++) {
             char *out = static_cast<char *>(malloc(room));
             char *text = strdup(params);
-            get_V2command_params(out, room, index, text);
-            fuzz_check(strlen(out) < room);
+            int32_t found = get_V2command_params(
+                out, room, static_cast<command_index>(index), text);
+            fuzz_check(strlen(out) < room && found >= 0);
             free(text);
             free(out);
         }

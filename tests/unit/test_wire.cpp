@@ -264,40 +264,6 @@ TEST(is_reply_header, compares_24_characters_in_any_case)
     EXPECT_FALSE(is_reply_header(""));
 }
 
-TEST(classify_request, tells_bare_requests_from_commands)
-{
-    struct row {
-        std::string text;
-        int32_t kind;
-    };
-    const row rows[] = {
-        {request, REQUEST_V1},
-        {"connect to tolva (send)", REQUEST_V1},
-        {"Connect To Tolva (Send)", REQUEST_V1},
-        {request + " MSG_EXECUTE SHUTDOWN", REQUEST_V2},
-        {"connect to tolva (send) x", REQUEST_V2},
-        {request + "\n", REQUEST_V2},
-        {request + " ", REQUEST_V2},
-        {request + "\r\n", REQUEST_V2},
-        {request + "XMSG_EXECUTE LOG_TEXT hello", REQUEST_V2},
-        {request + "\xff", REQUEST_V2},
-        {request.substr(0, 22), REQUEST_NONE},
-        {"", REQUEST_NONE},
-        {" " + request, REQUEST_NONE},
-        {"CONNECT TO TOLVA (SENT)", REQUEST_NONE},
-        {"CONNECT  TO TOLVA (SEND)", REQUEST_NONE},
-        {reply, REQUEST_NONE},
-        {"GET / HTTP/1.0\r\n\r\n", REQUEST_NONE},
-        {std::string(4095, 'C'), REQUEST_NONE},
-    };
-    for (const row &one : rows) {
-        EXPECT_EQ(classify_request(one.text.c_str()), one.kind) << one.text;
-    }
-    EXPECT_EQ(REQUEST_NONE, 0);
-    EXPECT_EQ(REQUEST_V1, 1);
-    EXPECT_EQ(REQUEST_V2, 2);
-}
-
 TEST(get_key_value, finds_the_value_of_a_word)
 {
     struct row {

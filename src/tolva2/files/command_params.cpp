@@ -1,11 +1,21 @@
+/*
+ * The table of the command words says of each what its parameters are, and
+ * there is a function for each kind: a text as it stands, or the text of a
+ * message filled with the parameters, and both again with a recipient in
+ * front, for mail.
+ */
 #include "tolva2/files/command_params.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/msgdb.h"
 #include "unixtools/ux_number.h"
+#include "unixtools/ux_owned.h"
 
+#include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <span>
+#include <string_view>
 #include <strings.h>
 
 namespace
@@ -13,18 +23,30 @@ namespace
 
 constexpr const char *RECIPIENT_END = " \t$";
 
-/* Its own index is a command's number; the empty word ends the table. */
-constexpr const char *COMMAND_WORDS[] = {
-    "SHUTDOWN",  /* ShutdownProg */
-    "EXECUTE",   /* ExecProg */
-    "MSG_ID",    /* MsgProg, a text of the database */
-    "MSG_TEXT",  /* MsgProg */
-    "MAIL_ID",   /* MailProg, a text of the database */
-    "MAIL_TEXT", /* MailProg */
-    "LOG_ID",    /* the log, a text of the database */
-    "LOG_TEXT",  /* the log */
-    "",
+/* Writes the argument string that a text comes to: non-zero when there is
+ * one. out is empty and has room for one byte at least. */
+using params_kind = int32_t (*)(std::span<char> out, char *text);
+
+int32_t free_text(std::span<char> out, char *text);
+int32_t numbered_text(std::span<char> out, char *text);
+int32_t traced_numbered_text(std::span<char> out, char *text);
+int32_t numbered_mail(std::span<char> out, char *text);
+int32_t mail_text(std::span<char> out, char *text);
+
+struct command_word {
+    const char *word;
+    params_kind params;
 };
+
+/* The place of a row is its word's command_index. */
+constexpr command_word COMMAND_WORDS[] = {
+    {"SHUTDOWN", free_text},          {"EXECUTE", free_text},
+    {"MSG_ID", traced_numbered_text}, {"MSG_TEXT", free_text},
+    {"MAIL_ID", numbered_mail},       {"MAIL_TEXT", mail_text},
+    {"LOG_ID", numbered_text},        {"LOG_TEXT", free_text},
+};
+constexpr int32_t WORD_COUNT = std::size(COMMAND_WORDS);
+static_assert(WORD_COUNT == COMMAND_LOG_TEXT + 1);
 
 const char *or_null_word(const char *text)
 {
@@ -36,7 +58,7 @@ bool is_name_character(char c)
     return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
-/* How many characters of text are a placeholder; 0 when it is none. */
+/* How long a placeholder at the start of text is; 0 when there is none. */
 size_t placeholder_length(const char *text)
 {
     if (text[0] == '%') {
@@ -58,44 +80,57 @@ size_t placeholder_length(const char *text)
 }
 
 /*
- * The next parameter of *rest, in place; null when none is left. Only a quote
- * at the very next character opens a quoted one, so two blanks before a quote
- * make it an ordinary character.
+ * Takes so many characters, and the one that ends them, off the front of
+ * *rest. The result is never null, so that it is some text even when empty.
  */
-const char *next_parameter(char **rest)
+std::string_view take_front(std::string_view *rest, size_t length)
 {
-    char *parameter = *rest;
-    if (!parameter) {
-        return nullptr;
+    std::string_view front(rest->data(), std::min(length, rest->size()));
+    rest->remove_prefix(std::min(front.size() + 1, rest->size()));
+    return front;
+}
+
+/*
+ * The next parameter of *rest; null when none is left. Only a quote at the
+ * very next character opens a quoted one, so two blanks before a quote make
+ * it an ordinary character.
+ */
+std::string_view next_parameter(std::string_view *rest)
+{
+    if (rest->starts_with('"')) {
+        rest->remove_prefix(1);
+        return take_front(rest, rest->find('"'));
     }
-    if (*parameter != '"') {
-        return split_word(rest, PARAM_BLANKS);
+    size_t start = rest->find_first_not_of(PARAM_BLANKS);
+    rest->remove_prefix(std::min(start, rest->size()));
+    if (rest->empty()) {
+        return {};
     }
-    parameter++;
-    char *end = strchr(parameter, '"');
-    if (end) {
-        *end = '\0';
-        *rest = end + 1;
-    } else {
-        *rest = parameter + strlen(parameter);
-    }
-    return parameter;
+    return take_front(rest, rest->find_first_of(PARAM_BLANKS));
+}
+
+void trace_parameter(std::string_view parameter)
+{
+    std::string_view shown = parameter.data() ? parameter : "NULL";
+    debug_printf("DEBUG: param = [%.*s]\n", static_cast<int>(shown.size()),
+                 shown.data());
 }
 
 /* Fills the template's placeholders into buffer: the length written. */
-size_t fill_template(char *buffer, size_t size, const char *text, char *rest)
+size_t fill_template(char *buffer, size_t size, const char *text,
+                     std::string_view rest)
 {
     size_t length = 0;
     while (*text && length < size) {
         size_t placeholder = placeholder_length(text);
-        const char *parameter = nullptr;
+        std::string_view parameter;
         if (placeholder > 0) {
             parameter = next_parameter(&rest);
-            debug_printf("DEBUG: param = [%s]\n", or_null_word(parameter));
+            trace_parameter(parameter);
         }
-        if (parameter) {
-            size_t copied = strnlen(parameter, size - length);
-            memcpy(buffer + length, parameter, copied);
+        if (parameter.data()) {
+            size_t copied = std::min(parameter.size(), size - length);
+            memcpy(buffer + length, parameter.data(), copied);
             length += copied;
             text += placeholder;
         } else {
@@ -108,16 +143,17 @@ size_t fill_template(char *buffer, size_t size, const char *text, char *rest)
 
 } // namespace
 
-int32_t is_V2command(const char *word)
+command_index is_V2command(const char *word)
 {
     trace_in();
-    if (!word || !*word) {
+    if (ux_is_empty(word)) {
         return COMMAND_UNKNOWN;
     }
-    for (int32_t index = 0; *COMMAND_WORDS[index]; index++) {
-        debug_printf("DEBUG: compare = [%s]\n", COMMAND_WORDS[index]);
-        if (strcasecmp(word, COMMAND_WORDS[index]) == 0) {
-            return index;
+    for (int32_t index = 0; index < WORD_COUNT; index++) {
+        const char *known = COMMAND_WORDS[index].word;
+        debug_printf("DEBUG: compare = [%s]\n", known);
+        if (strcasecmp(word, known) == 0) {
+            return static_cast<command_index>(index);
         }
     }
     return COMMAND_UNKNOWN;
@@ -149,34 +185,29 @@ char *strip_params(char *text)
         return nullptr;
     }
     text += strspn(text, PARAM_BLANKS);
-    int32_t quotes = 0;
-    for (const char *c = text; *c; c++) {
-        quotes += *c == '"';
-    }
-    size_t length = strlen(text);
-    while (length > 0 && strchr(PARAM_BLANKS, text[length - 1])) {
-        text[--length] = '\0';
-    }
-    if (quotes == 2 && length > 1 && text[0] == '"' &&
-        text[length - 1] == '"') {
-        text[length - 1] = '\0';
+    std::string_view words(text);
+    auto quotes = std::count(words.begin(), words.end(), '"');
+    words.remove_suffix(words.size() -
+                        (words.find_last_not_of(PARAM_BLANKS) + 1));
+    if (quotes == 2 && words.size() > 1 && words.starts_with('"') &&
+        words.ends_with('"')) {
+        words.remove_suffix(1);
+        words.remove_prefix(1);
         text++;
     }
-    return *text ? text : nullptr;
+    text[words.size()] = '\0';
+    return words.empty() ? nullptr : text;
 }
 
 int32_t patch_msg_param(char *buffer, size_t size, const char *params)
 {
     trace_in();
-    char *text = strdup(buffer);
-    char *copy = params ? strdup(params) : nullptr;
-    size_t length = 0;
-    if (text && (copy || !params)) {
-        length = fill_template(buffer, size, text, copy);
+    ux_text text = ux_copy(buffer);
+    if (!text) {
+        return 0;
     }
-    free(copy);
-    free(text);
-    return static_cast<int32_t>(length);
+    std::string_view rest(params ? params : "");
+    return static_cast<int32_t>(fill_template(buffer, size, text.get(), rest));
 }
 
 namespace
@@ -189,39 +220,59 @@ int32_t split_number(char **rest)
     return word ? ux_atoi(word) : 0;
 }
 
-int32_t free_text_params(char *out, size_t size, char *text)
+int32_t free_text(std::span<char> out, char *text)
 {
     const char *stripped = strip_params(text);
     debug_printf("DEBUG: ptr3 = [%s]\n", or_null_word(stripped));
     if (stripped) {
-        snprintf(out, size - 1, "%s", stripped);
+        snprintf(out.data(), out.size() - 1, "%s", stripped);
     }
     return 1;
 }
 
-int32_t message_params(char *out, size_t size, int32_t index, char *text)
+int32_t numbered_text(std::span<char> out, char *text)
 {
-    if (index == COMMAND_MSG_ID) {
-        debug_printf("DEBUG: params = [%s]\n", or_null_word(text));
-    }
     int32_t number = split_number(&text);
-    if (number == 0 || msgdb_get_into(number, out, size) <= 0) {
+    if (number == 0 || msgdb_get_into(number, out.data(), out.size()) <= 0) {
         return 0;
     }
-    debug_printf("DEBUG: buffer = [%s]\n", out);
+    debug_printf("DEBUG: buffer = [%s]\n", out.data());
     debug_printf("DEBUG: ptrptr = [%s]\n", or_null_word(text));
-    patch_msg_param(out, size - 1, strip_params(text));
+    patch_msg_param(out.data(), out.size() - 1, strip_params(text));
     return 1;
+}
+
+/* The trace has always shown these parameters for one of the two words. */
+int32_t traced_numbered_text(std::span<char> out, char *text)
+{
+    debug_printf("DEBUG: params = [%s]\n", or_null_word(text));
+    return numbered_text(out, text);
 }
 
 /* Appends the text in double quotes behind what out holds. */
-void append_quoted(char *out, size_t size, const char *text)
+void append_quoted(std::span<char> out, const char *text)
 {
-    size_t length = strlen(out);
-    snprintf(out + length, size - length, " \"%s\"", text);
+    size_t length = strlen(out.data());
+    snprintf(out.data() + length, out.size() - length, " \"%s\"", text);
 }
 
-int32_t mail_message_params(char *out, size_t size, char *text)
+/* Appends the text of a message, filled: false when there is no such text. */
+bool append_message(std::span<char> out, int32_t number, char *text,
+                    char *scratch)
+{
+    if (msgdb_get_into(number, scratch, out.size()) <= 0) {
+        return false;
+    }
+    const char *stripped = strip_params(text);
+    debug_printf("DEBUG: ptr5 = [%s]\n", or_null_word(stripped));
+    if (patch_msg_param(scratch, out.size() - 1, stripped) != 0) {
+        append_quoted(out, scratch);
+    }
+    return true;
+}
+
+/* Without its text the recipient alone is the argument string. */
+int32_t numbered_mail(std::span<char> out, char *text)
 {
     int32_t number = split_number(&text);
     const char *recipient =
@@ -229,47 +280,36 @@ int32_t mail_message_params(char *out, size_t size, char *text)
     if (!recipient) {
         return 0;
     }
-    int length = snprintf(out, size - 1, "%s ", recipient);
-    if (length < 0 || static_cast<size_t>(length) > size) {
+    int length = snprintf(out.data(), out.size() - 1, "%s ", recipient);
+    if (length < 0 || static_cast<size_t>(length) > out.size()) {
         return 0;
     }
-    char *scratch = static_cast<char *>(malloc(size));
-    if (!scratch) {
-        return length;
-    }
-    int32_t result = length;
-    if (msgdb_get_into(number, scratch, size) > 0) {
-        const char *stripped = strip_params(text);
-        debug_printf("DEBUG: ptr5 = [%s]\n", or_null_word(stripped));
-        if (patch_msg_param(scratch, size - 1, stripped) != 0) {
-            append_quoted(out, size, scratch);
-        }
-        result = 1;
-    }
-    free(scratch);
-    return result;
+    ux_text scratch(static_cast<char *>(malloc(out.size())));
+    return scratch && append_message(out, number, text, scratch.get()) ? 1
+                                                                       : length;
 }
 
-int32_t mail_text_params(char *out, size_t size, char *text)
+int32_t mail_text(std::span<char> out, char *text)
 {
     const char *recipient = split_word(&text, RECIPIENT_END);
     if (!recipient) {
         return 0;
     }
-    int length = snprintf(out, size, "%s", recipient);
-    if (length < 0 || static_cast<size_t>(length) > size) {
+    int length = snprintf(out.data(), out.size(), "%s", recipient);
+    if (length < 0 || static_cast<size_t>(length) > out.size()) {
         return 0;
     }
     const char *stripped = strip_params(text);
     if (stripped) {
-        append_quoted(out, size, stripped);
+        append_quoted(out, stripped);
     }
     return 1;
 }
 
 } // namespace
 
-int32_t get_V2command_params(char *out, size_t size, int32_t index, char *text)
+int32_t get_V2command_params(char *out, size_t size, command_index index,
+                             char *text)
 {
     trace_in();
     if (!out || size == 0) {
@@ -277,20 +317,8 @@ int32_t get_V2command_params(char *out, size_t size, int32_t index, char *text)
     }
     out[0] = '\0';
     out[size - 1] = '\0';
-    switch (index) {
-    case COMMAND_SHUTDOWN:
-    case COMMAND_EXECUTE:
-    case COMMAND_MSG_TEXT:
-    case COMMAND_LOG_TEXT:
-        return free_text_params(out, size, text);
-    case COMMAND_MSG_ID:
-    case COMMAND_LOG_ID:
-        return message_params(out, size, index, text);
-    case COMMAND_MAIL_ID:
-        return mail_message_params(out, size, text);
-    case COMMAND_MAIL_TEXT:
-        return mail_text_params(out, size, text);
-    default:
+    if (index < 0 || index >= WORD_COUNT) {
         return 0;
     }
+    return COMMAND_WORDS[index].params({out, size}, text);
 }

@@ -1,16 +1,14 @@
 #include "tolva2/listen/command.h"
 #include "tolva2/base/trace.h"
-#include "tolva2/files/command_params.h"
 #include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
+#include "tolva2/files/request.h"
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/child.h"
 #include "tolva2/listen/redundancy.h"
-#include "tolva2/net/wire.h"
 
 #include <cstdlib>
-#include <strings.h>
 #include <sys/wait.h>
 
 namespace
@@ -27,23 +25,6 @@ constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
     nullptr,                         /* LOG_ID */
     nullptr,                         /* LOG_TEXT */
 };
-
-/* Reads the verb in front of *rest: true for one of the two there are. */
-bool take_verb(connection *cn, char **rest)
-{
-    const char *verb = split_word(rest, PARAM_BLANKS);
-    if (!verb) {
-        return false;
-    }
-    debug_printf("DEBUG: ptr1 = [%s]\n", verb);
-    if (strcasecmp(verb, VERB_EXECSTATUS) == 0) {
-        if (cn->type == ADDR_PEER) {
-            cn->want_reply = 1;
-        }
-        return true;
-    }
-    return strcasecmp(verb, VERB_EXECUTE) == 0;
-}
 
 /* Writes the text to the log; a wanted reply goes out without any child. */
 int32_t exec_log_command(connection *cn, const char *text)
@@ -110,30 +91,18 @@ int32_t exec_V1command(connection *cn)
 int32_t exec_V2command(connection *cn, char *text)
 {
     trace_in();
-    debug_printf("DEBUG: tolvamsg = [%s]\n", text ? text : "NULL");
-    if (!text || !*text) {
-        report(event::command_unknown);
+    const command_request request = parse_command(text);
+    if (request.wants_status && cn->type == ADDR_PEER) {
+        cn->want_reply = 1;
+    }
+    if (request.fault != command_fault::none) {
+        report(request.fault == command_fault::unknown ? event::command_unknown
+                                                       : event::not_understood);
         return 0;
     }
-    char *rest = text;
-    const char *word = nullptr;
-    if (!take_verb(cn, &rest) || !(word = split_word(&rest, PARAM_BLANKS))) {
-        report(event::not_understood);
-        return 0;
-    }
-    debug_printf("DEBUG: ptr2 = [%s]\n", word);
-    int32_t index = is_V2command(word);
-    char params[TEXT_BUFFER];
-    if (!get_V2command_params(params, sizeof params, index, rest)) {
-        params[0] = '\0';
-    }
-    if (index == COMMAND_UNKNOWN) {
-        report(event::command_unknown);
-        return 0;
-    }
-    char *receiver_params::*script = COMMAND_SCRIPTS[index];
-    return script ? fork_and_exec(cn, rp->*script, params)
-                  : exec_log_command(cn, params);
+    char *receiver_params::*script = COMMAND_SCRIPTS[request.index];
+    return script ? fork_and_exec(cn, rp->*script, request.params)
+                  : exec_log_command(cn, request.params);
 }
 
 void handle_sigchld(ux_list *list)

@@ -108,16 +108,6 @@ bool is_reply_header(const char *text)
     return text && strncasecmp(text, REPLY_HEADER, REPLY_HEADER_LENGTH) == 0;
 }
 
-int32_t classify_request(const char *text)
-{
-    trace_in();
-    if (!text ||
-        strncasecmp(text, REQUEST_HEADER, REQUEST_HEADER_LENGTH) != 0) {
-        return REQUEST_NONE;
-    }
-    return text[REQUEST_HEADER_LENGTH] == '\0' ? REQUEST_V1 : REQUEST_V2;
-}
-
 char *get_key_value(const char *text, const char *key, char *out, size_t size)
 {
     trace_in();

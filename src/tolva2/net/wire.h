@@ -6,27 +6,17 @@
 #ifndef TOLVA2_NET_WIRE_H
 #define TOLVA2_NET_WIRE_H
 
+#include "tolva2/files/request.h"
+
 #include <cstddef>
 #include <cstdint>
 
-#define REQUEST_HEADER "CONNECT TO TOLVA (SEND)"
 #define REPLY_HEADER "CONNECT TO TOLVA (REPLY)"
-#define VERB_EXECUTE "MSG_EXECUTE"
-#define VERB_EXECSTATUS "MSG_EXECSTATUS"
-#define VERB_SCAN "MSG_SCAN"
 
-constexpr size_t REQUEST_HEADER_LENGTH = sizeof(REQUEST_HEADER) - 1;
 constexpr size_t REPLY_HEADER_LENGTH = sizeof(REPLY_HEADER) - 1;
 
-/* Where a command's text begins: the byte between is never looked at. */
-constexpr size_t REQUEST_TEXT_OFFSET = REQUEST_HEADER_LENGTH + 1;
+/* Where the text of a reply begins: the byte between is never looked at. */
 constexpr size_t REPLY_TEXT_OFFSET = REPLY_HEADER_LENGTH + 1;
-
-enum request_class : int32_t {
-    REQUEST_NONE = 0,
-    REQUEST_V1 = 1, /* the bare header: shut down */
-    REQUEST_V2 = 2, /* the header and a command text */
-};
 
 /*
  * Send a request: the header alone when command is null or empty, else header
@@ -51,9 +41,6 @@ int32_t recv_kesdal(int32_t fd);
 
 /* True when text begins with the reply header, in any case. */
 bool is_reply_header(const char *text);
-
-/* What kind of request text is: a request_class. */
-int32_t classify_request(const char *text);
 
 /*
  * Finds the first word of text that begins with key and copies what stands
