@@ -223,7 +223,7 @@ def test_a_disk_that_fills_up_and_is_cleaned(home):
                 f'mount -t tmpfs -o size=16k none "{disk}" && exec "$@"',
                 "sh"],
         config={"LogfileName": disk / "tolva.log"})
-    text = b"y" * 200
+    text = b"y" * 190
     replies = [listener.request(STATUS + b"LOG_TEXT " + text)
                for _ in range(120)]
     written = replies.index(NOT_LOGGED)
@@ -231,6 +231,10 @@ def test_a_disk_that_fills_up_and_is_cleaned(home):
     assert replies == [LOGGED] * written + [NOT_LOGGED] * (120 - written)
     log = f"/proc/{listener.pid}/root{disk}/tolva.log"
     assert os.path.getsize(log) <= 16384
+    with open(log, "rb") as f:
+        lines = f.read().split(b"\n")
+    assert lines.pop() == b"", "a line is only half there"
+    assert sum(line.endswith(b": " + text) for line in lines) == written
     os.truncate(log, 0)
     assert listener.request(STATUS + b"LOG_TEXT again") == LOGGED
     with open(log) as f:
