@@ -119,9 +119,12 @@ TEST_F(full_disk_test, a_log_behind_a_link_is_cut_where_it_is)
     ASSERT_EQ(rename(path.c_str(), elsewhere.path("log").c_str()), 0);
     ASSERT_EQ(symlink(elsewhere.path("log").c_str(), path.c_str()), 0);
     failing_call full("tmpfile", ENOSPC);
-    ASSERT_EQ(chmod(dir.path().c_str(), 0555), 0);
     expect_cut();
-    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    ux_file waiting = stream_beside(path.c_str());
+    ASSERT_NE(waiting, nullptr);
+    std::string seen = std::filesystem::read_symlink(
+        "/proc/self/fd/" + std::to_string(fileno(waiting.get())));
+    EXPECT_EQ(seen.rfind(elsewhere.path() + "/", 0), 0u) << seen;
 }
 
 TEST_F(full_disk_test, the_waiting_file_is_nobody_elses)
@@ -170,12 +173,14 @@ TEST_F(full_disk_test, the_file_stays_the_same_file)
     EXPECT_EQ(after.st_mode, before.st_mode);
 }
 
-TEST_F(full_disk_test, a_rest_that_cannot_be_written_back_loses_the_line)
+TEST_F(full_disk_test, a_rest_that_cannot_be_written_back_is_no_success)
 {
     fill_to_the_limit();
-    /* The one that is closed first held the log's end; then the log itself. */
+    EXPECT_TRUE(check_size(path.c_str(), 1024, 948));
+    write_file(path, old);
+    /* The first that is closed is the log when it has been read. */
     failing_call full("fclose", ENOSPC, 1);
-    EXPECT_FALSE(log_write_line(text.c_str()));
+    EXPECT_FALSE(check_size(path.c_str(), 1024, 948));
 }
 
 /* Torn lines */
