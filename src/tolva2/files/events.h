@@ -60,8 +60,7 @@ constexpr event_message<1> script_failed{793};    /* its command line */
 template <std::convertible_to<const char *>... texts>
 bool report(event_message<sizeof...(texts)> what, texts... arguments)
 {
-    return log_message(sizeof...(texts), msgdb_get(what.number),
-                       arguments...);
+    return log_message(sizeof...(texts), msgdb_get(what.number), arguments...);
 }
 
 #endif
