@@ -140,4 +140,15 @@ template <typename record> void ux_delete(record *one)
     }
 }
 
+template <typename record> struct ux_deleter {
+    void operator()(record *one) const
+    {
+        ux_delete(one);
+    }
+};
+
+/* A record that was made by ux_new, or none. */
+template <typename record>
+using ux_owner = std::unique_ptr<record, ux_deleter<record>>;
+
 #endif

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -75,6 +76,10 @@ int __real_fcntl(int fd, int command, long argument);
 int __real_setsockopt(int fd, int level, int name, const void *value,
                       socklen_t length);
 int __real_setitimer(int which, const itimerval *timer, itimerval *old);
+int __real_socket(int domain, int type, int protocol);
+int __real_accept(int fd, sockaddr *address, socklen_t *length);
+int __real_pselect(int count, fd_set *readable, fd_set *writable, fd_set *other,
+                   const timespec *limit, const sigset_t *mask);
 int __real_execv(const char *path, char *const arguments[]);
 int __real_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
                  const sigset_t *mask);
@@ -166,6 +171,24 @@ int __wrap_setsockopt(int fd, int level, int name, const void *value,
 int __wrap_setitimer(int which, const itimerval *timer, itimerval *old)
 {
     return fails("setitimer") ? -1 : __real_setitimer(which, timer, old);
+}
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    return fails("socket") ? -1 : __real_socket(domain, type, protocol);
+}
+
+int __wrap_accept(int fd, sockaddr *address, socklen_t *length)
+{
+    return fails("accept") ? -1 : __real_accept(fd, address, length);
+}
+
+int __wrap_pselect(int count, fd_set *readable, fd_set *writable, fd_set *other,
+                   const timespec *limit, const sigset_t *mask)
+{
+    return fails("pselect")
+               ? -1
+               : __real_pselect(count, readable, writable, other, limit, mask);
 }
 
 int __wrap_execl(const char *path, const char *argument, ...)

@@ -5,12 +5,14 @@
 #ifndef TESTS_UNIT_LISTENER_FIXTURE_H
 #define TESTS_UNIT_LISTENER_FIXTURE_H
 
+#include "address_list.h"
 #include "sessions.h"
 
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/redundancy.h"
 
-#include <cstdlib>
+#include <deque>
+#include <string>
 
 class listener
 {
@@ -24,26 +26,19 @@ class listener
         settings.msg_prog = text("exit 2;");
         settings.mail_prog = text("exit 3;");
         rp = &settings;
-        ux_list_init(&members, destroy_inetaddr);
-        init_redundant_shutdowns(&settings, &members);
+        init_redundant_shutdowns(&settings, members.get());
     }
     ~listener()
     {
         /* Scripts that a test has not collected. */
         for (const ux_list *list : {clients, connections}) {
-            for (const ux_list_element *node = list->head; node;
-                 node = node->next) {
-                const connection *cn = session_of(node);
-                if (cn != nullptr && cn->busy != 0 && cn->pid > 0) {
+            for (const connection *cn : records(list)) {
+                if (cn != nullptr && cn->busy && cn->pid > 0) {
                     waitpid(cn->pid, nullptr, 0);
                 }
             }
         }
-        ux_list_destroy(&members);
         rp = nullptr;
-        for (char *one : texts) {
-            free(one);
-        }
     }
     listener(const listener &) = delete;
     listener &operator=(const listener &) = delete;
@@ -51,8 +46,8 @@ class listener
     /* A text that lives as long as the listener. */
     char *text(const std::string &content)
     {
-        texts.push_back(strdup(content.c_str()));
-        return texts.back();
+        texts.push_back(content);
+        return texts.back().data();
     }
     /* Redundant senders, level 1, with a harmless batch file. */
     void make_redundant(const char *addresses, int32_t level)
@@ -60,16 +55,18 @@ class listener
         settings.redundancy_enabled = text("TRUE");
         settings.redundancy_batch_file = text("exit 4;");
         settings.redundancy_level = level;
-        get_inetaddr_arr_from_str(&members, addresses, ADDR_PEER, MODE_LISTEN);
-        init_redundant_shutdowns(&settings, &members);
+        get_inetaddr_arr_from_str(members.get(), addresses, ADDR_PEER,
+                                  MODE_LISTEN);
+        init_redundant_shutdowns(&settings, members.get());
     }
     operator_log log;
     session_lists lists;
     receiver_params settings;
 
   private:
-    std::vector<char *> texts;
-    ux_list members;
+    /* Those that there are stay where they are when one more comes. */
+    std::deque<std::string> texts;
+    address_list members;
 };
 
 #endif

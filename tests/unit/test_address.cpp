@@ -3,85 +3,17 @@
  * resolver is replaced by one with names for every answer, so that no test
  * asks the network.
  */
+#include "address_list.h"
+#include "failing_calls.h"
 #include "sessions.h"
 
 #include "tolva2/net/address.h"
-#include "unixtools/ux_list.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/time.h>
-
-namespace
-{
-
-bool memory_exhausted = false;
-
-void *calloc_or_fail(size_t count, size_t size)
-{
-    return memory_exhausted ? nullptr : calloc(count, size);
-}
-
-char *strdup_or_fail(const char *text)
-{
-    return memory_exhausted ? nullptr : strdup(text);
-}
-
-bool list_full = false;
-
-int32_t insert_or_fail(ux_list *list, ux_list_element *element, void *data)
-{
-    errno = ENOMEM;
-    return list_full ? -1 : ux_list_ins_next(list, element, data);
-}
-
-bool timer_broken = false;
-
-template <typename kind>
-int set_timer_or_fail(kind which, const itimerval *timer, itimerval *old)
-{
-    return timer_broken ? -1 : setitimer(which, timer, old);
-}
-
-/* What happens to the next wait for the resolver. */
-enum { NOTHING, EARLY_ALARM, INTERRUPTION, LAPSE } next_wait = NOTHING;
-time_t waited_at_most = -1;
-
-int wait_or_not(pollfd *fds, nfds_t count, const timespec *limit,
-                const sigset_t *mask)
-{
-    auto event = next_wait;
-    next_wait = NOTHING;
-    waited_at_most = limit ? limit->tv_sec : -1;
-    if (event == EARLY_ALARM) {
-        kill(getpid(), SIGALRM);
-    } else if (event == INTERRUPTION) {
-        errno = EINTR;
-        return -1;
-    } else if (event == LAPSE) {
-        return 0;
-    }
-    return ppoll(fds, count, limit, mask);
-}
-
-} // namespace
-
-#define calloc calloc_or_fail
-#undef strdup
-#define strdup strdup_or_fail
-#define ux_list_ins_next insert_or_fail
-#define setitimer set_timer_or_fail
-#define ppoll wait_or_not
-#include "tolva2/net/address.cpp" // NOLINT(bugprone-suspicious-include)
-#undef calloc
-#undef strdup
-#undef ux_list_ins_next
-#undef setitimer
-#undef ppoll
 
 /* Stands before the C library's: answers by name, localhost in truth. */
 extern "C" hostent *gethostbyname(const char *name)
@@ -129,7 +61,7 @@ namespace
 
 /* A record that frees itself, and what was said while it was built. */
 struct built {
-    inetaddr *record;
+    ux_owner<inetaddr> record;
     std::string said;
 
     built(const char *host, uint16_t port, address_kind kind = ADDR_PEER,
@@ -140,12 +72,6 @@ struct built {
         record = new_inetaddr(host, port, kind, mode);
         said = errors.text();
     }
-    ~built()
-    {
-        free(record);
-    }
-    built(const built &) = delete;
-    built &operator=(const built &) = delete;
 };
 
 std::string unresolved(const std::string &host)
@@ -153,50 +79,51 @@ std::string unresolved(const std::string &host)
     return "prog: could not resolve hostname `" + host + "'\n";
 }
 
-class address_list
+/* What happens to the next wait for the resolver. */
+enum class instead { early_alarm, interruption, lapse };
+
+/* The wait after that, if there is one, is as ever. */
+class next_wait
 {
   public:
-    address_list()
+    explicit next_wait(instead what)
     {
-        ux_list_init(&list, destroy_inetaddr);
+        ppoll_instead = [what](pollfd *fds, nfds_t count, const timespec *limit,
+                               const sigset_t *mask) {
+            return once(what, fds, count, limit, mask);
+        };
     }
-    ~address_list()
+    ~next_wait()
     {
-        ux_list_destroy(&list);
+        ppoll_instead = nullptr;
     }
-    address_list(const address_list &) = delete;
-    address_list &operator=(const address_list &) = delete;
+    next_wait(const next_wait &) = delete;
+    next_wait &operator=(const next_wait &) = delete;
 
-    ux_list *get()
-    {
-        return &list;
-    }
-    /* "text:port text:port", in order. */
-    std::string content() const
-    {
-        std::string all;
-        for (const ux_list_element *node = list.head; node; node = node->next) {
-            const inetaddr *one = static_cast<inetaddr *>(node->data);
-            all += all.empty() ? "" : " ";
-            all += std::string(one->text) + ":" + std::to_string(one->port);
-        }
-        return all;
-    }
-    uint32_t size() const
-    {
-        return list.size;
-    }
-    const inetaddr *last() const
-    {
-        return static_cast<inetaddr *>(list.tail->data);
-    }
+    /* Seconds; -1: without limit. */
+    static inline time_t at_most = -1;
 
   private:
-    ux_list list;
+    static int once(instead what, pollfd *fds, nfds_t count,
+                    const timespec *limit, const sigset_t *mask)
+    {
+        ppoll_instead = nullptr;
+        at_most = limit ? limit->tv_sec : -1;
+        switch (what) {
+        case instead::early_alarm:
+            kill(getpid(), SIGALRM);
+            return ppoll(fds, count, limit, mask);
+        case instead::interruption:
+            errno = EINTR;
+            return -1;
+        default:
+            return 0;
+        }
+    }
 };
 
 /* As the program: the text is cut up in place, so it gets a copy. */
-int32_t add(address_list &list, std::string text, address_kind kind = ADDR_PEER)
+bool add(address_list &list, std::string text, address_kind kind = ADDR_PEER)
 {
     return add_inetaddr(list.get(), text.data(), kind, MODE_SEND);
 }
@@ -361,13 +288,13 @@ TEST(new_inetaddr, gives_null_and_a_message_for_what_does_not_resolve)
 
 TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind)
 {
-    int before = open_descriptors();
+    int before = descriptors_in_use();
     sigset_t mask_before;
     sigset_t mask_after;
     sigprocmask(SIG_SETMASK, nullptr, &mask_before);
     built found("myhost", 0);
     built lost("unknown.invalid", 0);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptors_in_use(), before);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
     struct sigaction action;
@@ -384,7 +311,7 @@ TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind)
 
 TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds)
 {
-    int before = open_descriptors();
+    int before = descriptors_in_use();
     auto start = std::chrono::steady_clock::now();
     built one("hangs.invalid", 0);
     auto took = std::chrono::steady_clock::now() - start;
@@ -393,13 +320,13 @@ TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds)
                             unresolved("hangs.invalid"));
     EXPECT_GE(took, std::chrono::milliseconds(9900));
     EXPECT_LT(took, std::chrono::seconds(18));
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptors_in_use(), before);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
 TEST(new_inetaddr, an_alarm_right_before_the_wait_ends_it)
 {
-    next_wait = EARLY_ALARM;
+    next_wait wait(instead::early_alarm);
     built one("hangs.invalid", 0);
     EXPECT_EQ(one.record, nullptr);
     EXPECT_EQ(one.said, "prog: timeout resolving hostname...\n" +
@@ -408,7 +335,7 @@ TEST(new_inetaddr, an_alarm_right_before_the_wait_ends_it)
 
 TEST(new_inetaddr, another_signal_does_not_end_the_wait)
 {
-    next_wait = INTERRUPTION;
+    next_wait wait(instead::interruption);
     built one("myhost", 0);
     ASSERT_NE(one.record, nullptr);
     EXPECT_STREQ(one.record->text, "10.1.2.3");
@@ -417,11 +344,10 @@ TEST(new_inetaddr, another_signal_does_not_end_the_wait)
 
 TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit)
 {
-    timer_broken = true;
-    next_wait = LAPSE;
+    failing_call no_timer("setitimer", EINVAL);
+    next_wait wait(instead::lapse);
     built one("unknown.invalid", 0);
-    timer_broken = false;
-    EXPECT_EQ(waited_at_most, 10);
+    EXPECT_EQ(wait.at_most, 10);
     EXPECT_EQ(one.record, nullptr);
     EXPECT_EQ(one.said, "prog: timeout resolving hostname...\n" +
                             unresolved("unknown.invalid"));
@@ -429,9 +355,8 @@ TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit)
 
 TEST(new_inetaddr, gives_null_without_a_word_when_memory_is_exhausted)
 {
-    memory_exhausted = true;
+    failing_heap exhausted;
     built one("10.0.0.1", 0);
-    memory_exhausted = false;
     EXPECT_EQ(one.record, nullptr);
     EXPECT_EQ(one.said, "");
 }
@@ -449,9 +374,9 @@ TEST(new_inetaddr, traces_entry_and_size)
 TEST(add_inetaddr, appends_in_order)
 {
     address_list list;
-    EXPECT_EQ(add(list, "10.0.0.1"), 1);
-    EXPECT_EQ(add(list, "10.0.0.2:81", ADDR_BROADCAST), 1);
-    EXPECT_EQ(add(list, "myhost:7"), 1);
+    EXPECT_TRUE(add(list, "10.0.0.1"));
+    EXPECT_TRUE(add(list, "10.0.0.2:81", ADDR_BROADCAST));
+    EXPECT_TRUE(add(list, "myhost:7"));
     EXPECT_EQ(list.content(), "10.0.0.1:0 10.0.0.2:81 10.1.2.3:7");
     EXPECT_EQ(list.last()->kind, ADDR_PEER);
     EXPECT_EQ(list.last()->mode, MODE_SEND);
@@ -461,7 +386,7 @@ TEST(add_inetaddr, cuts_the_text_in_place)
 {
     address_list list;
     char text[] = "10.0.0.2:81";
-    EXPECT_EQ(add_inetaddr(list.get(), text, ADDR_PEER, MODE_SEND), 1);
+    EXPECT_TRUE(add_inetaddr(list.get(), text, ADDR_PEER, MODE_SEND));
     EXPECT_STREQ(text, "10.0.0.2");
     EXPECT_STREQ(text + 9, "81");
 }
@@ -483,7 +408,7 @@ TEST(add_inetaddr, cuts_a_port_to_16_bits)
     };
     for (const row &one : rows) {
         address_list list;
-        EXPECT_EQ(add(list, one.text), 1);
+        EXPECT_TRUE(add(list, one.text));
         EXPECT_EQ(list.last()->port, static_cast<int16_t>(one.port))
             << one.text;
         EXPECT_EQ(ntohs(list.last()->addr.sin_port), one.port) << one.text;
@@ -494,12 +419,12 @@ TEST(add_inetaddr, adds_nothing_for_nothing_or_an_unknown_name)
 {
     program_name name("prog");
     address_list list;
-    EXPECT_EQ(add_inetaddr(list.get(), nullptr, ADDR_PEER, MODE_SEND), 0);
-    EXPECT_EQ(add(list, ""), 0);
+    EXPECT_FALSE(add_inetaddr(list.get(), nullptr, ADDR_PEER, MODE_SEND));
+    EXPECT_FALSE(add(list, ""));
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(add(list, "unknown.invalid:5"), 0);
-    EXPECT_EQ(add(list, "[::1]:80"), 0);
-    EXPECT_EQ(add(list, "h:1:2"), 0);
+    EXPECT_FALSE(add(list, "unknown.invalid:5"));
+    EXPECT_FALSE(add(list, "[::1]:80"));
+    EXPECT_FALSE(add(list, "h:1:2"));
     EXPECT_EQ(errors.text(), unresolved("unknown.invalid") +
                                  unresolved("[::1]") + unresolved("h:1"));
     EXPECT_EQ(list.size(), 0u);
@@ -510,7 +435,8 @@ TEST(add_inetaddr, ends_the_process_when_the_list_cannot_grow)
     program_name name("prog");
     ending end = in_child([] {
         address_list list;
-        list_full = true;
+        /* What is left goes to the record. */
+        failing_heap limit(1);
         add(list, "10.0.0.1");
     });
     EXPECT_EQ(end.status, 1);
@@ -578,11 +504,10 @@ TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing)
     EXPECT_EQ(
         get_inetaddr_arr_from_str(list.get(), " \t\n", ADDR_PEER, MODE_LISTEN),
         0);
-    memory_exhausted = true;
+    failing_heap exhausted;
     EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1", ADDR_PEER,
                                         MODE_LISTEN),
               0);
-    memory_exhausted = false;
     EXPECT_EQ(list.size(), 0u);
 }
 
@@ -614,7 +539,7 @@ TEST(GetHostAddrFromHostName, traces_its_exit_above_level_9)
 
 TEST(start_timeout, arms_one_alarm_with_a_plain_handler)
 {
-    EXPECT_EQ(start_timeout(10), 1);
+    EXPECT_TRUE(start_timeout(10));
     itimerval timer;
     getitimer(ITIMER_REAL, &timer);
     struct sigaction action;
@@ -633,7 +558,7 @@ TEST(start_timeout, arms_one_alarm_with_a_plain_handler)
 
 TEST(start_timeout, a_timer_that_cannot_be_armed_is_a_failure)
 {
-    EXPECT_EQ(start_timeout(-1), 0);
+    EXPECT_FALSE(start_timeout(-1));
     struct sigaction action;
     sigaction(SIGALRM, nullptr, &action);
     EXPECT_EQ(action.sa_handler, SIG_DFL);
@@ -655,7 +580,7 @@ TEST(start_timeout, interrupts_a_wait_and_says_so)
     capture errors(STDERR_FILENO);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    EXPECT_EQ(start_timeout(1), 1);
+    EXPECT_TRUE(start_timeout(1));
     char byte;
     ssize_t got = read(ends[0], &byte, 1);
     int error = errno;
@@ -669,7 +594,7 @@ TEST(start_timeout, interrupts_a_wait_and_says_so)
 
 TEST(stop_timeout, disarms_the_timer_and_takes_the_handler_back)
 {
-    ASSERT_EQ(start_timeout(10), 1);
+    ASSERT_TRUE(start_timeout(10));
     stop_timeout();
     itimerval timer;
     getitimer(ITIMER_REAL, &timer);

@@ -1,5 +1,8 @@
 /* Scripts as children: what the shell gets and what the record learns. */
+#include "failing_calls.h"
 #include "sessions.h"
+
+#include "tolva2/listen/child.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -7,72 +10,22 @@
 namespace
 {
 
-bool memory_exhausted = false;
-bool forks_fail = false;
-
-[[maybe_unused]] void *malloc_or_fail(size_t size)
-{
-    errno = ENOMEM;
-    return memory_exhausted ? nullptr : malloc(size);
-}
-
-[[maybe_unused]] void *calloc_or_fail(size_t count, size_t size)
-{
-    errno = ENOMEM;
-    return memory_exhausted ? nullptr : calloc(count, size);
-}
-
-bool shell_missing = false;
-
-template <typename... argument_types>
-int execl_or_fail(const char *path, argument_types... arguments)
-{
-    return shell_missing ? -1 : execl(path, arguments...);
-}
-
-pid_t fork_or_fail()
-{
-    errno = EAGAIN;
-    return forks_fail ? -1 : fork();
-}
-
-} // namespace
-
-#define malloc malloc_or_fail
-#define calloc calloc_or_fail
-#define fork fork_or_fail
-#define execl execl_or_fail
-#include "tolva2/listen/child.cpp" // NOLINT
-#undef malloc
-#undef calloc
-#undef fork
-#undef execl
-
-namespace
-{
-
 /* Runs a script for a record and waits: its wait status and output. */
 struct run {
-    int32_t started;
+    bool started;
     int status = -1;
     std::string output;
-    connection cn{};
+    connection cn;
 
     run(const char *program, const char *params)
     {
         capture out;
         started = fork_and_exec(&cn, program, params);
-        if (started != 0) {
+        if (started) {
             EXPECT_EQ(waitpid(cn.pid, &status, 0), cn.pid);
         }
         output = out.text();
     }
-    ~run()
-    {
-        free(cn.cmdline);
-    }
-    run(const run &) = delete;
-    run &operator=(const run &) = delete;
 };
 
 } // namespace
@@ -100,9 +53,9 @@ TEST(fork_and_exec, runs_the_line_in_the_shell)
     for (const row &one : rows) {
         operator_log log;
         run script(one.program, one.params);
-        EXPECT_EQ(script.started, 1);
+        EXPECT_TRUE(script.started);
         EXPECT_EQ(script.output, one.output);
-        EXPECT_STREQ(script.cn.cmdline, one.line);
+        EXPECT_STREQ(script.cn.cmdline.get(), one.line);
         EXPECT_EQ(log.lines(), log_lines{message(792, {one.line})});
     }
 }
@@ -110,10 +63,10 @@ TEST(fork_and_exec, runs_the_line_in_the_shell)
 TEST(fork_and_exec, marks_the_record_as_busy)
 {
     run script("exit", "3");
-    EXPECT_EQ(script.cn.busy, 1);
+    EXPECT_TRUE(script.cn.busy);
     EXPECT_GT(script.cn.pid, 0);
-    EXPECT_EQ(script.cn.child_owed, 1);
-    EXPECT_EQ(script.cn.want_reply, 0);
+    EXPECT_TRUE(script.cn.child_owed);
+    EXPECT_FALSE(script.cn.want_reply);
     ASSERT_TRUE(WIFEXITED(script.status));
     EXPECT_EQ(WEXITSTATUS(script.status), 3);
 }
@@ -122,17 +75,16 @@ TEST(fork_and_exec, what_cannot_be_run_ends_with_127)
 {
     capture errors(STDERR_FILENO);
     run script("/no/such/script.sh", "parameters");
-    EXPECT_EQ(script.started, 1);
+    EXPECT_TRUE(script.started);
     ASSERT_TRUE(WIFEXITED(script.status));
     EXPECT_EQ(WEXITSTATUS(script.status), 127);
 }
 
 TEST(fork_and_exec, a_missing_shell_ends_with_127_too)
 {
-    shell_missing = true;
+    failing_call no_shell("execl", ENOENT);
     run script("exit", "3");
-    shell_missing = false;
-    EXPECT_EQ(script.started, 1);
+    EXPECT_TRUE(script.started);
     ASSERT_TRUE(WIFEXITED(script.status));
     EXPECT_EQ(WEXITSTATUS(script.status), 127);
 }
@@ -140,10 +92,10 @@ TEST(fork_and_exec, a_missing_shell_ends_with_127_too)
 TEST(fork_and_exec, without_program_nothing_happens)
 {
     operator_log log;
-    connection cn{};
-    EXPECT_EQ(fork_and_exec(&cn, nullptr, "parameters"), 0);
-    EXPECT_EQ(fork_and_exec(&cn, "", "parameters"), 0);
-    EXPECT_EQ(cn.busy, 0);
+    connection cn;
+    EXPECT_FALSE(fork_and_exec(&cn, nullptr, "parameters"));
+    EXPECT_FALSE(fork_and_exec(&cn, "", "parameters"));
+    EXPECT_FALSE(cn.busy);
     EXPECT_EQ(cn.pid, 0);
     EXPECT_EQ(cn.cmdline, nullptr);
     EXPECT_EQ(log.lines(), log_lines{});
@@ -155,7 +107,7 @@ TEST(fork_and_exec, works_without_a_record)
     operator_log log;
     temp_dir home;
     std::string line = "echo done > " + home.path("result");
-    EXPECT_EQ(fork_and_exec(nullptr, line.c_str(), nullptr), 1);
+    EXPECT_TRUE(fork_and_exec(nullptr, line.c_str(), nullptr));
     int status = -1;
     EXPECT_GT(waitpid(-1, &status, 0), 0);
     EXPECT_EQ(status, 0);
@@ -165,14 +117,13 @@ TEST(fork_and_exec, works_without_a_record)
 
 TEST(fork_and_exec, does_not_wait_for_the_script)
 {
-    connection cn{};
-    ASSERT_EQ(fork_and_exec(&cn, "exec sleep", "600"), 1);
+    connection cn;
+    ASSERT_TRUE(fork_and_exec(&cn, "exec sleep", "600"));
     EXPECT_EQ(waitpid(cn.pid, nullptr, WNOHANG), 0);
     kill(cn.pid, SIGKILL);
     int status = 0;
     EXPECT_EQ(waitpid(cn.pid, &status, 0), cn.pid);
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
-    free(cn.cmdline);
 }
 
 TEST(fork_and_exec, long_lines_are_passed_whole)
@@ -180,31 +131,29 @@ TEST(fork_and_exec, long_lines_are_passed_whole)
     std::string params(4095, 'p');
     run script("printf %s", params.c_str());
     EXPECT_EQ(script.output, params);
-    EXPECT_EQ(std::string(script.cn.cmdline), "printf %s " + params);
+    EXPECT_EQ(std::string(script.cn.cmdline.get()), "printf %s " + params);
 }
 
 TEST(fork_and_exec, a_newer_script_takes_the_record_over)
 {
-    connection cn{};
-    ASSERT_EQ(fork_and_exec(&cn, "exit 1", nullptr), 1);
+    connection cn;
+    ASSERT_TRUE(fork_and_exec(&cn, "exit 1", nullptr));
     int32_t first = cn.pid;
-    ASSERT_EQ(fork_and_exec(&cn, "exit 2", nullptr), 1);
+    ASSERT_TRUE(fork_and_exec(&cn, "exit 2", nullptr));
     EXPECT_NE(cn.pid, first);
-    EXPECT_STREQ(cn.cmdline, "exit 2");
+    EXPECT_STREQ(cn.cmdline.get(), "exit 2");
     EXPECT_EQ(waitpid(first, nullptr, 0), first);
     EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid);
-    free(cn.cmdline);
 }
 
 TEST(fork_and_exec, logs_that_no_process_can_be_had)
 {
     operator_log log;
-    connection cn{};
-    forks_fail = true;
-    EXPECT_EQ(fork_and_exec(&cn, "echo", "x"), 0);
-    EXPECT_EQ(fork_and_exec(nullptr, "echo", "x"), 0);
-    forks_fail = false;
-    EXPECT_EQ(cn.busy, 0);
+    connection cn;
+    failing_call no_child("fork", EAGAIN);
+    EXPECT_FALSE(fork_and_exec(&cn, "echo", "x"));
+    EXPECT_FALSE(fork_and_exec(nullptr, "echo", "x"));
+    EXPECT_FALSE(cn.busy);
     EXPECT_EQ(cn.pid, 0);
     EXPECT_EQ(cn.cmdline, nullptr);
     const log_lines expected = {message(792, {"echo x"}), system_line(EAGAIN),
@@ -215,13 +164,16 @@ TEST(fork_and_exec, logs_that_no_process_can_be_had)
 TEST(fork_and_exec, logs_that_memory_is_exhausted)
 {
     operator_log log;
-    connection cn{};
-    memory_exhausted = true;
-    EXPECT_EQ(fork_and_exec(&cn, "echo", "x"), 0);
-    memory_exhausted = false;
-    EXPECT_EQ(cn.busy, 0);
+    connection cn;
+    {
+        failing_heap exhausted;
+        EXPECT_FALSE(fork_and_exec(&cn, "echo", "x"));
+        EXPECT_FALSE(fork_and_exec(&cn, "echo", nullptr));
+    }
+    EXPECT_FALSE(cn.busy);
     EXPECT_EQ(cn.cmdline, nullptr);
-    EXPECT_EQ(log.lines(), log_lines{system_line(ENOMEM)});
+    const log_lines expected = {system_line(ENOMEM), system_line(ENOMEM)};
+    EXPECT_EQ(log.lines(), expected);
 }
 
 TEST(fork_and_exec, without_message_text_nothing_is_logged)
@@ -229,7 +181,7 @@ TEST(fork_and_exec, without_message_text_nothing_is_logged)
     operator_log log;
     msgdb_close();
     run script("exit 0", nullptr);
-    EXPECT_EQ(script.started, 1);
+    EXPECT_TRUE(script.started);
     EXPECT_EQ(log.lines(), log_lines{});
 }
 
@@ -241,24 +193,23 @@ TEST(fork_and_exec, scripts_inherit_the_environment)
     unsetenv("TOLVA_UNIT_TEST");
 }
 
-TEST(fork_and_exec, scripts_start_with_the_mask_for_children)
+TEST(fork_and_exec, scripts_start_with_only_sigchld_held_back)
 {
-    sigset_t only_sigchld;
-    sigset_t both;
+    sigset_t none;
+    sigset_t two;
     sigset_t before;
-    sigemptyset(&only_sigchld);
-    sigaddset(&only_sigchld, SIGCHLD);
-    both = only_sigchld;
-    sigaddset(&both, SIGTERM);
-    sigprocmask(SIG_SETMASK, &both, &before);
-    child_mask = &only_sigchld;
-    run script("exec grep SigBlk", "/proc/self/status");
-    child_mask = nullptr;
-    run plain("exec grep SigBlk", "/proc/self/status");
+    sigemptyset(&none);
+    sigemptyset(&two);
+    sigaddset(&two, SIGCHLD);
+    sigaddset(&two, SIGTERM);
+    sigprocmask(SIG_SETMASK, &two, &before);
+    run held("exec grep SigBlk", "/proc/self/status");
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    run free("exec grep SigBlk", "/proc/self/status");
     sigprocmask(SIG_SETMASK, &before, nullptr);
-    /* Bit 16 is SIGCHLD, bit 14 is SIGTERM. */
-    EXPECT_EQ(script.output, "SigBlk:\t0000000000010000\n");
-    EXPECT_EQ(plain.output, "SigBlk:\t0000000000014000\n");
+    /* Bit 16 is SIGCHLD. */
+    EXPECT_EQ(held.output, "SigBlk:\t0000000000010000\n");
+    EXPECT_EQ(free.output, "SigBlk:\t0000000000010000\n");
 }
 
 TEST(fork_and_exec, scripts_ignore_what_the_daemon_ignores)

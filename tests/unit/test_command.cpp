@@ -16,7 +16,7 @@ connection *add_client(address_kind type = ADDR_PEER, int fd = -1,
     return add_record(clients, MODE_LISTEN, type, address, fd);
 }
 
-int32_t run_text(connection *cn, std::string text)
+bool run_text(connection *cn, std::string text)
 {
     return exec_V2command(cn, text.data());
 }
@@ -80,10 +80,8 @@ void collect(ux_list *list, uint32_t size_then)
     EXPECT_TRUE(wait_until([&] {
         handle_sigchld(list);
         bool busy = false;
-        for (const ux_list_element *node = list->head; node;
-             node = node->next) {
-            const connection *cn = session_of(node);
-            busy = busy || (cn != nullptr && cn->busy != 0);
+        for (const connection *cn : records(list)) {
+            busy = busy || (cn != nullptr && cn->busy);
         }
         return !busy;
     }));
@@ -98,17 +96,17 @@ TEST(exec_V2command, runs_the_script_of_the_command_word)
         SCOPED_TRACE(std::string("[") + row.text + "]");
         listener listen;
         connection *cn = add_client();
-        int32_t result = run_text(cn, row.text);
+        bool result = run_text(cn, row.text);
         if (row.cmdline != nullptr) {
-            EXPECT_EQ(result, 1);
-            EXPECT_EQ(cn->busy, 1);
+            EXPECT_TRUE(result);
+            EXPECT_TRUE(cn->busy);
             ASSERT_NE(cn->cmdline, nullptr);
-            EXPECT_STREQ(cn->cmdline, row.cmdline);
+            EXPECT_STREQ(cn->cmdline.get(), row.cmdline);
             EXPECT_EQ(listen.log.lines(),
                       log_lines{message(792, {row.cmdline})});
         } else {
-            EXPECT_EQ(result, 0);
-            EXPECT_EQ(cn->busy, 0);
+            EXPECT_FALSE(result);
+            EXPECT_FALSE(cn->busy);
             EXPECT_EQ(cn->cmdline, nullptr);
             EXPECT_EQ(listen.log.lines(), log_lines{message(row.logged, {})});
         }
@@ -118,7 +116,7 @@ TEST(exec_V2command, runs_the_script_of_the_command_word)
 TEST(exec_V2command, without_text_is_unknown)
 {
     listener listen;
-    EXPECT_EQ(exec_V2command(add_client(), nullptr), 0);
+    EXPECT_FALSE(exec_V2command(add_client(), nullptr));
     EXPECT_EQ(listen.log.lines(), log_lines{message(820, {})});
 }
 
@@ -132,8 +130,8 @@ TEST(exec_V2command, a_script_that_is_not_set_is_not_run)
     connection *cn = add_client();
     for (const char *word : {"SHUTDOWN", "EXECUTE", "MSG_ID 14", "MSG_TEXT x",
                              "MAIL_ID 14 ops", "MAIL_TEXT ops x"}) {
-        EXPECT_EQ(run_text(cn, std::string("MSG_EXECSTATUS ") + word), 0);
-        EXPECT_EQ(cn->busy, 0) << word;
+        EXPECT_FALSE(run_text(cn, std::string("MSG_EXECSTATUS ") + word));
+        EXPECT_FALSE(cn->busy) << word;
     }
     EXPECT_EQ(listen.log.lines(), log_lines{});
 }
@@ -143,13 +141,13 @@ TEST(exec_V2command, execstatus_asks_for_a_reply_over_tcp_only)
     listener listen;
     connection *tcp = add_client(ADDR_PEER);
     connection *udp = add_client(ADDR_BROADCAST);
-    EXPECT_EQ(run_text(tcp, "MSG_EXECSTATUS EXECUTE x"), 1);
-    EXPECT_EQ(run_text(udp, "MSG_EXECSTATUS EXECUTE x"), 1);
-    EXPECT_EQ(tcp->want_reply, 1);
-    EXPECT_EQ(udp->want_reply, 0);
+    EXPECT_TRUE(run_text(tcp, "MSG_EXECSTATUS EXECUTE x"));
+    EXPECT_TRUE(run_text(udp, "MSG_EXECSTATUS EXECUTE x"));
+    EXPECT_TRUE(tcp->want_reply);
+    EXPECT_FALSE(udp->want_reply);
     connection *quiet = add_client(ADDR_PEER);
-    EXPECT_EQ(run_text(quiet, "MSG_EXECUTE EXECUTE x"), 1);
-    EXPECT_EQ(quiet->want_reply, 0);
+    EXPECT_TRUE(run_text(quiet, "MSG_EXECUTE EXECUTE x"));
+    EXPECT_FALSE(quiet->want_reply);
 }
 
 TEST(exec_V2command, log_texts_go_to_the_log_without_a_script)
@@ -171,7 +169,7 @@ TEST(exec_V2command, log_texts_go_to_the_log_without_a_script)
         listener listen;
         connection *cn = add_client();
         EXPECT_EQ(run_text(cn, one.text), 1) << one.text;
-        EXPECT_EQ(cn->busy, 0);
+        EXPECT_FALSE(cn->busy);
         EXPECT_EQ(listen.log.lines(), log_lines{one.logged});
     }
     for (const char *nothing :
@@ -179,7 +177,7 @@ TEST(exec_V2command, log_texts_go_to_the_log_without_a_script)
           "MSG_EXECUTE LOG_TEXT \"\"", "MSG_EXECUTE LOG_TEXT \" \"",
           "MSG_EXECUTE LOG_ID", "MSG_EXECUTE LOG_ID 9999"}) {
         listener listen;
-        EXPECT_EQ(run_text(add_client(), nothing), 0) << nothing;
+        EXPECT_FALSE(run_text(add_client(), nothing)) << nothing;
         EXPECT_EQ(listen.log.lines(), log_lines{});
     }
 }
@@ -188,42 +186,42 @@ TEST(exec_V2command, a_logged_text_is_replied_to_without_a_child)
 {
     struct row {
         const char *text;
-        int32_t result;
+        bool result;
         int32_t exitstatus;
     };
     const row rows[] = {
-        {"MSG_EXECSTATUS LOG_TEXT hello", 1, 0},
-        {"MSG_EXECSTATUS LOG_TEXT", 0, 1},
-        {"MSG_EXECSTATUS LOG_ID 14", 1, 0},
-        {"MSG_EXECSTATUS LOG_ID 9999", 0, 1},
+        {"MSG_EXECSTATUS LOG_TEXT hello", true, 0},
+        {"MSG_EXECSTATUS LOG_TEXT", false, 1},
+        {"MSG_EXECSTATUS LOG_ID 14", true, 0},
+        {"MSG_EXECSTATUS LOG_ID 9999", false, 1},
     };
     for (const row &one : rows) {
         listener listen;
-        int fd = tcp_socket();
+        int fd = tcp_socket().release();
         connection *cn = add_client(ADDR_PEER, fd);
         EXPECT_EQ(run_text(cn, one.text), one.result) << one.text;
-        EXPECT_EQ(cn->busy, 1);
-        EXPECT_EQ(cn->want_reply, 1);
+        EXPECT_TRUE(cn->busy);
+        EXPECT_TRUE(cn->want_reply);
         EXPECT_EQ(cn->exitstatus, one.exitstatus);
         EXPECT_EQ(cn->pid, 0);
         EXPECT_EQ(cn->cmdline, nullptr);
-        EXPECT_TRUE(FD_ISSET(fd, &writefds));
-        EXPECT_EQ(nfds, 1);
+        EXPECT_EQ(watched(cn->fd), EVENT_WRITABLE);
+        EXPECT_EQ(open_descriptors(), 1);
         /* Nothing is left to collect for it. */
         handle_sigchld(clients);
         EXPECT_EQ(clients->size, 1u);
-        EXPECT_EQ(cn->busy, 1);
+        EXPECT_TRUE(cn->busy);
     }
 }
 
 TEST(exec_V2command, a_text_that_cannot_be_logged_is_replied_to_as_failed)
 {
     listener listen;
-    int fd = tcp_socket();
+    int fd = tcp_socket().release();
     connection *cn = add_client(ADDR_PEER, fd);
     logfile_close();
     EXPECT_EQ(logfile_open("/no/such/directory/log", 0), 1);
-    EXPECT_EQ(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"), 0);
+    EXPECT_FALSE(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"));
     EXPECT_EQ(cn->exitstatus, 1);
 }
 
@@ -231,9 +229,9 @@ TEST(exec_V2command, a_logged_datagram_is_not_replied_to)
 {
     listener listen;
     connection *cn = add_client(ADDR_BROADCAST);
-    EXPECT_EQ(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"), 1);
-    EXPECT_EQ(cn->busy, 0);
-    EXPECT_EQ(cn->want_reply, 0);
+    EXPECT_TRUE(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"));
+    EXPECT_FALSE(cn->busy);
+    EXPECT_FALSE(cn->want_reply);
     EXPECT_EQ(listen.log.lines(), log_lines{"hello"});
 }
 
@@ -243,17 +241,18 @@ TEST(exec_V2command, shutdown_does_not_ask_redundancy)
     listen.make_redundant("127.0.0.1 127.0.0.2", 2);
     connection *cn = add_client();
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(run_text(cn, "MSG_EXECUTE SHUTDOWN"), 1);
+    EXPECT_TRUE(run_text(cn, "MSG_EXECUTE SHUTDOWN"));
     EXPECT_EQ(errors.text(), "");
-    EXPECT_STREQ(cn->cmdline, "exit 0;");
+    EXPECT_STREQ(cn->cmdline.get(), "exit 0;");
 }
 
 TEST(exec_V2command, very_long_parameters_are_kept_to_4094_characters)
 {
     listener listen;
     connection *cn = add_client();
-    EXPECT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE " + std::string(5000, 'x')), 1);
-    EXPECT_EQ(std::string(cn->cmdline), "exit 1; " + std::string(4094, 'x'));
+    EXPECT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE " + std::string(5000, 'x')));
+    EXPECT_EQ(std::string(cn->cmdline.get()),
+              "exit 1; " + std::string(4094, 'x'));
 }
 
 TEST(exec_V2command, traces_the_words)
@@ -276,11 +275,11 @@ TEST(exec_V1command, runs_the_shutdown_script_without_parameters)
     listener listen;
     connection *cn = add_client();
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(exec_V1command(cn), 1);
+    EXPECT_TRUE(exec_V1command(cn));
     EXPECT_EQ(errors.text(), "returning: TRUE\n");
-    EXPECT_EQ(cn->busy, 1);
-    EXPECT_EQ(cn->want_reply, 0);
-    EXPECT_STREQ(cn->cmdline, "exit 0;");
+    EXPECT_TRUE(cn->busy);
+    EXPECT_FALSE(cn->want_reply);
+    EXPECT_STREQ(cn->cmdline.get(), "exit 0;");
     EXPECT_EQ(listen.log.lines(), log_lines{message(792, {"exit 0;"})});
 }
 
@@ -290,8 +289,8 @@ TEST(exec_V1command, without_script_runs_nothing)
     listen.settings.shutdown_prog = nullptr;
     connection *cn = add_client();
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(exec_V1command(cn), 0);
-    EXPECT_EQ(cn->busy, 0);
+    EXPECT_FALSE(exec_V1command(cn));
+    EXPECT_FALSE(cn->busy);
 }
 
 TEST(exec_V1command, is_withheld_by_redundancy)
@@ -300,9 +299,9 @@ TEST(exec_V1command, is_withheld_by_redundancy)
     listen.make_redundant("127.0.0.1 127.0.0.2", 2);
     connection *cn = add_client();
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(exec_V1command(cn), 0);
+    EXPECT_FALSE(exec_V1command(cn));
     EXPECT_EQ(errors.text(), "returning: FALSE\n");
-    EXPECT_STREQ(cn->cmdline, "exit 4;");
+    EXPECT_STREQ(cn->cmdline.get(), "exit 4;");
     const log_lines expected = {"Shutdown suppressed, redundancy-level = 2, "
                                 "failure count = 2.",
                                 message(792, {"exit 4;"})};
@@ -313,20 +312,20 @@ TEST(exec_V1command, asks_the_watched_servers_anew)
 {
     listener listen;
     listen.make_redundant("127.0.0.1 127.0.0.2", 1);
-    descriptor server(listening_socket("127.0.0.2"));
-    connection *watched =
+    ux_fd server(listening_socket("127.0.0.2"));
+    connection *server_record =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.2");
-    watched->addr = loopback("127.0.0.2", local_port(server.get()));
+    server_record->addr = loopback("127.0.0.2", local_port(server.get()));
     connection *cn = add_client();
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(exec_V1command(cn), 0) << "the other one is alive";
-    EXPECT_GE(watched->fd, 0);
-    EXPECT_EQ(watched->nerror, 0);
+    EXPECT_FALSE(exec_V1command(cn)) << "the other one is alive";
+    EXPECT_TRUE(server_record->fd);
+    EXPECT_EQ(server_record->nerror, 0);
     wait_status(cn);
-    cn->busy = 0;
+    cn->busy = false;
     /* Its check is still open: that counts as a failure by now. */
-    EXPECT_EQ(exec_V1command(cn), 1);
-    EXPECT_EQ(watched->nerror, 1);
+    EXPECT_TRUE(exec_V1command(cn));
+    EXPECT_EQ(server_record->nerror, 1);
     EXPECT_EQ(errors.text(), "returning: FALSE\nreturning: TRUE\n");
 }
 
@@ -335,10 +334,10 @@ TEST(handle_sigchld, a_script_that_runs_is_left_alone)
     listener listen;
     listen.settings.exec_prog = listen.text("exec sleep 600 #");
     connection *cn = add_client();
-    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
     handle_sigchld(clients);
     EXPECT_EQ(clients->size, 1u);
-    EXPECT_EQ(cn->busy, 1);
+    EXPECT_TRUE(cn->busy);
     kill(cn->pid, SIGKILL);
     collect(clients, 0);
 }
@@ -377,26 +376,26 @@ TEST(handle_sigchld, with_reply_the_status_is_kept_for_it)
         SCOPED_TRACE(one.program);
         listener listen;
         listen.settings.exec_prog = listen.text(one.program);
-        int fd = tcp_socket();
+        int fd = tcp_socket().release();
         connection *cn = add_client(ADDR_PEER, fd);
-        ASSERT_EQ(run_text(cn, "MSG_EXECSTATUS EXECUTE"), 1);
+        ASSERT_TRUE(run_text(cn, "MSG_EXECSTATUS EXECUTE"));
         int32_t pid = cn->pid;
-        EXPECT_FALSE(FD_ISSET(fd, &writefds));
+        EXPECT_EQ(watched(cn->fd), EVENT_READABLE);
         listen.log.clear();
         collect(clients, 1);
         EXPECT_EQ(cn->exitstatus, one.exitstatus);
         EXPECT_EQ(cn->pid, pid);
-        EXPECT_EQ(cn->want_reply, 1);
-        EXPECT_TRUE(FD_ISSET(fd, &writefds));
-        EXPECT_EQ(nfds, 1);
-        EXPECT_STREQ(cn->cmdline, one.program);
+        EXPECT_TRUE(cn->want_reply);
+        EXPECT_EQ(watched(cn->fd), EVENT_WRITABLE);
+        EXPECT_EQ(open_descriptors(), 1);
+        EXPECT_STREQ(cn->cmdline.get(), one.program);
         EXPECT_EQ(listen.log.lines(),
                   log_lines{message(one.logged, {one.program})});
         /* Once collected, it is never collected again. */
-        cn->busy = 1;
+        cn->busy = true;
         handle_sigchld(clients);
-        EXPECT_EQ(cn->busy, 1);
-        cn->busy = 0;
+        EXPECT_TRUE(cn->busy);
+        cn->busy = false;
     }
 }
 
@@ -404,13 +403,13 @@ TEST(handle_sigchld, a_stopped_script_is_reported_with_its_raw_status)
 {
     listener listen;
     listen.settings.exec_prog = listen.text("kill -STOP $$; exit 0;");
-    int fd = tcp_socket();
+    int fd = tcp_socket().release();
     connection *cn = add_client(ADDR_PEER, fd);
-    ASSERT_EQ(run_text(cn, "MSG_EXECSTATUS EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECSTATUS EXECUTE"));
     int32_t pid = cn->pid;
     collect(clients, 1);
     EXPECT_EQ(cn->exitstatus, (SIGSTOP << 8) | 0x7f);
-    EXPECT_TRUE(FD_ISSET(fd, &writefds));
+    EXPECT_EQ(watched(cn->fd), EVENT_WRITABLE);
     EXPECT_EQ(listen.log.lines().back(),
               message(793, {"kill -STOP $$; exit 0;"}));
     kill(pid, SIGKILL);
@@ -423,19 +422,18 @@ TEST(handle_sigchld, skips_records_without_child_and_nodes_without_record)
     listener listen;
     connection *idle = add_client();
     ASSERT_EQ(ux_list_ins_next(clients, clients->tail, nullptr), 0);
-    idle->busy = 1;
+    idle->busy = true;
     /* Waiting for number 0 would take any child of the group. */
-    connection cn{};
+    connection cn;
     run_text(&cn, "MSG_EXECUTE SHUTDOWN");
     siginfo_t info;
     EXPECT_EQ(
         waitid(P_PID, static_cast<id_t>(cn.pid), &info, WEXITED | WNOWAIT), 0);
     handle_sigchld(clients);
     EXPECT_EQ(clients->size, 2u);
-    EXPECT_EQ(idle->busy, 1);
+    EXPECT_TRUE(idle->busy);
     EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid) << "not taken by others";
-    idle->busy = 0;
-    free(cn.cmdline);
+    idle->busy = false;
 }
 
 TEST(handle_sigchld, collects_several_of_a_list_at_once)
@@ -444,10 +442,9 @@ TEST(handle_sigchld, collects_several_of_a_list_at_once)
     for (int i = 0; i < 5; i++) {
         run_text(add_client(), "MSG_EXECUTE SHUTDOWN");
     }
-    for (const ux_list_element *node = clients->head; node; node = node->next) {
+    for (const connection *cn : records(clients)) {
         siginfo_t info;
-        waitid(P_PID, static_cast<id_t>(session_of(node)->pid), &info,
-               WEXITED | WNOWAIT);
+        waitid(P_PID, static_cast<id_t>(cn->pid), &info, WEXITED | WNOWAIT);
     }
     handle_sigchld(clients);
     EXPECT_EQ(clients->size, 0u);
@@ -459,7 +456,7 @@ TEST(handle_sigchld, a_server_record_stays_and_loses_its_command_line)
     connection *cn =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
     cn->nerror = 5;
-    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
     listen.log.clear();
     collect(connections, 1);
     EXPECT_EQ(cn->cmdline, nullptr);
@@ -467,7 +464,7 @@ TEST(handle_sigchld, a_server_record_stays_and_loses_its_command_line)
     EXPECT_EQ(cn->nerror, 5);
 
     listen.settings.alive_retries = 5;
-    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
     listen.log.clear();
     collect(connections, 0);
     const log_lines expected = {message(793, {"exit 1;"}),
@@ -480,11 +477,11 @@ TEST(handle_sigchld, an_old_number_takes_no_other_childs_status)
     listener listen;
     connection *cn =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
-    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
     collect(connections, 1);
     /* The system gives the old number to a client's script. */
     connection *client = add_client();
-    ASSERT_EQ(run_text(client, "MSG_EXECUTE SHUTDOWN"), 1);
+    ASSERT_TRUE(run_text(client, "MSG_EXECUTE SHUTDOWN"));
     cn->pid = client->pid;
     siginfo_t info;
     waitid(P_PID, static_cast<id_t>(client->pid), &info, WEXITED | WNOWAIT);
@@ -513,11 +510,10 @@ TEST(reap_children, serves_both_lists)
 TEST(reap_children, leaves_no_zombie_that_nobody_waits_for)
 {
     listener listen;
-    connection lost{};
+    connection lost;
     for (int i = 0; i < 3; i++) {
         run_text(&lost, "MSG_EXECUTE SHUTDOWN");
     }
-    free(lost.cmdline);
     EXPECT_TRUE(wait_until([] {
         reap_children();
         siginfo_t info;
@@ -531,10 +527,10 @@ TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for)
     listener listen;
     connection *cn =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
-    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
     collect(connections, 1);
     /* The system gives the old number to a script that is not watched. */
-    connection lost{};
+    connection lost;
     run_text(&lost, "MSG_EXECUTE SHUTDOWN");
     cn->pid = lost.pid;
     siginfo_t info;
@@ -543,7 +539,6 @@ TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for)
     reap_children();
     EXPECT_EQ(listen.log.lines(), log_lines{});
     EXPECT_EQ(waitpid(lost.pid, nullptr, WNOHANG), -1);
-    free(lost.cmdline);
 }
 
 TEST(reap_children, does_not_wait_for_scripts_that_run)
@@ -551,9 +546,9 @@ TEST(reap_children, does_not_wait_for_scripts_that_run)
     listener listen;
     listen.settings.exec_prog = listen.text("exec sleep 600 #");
     connection *cn = add_client();
-    ASSERT_EQ(run_text(cn, "MSG_EXECUTE EXECUTE"), 1);
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
     reap_children();
-    EXPECT_EQ(cn->busy, 1);
+    EXPECT_TRUE(cn->busy);
     kill(cn->pid, SIGKILL);
     EXPECT_TRUE(wait_until([] {
         reap_children();

@@ -1,108 +1,29 @@
-/* The record, the two lists and the counting of descriptors. */
+/* The record, the two lists, and the start of an exchange. */
+#include "address_list.h"
+#include "failing_calls.h"
 #include "sessions.h"
 
-#include <cstdlib>
+#include "tolva2/net/sockets.h"
 
 namespace
 {
-
-bool memory_exhausted = false;
-
-void *calloc_or_fail(size_t count, size_t size)
-{
-    errno = ENOMEM;
-    return memory_exhausted ? nullptr : calloc(count, size);
-}
-
-bool list_full = false;
-
-int32_t insert_or_fail(ux_list *list, ux_list_element *element, void *data)
-{
-    errno = ENOMEM;
-    return list_full ? -1 : ux_list_ins_next(list, element, data);
-}
-
-} // namespace
-
-#define calloc calloc_or_fail
-#define ux_list_ins_next insert_or_fail
-#include "tolva2/base/process_state.h"
-#include "tolva2/net/connection.cpp" // NOLINT(bugprone-suspicious-include)
-#undef calloc
-#undef ux_list_ins_next
-
-namespace
-{
-
-bool is_empty(const fd_set *set)
-{
-    for (int fd = 0; fd < FD_SETSIZE; fd++) {
-        if (FD_ISSET(fd, set)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-/* A descriptor with exactly that number. */
-int open_as(int number)
-{
-    int fd = tcp_socket();
-    EXPECT_EQ(dup2(fd, number), number);
-    close(fd);
-    return number;
-}
-
-/* Addresses as the command line or the settings give them. */
-class address_list
-{
-  public:
-    explicit address_list(const char *text, address_kind kind = ADDR_PEER,
-                          mode_code mode = MODE_SEND)
-    {
-        ux_list_init(&list, destroy_inetaddr);
-        get_inetaddr_arr_from_str(&list, text, kind, mode);
-    }
-    ~address_list()
-    {
-        ux_list_destroy(&list);
-    }
-    address_list(const address_list &) = delete;
-    address_list &operator=(const address_list &) = delete;
-
-    ux_list *get()
-    {
-        return &list;
-    }
-    const inetaddr *entry(int position) const
-    {
-        const ux_list_element *node = list.head;
-        while (position-- > 0) {
-            node = node->next;
-        }
-        return static_cast<inetaddr *>(node->data);
-    }
-
-  private:
-    ux_list list;
-};
 
 const connection *nth_connection(int position)
 {
-    const ux_list_element *node = connections->head;
+    ux_list_element *node = connections->head;
     while (position-- > 0) {
         node = node->next;
     }
-    return session_of(node);
+    return record_of(node);
 }
 
 } // namespace
 
 TEST(new_connection, is_zeroed_and_without_socket)
 {
-    connection *cn = new_connection(MODE_SEND_STATUS, ADDR_KESDAL);
+    connection_owner cn = new_connection(MODE_SEND_STATUS, ADDR_KESDAL);
     ASSERT_NE(cn, nullptr);
-    EXPECT_EQ(cn->fd, -1);
+    EXPECT_FALSE(cn->fd);
     EXPECT_EQ(cn->exitstatus, -1);
     EXPECT_EQ(cn->mode, MODE_SEND_STATUS);
     EXPECT_EQ(cn->type, ADDR_KESDAL);
@@ -113,28 +34,29 @@ TEST(new_connection, is_zeroed_and_without_socket)
     EXPECT_EQ(cn->addr.sin_addr.s_addr, 0u);
     EXPECT_EQ(cn->deadline, 0);
     EXPECT_EQ(cn->nerror, 0);
-    EXPECT_EQ(cn->busy, 0);
+    EXPECT_FALSE(cn->busy);
     EXPECT_EQ(cn->cmdline, nullptr);
     EXPECT_EQ(cn->pid, 0);
-    EXPECT_EQ(cn->want_reply, 0);
+    EXPECT_FALSE(cn->child_owed);
+    EXPECT_FALSE(cn->want_reply);
     EXPECT_EQ(cn->handler, nullptr);
     EXPECT_EQ(cn->ends, nullptr);
-    destroy_connection(cn);
 }
 
 TEST(new_connection, is_null_when_memory_is_exhausted)
 {
-    memory_exhausted = true;
+    failing_heap exhausted;
     EXPECT_EQ(new_connection(MODE_LISTEN, ADDR_PEER), nullptr);
-    memory_exhausted = false;
 }
 
 TEST(new_connection_death, needs_mode_and_type)
 {
-    EXPECT_DEATH(new_connection(MODE_NONE, ADDR_PEER),
+    EXPECT_DEATH(static_cast<void>(new_connection(MODE_NONE, ADDR_PEER)),
                  "connection\\.cpp:[0-9]+: .*new_connection.*mode && type");
-    EXPECT_DEATH(new_connection(MODE_SEND, ADDR_NONE), "mode && type");
-    EXPECT_DEATH(new_connection(MODE_NONE, ADDR_NONE), "mode && type");
+    EXPECT_DEATH(static_cast<void>(new_connection(MODE_SEND, ADDR_NONE)),
+                 "mode && type");
+    EXPECT_DEATH(static_cast<void>(new_connection(MODE_NONE, ADDR_NONE)),
+                 "mode && type");
 }
 
 TEST(destroy_connection_death, needs_a_record)
@@ -146,210 +68,100 @@ TEST(destroy_connection_death, needs_a_record)
 TEST(destroy_connection, closes_and_frees)
 {
     session_lists lists;
-    connection *cn = new_connection(MODE_LISTEN, ADDR_PEER);
-    int fd = tcp_socket();
-    cn->fd = fd;
-    cn->cmdline = strdup("script parameters");
-    add_descriptor(fd, &readfds);
-    FD_SET(fd, &writefds);
-    FD_SET(fd, &ready_read);
-    FD_SET(fd, &ready_write);
+    connection *cn = new_connection(MODE_LISTEN, ADDR_PEER).release();
+    cn->fd = watched_fd(tcp_socket(), EVENT_READABLE | EVENT_WRITABLE);
+    int fd = cn->fd.get();
+    cn->cmdline = ux_copy("script parameters");
     destroy_connection(cn);
     EXPECT_FALSE(is_open(fd));
-    EXPECT_TRUE(is_empty(&readfds));
-    EXPECT_TRUE(is_empty(&writefds));
-    EXPECT_TRUE(is_empty(&ready_read));
-    EXPECT_TRUE(is_empty(&ready_write));
-    EXPECT_EQ(maxfd, fd - 1);
-    EXPECT_EQ(nfds, 0);
+    EXPECT_EQ(highest_descriptor(), fd - 1);
+    EXPECT_EQ(open_descriptors(), 0);
+    EXPECT_TRUE(nothing_is_watched());
 }
 
 TEST(destroy_connection, without_socket_leaves_the_counters_alone)
 {
     session_lists lists;
-    maxfd = 7;
-    nfds = 3;
-    destroy_connection(new_connection(MODE_LISTEN, ADDR_PEER));
-    EXPECT_EQ(maxfd, 7);
-    EXPECT_EQ(nfds, 3);
-}
-
-TEST(reset_descriptors, forgets_everything)
-{
-    FD_SET(3, &readfds);
-    FD_SET(900, &writefds);
-    FD_SET(5, &ready_read);
-    FD_SET(1023, &ready_write);
-    nfds = 9;
-    reset_descriptors(-1);
-    EXPECT_TRUE(is_empty(&readfds));
-    EXPECT_TRUE(is_empty(&writefds));
-    EXPECT_TRUE(is_empty(&ready_read));
-    EXPECT_TRUE(is_empty(&ready_write));
-    EXPECT_EQ(maxfd, -1);
-    EXPECT_EQ(nfds, 0);
-    reset_descriptors(0);
-    EXPECT_EQ(maxfd, 0);
-}
-
-TEST(add_descriptor, counts_and_raises_the_highest)
-{
-    reset_descriptors(-1);
-    add_descriptor(40, &writefds);
-    EXPECT_EQ(maxfd, 40);
-    EXPECT_EQ(nfds, 1);
-    EXPECT_TRUE(FD_ISSET(40, &writefds));
-    EXPECT_FALSE(FD_ISSET(40, &readfds));
-    EXPECT_FALSE(FD_ISSET(40, &ready_write));
-    add_descriptor(30, &readfds);
-    EXPECT_EQ(maxfd, 40);
-    EXPECT_EQ(nfds, 2);
-    EXPECT_TRUE(FD_ISSET(30, &readfds));
-    add_descriptor(41, &readfds);
-    EXPECT_EQ(maxfd, 41);
-    EXPECT_EQ(nfds, 3);
-    reset_descriptors(0);
-}
-
-TEST(close_descriptor, lowers_the_highest_by_exactly_one)
-{
-    reset_descriptors(0);
-    int low = open_as(100);
-    int middle = open_as(110);
-    int high = open_as(120);
-    for (int fd : {low, middle, high}) {
-        add_descriptor(fd, &readfds);
-    }
-    close_descriptor(&middle);
-    EXPECT_EQ(middle, -1);
-    EXPECT_FALSE(is_open(110));
-    EXPECT_EQ(maxfd, 120);
-    EXPECT_EQ(nfds, 2);
-    close_descriptor(&high);
-    EXPECT_EQ(maxfd, 119);
-    EXPECT_EQ(nfds, 1);
-    EXPECT_TRUE(FD_ISSET(100, &readfds));
-    close_descriptor(&low);
-    EXPECT_EQ(maxfd, 119);
-    EXPECT_EQ(nfds, 0);
-    EXPECT_TRUE(is_empty(&readfds));
-}
-
-TEST(close_descriptor, a_number_opened_again_inherits_no_readiness)
-{
-    reset_descriptors(0);
-    int fd = open_as(100);
-    add_descriptor(fd, &readfds);
-    FD_SET(100, &ready_read);
-    FD_SET(100, &ready_write);
-    FD_SET(101, &ready_read);
-    close_descriptor(&fd);
-    fd = open_as(100);
-    add_descriptor(fd, &writefds);
-    EXPECT_FALSE(FD_ISSET(100, &ready_read));
-    EXPECT_FALSE(FD_ISSET(100, &ready_write));
-    EXPECT_FALSE(FD_ISSET(100, &readfds));
-    EXPECT_TRUE(FD_ISSET(101, &ready_read));
-    close_descriptor(&fd);
-    reset_descriptors(0);
-}
-
-TEST(keep_selectable, closes_what_select_cannot_watch)
-{
-    EXPECT_EQ(keep_selectable(-1), -1);
-    EXPECT_EQ(keep_selectable(1023), 1023);
-    rlimit before;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    rlimit more = before;
-    more.rlim_cur = more.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &more);
-    if (more.rlim_cur > FD_SETSIZE) {
-        int fd = open_as(FD_SETSIZE);
-        errno = 0;
-        EXPECT_EQ(keep_selectable(fd), -1);
-        EXPECT_EQ(errno, EMFILE);
-        EXPECT_FALSE(is_open(fd));
-    }
-    setrlimit(RLIMIT_NOFILE, &before);
-}
-
-TEST(room_for_descriptor, leaves_some_for_the_log)
-{
-    reset_descriptors(0);
-    nfds = 10;
-    EXPECT_EQ(room_for_descriptor(), 1);
-    {
-        no_descriptors limit(2);
-        EXPECT_EQ(room_for_descriptor(), 0);
-        EXPECT_EQ(errno, EMFILE);
-        /* A process that is given very few must still get on. */
-        nfds = 0;
-        EXPECT_EQ(room_for_descriptor(), 1);
-    }
-    {
-        no_descriptors limit(3);
-        nfds = 10;
-        EXPECT_EQ(room_for_descriptor(), 1);
-    }
-    reset_descriptors(0);
+    watched_fd other(tcp_socket(), EVENT_READABLE);
+    destroy_connection(new_connection(MODE_LISTEN, ADDR_PEER).release());
+    EXPECT_EQ(highest_descriptor(), other.get());
+    EXPECT_EQ(open_descriptors(), 1);
 }
 
 TEST(register_connection, appends_at_the_tail)
 {
     session_lists lists;
-    connection *one = new_connection(MODE_LISTEN, ADDR_PEER);
-    connection *two = new_connection(MODE_LISTEN, ADDR_PEER);
-    EXPECT_EQ(register_connection(clients, one), 1);
-    EXPECT_EQ(register_connection(clients, two), 1);
+    connection_owner one = new_connection(MODE_LISTEN, ADDR_PEER);
+    connection_owner two = new_connection(MODE_LISTEN, ADDR_PEER);
+    const connection *first = one.get();
+    const connection *second = two.get();
+    EXPECT_TRUE(register_connection(clients, std::move(one)));
+    EXPECT_TRUE(register_connection(clients, std::move(two)));
     EXPECT_EQ(clients->size, 2u);
-    EXPECT_EQ(clients->head->data, one);
-    EXPECT_EQ(clients->tail->data, two);
+    EXPECT_EQ(clients->head->data, first);
+    EXPECT_EQ(clients->tail->data, second);
     EXPECT_EQ(connections->size, 0u);
 
-    connection *three = new_connection(MODE_SEND, ADDR_PEER);
-    EXPECT_EQ(register_connection(three), 1);
+    connection_owner three = new_connection(MODE_SEND, ADDR_PEER);
+    const connection *third = three.get();
+    EXPECT_TRUE(register_connection(std::move(three)));
     EXPECT_EQ(connections->size, 1u);
-    EXPECT_EQ(connections->head->data, three);
+    EXPECT_EQ(connections->head->data, third);
 }
 
-TEST(register_connection, leaves_the_record_to_the_caller_on_failure)
+TEST(register_connection, the_record_is_gone_when_memory_is_exhausted)
 {
     session_lists lists;
-    connection *cn = new_connection(MODE_LISTEN, ADDR_PEER);
-    list_full = true;
-    EXPECT_EQ(register_connection(clients, cn), 0);
-    EXPECT_EQ(register_connection(cn), 0);
-    list_full = false;
+    auto open_record = [](int *fd) {
+        connection_owner cn = new_connection(MODE_LISTEN, ADDR_PEER);
+        cn->fd = watched_fd(tcp_socket(), EVENT_READABLE);
+        *fd = cn->fd.get();
+        return cn;
+    };
+    int first = -1;
+    int second = -1;
+    connection_owner client = open_record(&first);
+    connection_owner server = open_record(&second);
+    {
+        failing_heap exhausted;
+        EXPECT_FALSE(register_connection(clients, std::move(client)));
+        EXPECT_FALSE(register_connection(std::move(server)));
+    }
     EXPECT_EQ(clients->size, 0u);
     EXPECT_EQ(connections->size, 0u);
-    destroy_connection(cn);
+    EXPECT_FALSE(is_open(first));
+    EXPECT_FALSE(is_open(second));
+    EXPECT_EQ(open_descriptors(), 0);
 }
 
 TEST(register_connection_death, needs_list_and_record)
 {
     session_lists lists;
-    connection *cn = new_connection(MODE_LISTEN, ADDR_PEER);
-    EXPECT_DEATH(register_connection(nullptr, cn), "`list && cn'");
-    EXPECT_DEATH(register_connection(clients, nullptr), "`list && cn'");
-    EXPECT_DEATH(register_connection(nullptr), "`connections && cn'");
+    auto record = [] { return new_connection(MODE_LISTEN, ADDR_PEER); };
+    EXPECT_DEATH(static_cast<void>(register_connection(nullptr, record())),
+                 "`list && cn'");
+    EXPECT_DEATH(static_cast<void>(register_connection(clients, nullptr)),
+                 "`list && cn'");
+    EXPECT_DEATH(static_cast<void>(register_connection(nullptr)),
+                 "`connections && cn'");
     ux_list *kept = connections;
     connections = nullptr;
-    EXPECT_DEATH(register_connection(cn), "`connections && cn'");
+    EXPECT_DEATH(static_cast<void>(register_connection(record())),
+                 "`connections && cn'");
     connections = kept;
-    destroy_connection(cn);
 }
 
 TEST(unregister_connection, removes_and_destroys)
 {
     session_lists lists;
-    int fd = tcp_socket();
+    int fd = tcp_socket().release();
     add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1", fd);
     connection *kept = add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.2");
     unregister_connection(clients, clients->head);
     EXPECT_FALSE(is_open(fd));
     EXPECT_EQ(clients->size, 1u);
     EXPECT_EQ(clients->head->data, kept);
-    EXPECT_EQ(nfds, 0);
+    EXPECT_EQ(open_descriptors(), 0);
 }
 
 TEST(unregister_connection, takes_a_node_without_record)
@@ -401,7 +213,7 @@ TEST(set_connections, builds_one_record_per_address)
         const connection *cn = nth_connection(i);
         EXPECT_EQ(cn->mode, MODE_SEND_STATUS);
         EXPECT_EQ(cn->type, ADDR_BROADCAST);
-        EXPECT_EQ(cn->fd, -1);
+        EXPECT_FALSE(cn->fd);
         EXPECT_STREQ(cn->ipaddr, texts[i]);
         EXPECT_EQ(cn->addr.sin_family, AF_INET);
         EXPECT_EQ(cn->addr.sin_addr.s_addr, inet_addr(texts[i]));
@@ -445,14 +257,17 @@ TEST(set_connections, gives_zero_when_memory_is_exhausted)
     session_lists lists(-1);
     operator_log log;
     address_list addresses("127.0.0.1 127.0.0.2");
-    memory_exhausted = true;
-    EXPECT_EQ(set_connections(addresses.get(), 6003), 0);
-    memory_exhausted = false;
+    {
+        failing_heap exhausted;
+        EXPECT_EQ(set_connections(addresses.get(), 6003), 0);
+    }
     EXPECT_EQ(log.lines(), log_lines{system_line(ENOMEM)});
     log.clear();
-    list_full = true;
-    EXPECT_EQ(set_connections(addresses.get(), 6003), 0);
-    list_full = false;
+    {
+        /* What is left goes to the record. */
+        failing_heap limit(1);
+        EXPECT_EQ(set_connections(addresses.get(), 6003), 0);
+    }
     EXPECT_EQ(log.lines(), log_lines{system_line(ENOMEM)});
     EXPECT_EQ(connections->size, 0u);
 }
@@ -461,109 +276,103 @@ TEST(may_start, needs_room_and_a_record_without_socket)
 {
     session_lists lists(-1);
     operator_log log;
-    connection *cn = new_connection(MODE_SEND, ADDR_PEER);
-    max_fds = 5;
-    nfds = 4;
-    EXPECT_EQ(may_start(cn), 1);
+    connection cn;
+    watched_fd others[] = {watched_fd(tcp_socket(), EVENT_READABLE),
+                           watched_fd(tcp_socket(), EVENT_READABLE)};
+    max_fds = 3;
+    EXPECT_EQ(may_start(&cn), START_DONE);
     EXPECT_EQ(log.lines(), log_lines{});
-    nfds = 5;
-    EXPECT_EQ(may_start(cn), 0);
-    EXPECT_EQ(may_start(nullptr), 0) << "the budget comes first";
-    nfds = 6;
-    EXPECT_EQ(may_start(cn), 0);
+    max_fds = 2;
+    EXPECT_EQ(may_start(&cn), START_FAILED);
+    EXPECT_EQ(may_start(nullptr), START_FAILED) << "the budget comes first";
+    max_fds = 1;
+    EXPECT_EQ(may_start(&cn), START_FAILED);
     const log_lines full = {error_line(EMFILE), error_line(EMFILE),
                             error_line(EMFILE)};
     EXPECT_EQ(log.lines(), full);
     log.clear();
-    nfds = 0;
-    EXPECT_EQ(may_start(nullptr), -1);
-    cn->fd = 0;
-    EXPECT_EQ(may_start(cn), -1);
-    cn->fd = -1;
+    max_fds = 256;
+    EXPECT_EQ(may_start(nullptr), START_UNUSABLE);
+    cn.fd = std::move(others[0]);
+    EXPECT_EQ(may_start(&cn), START_UNUSABLE);
     const log_lines unusable = {error_line(EINVAL), error_line(EINVAL)};
     EXPECT_EQ(log.lines(), unusable);
-    destroy_connection(cn);
 }
 
-TEST(begin_exchange, makes_the_record_wait_to_be_writable)
+TEST(may_start, a_socket_with_number_0_is_one_too)
+{
+    session_lists lists(-1);
+    operator_log log;
+    descriptor_on_loan zero(STDIN_FILENO);
+    connection cn;
+    cn.fd = watched_fd(zero.take(), EVENT_READABLE);
+    EXPECT_EQ(may_start(&cn), START_UNUSABLE);
+    EXPECT_EQ(log.lines(), log_lines{error_line(EINVAL)});
+}
+
+TEST(an_exchange, waits_to_be_writable_until_it_is_closed)
 {
     session_lists lists(-1);
     connection *cn = add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
     connection_handler handler = [](ux_list_element *, event_bits) {};
+    connection_handler next = [](ux_list_element *, event_bits) {};
     const connect_ends ends{nullptr, nullptr};
-    int fd = tcp_socket();
-    begin_exchange(cn, fd, handler, &ends);
-    EXPECT_EQ(cn->fd, fd);
+    ux_fd socket = tcp_socket();
+    int fd = socket.get();
+    begin_exchange(cn, std::move(socket), handler, &ends);
+    EXPECT_EQ(cn->fd.get(), fd);
     EXPECT_EQ(cn->handler, handler);
     EXPECT_EQ(cn->ends, &ends);
-    EXPECT_TRUE(FD_ISSET(fd, &writefds));
-    EXPECT_FALSE(FD_ISSET(fd, &readfds));
-    EXPECT_EQ(nfds, 1);
-    EXPECT_EQ(maxfd, fd);
+    EXPECT_EQ(watched(cn->fd), EVENT_WRITABLE);
+    EXPECT_EQ(open_descriptors(), 1);
+    EXPECT_EQ(highest_descriptor(), fd);
+
+    wait_in(cn, EVENT_READABLE, next);
+    EXPECT_EQ(watched(cn->fd), EVENT_READABLE);
+    EXPECT_EQ(cn->handler, next);
 
     close_exchange(cn);
-    EXPECT_EQ(cn->fd, -1);
+    EXPECT_FALSE(cn->fd);
     EXPECT_EQ(cn->handler, nullptr);
     EXPECT_FALSE(is_open(fd));
-    EXPECT_TRUE(is_empty(&writefds));
-    EXPECT_EQ(nfds, 0);
-    EXPECT_EQ(maxfd, fd - 1);
+    EXPECT_EQ(open_descriptors(), 0);
+    EXPECT_EQ(highest_descriptor(), fd - 1);
     /* Nothing is left to close. */
     cn->handler = handler;
     close_exchange(cn);
     EXPECT_EQ(cn->handler, nullptr);
-    EXPECT_EQ(nfds, 0);
-}
-
-TEST(ready_events, are_those_of_the_records_own_socket)
-{
-    reset_descriptors(0);
-    connection cn{};
-    cn.fd = 100;
-    FD_SET(99, &ready_read);
-    FD_SET(101, &ready_write);
-    FD_SET(100, &readfds);
-    FD_SET(100, &writefds);
-    EXPECT_EQ(ready_events(&cn), 0);
-    FD_SET(100, &ready_read);
-    EXPECT_EQ(ready_events(&cn), 2);
-    FD_SET(100, &ready_write);
-    EXPECT_EQ(ready_events(&cn), 6);
-    FD_CLR(100, &ready_read);
-    EXPECT_EQ(ready_events(&cn), 4);
-    cn.fd = -1;
-    EXPECT_EQ(ready_events(&cn), 0);
-    reset_descriptors(0);
+    EXPECT_EQ(open_descriptors(), 0);
+    EXPECT_TRUE(nothing_is_watched());
 }
 
 TEST(open_connect_socket, connects_without_waiting)
 {
     session_lists lists(-1);
-    descriptor listener(listening_socket());
-    connection cn{};
+    ux_fd listener(listening_socket());
+    connection cn;
     cn.addr = loopback("127.0.0.1", local_port(listener.get()));
-    descriptor fd(open_connect_socket(&cn));
-    ASSERT_GE(fd.get(), 0);
+    ux_fd fd = open_connect_socket(&cn);
+    ASSERT_TRUE(fd);
     EXPECT_NE(fcntl(fd.get(), F_GETFL) & O_NONBLOCK, 0);
     ASSERT_TRUE(wait_for(listener.get(), POLLIN));
-    descriptor peer(accept(listener.get(), nullptr, nullptr));
+    ux_fd peer(accept(listener.get(), nullptr, nullptr));
     EXPECT_GE(peer.get(), 0);
     /* Counting it is left to the caller. */
-    EXPECT_EQ(nfds, 0);
-    EXPECT_EQ(maxfd, -1);
+    EXPECT_EQ(open_descriptors(), 0);
+    EXPECT_EQ(highest_descriptor(), -1);
 }
 
 TEST(open_connect_socket, logs_why_it_could_not_connect)
 {
     session_lists lists(-1);
     operator_log log;
-    int before = open_descriptors();
-    connection cn{};
+    int before = descriptors_in_use();
+    connection cn;
     cn.addr = loopback("127.0.0.1", 1);
     cn.addr.sin_family = AF_INET6;
-    EXPECT_EQ(open_connect_socket(&cn), -1);
+    EXPECT_FALSE(open_connect_socket(&cn));
     EXPECT_EQ(log.lines(), log_lines{system_line(EAFNOSUPPORT)});
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptors_in_use(), before);
 }
 
 TEST(open_connect_socket, logs_that_no_descriptor_is_left)
@@ -573,10 +382,10 @@ TEST(open_connect_socket, logs_that_no_descriptor_is_left)
     std::string seen;
     {
         capture output;
-        connection cn{};
+        connection cn;
         cn.addr = loopback("127.0.0.1", 1);
         no_descriptors limit;
-        EXPECT_EQ(open_connect_socket(&cn), -1);
+        EXPECT_FALSE(open_connect_socket(&cn));
         seen = output.text();
     }
     EXPECT_NE(seen.find(" tolva[00000]: " + system_line(EMFILE) + "\n"),

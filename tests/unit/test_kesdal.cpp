@@ -24,18 +24,17 @@ struct step {
     const char *name;
     connection_handler handle;
     event_bits event;
-    fd_set *waits_in;
-    fd_set *goes_to;
+    event_bits next_event;
     connection_handler next;
 };
 
 const step steps[] = {
-    {"do_kesdal_send_logon", do_kesdal_send_logon, EVENT_WRITABLE, &writefds,
-     &readfds, do_kesdal_recv_logon},
-    {"do_kesdal_recv_logon", do_kesdal_recv_logon, EVENT_READABLE, &readfds,
-     &writefds, do_kesdal_send_logoff},
-    {"do_kesdal_send_logoff", do_kesdal_send_logoff, EVENT_WRITABLE, &writefds,
-     &readfds, do_kesdal_recv_logoff},
+    {"do_kesdal_send_logon", do_kesdal_send_logon, EVENT_WRITABLE,
+     EVENT_READABLE, do_kesdal_recv_logon},
+    {"do_kesdal_recv_logon", do_kesdal_recv_logon, EVENT_READABLE,
+     EVENT_WRITABLE, do_kesdal_send_logoff},
+    {"do_kesdal_send_logoff", do_kesdal_send_logoff, EVENT_WRITABLE,
+     EVENT_READABLE, do_kesdal_recv_logoff},
 };
 
 /* One exchange that stands before one of its steps. */
@@ -48,7 +47,7 @@ class exchange
         set_nonblocking(pair.near.get());
         number = pair.near.release();
         cn = add_record(connections, MODE_CHECK, ADDR_KESDAL, "127.0.0.1",
-                        number, one.waits_in);
+                        number, one.event);
         cn->ends = &noting_ends;
         cn->handler = one.handle;
     }
@@ -91,14 +90,13 @@ class exchange
     tcp_pair pair;
 };
 
-void expect_waiting(const exchange &ex, fd_set *in, fd_set *not_in,
+void expect_waiting(const exchange &ex, event_bits events,
                     connection_handler handler)
 {
-    EXPECT_TRUE(FD_ISSET(ex.number, in));
-    EXPECT_FALSE(FD_ISSET(ex.number, not_in));
+    EXPECT_EQ(watched(ex.cn->fd), events);
     EXPECT_EQ(ex.cn->handler, handler);
     EXPECT_EQ(finished, "");
-    EXPECT_EQ(nfds, 1);
+    EXPECT_EQ(open_descriptors(), 1);
 }
 
 } // namespace
@@ -107,16 +105,16 @@ TEST(kesdal_exchange, goes_through_all_four_steps)
 {
     exchange ex;
     ex.cn->handler(ex.node(), EVENT_WRITABLE);
-    expect_waiting(ex, &readfds, &writefds, do_kesdal_recv_logon);
+    expect_waiting(ex, EVENT_READABLE, do_kesdal_recv_logon);
     EXPECT_EQ(receive(ex.peer(), 22), ex.line("LOGON"));
     EXPECT_TRUE(is_silent(ex.peer()));
 
     ex.answer("0|1 welcome");
     ex.cn->handler(ex.node(), EVENT_READABLE);
-    expect_waiting(ex, &writefds, &readfds, do_kesdal_send_logoff);
+    expect_waiting(ex, EVENT_WRITABLE, do_kesdal_send_logoff);
 
     ex.cn->handler(ex.node(), EVENT_WRITABLE);
-    expect_waiting(ex, &readfds, &writefds, do_kesdal_recv_logoff);
+    expect_waiting(ex, EVENT_READABLE, do_kesdal_recv_logoff);
     EXPECT_EQ(receive_all(ex.peer()), ex.line("LOGOFF"));
     EXPECT_TRUE(is_closed(ex.peer()));
 
@@ -132,7 +130,7 @@ TEST(kesdal_exchange, answers_that_are_accepted)
         exchange ex(steps[1]);
         ex.answer(good);
         do_kesdal_recv_logon(ex.node(), EVENT_READABLE);
-        expect_waiting(ex, &writefds, &readfds, do_kesdal_send_logoff);
+        expect_waiting(ex, EVENT_WRITABLE, do_kesdal_send_logoff);
     }
 }
 
@@ -170,7 +168,7 @@ TEST(kesdal_exchange, the_wrong_event_ends_a_step_as_failed)
         exchange ex(one);
         ex.answer("0|0");
         one.handle(ex.node(), EVENT_READABLE | EVENT_WRITABLE);
-        expect_waiting(ex, one.goes_to, one.waits_in, one.next);
+        expect_waiting(ex, one.next_event, one.next);
     }
 }
 
@@ -189,14 +187,14 @@ TEST(kesdal_exchange, a_refused_connect_shows_at_the_first_step)
 {
     session_lists lists(-1);
     finished.clear();
-    descriptor holder;
+    ux_fd holder;
     uint16_t port = refusing_port(&holder);
     sockaddr_in address = loopback("127.0.0.1", port);
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
     connect(fd, generic(&address), sizeof address);
     ASSERT_TRUE(wait_for(fd, POLLOUT));
     connection *cn = add_record(connections, MODE_CHECK, ADDR_KESDAL,
-                                "127.0.0.1", fd, &writefds);
+                                "127.0.0.1", fd, EVENT_WRITABLE);
     cn->ends = &noting_ends;
     do_kesdal_send_logon(connections->head, EVENT_WRITABLE);
     EXPECT_EQ(finished, "cancel 127.0.0.1;");

@@ -3,6 +3,7 @@
  * starting of scripts are replaced, so that the test says who is alive and
  * sees what is asked and run.
  */
+#include "address_list.h"
 #include "sessions.h"
 
 #include "tolva2/listen/alive.h"
@@ -16,10 +17,13 @@ namespace
 
 /* What the replacements were called for, in order. */
 std::vector<std::string> calls;
-std::set<std::string> alive;
+std::set<std::string> answering;
 connection *script_record = nullptr;
 
 } // namespace
+
+namespace alive
+{
 
 void cancel_connections()
 {
@@ -32,18 +36,20 @@ int32_t start_connections()
     return 1;
 }
 
-int32_t check_alive_single(const char *address)
+} // namespace alive
+
+bool check_alive_single(const char *address)
 {
     calls.push_back(std::string("ask ") + address);
-    return alive.count(address) > 0 ? 1 : 0;
+    return answering.count(address) > 0;
 }
 
-int32_t fork_and_exec(connection *cn, const char *program, const char *params)
+bool fork_and_exec(connection *cn, const char *program, const char *params)
 {
     script_record = cn;
     calls.push_back(std::string("run [") + program + "] [" +
                     (params == nullptr ? "none" : params) + "]");
-    return 1;
+    return true;
 }
 
 namespace
@@ -66,49 +72,40 @@ std::vector<std::string> split(const std::string &text)
 class redundant_listener
 {
   public:
-    redundant_listener(int32_t level, const std::string &members,
+    redundant_listener(int32_t level, const std::string &addresses,
                        const char *enabled = "TRUE",
                        const char *suppress_batch = "false",
                        const std::string &batch = "/opt/suppressed.sh")
-        : enabled_text(enabled), suppress_text(suppress_batch),
-          batch_text(batch)
+        : members(addresses), enabled_text(enabled),
+          suppress_text(suppress_batch), batch_text(batch)
     {
         calls.clear();
-        alive.clear();
+        answering.clear();
         script_record = nullptr;
-        ux_list_init(&list, destroy_inetaddr);
-        get_inetaddr_arr_from_str(&list, members.c_str(), ADDR_PEER,
-                                  MODE_LISTEN);
         settings = receiver_params{};
         settings.redundancy_enabled = enabled_text.data();
         settings.redundancy_batch_suppress = suppress_text.data();
         settings.redundancy_batch_file = batch_text.data();
         settings.redundancy_level = level;
-        init_redundant_shutdowns(&settings, &list);
+        init_redundant_shutdowns(&settings, members.get());
     }
-    ~redundant_listener()
-    {
-        ux_list_destroy(&list);
-    }
-    redundant_listener(const redundant_listener &) = delete;
-    redundant_listener &operator=(const redundant_listener &) = delete;
 
     /* A request from that address: its result, with what it says. */
-    int32_t request(const std::string &address)
+    bool request(const std::string &address)
     {
-        connection cn{};
+        connection cn;
         strncpy(cn.ipaddr, address.c_str(), sizeof cn.ipaddr - 1);
         calls.clear();
         capture errors(STDERR_FILENO);
-        int32_t result = track_redundant_shutdowns(&cn);
+        bool result = track_redundant_shutdowns(&cn);
         EXPECT_EQ(errors.text(),
-                  result != 0 ? "returning: TRUE\n" : "returning: FALSE\n");
+                  result ? "returning: TRUE\n" : "returning: FALSE\n");
         if (!calls.empty() && calls.back().substr(0, 3) == "run") {
             EXPECT_EQ(script_record, &cn);
         }
         return result;
     }
-    ux_list list;
+    address_list members;
     receiver_params settings;
     operator_log log;
 
@@ -203,17 +200,17 @@ TEST(redundancy, decides_by_level_members_requests_and_who_is_alive)
         redundant_listener listener(row.level, row.members);
         /* While the others ask, everybody is alive. */
         for (const std::string &member : split(row.members)) {
-            alive.insert(member.substr(0, member.find(':')));
+            answering.insert(member.substr(0, member.find(':')));
         }
         for (const std::string &earlier : split(row.asked_before)) {
             listener.request(earlier);
         }
         listener.log.clear();
-        alive.clear();
+        answering.clear();
         for (const std::string &address : split(row.alive_now)) {
-            alive.insert(address);
+            answering.insert(address);
         }
-        EXPECT_EQ(listener.request(row.sender), row.carried_out ? 1 : 0);
+        EXPECT_EQ(listener.request(row.sender), row.carried_out);
         if (row.carried_out) {
             EXPECT_EQ(listener.log.lines(), log_lines{});
         } else {
@@ -233,28 +230,27 @@ TEST(redundancy, is_off_unless_enabled)
 {
     for (const char *off : {"false", "", "1", "yes", "TRUE ", "TRU"}) {
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", off);
-        alive = {"10.0.0.1", "10.0.0.2"};
-        EXPECT_EQ(listener.request("10.0.0.1"), 1) << off;
+        answering = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_TRUE(listener.request("10.0.0.1")) << off;
         EXPECT_EQ(calls, std::vector<std::string>{});
     }
     for (const char *on : {"TRUE", "true", "True", "tRuE"}) {
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", on);
-        alive = {"10.0.0.1", "10.0.0.2"};
-        EXPECT_EQ(listener.request("10.0.0.1"), 0) << on;
+        answering = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_FALSE(listener.request("10.0.0.1")) << on;
     }
 }
 
 TEST(redundancy, unset_settings_mean_off)
 {
     calls.clear();
-    ux_list list;
-    ux_list_init(&list, destroy_inetaddr);
+    address_list nobody;
     receiver_params settings{};
     settings.redundancy_level = 1;
-    init_redundant_shutdowns(&settings, &list);
-    connection cn{};
+    init_redundant_shutdowns(&settings, nobody.get());
+    connection cn;
     capture errors(STDERR_FILENO);
-    EXPECT_EQ(track_redundant_shutdowns(&cn), 1);
+    EXPECT_TRUE(track_redundant_shutdowns(&cn));
     EXPECT_EQ(errors.text(), "returning: TRUE\n");
     EXPECT_EQ(calls, std::vector<std::string>{});
 }
@@ -262,8 +258,8 @@ TEST(redundancy, unset_settings_mean_off)
 TEST(redundancy, asks_every_other_member_after_a_new_cycle)
 {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4");
-    alive = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
-    EXPECT_EQ(listener.request("10.0.0.2"), 0);
+    answering = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
+    EXPECT_FALSE(listener.request("10.0.0.2"));
     const std::vector<std::string> expected = {
         "cancel",       "start",        "ask 10.0.0.1",
         "ask 10.0.0.3", "ask 10.0.0.4", "run [/opt/suppressed.sh] [none]"};
@@ -273,7 +269,7 @@ TEST(redundancy, asks_every_other_member_after_a_new_cycle)
 TEST(redundancy, carries_out_without_running_the_batch_file)
 {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2");
-    EXPECT_EQ(listener.request("10.0.0.1"), 1);
+    EXPECT_TRUE(listener.request("10.0.0.1"));
     const std::vector<std::string> expected = {"cancel", "start",
                                                "ask 10.0.0.2"};
     EXPECT_EQ(calls, expected);
@@ -283,15 +279,15 @@ TEST(redundancy, the_batch_file_can_be_suppressed)
 {
     for (const char *on : {"TRUE", "true", "tRUE"}) {
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", on);
-        alive = {"10.0.0.1", "10.0.0.2"};
-        EXPECT_EQ(listener.request("10.0.0.1"), 0);
+        answering = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_FALSE(listener.request("10.0.0.1"));
         EXPECT_EQ(calls.back(), "ask 10.0.0.2");
         EXPECT_EQ(listener.log.lines(), log_lines{suppressed(1, 1)});
     }
     for (const char *off : {"no", "", "1"}) {
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", off);
-        alive = {"10.0.0.1", "10.0.0.2"};
-        EXPECT_EQ(listener.request("10.0.0.1"), 0);
+        answering = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_FALSE(listener.request("10.0.0.1"));
         EXPECT_EQ(calls.back(), "run [/opt/suppressed.sh] [none]");
     }
 }
@@ -299,14 +295,14 @@ TEST(redundancy, the_batch_file_can_be_suppressed)
 TEST(redundancy, a_request_is_never_forgotten_but_being_alive_is_asked_anew)
 {
     redundant_listener listener(2, "10.0.0.1 10.0.0.2 10.0.0.3");
-    alive = {"10.0.0.1", "10.0.0.2"};
-    EXPECT_EQ(listener.request("10.0.0.1"), 0) << "10.0.0.3 is not alive";
-    alive = {"10.0.0.1", "10.0.0.2", "10.0.0.3"};
-    EXPECT_EQ(listener.request("10.0.0.1"), 0) << "and back again";
-    EXPECT_EQ(listener.request("10.0.0.2"), 0);
-    EXPECT_EQ(listener.request("10.0.0.1"), 0);
-    EXPECT_EQ(listener.request("10.0.0.3"), 1);
-    EXPECT_EQ(listener.request("10.0.0.1"), 1) << "all three have asked";
+    answering = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_FALSE(listener.request("10.0.0.1")) << "10.0.0.3 is not alive";
+    answering = {"10.0.0.1", "10.0.0.2", "10.0.0.3"};
+    EXPECT_FALSE(listener.request("10.0.0.1")) << "and back again";
+    EXPECT_FALSE(listener.request("10.0.0.2"));
+    EXPECT_FALSE(listener.request("10.0.0.1"));
+    EXPECT_TRUE(listener.request("10.0.0.3"));
+    EXPECT_TRUE(listener.request("10.0.0.1")) << "all three have asked";
     const log_lines expected = {suppressed(2, 2), suppressed(2, 1),
                                 suppressed(2, 2), suppressed(2, 2)};
     EXPECT_EQ(listener.log.lines(), expected);
@@ -315,9 +311,9 @@ TEST(redundancy, a_request_is_never_forgotten_but_being_alive_is_asked_anew)
 TEST(redundancy, the_senders_own_mark_stays_as_it_was)
 {
     redundant_listener listener(2, "10.0.0.1 10.0.0.2 10.0.0.3");
-    alive = {"10.0.0.1", "10.0.0.3"};
-    EXPECT_EQ(listener.request("10.0.0.1"), 0);
-    alive = {"10.0.0.1", "10.0.0.2", "10.0.0.3"};
+    answering = {"10.0.0.1", "10.0.0.3"};
+    EXPECT_FALSE(listener.request("10.0.0.1"));
+    answering = {"10.0.0.1", "10.0.0.2", "10.0.0.3"};
     std::string seen = traced(1, [&] { listener.request("10.0.0.2"); });
     EXPECT_NE(seen.find("DEBUG: 10.0.0.2\tx       \tx       \n"),
               std::string::npos)
@@ -327,11 +323,11 @@ TEST(redundancy, the_senders_own_mark_stays_as_it_was)
 TEST(redundancy, starting_again_forgets_everything)
 {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2");
-    alive = {"10.0.0.1", "10.0.0.2"};
-    EXPECT_EQ(listener.request("10.0.0.1"), 0);
-    init_redundant_shutdowns(&listener.settings, &listener.list);
-    EXPECT_EQ(listener.request("10.0.0.2"), 0);
-    EXPECT_EQ(listener.request("10.0.0.1"), 1);
+    answering = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_FALSE(listener.request("10.0.0.1"));
+    init_redundant_shutdowns(&listener.settings, listener.members.get());
+    EXPECT_FALSE(listener.request("10.0.0.2"));
+    EXPECT_TRUE(listener.request("10.0.0.1"));
 }
 
 TEST(redundancy, thirty_members_are_all_used)
@@ -342,10 +338,10 @@ TEST(redundancy, thirty_members_are_all_used)
     }
     redundant_listener listener(29, members);
     EXPECT_EQ(listener.log.lines(), log_lines{});
-    EXPECT_EQ(listener.request("10.0.1.30"), 1);
+    EXPECT_TRUE(listener.request("10.0.1.30"));
     EXPECT_EQ(calls.size(), 2u + 29u);
-    alive = {"10.0.1.1"};
-    EXPECT_EQ(listener.request("10.0.1.30"), 0);
+    answering = {"10.0.1.1"};
+    EXPECT_FALSE(listener.request("10.0.1.30"));
     EXPECT_EQ(listener.log.lines(), log_lines{suppressed(29, 29)});
 }
 
@@ -360,9 +356,9 @@ TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told)
         redundant_listener listener(30, members);
         EXPECT_EQ(listener.log.lines().size(), 1u) << count;
         listener.log.clear();
-        EXPECT_EQ(listener.request("10.0.1.31"), 1) << "no member";
+        EXPECT_TRUE(listener.request("10.0.1.31")) << "no member";
         EXPECT_EQ(calls, std::vector<std::string>{});
-        EXPECT_EQ(listener.request("10.0.1.30"), 0);
+        EXPECT_FALSE(listener.request("10.0.1.30"));
         EXPECT_EQ(calls.size(), 2u + 29u + 1u);
         EXPECT_EQ(listener.log.lines(), log_lines{suppressed(30, 30)});
     }
@@ -373,8 +369,8 @@ TEST(redundancy, a_batch_file_name_of_511_bytes_is_run)
     std::string name = "/" + std::string(510, 'b');
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", name);
     EXPECT_EQ(listener.log.lines(), log_lines{});
-    alive = {"10.0.0.1", "10.0.0.2"};
-    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    answering = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_FALSE(listener.request("10.0.0.1"));
     EXPECT_EQ(calls.back(), "run [" + name + "] [none]");
 }
 
@@ -386,8 +382,8 @@ TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut)
                                     name);
         EXPECT_EQ(listener.log.lines().size(), 1u) << length;
         listener.log.clear();
-        alive = {"10.0.0.1", "10.0.0.2"};
-        EXPECT_EQ(listener.request("10.0.0.1"), 0);
+        answering = {"10.0.0.1", "10.0.0.2"};
+        EXPECT_FALSE(listener.request("10.0.0.1"));
         EXPECT_EQ(listener.log.lines(), log_lines{suppressed(1, 1)});
         for (const std::string &call : calls) {
             EXPECT_EQ(call.find("bbbb"), std::string::npos) << call;
@@ -405,11 +401,11 @@ TEST(redundancy, a_longer_batch_file_name_matters_to_nobody_while_it_is_off)
 TEST(redundancy, an_empty_or_unset_batch_file_is_no_error)
 {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", "");
-    alive = {"10.0.0.1", "10.0.0.2"};
-    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    answering = {"10.0.0.1", "10.0.0.2"};
+    EXPECT_FALSE(listener.request("10.0.0.1"));
     listener.settings.redundancy_batch_file = nullptr;
-    init_redundant_shutdowns(&listener.settings, &listener.list);
-    EXPECT_EQ(listener.request("10.0.0.1"), 0);
+    init_redundant_shutdowns(&listener.settings, listener.members.get());
+    EXPECT_FALSE(listener.request("10.0.0.1"));
 }
 
 TEST(redundancy_table, shows_members_and_marks)
@@ -419,12 +415,12 @@ TEST(redundancy_table, shows_members_and_marks)
     const std::string none = "        ";
     const std::string mark = "x       ";
     std::string at_start = traced(1, [&] {
-        init_redundant_shutdowns(&listener.settings, &listener.list);
+        init_redundant_shutdowns(&listener.settings, listener.members.get());
     });
     EXPECT_EQ(at_start, head + "DEBUG: 10.0.0.1\t" + none + "\t" + none + "\n" +
                             "DEBUG: 10.0.0.2\t" + none + "\t" + none + "\n" +
                             "DEBUG: 10.0.0.3\t" + none + "\t" + none + "\n");
-    alive = {"10.0.0.2"};
+    answering = {"10.0.0.2"};
     std::string after = traced(1, [&] { listener.request("10.0.0.1"); });
     EXPECT_EQ(after, head + "DEBUG: 10.0.0.1\t" + mark + "\t" + none + "\n" +
                          "DEBUG: 10.0.0.2\t" + none + "\t" + none + "\n" +
@@ -444,8 +440,8 @@ TEST(redundancy_table, skips_slots_that_are_not_in_use)
     redundancy_record record{};
     record.addr[0] = "10.0.0.1";
     record.addr[29] = "10.0.0.30";
-    record.inuse[29] = 1;
-    record.notalive[29] = 1;
+    record.inuse[29] = true;
+    record.notalive[29] = true;
     EXPECT_EQ(traced(1, [&] { show_redundancy_table(&record); }),
               "DEBUG: IP-Address\tShutdown\tNotAlive\n"
               "DEBUG: 10.0.0.30\t        \tx       \n");

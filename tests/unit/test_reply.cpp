@@ -3,8 +3,6 @@
 
 #include "tolva2/listen/reply.h"
 
-#include <cstdlib>
-
 namespace
 {
 
@@ -18,10 +16,10 @@ class waiting_client
     {
         number = pair.near.release();
         connection *cn = add_record(clients, MODE_LISTEN, ADDR_PEER,
-                                    "127.0.0.1", number, &writefds);
-        cn->cmdline = cmdline == nullptr ? nullptr : strdup(cmdline);
+                                    "127.0.0.1", number, EVENT_WRITABLE);
+        cn->cmdline = ux_copy(cmdline);
         cn->pid = pid;
-        cn->want_reply = 1;
+        cn->want_reply = true;
         cn->exitstatus = status;
     }
     /* Sends the reply; what the sender gets until the end. */
@@ -30,8 +28,8 @@ class waiting_client
         handle_tcp_reply(clients->head);
         EXPECT_EQ(clients->size, 0u);
         EXPECT_FALSE(is_open(number));
-        EXPECT_EQ(nfds, 0);
-        EXPECT_FALSE(FD_ISSET(number, &writefds));
+        EXPECT_EQ(open_descriptors(), 0);
+        EXPECT_TRUE(nothing_is_watched());
         return receive_all(pair.far.get());
     }
     tcp_pair pair;
@@ -115,7 +113,7 @@ TEST(handle_tcp_reply, sends_nothing_when_an_error_is_pending)
     /* Only what is not sent can be seen: both ends are ours, and a datagram
      * socket keeps an error without being closed. */
     session_lists lists;
-    descriptor holder;
+    ux_fd holder;
     holder.reset(bound_socket(SOCK_DGRAM));
     sockaddr_in to = local_name(holder.get());
     int fd = bound_socket(SOCK_DGRAM);
@@ -124,9 +122,9 @@ TEST(handle_tcp_reply, sends_nothing_when_an_error_is_pending)
     ASSERT_EQ(send(fd, "x", 1, 0), 1);
     ASSERT_TRUE(wait_for(fd, POLLERR));
     holder.reset(bound_socket(SOCK_DGRAM, "127.0.0.1", ntohs(to.sin_port)));
-    connection *cn =
-        add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1", fd, &writefds);
-    cn->want_reply = 1;
+    connection *cn = add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1",
+                                fd, EVENT_WRITABLE);
+    cn->want_reply = true;
     handle_tcp_reply(clients->head);
     EXPECT_EQ(clients->size, 0u);
     EXPECT_TRUE(is_silent(holder.get()));

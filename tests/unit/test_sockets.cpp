@@ -1,34 +1,12 @@
 /* The socket helpers, on real loopback sockets. */
+#include "failing_calls.h"
 #include "sessions.h"
 
-#include <netinet/in.h>
+#include "tolva2/net/sockets.h"
 
-namespace
-{
-
-bool flags_fail = false;
-
-template <typename... argument_types>
-int fcntl_or_fail(int fd, int request, argument_types... arguments)
-{
-    errno = EIO;
-    return flags_fail ? -1 : fcntl(fd, request, arguments...);
-}
-
-int setsockopt_or_fail(int fd, int level, int option, const void *value,
-                       socklen_t length)
-{
-    errno = EIO;
-    return flags_fail ? -1 : setsockopt(fd, level, option, value, length);
-}
-
-} // namespace
-
-#define fcntl fcntl_or_fail
-#define setsockopt setsockopt_or_fail
-#include "tolva2/net/sockets.cpp" // NOLINT
-#undef fcntl
-#undef setsockopt
+#include <arpa/inet.h>
+#include <csignal>
+#include <fcntl.h>
 
 namespace
 {
@@ -43,7 +21,7 @@ int socket_option(int fd, int option)
 
 struct creator {
     const char *name;
-    int32_t (*create)();
+    ux_fd (*create)();
     int type;
     bool nonblocking;
     bool broadcast;
@@ -65,8 +43,8 @@ TEST(socket_creators, give_the_kind_of_socket_they_are_named_after)
 {
     for (const creator &row : creators) {
         SCOPED_TRACE(row.name);
-        descriptor fd(row.create());
-        ASSERT_GE(fd.get(), 0);
+        ux_fd fd = row.create();
+        ASSERT_TRUE(fd);
         EXPECT_EQ(socket_option(fd.get(), SO_DOMAIN), AF_INET);
         EXPECT_EQ(socket_option(fd.get(), SO_TYPE), row.type);
         EXPECT_EQ(socket_option(fd.get(), SO_BROADCAST), row.broadcast ? 1 : 0);
@@ -76,110 +54,116 @@ TEST(socket_creators, give_the_kind_of_socket_they_are_named_after)
     }
 }
 
-TEST(socket_creators, give_minus_one_when_no_descriptor_is_left)
+TEST(socket_creators, give_none_when_no_descriptor_is_left)
 {
-    int before = open_descriptors();
+    int before = descriptors_in_use();
     for (const creator &row : creators) {
         SCOPED_TRACE(row.name);
         no_descriptors limit;
         errno = 0;
-        EXPECT_EQ(row.create(), -1);
+        EXPECT_FALSE(row.create());
         EXPECT_EQ(errno, EMFILE);
     }
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptors_in_use(), before);
 }
 
 TEST(socket_creators, leave_nothing_open_when_a_flag_cannot_be_set)
 {
-    int before = open_descriptors();
-    flags_fail = true;
+    int before = descriptors_in_use();
     for (const creator &row : creators) {
-        if (row.nonblocking || row.broadcast) {
-            EXPECT_EQ(row.create(), -1) << row.name;
+        SCOPED_TRACE(row.name);
+        for (int after = 0; row.nonblocking && after < 2; after++) {
+            failing_call no_flags("fcntl", EIO, after);
+            errno = 0;
+            EXPECT_FALSE(row.create());
             EXPECT_EQ(errno, EIO);
         }
+        if (row.broadcast) {
+            failing_call no_option("setsockopt", EPROTO);
+            errno = 0;
+            EXPECT_FALSE(row.create());
+            EXPECT_EQ(errno, EPROTO);
+        }
     }
-    flags_fail = false;
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptors_in_use(), before);
 }
 
 TEST(socket_creators, trace_their_entry_above_level_5)
 {
     for (const creator &row : creators) {
         std::string line = std::string("TRACEIN: ") + row.name + "\n";
-        std::string seen = traced(6, [&] { close(row.create()); });
+        std::string seen = traced(6, [&] { row.create(); });
         EXPECT_EQ(seen.substr(0, line.size()), line);
-        EXPECT_EQ(traced(5, [&] { close(row.create()); }), "");
+        EXPECT_EQ(traced(5, [&] { row.create(); }), "");
     }
 }
 
 TEST(descriptor_flags, close_on_exec_is_added)
 {
-    descriptor fd(tcp_socket());
+    ux_fd fd = tcp_socket();
     EXPECT_EQ(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_EQ(set_close_on_exec(fd.get()), 1);
+    EXPECT_TRUE(set_close_on_exec(fd.get()));
     EXPECT_EQ(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    EXPECT_EQ(set_close_on_exec(-1), 0);
+    EXPECT_FALSE(set_close_on_exec(-1));
 }
 
 TEST(shutdown_helpers, close_one_direction)
 {
     tcp_pair pair;
-    EXPECT_EQ(sock_shutdown_write(pair.near.get()), 1);
+    EXPECT_TRUE(sock_shutdown_write(pair.near.get()));
     EXPECT_TRUE(is_closed(pair.far.get()));
     send_bytes_to(pair.far.get(), "still open");
     EXPECT_EQ(receive(pair.near.get(), 10), "still open");
-    EXPECT_EQ(sock_shutdown_read(pair.near.get()), 1);
+    EXPECT_TRUE(sock_shutdown_read(pair.near.get()));
     EXPECT_TRUE(is_closed(pair.near.get()));
     EXPECT_TRUE(is_open(pair.near.get()));
 }
 
 TEST(shutdown_helpers, fail_without_a_connection)
 {
-    descriptor fd(tcp_socket());
-    EXPECT_EQ(sock_shutdown_read(fd.get()), 0);
-    EXPECT_EQ(sock_shutdown_write(fd.get()), 0);
-    EXPECT_EQ(sock_shutdown_read(-1), 0);
-    EXPECT_EQ(sock_shutdown_write(-1), 0);
+    ux_fd fd = tcp_socket();
+    EXPECT_FALSE(sock_shutdown_read(fd.get()));
+    EXPECT_FALSE(sock_shutdown_write(fd.get()));
+    EXPECT_FALSE(sock_shutdown_read(-1));
+    EXPECT_FALSE(sock_shutdown_write(-1));
 }
 
 TEST(sock_connect, reaches_a_listener)
 {
-    descriptor listener(listening_socket());
+    ux_fd listener(listening_socket());
     sockaddr_in address = loopback("127.0.0.1", local_port(listener.get()));
-    descriptor first(tcp_socket());
-    EXPECT_EQ(sock_connect(first.get(), &address), 1);
-    descriptor second(tcp_socket());
-    EXPECT_EQ(
-        sock_connect_to(second.get(), local_port(listener.get()), "127.0.0.1"),
-        1);
+    ux_fd first = tcp_socket();
+    EXPECT_TRUE(sock_connect(first.get(), &address));
+    ux_fd second = tcp_socket();
+    EXPECT_TRUE(
+        sock_connect_to(second.get(), local_port(listener.get()), "127.0.0.1"));
     for (int i = 0; i < 2; i++) {
         ASSERT_TRUE(wait_for(listener.get(), POLLIN));
-        descriptor peer(accept(listener.get(), nullptr, nullptr));
+        ux_fd peer(accept(listener.get(), nullptr, nullptr));
         EXPECT_GE(peer.get(), 0);
     }
 }
 
 TEST(sock_connect, under_way_counts_as_success)
 {
-    descriptor listener(listening_socket());
+    ux_fd listener(listening_socket());
     sockaddr_in address = loopback("127.0.0.1", local_port(listener.get()));
-    descriptor fd(tcp_socket_nonblock());
-    EXPECT_EQ(sock_connect(fd.get(), &address), 1);
+    ux_fd fd = tcp_socket_nonblock();
+    EXPECT_TRUE(sock_connect(fd.get(), &address));
     ASSERT_TRUE(wait_for(fd.get(), POLLOUT));
     EXPECT_EQ(sock_pending_error(fd.get()), 0);
 }
 
 TEST(sock_connect, refusal_is_failure_or_shows_as_pending_error)
 {
-    descriptor holder;
+    ux_fd holder;
     uint16_t port = refusing_port(&holder);
-    descriptor blocking(tcp_socket());
-    EXPECT_EQ(sock_connect_to(blocking.get(), port, "127.0.0.1"), 0);
+    ux_fd blocking = tcp_socket();
+    EXPECT_FALSE(sock_connect_to(blocking.get(), port, "127.0.0.1"));
     EXPECT_EQ(errno, ECONNREFUSED);
 
-    descriptor fd(tcp_socket_nonblock());
-    if (sock_connect_to(fd.get(), port, "127.0.0.1") == 0) {
+    ux_fd fd = tcp_socket_nonblock();
+    if (!sock_connect_to(fd.get(), port, "127.0.0.1")) {
         EXPECT_EQ(errno, ECONNREFUSED);
     } else {
         ASSERT_TRUE(wait_for(fd.get(), POLLOUT));
@@ -192,107 +176,104 @@ TEST(sock_connect, an_older_errno_is_not_taken_for_progress)
 {
     sockaddr_in address = loopback("127.0.0.1", 1);
     errno = EINPROGRESS;
-    EXPECT_EQ(sock_connect(-1, &address), 0);
+    EXPECT_FALSE(sock_connect(-1, &address));
     EXPECT_EQ(errno, EBADF);
 }
 
 TEST(bind_helpers, bind_to_the_address_they_are_given)
 {
-    descriptor any(tcp_socket());
-    EXPECT_EQ(sock_bind_any(any.get(), 0), 1);
+    ux_fd any = tcp_socket();
+    EXPECT_TRUE(sock_bind_any(any.get(), 0));
     EXPECT_EQ(local_name(any.get()).sin_addr.s_addr, INADDR_ANY);
     EXPECT_NE(local_port(any.get()), 0);
 
-    descriptor one(udp_socket());
-    EXPECT_EQ(sock_bind_to(one.get(), 0, "127.0.0.5"), 1);
+    ux_fd one = udp_socket();
+    EXPECT_TRUE(sock_bind_to(one.get(), 0, "127.0.0.5"));
     EXPECT_EQ(local_name(one.get()).sin_addr.s_addr, inet_addr("127.0.0.5"));
 
-    descriptor same(udp_socket());
-    EXPECT_EQ(sock_bind_to(same.get(), local_port(one.get()), "127.0.0.5"), 0);
+    ux_fd same = udp_socket();
+    EXPECT_FALSE(sock_bind_to(same.get(), local_port(one.get()), "127.0.0.5"));
     EXPECT_EQ(errno, EADDRINUSE);
-    EXPECT_EQ(sock_bind_any(-1, 0), 0);
+    EXPECT_FALSE(sock_bind_any(-1, 0));
 }
 
 TEST(bind_helpers, an_address_that_does_not_convert_means_any)
 {
-    descriptor fd(tcp_socket());
-    EXPECT_EQ(sock_bind_to(fd.get(), 0, "no address"), 1);
+    ux_fd fd = tcp_socket();
+    EXPECT_TRUE(sock_bind_to(fd.get(), 0, "no address"));
     EXPECT_EQ(local_name(fd.get()).sin_addr.s_addr, INADDR_ANY);
 }
 
 TEST(listen_helpers, make_a_listener)
 {
-    descriptor any(tcp_socket());
-    EXPECT_EQ(sock_listen_any(any.get(), 0), 1);
+    ux_fd any = tcp_socket();
+    EXPECT_TRUE(sock_listen_any(any.get(), 0));
     EXPECT_EQ(socket_option(any.get(), SO_ACCEPTCONN), 1);
     EXPECT_EQ(local_name(any.get()).sin_addr.s_addr, INADDR_ANY);
 
-    descriptor one(tcp_socket());
-    EXPECT_EQ(sock_listen_to(one.get(), 0, "127.0.0.6"), 1);
+    ux_fd one = tcp_socket();
+    EXPECT_TRUE(sock_listen_to(one.get(), 0, "127.0.0.6"));
     EXPECT_EQ(socket_option(one.get(), SO_ACCEPTCONN), 1);
     EXPECT_EQ(local_name(one.get()).sin_addr.s_addr, inet_addr("127.0.0.6"));
-    descriptor peer(
+    ux_fd peer(
         connected_socket(local_port(one.get()), "127.0.0.1", "127.0.0.6"));
 }
 
 TEST(listen_helpers, fail_on_a_port_in_use_and_on_datagram_sockets)
 {
-    descriptor listener(listening_socket());
-    descriptor second(tcp_socket());
-    EXPECT_EQ(
-        sock_listen_to(second.get(), local_port(listener.get()), "127.0.0.1"),
-        0);
+    ux_fd listener(listening_socket());
+    ux_fd second = tcp_socket();
+    EXPECT_FALSE(
+        sock_listen_to(second.get(), local_port(listener.get()), "127.0.0.1"));
     EXPECT_EQ(socket_option(second.get(), SO_ACCEPTCONN), 0);
-    descriptor third(tcp_socket());
-    EXPECT_EQ(sock_listen_any(third.get(), local_port(listener.get())), 0);
-    descriptor datagrams(udp_socket());
-    EXPECT_EQ(sock_listen_to(datagrams.get(), 0, "127.0.0.1"), 0);
+    ux_fd third = tcp_socket();
+    EXPECT_FALSE(sock_listen_any(third.get(), local_port(listener.get())));
+    ux_fd datagrams = udp_socket();
+    EXPECT_FALSE(sock_listen_to(datagrams.get(), 0, "127.0.0.1"));
 }
 
 TEST(listen_helpers, a_hundred_and_twenty_connections_wait_in_the_backlog)
 {
     EXPECT_EQ(LISTEN_BACKLOG, 128);
     for (bool any : {true, false}) {
-        descriptor listener(tcp_socket());
-        ASSERT_EQ(any ? sock_listen_any(listener.get(), 0)
-                      : sock_listen_to(listener.get(), 0, "127.0.0.1"),
-                  1);
-        std::vector<descriptor> waiting;
+        ux_fd listener = tcp_socket();
+        ASSERT_TRUE(any ? sock_listen_any(listener.get(), 0)
+                        : sock_listen_to(listener.get(), 0, "127.0.0.1"));
+        std::vector<ux_fd> waiting;
         for (int i = 0; i < 120; i++) {
-            waiting.emplace_back(tcp_socket_nonblock());
-            ASSERT_EQ(sock_connect_to(waiting.back().get(),
-                                      local_port(listener.get()), "127.0.0.1"),
-                      1);
+            waiting.push_back(tcp_socket_nonblock());
+            ASSERT_TRUE(sock_connect_to(
+                waiting.back().get(), local_port(listener.get()), "127.0.0.1"));
         }
         /* All at once: nobody is let in to make room for the next. */
-        for (const descriptor &one : waiting) {
+        for (const ux_fd &one : waiting) {
             ASSERT_TRUE(wait_for(one.get(), POLLOUT));
         }
         set_nonblocking(listener.get());
         for (int i = 0; i < 120; i++) {
             ASSERT_TRUE(wait_for(listener.get(), POLLIN));
-            descriptor peer(sock_accept(listener.get(), nullptr, nullptr));
-            ASSERT_GE(peer.get(), 0) << "connection " << i;
+            ux_fd peer = sock_accept(listener.get(), nullptr, nullptr);
+            ASSERT_TRUE(peer) << "connection " << i;
         }
     }
 }
 
 TEST(sock_accept, gives_descriptor_and_peer)
 {
-    descriptor listener(listening_socket());
-    descriptor near(connected_socket(local_port(listener.get()), "127.0.0.7"));
+    ux_fd listener(listening_socket());
+    ux_fd near(connected_socket(local_port(listener.get()), "127.0.0.7"));
     sockaddr_in from = loopback("0.0.0.0", 0);
     socklen_t length = sizeof from;
-    descriptor peer(sock_accept(listener.get(), &from, &length));
-    ASSERT_GE(peer.get(), 0);
+    ux_fd peer = sock_accept(listener.get(), &from, &length);
+    ASSERT_TRUE(peer);
     EXPECT_EQ(from.sin_addr.s_addr, inet_addr("127.0.0.7"));
     EXPECT_EQ(ntohs(from.sin_port), local_port(near.get()));
-    EXPECT_EQ(sock_accept(-1, &from, &length), -1);
+    EXPECT_FALSE(sock_accept(-1, &from, &length));
 }
 
 TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer)
 {
-    descriptor listener(listening_socket());
+    ux_fd listener(listening_socket());
     struct row {
         size_t size;
         const char *expected;
@@ -302,11 +283,10 @@ TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer)
         {5, "127."},       {1, ""},
     };
     for (const row &one : rows) {
-        descriptor near(
-            connected_socket(local_port(listener.get()), "127.0.0.8"));
+        ux_fd near(connected_socket(local_port(listener.get()), "127.0.0.8"));
         char buffer[32];
         memset(buffer, '#', sizeof buffer);
-        descriptor peer(sock_accept_peer(listener.get(), buffer, one.size));
+        ux_fd peer(sock_accept_peer(listener.get(), buffer, one.size));
         EXPECT_GT(peer.get(), 0);
         EXPECT_STREQ(buffer, one.expected);
         EXPECT_EQ(buffer[one.size], '#');
@@ -317,7 +297,7 @@ TEST(sock_accept_peer, gives_zero_on_failure)
 {
     char buffer[16] = "untouched";
     EXPECT_EQ(sock_accept_peer(-1, buffer, sizeof buffer), 0);
-    descriptor listener(listening_socket());
+    ux_fd listener(listening_socket());
     set_nonblocking(listener.get());
     EXPECT_EQ(sock_accept_peer(listener.get(), buffer, sizeof buffer), 0);
 }
@@ -387,8 +367,8 @@ TEST(stream_senders, a_part_of_the_text_is_a_failure)
 
 TEST(udp_send_text, sends_one_datagram_to_the_address)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM, "127.0.0.9"));
-    descriptor fd(udp_socket());
+    ux_fd receiver(bound_socket(SOCK_DGRAM, "127.0.0.9"));
+    ux_fd fd = udp_socket();
     uint16_t port = local_port(receiver.get());
     EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.9", "hello \xfc"), 7);
     EXPECT_EQ(receive(receiver.get(), 7), "hello \xfc");
@@ -397,8 +377,8 @@ TEST(udp_send_text, sends_one_datagram_to_the_address)
 
 TEST(udp_send_text, takes_up_to_1472_characters)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM));
-    descriptor fd(udp_socket());
+    ux_fd receiver(bound_socket(SOCK_DGRAM));
+    ux_fd fd = udp_socket();
     uint16_t port = local_port(receiver.get());
     std::string full(1472, 'u');
     EXPECT_EQ(udp_send_text(fd.get(), port, "127.0.0.1", full.c_str()), 1472);
@@ -479,8 +459,8 @@ TEST(sock_recv_text, end_and_error_give_zero_and_an_empty_text)
 
 TEST(udp_recv_text, gives_text_and_sender)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM));
-    descriptor sender(bound_socket(SOCK_DGRAM, "127.0.0.10"));
+    ux_fd receiver(bound_socket(SOCK_DGRAM));
+    ux_fd sender(bound_socket(SOCK_DGRAM, "127.0.0.10"));
     sockaddr_in to = local_name(receiver.get());
     std::string bytes("n\0ul", 4);
     ASSERT_EQ(sendto(sender.get(), bytes.data(), bytes.size(), 0, generic(&to),
@@ -500,8 +480,8 @@ TEST(udp_recv_text, gives_text_and_sender)
 
 TEST(udp_recv_text, cuts_a_datagram_that_is_longer)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM));
-    descriptor sender(udp_socket());
+    ux_fd receiver(bound_socket(SOCK_DGRAM));
+    ux_fd sender = udp_socket();
     ASSERT_EQ(udp_send_text(sender.get(), local_port(receiver.get()),
                             "127.0.0.1", "0123456789"),
               10);
@@ -516,7 +496,7 @@ TEST(udp_recv_text, cuts_a_datagram_that_is_longer)
 
 TEST(udp_recv_text, error_gives_zero_and_an_empty_text)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM));
+    ux_fd receiver(bound_socket(SOCK_DGRAM));
     set_nonblocking(receiver.get());
     sockaddr_in from;
     socklen_t length = sizeof from;
@@ -559,24 +539,24 @@ TEST(is_dotted_address, follows_inet_aton)
     for (const char *valid :
          {"1.2.3.4", "0.0.0.0", "255.255.255.255", "10.1", "127", "0x7f.1",
           "010.0.0.1", "127.0.0.1 trailing"}) {
-        EXPECT_NE(is_dotted_address(valid), 0) << valid;
+        EXPECT_TRUE(is_dotted_address(valid)) << valid;
     }
     for (const char *invalid :
          {"", "localhost", "1.2.3.256", "1.2.3.4.5", "::1", "[::1]", "1.2.3.x",
           "127.0.0.1,", " 127.0.0.1", "4294967296", "\xe4"}) {
-        EXPECT_EQ(is_dotted_address(invalid), 0) << invalid;
+        EXPECT_FALSE(is_dotted_address(invalid)) << invalid;
     }
 }
 
 TEST(same_address, compares_what_inet_addr_reads)
 {
-    EXPECT_EQ(same_address("10.0.0.1", "10.0.0.1"), 1);
-    EXPECT_EQ(same_address("10.0.0.1", "10.0.0.01"), 1);
-    EXPECT_EQ(same_address("10.0.0.1", "10.1"), 1);
-    EXPECT_EQ(same_address("010.0.0.1", "8.0.0.1"), 1);
-    EXPECT_EQ(same_address("010.0.0.1", "10.0.0.1"), 0);
-    EXPECT_EQ(same_address("10.0.0.1", "10.0.0.2"), 0);
-    EXPECT_EQ(same_address("no address", "10.0.0.2"), 0);
+    EXPECT_TRUE(same_address("10.0.0.1", "10.0.0.1"));
+    EXPECT_TRUE(same_address("10.0.0.1", "10.0.0.01"));
+    EXPECT_TRUE(same_address("10.0.0.1", "10.1"));
+    EXPECT_TRUE(same_address("010.0.0.1", "8.0.0.1"));
+    EXPECT_FALSE(same_address("010.0.0.1", "10.0.0.1"));
+    EXPECT_FALSE(same_address("10.0.0.1", "10.0.0.2"));
+    EXPECT_FALSE(same_address("no address", "10.0.0.2"));
     /* Both read as the value for "no address". */
-    EXPECT_EQ(same_address("no address", "255.255.255.255"), 1);
+    EXPECT_TRUE(same_address("no address", "255.255.255.255"));
 }

@@ -115,8 +115,8 @@ TEST(send_ok, fails_on_a_bad_descriptor)
 
 TEST(udp_send_ok, sends_one_datagram)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM, "127.0.0.11"));
-    descriptor fd(bound_socket(SOCK_DGRAM));
+    ux_fd receiver(bound_socket(SOCK_DGRAM, "127.0.0.11"));
+    ux_fd fd(bound_socket(SOCK_DGRAM));
     uint16_t port = local_port(receiver.get());
     EXPECT_EQ(udp_send_ok(fd.get(), port, "127.0.0.11", nullptr), 23);
     EXPECT_EQ(receive(receiver.get(), 23), request);
@@ -129,8 +129,8 @@ TEST(udp_send_ok, sends_one_datagram)
 
 TEST(udp_send_ok, sends_up_to_1471_bytes_and_never_a_cut_command)
 {
-    descriptor receiver(bound_socket(SOCK_DGRAM));
-    descriptor fd(bound_socket(SOCK_DGRAM));
+    ux_fd receiver(bound_socket(SOCK_DGRAM));
+    ux_fd fd(bound_socket(SOCK_DGRAM));
     uint16_t port = local_port(receiver.get());
     std::string fits(1471 - 24, 'c');
     EXPECT_EQ(udp_send_ok(fd.get(), port, "127.0.0.1", fits.c_str()), 1471);
@@ -156,8 +156,8 @@ TEST(send_kesdal, lines_carry_the_descriptor_and_a_terminator)
     };
     tcp_pair pair;
     /* Out of the way of the numbers that are tried. */
-    descriptor far(fcntl(pair.far.get(), F_DUPFD_CLOEXEC, 300));
-    descriptor near(fcntl(pair.near.get(), F_DUPFD_CLOEXEC, 300));
+    ux_fd far(fcntl(pair.far.get(), F_DUPFD_CLOEXEC, 300));
+    ux_fd near(fcntl(pair.near.get(), F_DUPFD_CLOEXEC, 300));
     for (const row &one : rows) {
         int before = fcntl(one.number, F_DUPFD_CLOEXEC, 300);
         ASSERT_EQ(dup2(near.get(), one.number), one.number);

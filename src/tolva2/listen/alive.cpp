@@ -1,3 +1,7 @@
+/*
+ * A cycle of the watch and what comes of each check: the endings of an
+ * exchange, the not-alive script, and the server that is given up.
+ */
 #include "tolva2/listen/alive.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/events.h"
@@ -8,13 +12,19 @@
 #include "tolva2/net/sockets.h"
 
 #include <cassert>
-#include <cerrno>
 #include <cstring>
 
 namespace
 {
 
 constexpr size_t ALIVE_PARAMS = 128;
+
+} // namespace
+
+namespace alive
+{
+namespace
+{
 
 void cancel_connect(ux_list_element *node)
 {
@@ -41,26 +51,21 @@ void end_connect(ux_list_element *node)
 
 constexpr connect_ends ALIVE_ENDS{cancel_connect, end_connect};
 
-/* 1 started, 0 could not connect, -1 the record is of no use. */
-int32_t start_connect(ux_list_element *node)
+start_result start_connect(ux_list_element *node)
 {
     trace_in();
     connection *cn = record_of(node);
-    int32_t startable = may_start(cn);
-    if (startable != 1) {
+    start_result startable = may_start(cn);
+    if (startable != START_DONE) {
         return startable;
     }
-    if (!room_for_descriptor()) {
-        log_system(errno);
-        return 0;
+    ux_fd fd = open_connect_socket(cn);
+    if (!fd) {
+        return START_FAILED;
     }
-    int32_t fd = open_connect_socket(cn);
-    if (fd < 0) {
-        return 0;
-    }
-    set_close_on_exec(fd);
-    begin_exchange(cn, fd, do_kesdal_send_logon, &ALIVE_ENDS);
-    return 1;
+    set_close_on_exec(fd.get());
+    begin_exchange(cn, std::move(fd), do_kesdal_send_logon, &ALIVE_ENDS);
+    return START_DONE;
 }
 
 } // namespace
@@ -69,13 +74,11 @@ int32_t start_connections()
 {
     trace_in();
     assert(connections);
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = connections->head; node; node = next) {
-        next = node->next;
-        int32_t started = start_connect(node);
-        if (started < 0) {
+    for (ux_list_element *node : ux_nodes(connections)) {
+        start_result started = start_connect(node);
+        if (started == START_UNUSABLE) {
             unregister_connection(connections, node);
-        } else if (started == 0) {
+        } else if (started == START_FAILED) {
             cancel_connect(node);
         }
     }
@@ -85,19 +88,19 @@ int32_t start_connections()
 void cancel_connections()
 {
     trace_in();
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = connections->head; node; node = next) {
-        next = node->next;
+    for (ux_list_element *node : ux_nodes(connections)) {
         const connection *cn = record_of(node);
         if (!cn) {
             continue;
         }
-        debug_printf("DEBUG: cancel >%s< (>%d<)\n", cn->ipaddr, cn->fd);
-        if (cn->fd != -1) {
+        debug_printf("DEBUG: cancel >%s< (>%d<)\n", cn->ipaddr, cn->fd.get());
+        if (cn->fd) {
             cancel_connect(node);
         }
     }
 }
+
+} // namespace alive
 
 void exec_aliveproc(connection *cn)
 {
@@ -119,17 +122,15 @@ void check_alive_retries(ux_list_element *node)
     }
 }
 
-int32_t check_alive_single(const char *address)
+bool check_alive_single(const char *address)
 {
     trace_in();
-    for (const ux_list_element *node = connections->head; node;
-         node = node->next) {
-        const connection *cn = record_of(node);
+    for (const connection *cn : records(connections)) {
         if (cn && strcmp(cn->ipaddr, address) == 0) {
             debug_printf("DEBUG: alive >%s< (>%d<) nerror = %d\n", cn->ipaddr,
-                         cn->fd, cn->nerror);
-            return cn->fd > 0 && cn->nerror <= 0;
+                         cn->fd.get(), cn->nerror);
+            return cn->fd.get() > 0 && cn->nerror <= 0;
         }
     }
-    return 0;
+    return false;
 }

@@ -8,11 +8,17 @@
 
 #include "tolva2/net/connection.h"
 
+/* The sender has namesakes of these, which start and end differently. */
+namespace alive
+{
+
 /* Opens a check at every server; how many records are left. */
 int32_t start_connections();
 
 /* Counts every check that is still open as failed. */
 void cancel_connections();
+
+} // namespace alive
 
 /* Runs AliveProg with address, date and time. */
 void exec_aliveproc(connection *cn);
@@ -23,10 +29,8 @@ void exec_aliveproc(connection *cn);
  */
 void check_alive_retries(ux_list_element *node);
 
-/*
- * 1 when a check of the server with that address text is open and its last
- * one did not fail, else 0.
- */
-int32_t check_alive_single(const char *address);
+/* True when a check of the server with that address text is open and its last
+ * one did not fail. */
+[[nodiscard]] bool check_alive_single(const char *address);
 
 #endif

@@ -1,3 +1,7 @@
+/*
+ * From a program and its parameters to a shell that runs them. Between fork
+ * and exec the child gives back what the listener has done to its signals.
+ */
 #include "tolva2/listen/child.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/events.h"
@@ -5,28 +9,20 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <unistd.h>
-
-const sigset_t *child_mask = nullptr;
 
 namespace
 {
 
 constexpr int HANDLED_SIGNALS[] = {SIGTERM, SIGQUIT, SIGINT, SIGCHLD};
 
-/* "program params", or program alone, on the heap; null without memory. */
-char *new_command_line(const char *program, const char *params)
+/* "program params", or program alone; null without memory. */
+ux_text new_command_line(const char *program, const char *params)
 {
-    bool has_params = params && *params;
-    size_t size = strlen(program) + (has_params ? strlen(params) : 0) + 2;
-    char *line = static_cast<char *>(malloc(size));
-    if (line) {
-        snprintf(line, size, "%s%s%s", program, has_params ? " " : "",
-                 has_params ? params : "");
+    if (ux_is_empty(params)) {
+        return ux_copy(program);
     }
-    return line;
+    return ux_join({program, " ", params});
 }
 
 /* Our handlers would swallow a signal that is meant for the script. */
@@ -44,45 +40,43 @@ void drop_handlers()
 [[noreturn]] void run_shell(const char *line)
 {
     drop_handlers();
-    if (child_mask) {
-        sigprocmask(SIG_SETMASK, child_mask, nullptr);
-    }
+    /* Scripts start with SIGCHLD held back, and nothing else. */
+    sigset_t script_mask;
+    sigemptyset(&script_mask);
+    sigaddset(&script_mask, SIGCHLD);
+    sigprocmask(SIG_SETMASK, &script_mask, nullptr);
     execl("/bin/sh", "sh", "-c", line, static_cast<char *>(nullptr));
     _exit(127);
 }
 
 } // namespace
 
-int32_t fork_and_exec(connection *cn, const char *program, const char *params)
+bool fork_and_exec(connection *cn, const char *program, const char *params)
 {
     trace_in();
-    if (!program || !*program) {
-        return 0;
+    if (ux_is_empty(program)) {
+        return false;
     }
-    char *line = new_command_line(program, params);
+    ux_text line = new_command_line(program, params);
     if (!line) {
         log_system(errno);
-        return 0;
+        return false;
     }
-    report(event::script_started, line);
+    report(event::script_started, line.get());
     pid_t child = fork();
     if (child == 0) {
-        run_shell(line);
+        run_shell(line.get());
     }
     if (child < 0) {
         log_system(errno);
-        free(line);
-        return 0;
+        return false;
     }
-    if (!cn) {
-        free(line);
-        return 1;
+    if (cn) {
+        /* An older script of the same record goes on unwatched. */
+        cn->cmdline = std::move(line);
+        cn->busy = true;
+        cn->pid = child;
+        cn->child_owed = true;
     }
-    /* An older script of the same record goes on unwatched. */
-    free(cn->cmdline);
-    cn->cmdline = line;
-    cn->busy = 1;
-    cn->pid = child;
-    cn->child_owed = 1;
-    return 1;
+    return true;
 }

@@ -1,8 +1,14 @@
+/*
+ * From the listening sockets to a command: accept or receive, look at who it
+ * is, take the one message, hand it on. A session ends here too, when nothing
+ * comes.
+ */
 #include "tolva2/listen/client.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
+#include "tolva2/files/reserve.h"
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/command.h"
 #include "tolva2/net/sockets.h"
@@ -13,18 +19,13 @@
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
-#include <unistd.h>
 
 namespace
 {
 
-/* What is remembered while the system gives no more descriptors. */
-struct {
-    bool waiting;      /* the last attempt was refused */
-    bool told;         /* and the log says so */
-    int32_t open_then; /* nfds at that attempt */
-    time_t when;
-} refusal;
+/* Listeners alone are never too many: under a limit of a handful, one client
+ * at a time is better than none, even without a descriptor for the log. */
+constexpr int32_t LISTENERS_MAX = 2;
 
 void copy_address(char *text, const in_addr *address)
 {
@@ -39,83 +40,81 @@ bool is_shortage(int error)
            error == ENOMEM;
 }
 
-void note_refusal(int error)
+void note_refusal(accept_pause *pause, int error)
 {
-    if (!refusal.told) {
+    if (!is_shortage(error)) {
+        log_system(error);
+        return;
+    }
+    if (!pause->told) {
         log_system(error);
     }
-    refusal = {true, true, nfds, time(nullptr)};
+    *pause = {true, true, open_descriptors(), time(nullptr)};
 }
 
 /* The shortage is over once nobody is left waiting. */
-void note_accepted(int32_t listener)
+void note_accepted(accept_pause *pause, int32_t listener)
 {
-    refusal.waiting = false;
-    if (refusal.told) {
+    pause->waiting = false;
+    if (pause->told) {
         pollfd waiting{listener, POLLIN, 0};
-        refusal.told = poll(&waiting, 1, 0) > 0;
+        pause->told = poll(&waiting, 1, 0) > 0;
     }
 }
 
-/* One accept: the new descriptor, or -1 with the failure dealt with. */
-int32_t accept_client(int32_t listener, sockaddr_in *address)
+/* One accept: the new socket, or none with the failure dealt with. */
+ux_fd accept_client(int32_t listener, sockaddr_in *address, accept_pause *pause)
 {
-    socklen_t length = sizeof *address;
-    int32_t fd = -1;
-    if (room_for_descriptor()) {
-        fd = keep_selectable(sock_accept(listener, address, &length));
+    ux_fd fd;
+    int32_t error = fill_reserve();
+    if (error != 0 && open_descriptors() <= LISTENERS_MAX) {
+        give_up_reserve();
+        error = 0;
     }
-    if (fd >= 0) {
-        note_accepted(listener);
-    } else if (is_shortage(errno)) {
-        note_refusal(errno);
+    if (error == 0) {
+        socklen_t length = sizeof *address;
+        fd = sock_accept(listener, address, &length);
+        error = why_unwatchable(fd);
+    }
+    if (error == 0) {
+        note_accepted(pause, listener);
     } else {
-        log_system(errno);
+        fd.reset();
+        note_refusal(pause, error);
     }
     return fd;
 }
 
 /* A registered record for a peer; null after a log line. */
-connection *add_client(address_kind type, const sockaddr_in *address,
-                       int32_t fd)
+connection *add_client(address_kind type, const sockaddr_in *address, ux_fd fd)
 {
-    connection *cn = new_connection(MODE_LISTEN, type);
+    connection_owner owner = new_connection(MODE_LISTEN, type);
+    connection *cn = owner.get();
     if (!cn) {
         log_system(errno);
-        if (fd >= 0) {
-            close(fd);
-        }
         return nullptr;
     }
     cn->addr = *address;
     copy_address(cn->ipaddr, &address->sin_addr);
     cn->port = static_cast<uint32_t>(rp->listenport);
-    if (fd >= 0) {
-        cn->fd = fd;
-        set_close_on_exec(fd);
-        add_descriptor(fd, &readfds);
+    if (fd) {
+        set_close_on_exec(fd.get());
+        cn->fd = watched_fd(std::move(fd), EVENT_READABLE);
     }
-    if (!register_connection(clients, cn)) {
+    if (!register_connection(clients, std::move(owner))) {
         log_system(errno);
-        destroy_connection(cn);
         return nullptr;
     }
     return cn;
 }
 
-/* Runs what a received text asks for. */
-void run_request(connection *cn, char *text)
+/* Runs a request of that class. */
+void run_request(connection *cn, request_class kind, char *text)
 {
-    switch (classify_request(text)) {
-    case REQUEST_V1:
+    if (kind == REQUEST_V1) {
         exec_V1command(cn);
-        break;
-    case REQUEST_V2:
+    } else {
         exec_V2command(cn, text + REQUEST_TEXT_OFFSET);
-        break;
-    default:
-        report(event::not_understood);
-        break;
     }
 }
 
@@ -123,7 +122,7 @@ void run_request(connection *cn, char *text)
 void receive_command(connection *cn)
 {
     char text[TEXT_BUFFER];
-    ssize_t length = recv(cn->fd, text, sizeof text - 1, 0);
+    ssize_t length = recv(cn->fd.get(), text, sizeof text - 1, 0);
     if (length < 0) {
         log_system(errno);
     }
@@ -134,59 +133,64 @@ void receive_command(connection *cn)
     text[length] = '\0';
     report(event::message_received);
     debug_printf("DEBUG: received = [%s]\n", text);
-    run_request(cn, text);
+    request_class kind = classify_request(text);
+    if (kind == REQUEST_NONE) {
+        report(event::not_understood);
+        return;
+    }
+    run_request(cn, kind, text);
 }
 
 } // namespace
 
-int32_t client_is_allowed(const ux_list *allowed, const in_addr *sin_addr)
+bool client_is_allowed(const ux_list *allowed, const in_addr *sin_addr)
 {
     trace_in();
     assert(sin_addr && sin_addr->s_addr);
-    for (const ux_list_element *node = allowed->head; node && node->data;
-         node = node->next) {
-        const auto *entry = static_cast<const inetaddr *>(node->data);
+    for (const inetaddr *entry : ux_records<inetaddr>(allowed)) {
+        if (!entry) {
+            return false;
+        }
         if (entry->addr.sin_addr.s_addr == sin_addr->s_addr) {
-            return 1;
+            return true;
         }
     }
-    return 0;
+    return false;
 }
 
-int32_t accepting_clients(time_t now, int32_t *retry)
+accepting accepting_clients(const accept_pause *pause, time_t now)
 {
-    *retry = 0;
-    if (nfds >= max_fds) {
-        return 0;
+    if (!descriptor_left()) {
+        return accepting::no;
     }
     /* One of ours closed, or a second gone by: worth another attempt. */
-    if (refusal.waiting && nfds >= refusal.open_then && now == refusal.when) {
-        *retry = 1;
-        return 0;
+    if (pause->waiting && open_descriptors() >= pause->open_then &&
+        now == pause->when) {
+        return accepting::paused;
     }
-    return 1;
+    return accepting::yes;
 }
 
 void handle_tcp_connect(int32_t listener, const ux_list *allowed,
-                        time_t deadline)
+                        time_t deadline, accept_pause *pause)
 {
     trace_in();
-    if (nfds >= max_fds) {
+    if (!descriptor_left()) {
         return;
     }
     sockaddr_in address;
-    int32_t fd = accept_client(listener, &address);
-    if (fd < 0) {
+    ux_fd fd = accept_client(listener, &address, pause);
+    if (!fd) {
         return;
     }
     if (allowed->size > 0 && !client_is_allowed(allowed, &address.sin_addr)) {
         char text[ADDRESS_TEXT];
         copy_address(text, &address.sin_addr);
-        close(fd);
+        fd.reset();
         report(event::refused, text);
         return;
     }
-    connection *cn = add_client(ADDR_PEER, &address, fd);
+    connection *cn = add_client(ADDR_PEER, &address, std::move(fd));
     if (cn) {
         cn->deadline = deadline;
     }
@@ -210,15 +214,16 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
         report(event::refused, peer);
         return;
     }
-    if (classify_request(text) == REQUEST_NONE) {
+    request_class kind = classify_request(text);
+    if (kind == REQUEST_NONE) {
         report(event::not_understood);
         return;
     }
-    connection *cn = add_client(ADDR_BROADCAST, &from, -1);
+    connection *cn = add_client(ADDR_BROADCAST, &from, ux_fd());
     if (!cn) {
         return;
     }
-    run_request(cn, text);
+    run_request(cn, kind, text);
     if (!cn->busy) {
         unregister_connection(clients, clients->tail);
     }
@@ -228,15 +233,15 @@ void handle_tcp_client(ux_list_element *node)
 {
     trace_in();
     connection *cn = record_of(node);
+    /* One message is all that a client can say. */
+    watch(cn->fd, EVENT_NONE);
     receive_command(cn);
     cn->deadline = 0;
     if (!cn->busy) {
         unregister_connection(clients, node);
-    } else if (cn->want_reply) {
-        FD_CLR(cn->fd, &readfds);
-    } else {
+    } else if (!cn->want_reply) {
         /* The record stays until its script has been collected. */
-        close_descriptor(&cn->fd);
+        cn->fd.close();
     }
 }
 
@@ -245,9 +250,7 @@ int64_t check_timeout_clients(time_t now, int32_t timeout)
     trace_in();
     int64_t result = -1;
     int64_t limit = static_cast<int64_t>(now) + timeout;
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = clients->head; node; node = next) {
-        next = node->next;
+    for (ux_list_element *node : ux_nodes(clients)) {
         connection *cn = record_of(node);
         assert(cn);
         if (cn->deadline == 0) {

@@ -9,10 +9,19 @@
 #include "tolva2/net/connection.h"
 
 /*
- * 1 when the address is in the list, else 0; ports do not count. Asserts
+ * True when the address is in the list; ports do not count. Asserts
  * "sin_addr && sin_addr->s_addr".
  */
-int32_t client_is_allowed(const ux_list *allowed, const in_addr *sin_addr);
+[[nodiscard]] bool client_is_allowed(const ux_list *allowed,
+                                     const in_addr *sin_addr);
+
+/* What is remembered while clients cannot be accepted. */
+struct accept_pause {
+    bool waiting;      /* the last attempt was refused */
+    bool told;         /* and the log says so */
+    int32_t open_then; /* descriptors at that attempt */
+    time_t when;
+};
 
 /*
  * Accepts one client that must send its command by deadline; refused ones are
@@ -20,14 +29,16 @@ int32_t client_is_allowed(const ux_list *allowed, const in_addr *sin_addr);
  * accepting_clients tells when to try again.
  */
 void handle_tcp_connect(int32_t listener, const ux_list *allowed,
-                        time_t deadline);
+                        time_t deadline, accept_pause *pause);
 
-/*
- * 1 when the listener is worth watching. 0 while the descriptor budget is
- * used up, or the system refuses a descriptor; *retry is then set to 1 when
- * only time can tell and the caller should ask again within a second.
- */
-int32_t accepting_clients(time_t now, int32_t *retry);
+/* Whether the listener is worth watching. */
+enum class accepting {
+    yes,
+    no,     /* the budget is used up: a close will tell */
+    paused, /* the system refuses: ask again within a second */
+};
+[[nodiscard]] accepting accepting_clients(const accept_pause *pause,
+                                          time_t now);
 
 /* Takes one datagram and runs its command. */
 void handle_udp_connect(int32_t udp_socket, const ux_list *allowed);
@@ -39,6 +50,6 @@ void handle_tcp_client(ux_list_element *node);
  * Drops clients whose deadline has passed. Returns the seconds until the next
  * one, -1 when none waits; after the clock was set back, an absolute time.
  */
-int64_t check_timeout_clients(time_t now, int32_t timeout);
+[[nodiscard]] int64_t check_timeout_clients(time_t now, int32_t timeout);
 
 #endif

@@ -1,3 +1,7 @@
+/*
+ * Two ways: from a command to its script, by the place of its word in a
+ * table, and from a script that has ended to the record that follows it.
+ */
 #include "tolva2/listen/command.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/events.h"
@@ -7,8 +11,8 @@
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/child.h"
 #include "tolva2/listen/redundancy.h"
+#include "tolva2/listen/reply.h"
 
-#include <cstdlib>
 #include <sys/wait.h>
 
 namespace
@@ -27,15 +31,14 @@ constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
 };
 
 /* Writes the text to the log; a wanted reply goes out without any child. */
-int32_t exec_log_command(connection *cn, const char *text)
+bool exec_log_command(connection *cn, const char *text)
 {
-    int32_t result = *text ? log_message(0, text) : 0;
+    bool logged = *text && log_message(0, text);
     if (cn->want_reply) {
-        cn->busy = 1;
-        cn->exitstatus = result == 1 ? 0 : 1;
-        FD_SET(cn->fd, &writefds);
+        cn->busy = true;
+        expect_reply(cn, logged ? 0 : 1);
     }
-    return result;
+    return logged;
 }
 
 /* A script has ended or was stopped: log it and serve who waits for it. */
@@ -44,21 +47,19 @@ void finish_child(ux_list *list, ux_list_element *node, int32_t status)
     connection *cn = record_of(node);
     if (!WIFSTOPPED(status)) {
         /* The number may belong to another child from now on. */
-        cn->child_owed = 0;
+        cn->child_owed = false;
     }
     if ((status & 0x7f) == 0) {
         status = (status >> 8) & 0xff;
     }
     report(status == 0 ? event::script_finished : event::script_failed,
-           cn->cmdline ? cn->cmdline : "");
-    cn->busy = 0;
+           cn->cmdline ? cn->cmdline.get() : "");
+    cn->busy = false;
     if (cn->type == ADDR_KESDAL) {
-        free(cn->cmdline);
-        cn->cmdline = nullptr;
+        cn->cmdline.reset();
         check_alive_retries(node);
     } else if (cn->want_reply) {
-        cn->exitstatus = status == -1 ? 1 : status;
-        FD_SET(cn->fd, &writefds);
+        expect_reply(cn, status == -1 ? 1 : status);
     } else {
         unregister_connection(list, node);
     }
@@ -67,7 +68,7 @@ void finish_child(ux_list *list, ux_list_element *node, int32_t status)
 /* Serves the record that waits for this child: false when none does. */
 bool finish_recorded(ux_list *list, pid_t child, int32_t status)
 {
-    for (ux_list_element *node = list->head; node; node = node->next) {
+    for (ux_list_element *node : ux_nodes(list)) {
         const connection *cn = record_of(node);
         if (cn && cn->child_owed && cn->pid == child) {
             finish_child(list, node, status);
@@ -79,26 +80,24 @@ bool finish_recorded(ux_list *list, pid_t child, int32_t status)
 
 } // namespace
 
-int32_t exec_V1command(connection *cn)
+bool exec_V1command(connection *cn)
 {
     trace_in();
-    if (!track_redundant_shutdowns(cn)) {
-        return 0;
-    }
-    return fork_and_exec(cn, rp->shutdown_prog, nullptr);
+    return track_redundant_shutdowns(cn) &&
+           fork_and_exec(cn, rp->shutdown_prog, nullptr);
 }
 
-int32_t exec_V2command(connection *cn, char *text)
+bool exec_V2command(connection *cn, char *text)
 {
     trace_in();
     const command_request request = parse_command(text);
     if (request.wants_status && cn->type == ADDR_PEER) {
-        cn->want_reply = 1;
+        cn->want_reply = true;
     }
     if (request.fault != command_fault::none) {
         report(request.fault == command_fault::unknown ? event::command_unknown
                                                        : event::not_understood);
-        return 0;
+        return false;
     }
     char *receiver_params::*script = COMMAND_SCRIPTS[request.index];
     return script ? fork_and_exec(cn, rp->*script, request.params)
@@ -108,9 +107,7 @@ int32_t exec_V2command(connection *cn, char *text)
 void handle_sigchld(ux_list *list)
 {
     trace_in();
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = list->head; node; node = next) {
-        next = node->next;
+    for (ux_list_element *node : ux_nodes(list)) {
         const connection *cn = record_of(node);
         int status = 0;
         if (cn && cn->pid != 0 && cn->child_owed &&

@@ -8,14 +8,15 @@
 
 #include "tolva2/net/connection.h"
 
-/* The bare request: the shutdown script, unless redundancy withholds it. */
-int32_t exec_V1command(connection *cn);
+/* The bare request: the shutdown script, unless redundancy withholds it. True
+ * when it was started. */
+bool exec_V1command(connection *cn);
 
 /*
- * A command text (cut up in place, may be null). Returns 1 when a script was
- * started or the text logged, else 0.
+ * A command text (cut up in place, may be null). True when a script was
+ * started or the text logged.
  */
-int32_t exec_V2command(connection *cn, char *text);
+bool exec_V2command(connection *cn, char *text);
 
 /* Collects the finished scripts of one list (clients or connections). */
 void handle_sigchld(ux_list *list);

@@ -1,9 +1,14 @@
+/*
+ * Who counts as failed, and whether that is enough: the members' table and
+ * the one question that is asked of it.
+ */
 #include "tolva2/listen/redundancy.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/logfile.h"
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/child.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace
@@ -25,30 +30,30 @@ void copy_batch_file(const char *name)
     if (!name) {
         return;
     }
-    if (strlen(name) >= sizeof redundancy.batch_file) {
+    size_t size = strlen(name) + 1;
+    if (size > sizeof redundancy.batch_file) {
         /* A cut name would be another script. */
         log_message(
             0,
             "error: RedundancyBatchFile is longer than 511 characters and will not be run");
         return;
     }
-    memcpy(redundancy.batch_file, name, strlen(name) + 1);
+    memcpy(redundancy.batch_file, name, size);
 }
 
 void fill_members(const ux_list *address_list)
 {
     int32_t i = 0;
-    for (const ux_list_element *node = address_list->head;
-         node && i < REDUNDANCY_MEMBERS; node = node->next) {
-        const auto *entry = static_cast<const inetaddr *>(node->data);
+    for (const inetaddr *entry : ux_records<inetaddr>(address_list)) {
+        if (i == REDUNDANCY_MEMBERS) {
+            break;
+        }
         redundancy.entry[i] = entry;
         redundancy.addr[i] = entry->text;
-        redundancy.inuse[i] = 1;
-        if (redundancy.active < ACTIVE_CAP) {
-            redundancy.active++;
-        }
+        redundancy.inuse[i] = true;
         i++;
     }
+    redundancy.active = std::min(i, ACTIVE_CAP);
     if (redundancy.count > REDUNDANCY_MEMBERS) {
         log_message(
             0,
@@ -70,8 +75,8 @@ int32_t find_member(const char *address)
 /* Asks every server anew; who cannot even be asked is not alive. */
 void refresh_members(const char *sender)
 {
-    cancel_connections();
-    start_connections();
+    alive::cancel_connections();
+    alive::start_connections();
     for (int32_t i = 0; i < REDUNDANCY_MEMBERS; i++) {
         if (redundancy.inuse[i] && !same_member(redundancy.addr[i], sender)) {
             redundancy.notalive[i] = !check_alive_single(redundancy.addr[i]);
@@ -114,7 +119,7 @@ bool request_completes(connection *cn)
     if (sender < 0) {
         return true;
     }
-    redundancy.shutdown[sender] = 1;
+    redundancy.shutdown[sender] = true;
     refresh_members(cn->ipaddr);
     int32_t count = count_failed();
     if (count > redundancy.level) {
@@ -143,10 +148,10 @@ void init_redundant_shutdowns(const receiver_params *settings,
     show_redundancy_table(&redundancy);
 }
 
-int32_t track_redundant_shutdowns(connection *cn)
+bool track_redundant_shutdowns(connection *cn)
 {
     trace_in();
-    int32_t result = request_completes(cn) ? 1 : 0;
+    bool result = request_completes(cn);
     show_redundancy_table(&redundancy);
     fprintf(stderr, "returning: %s\n", result ? "TRUE" : "FALSE");
     return result;

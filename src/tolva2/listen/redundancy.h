@@ -13,16 +13,16 @@ constexpr int32_t REDUNDANCY_MEMBERS = 30;
 constexpr uint32_t BATCH_FILE_SIZE = 512;
 
 struct redundancy_record {
-    int32_t enabled;
+    bool enabled;
     int32_t level;
     int32_t count;  /* addresses configured */
     int32_t active; /* members, counted up to 4 */
     const char *addr[REDUNDANCY_MEMBERS];
     const inetaddr *entry[REDUNDANCY_MEMBERS];
-    uint8_t inuse[REDUNDANCY_MEMBERS];
-    uint8_t shutdown[REDUNDANCY_MEMBERS]; /* has asked */
-    uint8_t notalive[REDUNDANCY_MEMBERS]; /* at the last request */
-    int32_t batch_suppress;
+    bool inuse[REDUNDANCY_MEMBERS];
+    bool shutdown[REDUNDANCY_MEMBERS]; /* has asked */
+    bool notalive[REDUNDANCY_MEMBERS]; /* at the last request */
+    bool batch_suppress;
     char batch_file[BATCH_FILE_SIZE];
 };
 
@@ -35,11 +35,11 @@ void init_redundant_shutdowns(const receiver_params *settings,
                               const ux_list *address_list);
 
 /*
- * A request came from cn's address: 1 when the shutdown is to be carried out,
- * 0 when it is suppressed. Asks the servers again, may run the batch file,
+ * A request came from cn's address: true when the shutdown is to be carried
+ * out, false when it is suppressed. Asks the servers again, may run the batch file,
  * and always says "returning: ..." on standard error.
  */
-int32_t track_redundant_shutdowns(connection *cn);
+[[nodiscard]] bool track_redundant_shutdowns(connection *cn);
 
 /* The members and their flags as trace lines. */
 void show_redundancy_table(const redundancy_record *record);

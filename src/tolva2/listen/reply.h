@@ -7,6 +7,10 @@
 
 #include "tolva2/net/connection.h"
 
+/* The reply with that status goes out as soon as the client's socket takes
+ * it; the record waits for nothing else from now on. */
+void expect_reply(connection *cn, int32_t exitstatus);
+
 /* Sends the reply of a writable client and frees its node. */
 void handle_tcp_reply(ux_list_element *node);
 

@@ -1,11 +1,15 @@
+/*
+ * The daemon's body: what it opens and how it listens to signals, then one
+ * pass after the other, each with a single wait and what comes of it.
+ */
 #include "tolva2/listen/tolva_receive.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
+#include "tolva2/files/reserve.h"
 #include "tolva2/listen/alive.h"
-#include "tolva2/listen/child.h"
 #include "tolva2/listen/client.h"
 #include "tolva2/listen/command.h"
 #include "tolva2/listen/redundancy.h"
@@ -15,8 +19,7 @@
 
 #include <cerrno>
 #include <csignal>
-#include <sys/select.h>
-#include <unistd.h>
+#include <initializer_list>
 
 namespace
 {
@@ -27,17 +30,16 @@ constexpr int64_t RETRY_SECONDS = 1;     /* while no descriptor can be had */
 volatile sig_atomic_t running = 1;
 volatile sig_atomic_t child_ended = 0;
 
-sigset_t loop_mask;   /* everything handled here is held back */
-sigset_t wait_mask;   /* nothing is */
-sigset_t script_mask; /* what scripts start with: SIGCHLD held back */
-
 /* What one pass of the loop hands to the next. */
 struct listener_state {
-    int32_t tcp_fd;
-    int32_t udp_fd;
-    const ux_list *allowed;
-    time_t now;
-    time_t last_alive;
+    watched_fd tcp;
+    watched_fd udp;
+    const ux_list *allowed; /* who may send; empty: everybody */
+    time_t now;             /* taken once a pass, after the wait */
+    time_t last_alive;      /* when the last cycle of the watch began */
+    accept_pause pause;
+    sigset_t loop_mask; /* everything handled here is held back */
+    sigset_t wait_mask; /* nothing is */
 };
 
 void handle_signal(int number)
@@ -56,11 +58,7 @@ void handle_signal(int number)
     }
 }
 
-/*
- * Handled signals are held back except while waiting, so that none can slip
- * in between a look at its flag and the wait.
- */
-void prepare_signals()
+void take_signals()
 {
     set_signal(SIGINT, debug_level < 0 ? SIG_IGN : handle_signal, 0);
     set_signal(SIGHUP, SIG_IGN, 0);
@@ -71,100 +69,100 @@ void prepare_signals()
     /* A log at the limit of what a process may write is a failed write, not
      * the end. Ignored it would be for scripts too, a handler is not. */
     set_signal(SIGXFSZ, handle_signal, 0);
+}
 
+/*
+ * Handled signals are held back except while waiting, so that none can slip
+ * in between a look at its flag and the wait.
+ */
+void hold_signals_back(listener_state *state)
+{
     /* Whatever our parent held back: we must be able to hear a stop signal. */
-    sigemptyset(&wait_mask);
-    script_mask = wait_mask;
-    sigaddset(&script_mask, SIGCHLD);
-    child_mask = &script_mask;
-    loop_mask = script_mask;
-    sigaddset(&loop_mask, SIGINT);
-    sigaddset(&loop_mask, SIGTERM);
-    sigaddset(&loop_mask, SIGQUIT);
-    sigprocmask(SIG_SETMASK, &loop_mask, nullptr);
+    sigemptyset(&state->wait_mask);
+    sigemptyset(&state->loop_mask);
+    for (int number : {SIGCHLD, SIGINT, SIGTERM, SIGQUIT}) {
+        sigaddset(&state->loop_mask, number);
+    }
+    sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
 /* A wait that finds a descriptor ready lets no signal in: do it here. */
-void let_signals_in()
+void let_signals_in(const listener_state *state)
 {
-    sigprocmask(SIG_SETMASK, &wait_mask, nullptr);
-    sigprocmask(SIG_SETMASK, &loop_mask, nullptr);
+    sigprocmask(SIG_SETMASK, &state->wait_mask, nullptr);
+    sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
-/* Logs why the last call failed and closes fd, if it was opened: -1. */
-int32_t open_failed(int32_t fd)
-{
-    log_system(errno);
-    if (fd >= 0) {
-        close(fd);
-    }
-    return -1;
-}
-
-int32_t open_tcp_socket(int32_t port, const char *address)
+ux_fd open_tcp_socket(int32_t port, const char *address)
 {
     trace_in();
-    int32_t fd = keep_selectable(tcp_socket_nonblock());
-    if (fd < 0) {
-        return open_failed(fd);
+    ux_fd fd = tcp_socket_nonblock();
+    if (int32_t error = why_unwatchable(fd)) {
+        log_system(error);
+        return {};
     }
     int on = 1;
-    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
         log_system(errno);
     }
-    if (!sock_listen_to(fd, static_cast<uint16_t>(port), address)) {
-        return open_failed(fd);
+    if (!sock_listen_to(fd.get(), static_cast<uint16_t>(port), address)) {
+        log_system(errno);
+        return {};
     }
-    set_close_on_exec(fd);
-    debug_printf("DEBUG: created tcp socket [%d]\n", fd);
+    set_close_on_exec(fd.get());
+    debug_printf("DEBUG: created tcp socket [%d]\n", fd.get());
     return fd;
 }
 
-int32_t open_udp_socket(int32_t port, const char *address)
+ux_fd open_udp_socket(int32_t port, const char *address)
 {
     trace_in();
-    /* A datagram that select() reports may be gone when it is received. */
-    int32_t fd = keep_selectable(udp_broadcast_socket_nonblock());
-    if (fd < 0 || !sock_bind_to(fd, static_cast<uint16_t>(port), address)) {
-        return open_failed(fd);
+    /* A datagram that the wait reports may be gone when it is received. */
+    ux_fd fd = udp_broadcast_socket_nonblock();
+    int32_t error = why_unwatchable(fd);
+    if (error == 0 &&
+        !sock_bind_to(fd.get(), static_cast<uint16_t>(port), address)) {
+        error = errno;
     }
-    set_close_on_exec(fd);
-    debug_printf("DEBUG: created udp socket [%d]\n", fd);
+    if (error != 0) {
+        log_system(error);
+        return {};
+    }
+    set_close_on_exec(fd.get());
+    debug_printf("DEBUG: created udp socket [%d]\n", fd.get());
     return fd;
 }
 
-int32_t start_tcp_listener(int32_t port, const char *address)
+/* A socket that was opened to listen, watched from now on, or none. */
+watched_fd listen_on(ux_fd fd)
 {
-    trace_in();
-    int32_t fd = open_tcp_socket(port, address);
-    if (fd >= 0) {
-        add_descriptor(fd, &readfds);
-    }
-    return fd;
+    return fd ? watched_fd(std::move(fd), EVENT_READABLE) : watched_fd();
 }
 
-int32_t start_udp_listener(int32_t port, const char *address)
+watched_fd start_tcp_listener(int32_t port, const char *address)
 {
     trace_in();
-    int32_t fd = open_udp_socket(port, address);
-    if (fd >= 0) {
-        add_descriptor(fd, &readfds);
-    }
-    return fd;
+    return listen_on(open_tcp_socket(port, address));
+}
+
+watched_fd start_udp_listener(int32_t port, const char *address)
+{
+    trace_in();
+    return listen_on(open_udp_socket(port, address));
 }
 
 /* Opens what is configured: false when anything of it failed. */
 bool open_listeners(listener_state *state, const ux_list *alive)
 {
-    state->tcp_fd = start_tcp_listener(rp->listenport, rp->listen_address);
-    if (state->tcp_fd < 0) {
+    state->tcp = start_tcp_listener(rp->listenport, rp->listen_address);
+    if (!state->tcp) {
         return false;
     }
     report(event::tcp_listening);
     /* Datagrams are easily forged: none from just anybody. */
     if (setting_is_on(rp->listen_udp) && state->allowed->size > 0) {
-        state->udp_fd = start_udp_listener(rp->listenport, rp->listen_address);
-        if (state->udp_fd < 0) {
+        state->udp = start_udp_listener(rp->listenport, rp->listen_address);
+        if (!state->udp) {
             return false;
         }
         report(event::udp_listening);
@@ -200,33 +198,25 @@ int64_t next_timeout(const listener_state *state)
 }
 
 /* Waits until something is ready, a signal comes or time is up. */
-int wait_for_events(listener_state *state)
+wait_result wait_for_events(listener_state *state)
 {
     int64_t timeout = next_timeout(state);
-    ready_read = readfds;
-    ready_write = writefds;
-    int32_t retry = 0;
-    if (!accepting_clients(state->now, &retry)) {
-        FD_CLR(state->tcp_fd, &ready_read);
-        if (retry && (timeout < 0 || timeout > RETRY_SECONDS)) {
-            timeout = RETRY_SECONDS;
-        }
+    accepting clients_may = accepting_clients(&state->pause, state->now);
+    watch(state->tcp,
+          clients_may == accepting::yes ? EVENT_READABLE : EVENT_NONE);
+    if (clients_may == accepting::paused &&
+        (timeout < 0 || timeout > RETRY_SECONDS)) {
+        timeout = RETRY_SECONDS;
     }
     debug_printf("DEBUG: nclients = %d, nconnections = %d\n",
                  static_cast<int>(clients->size),
                  static_cast<int>(connections->size));
     debug_printf("DEBUG: calling select() maxfd=%d, max_fds=%d, nfds=%d\n\n",
-                 maxfd, max_fds, nfds);
-    timespec limit{};
-    limit.tv_sec = static_cast<time_t>(timeout);
-    errno = 0;
-    int nready = pselect(maxfd + 1, &ready_read, &ready_write, nullptr,
-                         timeout < 0 ? nullptr : &limit, &wait_mask);
-    int saved = errno;
+                 highest_descriptor(), max_fds, open_descriptors());
+    wait_result found = wait_for_descriptors(timeout, &state->wait_mask);
     state->now = time(nullptr);
-    debug_printf("DEBUG: select() returned nready = %d\n", nready);
-    errno = saved;
-    return nready;
+    debug_printf("DEBUG: select() returned nready = %d\n", found.ready);
+    return found;
 }
 
 /* Time is up: a cycle of the alive watch, when it is due. */
@@ -235,68 +225,60 @@ void run_alive_cycle(listener_state *state)
     if (connections->size > 0 &&
         state->now - state->last_alive >= rp->alive_interval) {
         state->last_alive = state->now;
-        cancel_connections();
-        start_connections();
+        alive::cancel_connections();
+        alive::start_connections();
     }
 }
 
-/* Both return how many ready descriptors are left to be served. */
-int serve_listeners(const listener_state *state, int nready)
+/* Each returns how many ready descriptors are left to be served. */
+int32_t serve_listeners(listener_state *state, int32_t nready)
 {
-    if (FD_ISSET(state->tcp_fd, &ready_read)) {
-        handle_tcp_connect(state->tcp_fd, state->allowed,
-                           state->now + rp->listen_timeout);
+    if (ready(state->tcp)) {
+        handle_tcp_connect(state->tcp.get(), state->allowed,
+                           state->now + rp->listen_timeout, &state->pause);
         nready--;
     }
-    if (nready > 0 && state->udp_fd >= 0 &&
-        FD_ISSET(state->udp_fd, &ready_read)) {
-        handle_udp_connect(state->udp_fd, state->allowed);
+    if (nready > 0 && ready(state->udp)) {
+        handle_udp_connect(state->udp.get(), state->allowed);
         nready--;
     }
     return nready;
 }
 
-int serve_clients(int nready)
+int32_t serve_clients(int32_t nready)
 {
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = clients->head; node && nready > 0;
-         node = next) {
-        next = node->next;
-        const connection *cn = record_of(node);
-        if (!cn) {
-            unregister_connection(clients, node);
-            continue;
+    for (ux_list_element *node : ux_nodes(clients)) {
+        if (nready <= 0) {
+            break;
         }
+        const connection *cn = record_of(node);
+        event_bits events = cn ? ready(cn->fd) : EVENT_NONE;
+        nready -= events ? 1 : 0;
         /* Never both: a client is read from first, then written to. */
-        event_bits events = ready_events(cn);
         if (events & EVENT_READABLE) {
             handle_tcp_client(node);
-            nready--;
-        } else if (events & EVENT_WRITABLE) {
-            if (cn->want_reply) {
-                handle_tcp_reply(node);
-            } else {
-                unregister_connection(clients, node);
-            }
-            nready--;
+        } else if (events && cn->want_reply) {
+            handle_tcp_reply(node);
+        } else if (events || !cn) {
+            unregister_connection(clients, node);
         }
     }
     return nready;
 }
 
-void serve_connections(int nready)
+void serve_connections(int32_t nready)
 {
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = connections->head; node && nready > 0;
-         node = next) {
-        next = node->next;
+    for (ux_list_element *node : ux_nodes(connections)) {
+        if (nready <= 0) {
+            break;
+        }
         const connection *cn = record_of(node);
         if (!cn) {
             unregister_connection(connections, node);
             continue;
         }
-        debug_printf("DEBUG: check >%s< (>%d<)\n", cn->ipaddr, cn->fd);
-        event_bits events = ready_events(cn);
+        debug_printf("DEBUG: check >%s< (>%d<)\n", cn->ipaddr, cn->fd.get());
+        event_bits events = ready(cn->fd);
         nready -= (events & EVENT_READABLE) ? 1 : 0;
         nready -= (events & EVENT_WRITABLE) ? 1 : 0;
         if (events && cn->handler) {
@@ -308,19 +290,19 @@ void serve_connections(int nready)
 /* One wait and what comes of it: false when the loop must end. */
 bool run_pass(listener_state *state)
 {
-    int nready = wait_for_events(state);
-    if (nready < 0) {
-        if (errno == EINTR) {
+    wait_result found = wait_for_events(state);
+    if (found.ready < 0) {
+        if (found.error == EINTR) {
             return true;
         }
-        log_system(errno);
+        log_system(found.error);
         return false;
     }
-    if (nready == 0) {
+    if (found.ready == 0) {
         run_alive_cycle(state);
         return true;
     }
-    nready = serve_listeners(state, nready);
+    int32_t nready = serve_listeners(state, found.ready);
     nready = serve_clients(nready);
     serve_connections(nready);
     return true;
@@ -329,7 +311,7 @@ bool run_pass(listener_state *state)
 void run_loop(listener_state *state)
 {
     for (;;) {
-        let_signals_in();
+        let_signals_in(state);
         if (!running) {
             return;
         }
@@ -349,14 +331,14 @@ void tear_down(listener_state *state)
         ux_list_destroy(connections);
         report(event::watch_stopped);
     }
-    if (state->udp_fd >= 0) {
-        close_descriptor(&state->udp_fd);
+    if (state->udp) {
+        state->udp.close();
         report(event::udp_stopped);
     }
-    if (state->tcp_fd < 0) {
+    if (!state->tcp) {
         return;
     }
-    close_descriptor(&state->tcp_fd);
+    state->tcp.close();
     if (clients->size > 0) {
         ux_list_destroy(clients);
     }
@@ -369,19 +351,24 @@ int32_t recv_mode(receiver_params *settings, const ux_list *allowed,
                   const ux_list *alive, const ux_list *redundancy)
 {
     trace_in();
-    listener_state state{-1, -1, allowed, time(nullptr), 0};
+    listener_state state{};
+    state.allowed = allowed;
+    state.now = time(nullptr);
     ux_list client_list;
     ux_list connection_list;
     rp = settings;
     clients = ux_list_init(&client_list, destroy_connection);
     connections = ux_list_init(&connection_list, destroy_connection);
     init_redundant_shutdowns(settings, redundancy);
-    prepare_signals();
+    take_signals();
+    hold_signals_back(&state);
     reset_descriptors(0);
+    fill_reserve();
     if (open_listeners(&state, alive)) {
         run_loop(&state);
     }
     tear_down(&state);
+    give_up_reserve();
     clients = nullptr;
     connections = nullptr;
     return running;

@@ -1,8 +1,14 @@
+/*
+ * From a text to an address record. Most of this is the resolution of names:
+ * the C library's resolver cannot be interrupted, so it works in a child that
+ * can be killed when its time is up.
+ */
 #include "tolva2/net/address.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_number.h"
+#include "unixtools/ux_owned.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -23,8 +29,8 @@ constexpr int32_t RESOLVE_SECONDS = 10;
 
 volatile sig_atomic_t resolve_timed_out = 0;
 
-/* Once, after that many seconds; 0 disarms. 1 done, 0 failed. */
-int32_t arm_timer(int32_t seconds)
+/* Once, after that many seconds; 0 disarms. */
+bool arm_timer(int32_t seconds)
 {
     itimerval timer{};
     timer.it_value.tv_sec = seconds;
@@ -65,27 +71,26 @@ int32_t split_port(char **host, char *text)
     return ux_atoi(colon + 1);
 }
 
-void sigalrm_itimer(int32_t signal)
+void sigalrm_itimer(int32_t)
 {
     trace_in();
-    static_cast<void>(signal);
     resolve_timed_out = 1;
     error_printf(stderr, ERROR_CONTINUE, "%s: timeout resolving hostname...\n",
                  progname);
 }
 
-int32_t start_timeout(int32_t seconds)
+bool start_timeout(int32_t seconds)
 {
     trace_in();
     if (!set_signal(SIGALRM, sigalrm_itimer, 0)) {
-        return 0;
+        return false;
     }
     if (!arm_timer(seconds)) {
         set_signal(SIGALRM, SIG_DFL, 0);
-        return 0;
+        return false;
     }
     trace_out();
-    return 1;
+    return true;
 }
 
 void stop_timeout()
@@ -155,53 +160,56 @@ bool read_answer(int fd, bool armed, char *text)
 {
     const char *found = GetHostAddrFromHostName(host);
     if (found) {
-        ssize_t written = write(fd, found, strlen(found));
-        static_cast<void>(written);
+        [[maybe_unused]] ssize_t written = write(fd, found, strlen(found));
     }
     _exit(0);
 }
 
-/*
- * Resolves host within ten seconds into text. The C library restarts its own
- * waits after a signal, so the look-up is done in a child that can be killed.
- */
-bool resolve_host(const char *host, char *text)
+/* Has a child look host up, and waits for it. */
+bool resolve_in_child(const char *host, ux_fd *ends, bool armed, char *text)
 {
-    int ends[2];
-    sigset_t alarm_set;
-    sigset_t old_mask;
-    if (pipe(ends) < 0) {
-        return false;
-    }
-    sigemptyset(&alarm_set);
-    sigaddset(&alarm_set, SIGALRM);
-    sigprocmask(SIG_BLOCK, &alarm_set, &old_mask);
-    resolve_timed_out = 0;
-    bool armed = start_timeout(RESOLVE_SECONDS) != 0;
     pid_t child = fork();
     if (child == 0) {
-        close(ends[0]);
-        answer_and_exit(ends[1], host);
+        ends[0].reset();
+        answer_and_exit(ends[1].get(), host);
     }
-    close(ends[1]);
-    bool found = child > 0 && read_answer(ends[0], armed, text);
-    close(ends[0]);
-    stop_timeout();
+    ends[1].reset();
+    bool found = child > 0 && read_answer(ends[0].get(), armed, text);
     if (child > 0) {
         if (!found) {
             kill(child, SIGKILL);
         }
         waitpid(child, nullptr, 0);
     }
+    return found;
+}
+
+/* Resolves host within ten seconds into text. */
+bool resolve_host(const char *host, char *text)
+{
+    int pair[2];
+    if (pipe(pair) < 0) {
+        return false;
+    }
+    ux_fd ends[] = {ux_fd(pair[0]), ux_fd(pair[1])};
+    sigset_t alarm_set;
+    sigset_t old_mask;
+    sigemptyset(&alarm_set);
+    sigaddset(&alarm_set, SIGALRM);
+    sigprocmask(SIG_BLOCK, &alarm_set, &old_mask);
+    resolve_timed_out = 0;
+    bool armed = start_timeout(RESOLVE_SECONDS);
+    bool found = resolve_in_child(host, ends, armed, text);
+    stop_timeout();
     sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     return found;
 }
 
 /* The address of host, resolved if need be: false after a message. */
-bool find_address(const char *host, char *text, in_addr *address)
+bool find_address(const char *host, inetaddr *iaddr)
 {
-    text[0] = '\0';
-    if (inet_aton(host, address)) {
+    char *text = iaddr->text;
+    if (inet_aton(host, &iaddr->addr.sin_addr)) {
         strncat(text, host, ADDRESS_TEXT - 1);
         return true;
     }
@@ -210,7 +218,7 @@ bool find_address(const char *host, char *text, in_addr *address)
                      "%s: could not resolve hostname `%s'\n", progname, host);
         return false;
     }
-    if (!inet_aton(text, address)) {
+    if (!inet_aton(text, &iaddr->addr.sin_addr)) {
         error_printf(stderr, ERROR_CONTINUE, "%s: address invalid `%s'\n",
                      progname, text);
         return false;
@@ -220,18 +228,17 @@ bool find_address(const char *host, char *text, in_addr *address)
 
 } // namespace
 
-inetaddr *new_inetaddr(const char *host, uint16_t port, address_kind kind,
-                       mode_code mode)
+ux_owner<inetaddr> new_inetaddr(const char *host, uint16_t port, address_kind kind,
+                            mode_code mode)
 {
     trace_in();
-    auto *iaddr = static_cast<inetaddr *>(calloc(1, sizeof(inetaddr)));
+    ux_owner<inetaddr> iaddr(ux_new<inetaddr>());
     if (!iaddr) {
         return nullptr;
     }
     debug_printf("DEBUG: sizeof(iaddr->addr) = %d\n",
                  static_cast<int>(sizeof iaddr->addr));
-    if (!find_address(host, iaddr->text, &iaddr->addr.sin_addr)) {
-        free(iaddr);
+    if (!find_address(host, iaddr.get())) {
         return nullptr;
     }
     iaddr->mode = mode;
@@ -245,47 +252,45 @@ inetaddr *new_inetaddr(const char *host, uint16_t port, address_kind kind,
 void destroy_inetaddr(void *data)
 {
     trace_in();
-    free(data);
+    ux_delete(static_cast<inetaddr *>(data));
 }
 
-int32_t add_inetaddr(ux_list *list, char *text, address_kind kind,
-                     mode_code mode)
+bool add_inetaddr(ux_list *list, char *text, address_kind kind, mode_code mode)
 {
     trace_in();
     char *host = nullptr;
     int32_t port = 0;
     if (!split_addr(&host, &port, text)) {
-        return 0;
+        return false;
     }
-    inetaddr *iaddr =
+    ux_owner<inetaddr> iaddr =
         new_inetaddr(host, static_cast<uint16_t>(port), kind, mode);
     if (!iaddr) {
-        return 0;
+        return false;
     }
-    if (ux_list_ins_next(list, list->tail, iaddr) != 0) {
+    if (ux_list_ins_next(list, list->tail, iaddr.release()) != 0) {
         fatal("%s: malloc(): %s\n", progname, strerror(errno));
     }
-    return 1;
+    return true;
 }
 
 int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
                                   address_kind kind, mode_code mode)
 {
     trace_in();
-    if (!text || !*text) {
+    if (ux_is_empty(text)) {
         return 0;
     }
-    char *copy = strdup(text);
+    ux_text copy = ux_copy(text);
     if (!copy) {
         return 0;
     }
     int32_t added = 0;
     char *rest = nullptr;
     const char *space = " \t\n\v\f\r";
-    for (char *token = strtok_r(copy, space, &rest); token;
+    for (char *token = strtok_r(copy.get(), space, &rest); token;
          token = strtok_r(nullptr, space, &rest)) {
         added += add_inetaddr(list, token, kind, mode);
     }
-    free(copy);
     return added;
 }

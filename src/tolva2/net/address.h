@@ -8,6 +8,7 @@
 
 #include "tolva2/base/codes.h"
 #include "unixtools/ux_list.h"
+#include "unixtools/ux_owned.h"
 
 #include <netinet/in.h>
 
@@ -37,21 +38,22 @@ int32_t split_port(char **host, char *text);
 /*
  * Builds a record; a host that is no dotted address is resolved first. Null
  * when memory is exhausted or, after a message on standard error, when the
- * name does not resolve. The caller owns it.
+ * name does not resolve.
  */
-inetaddr *new_inetaddr(const char *host, uint16_t port, address_kind kind,
-                       mode_code mode);
+[[nodiscard]] ux_owner<inetaddr> new_inetaddr(const char *host, uint16_t port,
+                                              address_kind kind,
+                                              mode_code mode);
 
 /* Frees a record; a list destructor. */
 void destroy_inetaddr(void *data);
 
 /*
- * Appends the address "host[:port]" to list, cutting text in place. Returns
- * 1, or 0 when text is empty or no record could be built. Ends the process
- * when the list cannot grow.
+ * Appends the address "host[:port]" to list, cutting text in place. False
+ * when text is empty or no record could be built. Ends the process when the
+ * list cannot grow.
  */
-int32_t add_inetaddr(ux_list *list, char *text, address_kind kind,
-                     mode_code mode);
+[[nodiscard]] bool add_inetaddr(ux_list *list, char *text, address_kind kind,
+                                mode_code mode);
 
 /*
  * Appends every address of a text separated by white space; those that fail
@@ -67,10 +69,10 @@ int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
 const char *GetHostAddrFromHostName(const char *name);
 
 /*
- * Arms a one-shot SIGALRM after that many seconds: 1, or 0 on failure. The
+ * Arms a one-shot SIGALRM after that many seconds; false on failure. The
  * handler says so on standard error; without SA_RESTART, it interrupts waits.
  */
-int32_t start_timeout(int32_t seconds);
+bool start_timeout(int32_t seconds);
 void stop_timeout();
 void sigalrm_itimer(int32_t signal);
 

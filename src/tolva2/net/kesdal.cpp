@@ -1,3 +1,7 @@
+/*
+ * One handler per step of the exchange: each looks at its event, says or hears
+ * its line, and hands over to the next.
+ */
 #include "tolva2/net/kesdal.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/net/sockets.h"
@@ -11,7 +15,7 @@ namespace
 /* The event has come and the socket is in order. */
 bool is_ready(const connection *cn, event_bits events, event_bits wanted)
 {
-    return (events & wanted) && sock_pending_error(cn->fd) == 0;
+    return (events & wanted) && sock_pending_error(cn->fd.get()) == 0;
 }
 
 } // namespace
@@ -21,8 +25,9 @@ void do_kesdal_send_logon(ux_list_element *node, event_bits events)
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
-    if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logon(cn->fd)) {
-        wait_in(cn, &writefds, &readfds, do_kesdal_recv_logon);
+    if (is_ready(cn, events, EVENT_WRITABLE) &&
+        send_kesdal_logon(cn->fd.get())) {
+        wait_in(cn, EVENT_READABLE, do_kesdal_recv_logon);
     } else {
         cn->ends->cancel(node);
     }
@@ -33,8 +38,8 @@ void do_kesdal_recv_logon(ux_list_element *node, event_bits events)
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
-    if (is_ready(cn, events, EVENT_READABLE) && recv_kesdal(cn->fd)) {
-        wait_in(cn, &readfds, &writefds, do_kesdal_send_logoff);
+    if (is_ready(cn, events, EVENT_READABLE) && recv_kesdal(cn->fd.get())) {
+        wait_in(cn, EVENT_WRITABLE, do_kesdal_send_logoff);
     } else {
         cn->ends->cancel(node);
     }
@@ -45,9 +50,10 @@ void do_kesdal_send_logoff(ux_list_element *node, event_bits events)
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
-    if (is_ready(cn, events, EVENT_WRITABLE) && send_kesdal_logoff(cn->fd)) {
-        wait_in(cn, &writefds, &readfds, do_kesdal_recv_logoff);
-        sock_shutdown_write(cn->fd);
+    if (is_ready(cn, events, EVENT_WRITABLE) &&
+        send_kesdal_logoff(cn->fd.get())) {
+        wait_in(cn, EVENT_READABLE, do_kesdal_recv_logoff);
+        sock_shutdown_write(cn->fd.get());
     } else {
         cn->ends->cancel(node);
     }
@@ -60,7 +66,7 @@ void do_kesdal_recv_logoff(ux_list_element *node, event_bits events)
     assert(cn);
     if (is_ready(cn, events, EVENT_READABLE)) {
         /* Whatever it says: the server has answered before. */
-        recv_kesdal(cn->fd);
+        recv_kesdal(cn->fd.get());
     }
     cn->ends->end(node);
 }

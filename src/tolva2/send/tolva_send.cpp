@@ -1,3 +1,8 @@
+/*
+ * The handlers of a request and of its reply, and the loop that drives all
+ * connections of a run. What happens at a UPS server is elsewhere; here is
+ * only how such an exchange ends.
+ */
 #include "tolva2/send/tolva_send.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/base/trace.h"
@@ -9,20 +14,29 @@
 #include "tolva2/net/wire.h"
 #include "unixtools/ux_number.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <sys/socket.h>
 
+/* Not "send", which is the system's call. The listener has its own ways to
+ * start, cancel and end a connection. */
+namespace sender
+{
 namespace
 {
 
 constexpr size_t STATUS_TEXT = 16;
 
-const char *command = nullptr; /* what every listener is sent */
-int32_t failed = 0;            /* 1 once any connection has failed */
-int32_t remote_status = -1;    /* of the last reply, mapped; -1: none */
+/* What the connections of the run share. */
+struct {
+    const char *command = nullptr; /* what every listener is sent */
+    bool failed = false;           /* any connection has failed */
+    int32_t remote_status = -1;    /* of the last reply, mapped; -1: none */
+} run;
 
 /* The message of a type of connection that failed; "%s" is its address. */
 void log_failure(const connection *cn)
@@ -52,7 +66,7 @@ void cancel_connect(ux_list_element *node)
     cn->nerror++;
     log_failure(cn);
     unregister_connection(node);
-    failed = 1;
+    run.failed = true;
 }
 
 void end_connect(ux_list_element *node)
@@ -79,17 +93,17 @@ void take_reply(const connection *cn, const char *reply)
     char value[STATUS_TEXT];
     if (get_key_value(text, "EXITSTATUS", value, sizeof value)) {
         debug_printf("DEBUG: value = [%s]\n", value);
-        remote_status = ux_atoi(value);
+        run.remote_status = ux_atoi(value);
     }
-    debug_printf("DEBUG: remote_status = [%d]\n", remote_status);
-    remote_status = map_remote_status(remote_status);
+    debug_printf("DEBUG: remote_status = [%d]\n", run.remote_status);
+    run.remote_status = map_remote_status(run.remote_status);
 }
 
 /* One receive from a listener: true when it was a reply. */
 bool receive_reply(const connection *cn)
 {
     char reply[TEXT_BUFFER];
-    ssize_t length = recv(cn->fd, reply, sizeof reply - 1, 0);
+    ssize_t length = recv(cn->fd.get(), reply, sizeof reply - 1, 0);
     if (length < 0) {
         log_system(errno);
         return false;
@@ -112,7 +126,7 @@ bool handle_reply(const connection *cn)
         log_error(EINVAL);
         return false;
     }
-    int32_t err = sock_pending_error(cn->fd);
+    int32_t err = sock_pending_error(cn->fd.get());
     debug_printf("DEBUG: err = %d \n", err);
     if (err != 0) {
         log_system(err);
@@ -134,7 +148,7 @@ void do_rcv_tolva(ux_list_element *node, event_bits events)
         log_error(EINVAL);
     }
     if (!received) {
-        failed = 1;
+        run.failed = true;
     }
     unregister_connection(node);
 }
@@ -145,17 +159,17 @@ bool send_request(const connection *cn, event_bits events)
     if (!(events & EVENT_WRITABLE)) {
         return false;
     }
-    int32_t err = sock_pending_error(cn->fd);
+    int32_t err = sock_pending_error(cn->fd.get());
     if (err != 0) {
         log_system(err);
         return false;
     }
     switch (cn->type) {
     case ADDR_PEER:
-        return send_ok(cn->fd, command) != 0;
+        return send_ok(cn->fd.get(), run.command) != 0;
     case ADDR_BROADCAST:
-        return udp_send_ok(cn->fd, static_cast<uint16_t>(cn->port), cn->ipaddr,
-                           command) != 0;
+        return udp_send_ok(cn->fd.get(), static_cast<uint16_t>(cn->port),
+                           cn->ipaddr, run.command) != 0;
     default:
         return true;
     }
@@ -169,25 +183,25 @@ void do_send_tolva(ux_list_element *node, event_bits events)
     if (!send_request(cn, events)) {
         cancel_connect(node);
     } else if (cn->mode == MODE_SEND_STATUS) {
-        wait_in(cn, &writefds, &readfds, do_rcv_tolva);
+        wait_in(cn, EVENT_READABLE, do_rcv_tolva);
     } else {
         end_connect(node);
     }
 }
 
-int32_t open_connect_socket_bc(const connection *cn)
+ux_fd open_connect_socket_bc(const connection *)
 {
     trace_in();
-    static_cast<void>(cn);
-    int32_t fd = keep_selectable(udp_broadcast_socket_nonblock());
-    if (fd < 0) {
-        log_system(errno);
+    ux_fd fd = udp_broadcast_socket_nonblock();
+    if (int32_t error = why_unwatchable(fd)) {
+        log_system(error);
+        fd.reset();
     }
     return fd;
 }
 
-/* Opens the socket of a record's type, with the messages around it. */
-int32_t open_by_type(const connection *cn)
+/* Opens the socket of a record's type, with the message before it. */
+ux_fd open_by_type(const connection *cn)
 {
     switch (cn->type) {
     case ADDR_BROADCAST:
@@ -198,40 +212,38 @@ int32_t open_by_type(const connection *cn)
         report(event::connecting, cn->ipaddr);
         return open_connect_socket(cn);
     default:
-        return -1;
+        return {};
     }
 }
 
-/* 1 started, 0 or -1 not. */
-int32_t start_connect(ux_list_element *node)
+start_result start_connect(ux_list_element *node)
 {
     trace_in();
     connection *cn = record_of(node);
-    int32_t startable = may_start(cn);
-    if (startable != 1) {
+    start_result startable = may_start(cn);
+    if (startable != START_DONE) {
         return startable;
     }
-    int32_t fd = open_by_type(cn);
-    if (fd < 0) {
+    ux_fd fd = open_by_type(cn);
+    if (!fd) {
         log_failure(cn);
-        return 0;
+        return START_FAILED;
     }
-    begin_exchange(
-        cn, fd, cn->type == ADDR_KESDAL ? do_kesdal_send_logon : do_send_tolva,
-        &SEND_ENDS);
-    return 1;
+    begin_exchange(cn, std::move(fd),
+                   cn->type == ADDR_KESDAL ? do_kesdal_send_logon
+                                           : do_send_tolva,
+                   &SEND_ENDS);
+    return START_DONE;
 }
 
 int32_t start_connections()
 {
     trace_in();
     assert(connections);
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = connections->head; node; node = next) {
-        next = node->next;
-        if (start_connect(node) != 1) {
+    for (ux_list_element *node : ux_nodes(connections)) {
+        if (start_connect(node) != START_DONE) {
             unregister_connection(node);
-            failed = 1;
+            run.failed = true;
         }
     }
     return static_cast<int32_t>(connections->size);
@@ -249,41 +261,41 @@ time_t seconds_now()
 /* Hands every ready connection to its handler. */
 void serve_connections()
 {
-    ux_list_element *next = nullptr;
-    for (ux_list_element *node = connections->head; node; node = next) {
-        next = node->next;
+    for (ux_list_element *node : ux_nodes(connections)) {
         const connection *cn = record_of(node);
         if (!cn) {
             unregister_connection(node);
             continue;
         }
-        event_bits events = ready_events(cn);
+        event_bits events = ready(cn->fd);
         if (events && cn->handler) {
             cn->handler(node, events);
         }
     }
 }
 
+/* Seconds that are left of a run; below 0: there is no limit. */
+int64_t seconds_left(time_t start, int32_t timeout)
+{
+    if (timeout == 0) {
+        return -1;
+    }
+    return std::max<int64_t>(timeout - (seconds_now() - start), 0);
+}
+
 /* Waits once and serves what is ready: false when the run is over. */
 bool drive_connections(time_t start, int32_t timeout)
 {
-    ready_read = readfds;
-    ready_write = writefds;
-    timeval limit{};
-    if (timeout != 0) {
-        int64_t left = timeout - (seconds_now() - start);
-        limit.tv_sec = left > 0 ? left : 0;
-    }
-    int nready = select(maxfd + 1, &ready_read, &ready_write, nullptr,
-                        timeout != 0 ? &limit : nullptr);
-    if (nready < 0) {
-        if (errno == EINTR) {
+    wait_result found =
+        wait_for_descriptors(seconds_left(start, timeout), nullptr);
+    if (found.ready < 0) {
+        if (found.error == EINTR) {
             return true;
         }
-        log_system(errno);
+        log_system(found.error);
         return false;
     }
-    if (nready == 0) {
+    if (found.ready == 0) {
         log_error(ETIMEDOUT);
         return false;
     }
@@ -309,6 +321,7 @@ bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout)
 }
 
 } // namespace
+} // namespace sender
 
 int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
                   const char *command_text)
@@ -319,15 +332,14 @@ int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
     reset_descriptors(-1);
     ux_list list;
     connections = ux_list_init(&list, destroy_connection);
-    command = command_text;
-    bool run_failed = !run_connections(addresses, port, timeout);
+    sender::run.command = command_text;
+    bool driven = sender::run_connections(addresses, port, timeout);
     if (connections->size > 0) {
         ux_list_destroy(connections);
     }
     connections = nullptr;
-    int32_t status = failed;
-    if (status == 0 && remote_status >= 0) {
-        status = remote_status;
+    if (!driven || sender::run.failed) {
+        return 1;
     }
-    return run_failed ? 1 : status;
+    return std::max(sender::run.remote_status, 0);
 }

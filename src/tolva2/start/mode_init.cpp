@@ -103,7 +103,9 @@ void admit_nobody(ux_list *peers)
     log_message(
         0,
         "error: no address of AllowedAddresses can be used, nobody is admitted");
-    add_inetaddr(peers, nobody, ADDR_PEER, MODE_LISTEN);
+    if (!add_inetaddr(peers, nobody, ADDR_PEER, MODE_LISTEN)) {
+        fatal("%s: malloc(): %s\n", progname, strerror(errno));
+    }
 }
 
 /* One "-a" on the command line replaces both lists of the settings. */
