@@ -12,8 +12,7 @@ import pathlib
 import re
 import sys
 
-ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1
-                    else pathlib.Path(__file__).resolve().parents[1])
+ROOT = pathlib.Path(__file__).resolve().parents[1]
 TABLE = ROOT / "docs" / "source-tour.md"
 SOURCE = ROOT / "src"
 ROW = re.compile(r"^\| (\d+) \| ([^|]*) \|")
@@ -126,4 +125,5 @@ def main():
     return 1 if problems else 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())
