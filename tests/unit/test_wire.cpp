@@ -1,6 +1,8 @@
 /* Every text on the wire, compared byte for byte. */
-#include "sessions.h"
+#include "capture.h"
+#include "loopback.h"
 
+#include "tolva2/base/codes.h"
 #include "tolva2/net/wire.h"
 
 #include <cstring>

@@ -228,6 +228,21 @@ TEST(send_mode, an_interrupted_wait_goes_on)
     sigaction(SIGALRM, &before, nullptr);
 }
 
+TEST(send_mode, a_wait_that_fails_ends_the_run)
+{
+    operator_log log;
+    ux_fd listener(listening_socket());
+    address_list to;
+    to.add("127.0.0.1", local_port(listener.get()));
+    int before = descriptors_in_use();
+    failing_call broken("pselect", ENOMEM);
+    EXPECT_EQ(whole_run(to, 6003, 10, nullptr), 1);
+    EXPECT_EQ(descriptors_in_use(), before);
+    const log_lines expected = {message(785, {"127.0.0.1"}),
+                                system_line(ENOMEM)};
+    EXPECT_EQ(log.lines(), expected);
+}
+
 TEST(send_mode, sends_a_broadcast_once_and_awaits_nothing)
 {
     operator_log log;

@@ -87,6 +87,25 @@ TEST(start_connect, a_broadcast_without_descriptor_is_logged)
     EXPECT_EQ(fresh.log.lines(), log_lines{message(833, {"127.0.0.1"})});
 }
 
+TEST(start_connect, a_broadcast_that_gets_no_socket_says_why)
+{
+    struct row {
+        const char *call;
+        int error;
+    };
+    for (const row &one : {row{"socket", EMFILE}, row{"setsockopt", EACCES}}) {
+        fresh_run fresh;
+        const connection *cn =
+            add_record(connections, MODE_SEND, ADDR_BROADCAST, "127.0.0.1");
+        failing_call refused(one.call, one.error);
+        EXPECT_EQ(start_connect(connections->head), START_FAILED);
+        EXPECT_FALSE(cn->fd);
+        const log_lines expected = {message(833, {"127.0.0.1"}),
+                                    system_line(one.error), message(810, {})};
+        EXPECT_EQ(fresh.log.lines(), expected);
+    }
+}
+
 TEST(start_connect, the_descriptor_budget_is_kept)
 {
     fresh_run fresh;
