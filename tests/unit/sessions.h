@@ -7,6 +7,7 @@
 
 #include "capture.h"
 #include "children.h"
+#include "descriptor_numbers.h"
 #include "loopback.h"
 #include "operator_log.h"
 

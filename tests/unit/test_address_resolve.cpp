@@ -1,7 +1,7 @@
 /* Address records, and the bounded resolution of names for them. */
 #include "children.h"
+#include "descriptor_numbers.h"
 #include "failing_calls.h"
-#include "loopback.h"
 #include "resolver.h"
 
 #include "tolva2/net/address.h"

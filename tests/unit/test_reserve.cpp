@@ -1,7 +1,9 @@
 /* Two descriptors are kept back for files, whoever else wants them. */
+#include "descriptor_numbers.h"
 #include "failing_calls.h"
-#include "sessions.h"
+#include "temp_dir.h"
 
+#include "tolva2/base/process_state.h"
 #include "tolva2/files/reserve.h"
 
 namespace

@@ -1,5 +1,6 @@
 /* Sockets made, bound, connected and asked, on loopback. */
 #include "capture.h"
+#include "descriptor_numbers.h"
 #include "failing_calls.h"
 #include "loopback.h"
 

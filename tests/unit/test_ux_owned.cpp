@@ -1,6 +1,6 @@
 /* Owners: each gives back what it holds, once, and keeps errno. */
+#include "descriptor_numbers.h"
 #include "failing_calls.h"
-#include "loopback.h"
 #include "temp_dir.h"
 
 #include "unixtools/ux_owned.h"
