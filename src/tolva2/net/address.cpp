@@ -165,33 +165,54 @@ bool read_answer(int fd, bool armed, char *text)
     _exit(0);
 }
 
-/* Has a child look host up, and waits for it. */
-bool resolve_in_child(const char *host, ux_fd *ends, bool armed, char *text)
+/* A child that looks host up, and where it answers; none without a process. */
+struct resolver {
+    pid_t child = -1;
+    ux_fd answer;
+};
+
+resolver start_resolver(const char *host)
 {
-    pid_t child = fork();
-    if (child == 0) {
-        ends[0].reset();
-        answer_and_exit(ends[1].get(), host);
+    int ends[2];
+    if (pipe(ends) < 0) {
+        return {};
     }
-    ends[1].reset();
-    bool found = child > 0 && read_answer(ends[0].get(), armed, text);
-    if (child > 0) {
-        if (!found) {
-            kill(child, SIGKILL);
-        }
-        waitpid(child, nullptr, 0);
+    resolver one{-1, ux_fd(ends[0])};
+    ux_fd question(ends[1]);
+    one.child = fork();
+    if (one.child == 0) {
+        one.answer.reset();
+        answer_and_exit(question.get(), host);
     }
+    return one;
+}
+
+/* Has a child look host up, and waits for it. */
+bool resolve_in_child(const resolver &one, bool armed, char *text)
+{
+    bool found = read_answer(one.answer.get(), armed, text);
+    if (!found) {
+        kill(one.child, SIGKILL);
+    }
+    waitpid(one.child, nullptr, 0);
     return found;
 }
 
-/* Resolves host within ten seconds into text. */
-bool resolve_host(const char *host, char *text)
+/* Without a child the alarm can only hope to interrupt the resolver. */
+bool resolve_here(const char *host, const sigset_t *mask, char *text)
 {
-    int pair[2];
-    if (pipe(pair) < 0) {
+    sigprocmask(SIG_SETMASK, mask, nullptr);
+    const char *found = GetHostAddrFromHostName(host);
+    if (!found || resolve_timed_out) {
         return false;
     }
-    ux_fd ends[] = {ux_fd(pair[0]), ux_fd(pair[1])};
+    strncat(text, found, ADDRESS_TEXT - 1);
+    return true;
+}
+
+/* Resolves host within ten seconds into text, which is empty before. */
+bool resolve_host(const char *host, char *text)
+{
     sigset_t alarm_set;
     sigset_t old_mask;
     sigemptyset(&alarm_set);
@@ -199,7 +220,9 @@ bool resolve_host(const char *host, char *text)
     sigprocmask(SIG_BLOCK, &alarm_set, &old_mask);
     resolve_timed_out = 0;
     bool armed = start_timeout(RESOLVE_SECONDS);
-    bool found = resolve_in_child(host, ends, armed, text);
+    resolver one = start_resolver(host);
+    bool found = one.child > 0 ? resolve_in_child(one, armed, text)
+                               : resolve_here(host, &old_mask, text);
     stop_timeout();
     sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     return found;
@@ -226,27 +249,45 @@ bool find_address(const char *host, inetaddr *iaddr)
     return true;
 }
 
-} // namespace
+/* A record, or why there is none. */
+struct built_inetaddr {
+    ux_owner<inetaddr> record;
+    bool exhausted;
+};
 
-ux_owner<inetaddr> new_inetaddr(const char *host, uint16_t port, address_kind kind,
-                            mode_code mode)
+built_inetaddr build_inetaddr(const char *host, uint16_t port,
+                              address_kind kind, mode_code mode)
 {
-    trace_in();
+    trace_in("new_inetaddr");
     ux_owner<inetaddr> iaddr(ux_new<inetaddr>());
     if (!iaddr) {
-        return nullptr;
+        return {nullptr, true};
     }
     debug_printf("DEBUG: sizeof(iaddr->addr) = %d\n",
                  static_cast<int>(sizeof iaddr->addr));
     if (!find_address(host, iaddr.get())) {
-        return nullptr;
+        return {nullptr, false};
     }
     iaddr->mode = mode;
     iaddr->kind = kind;
     iaddr->addr.sin_family = AF_INET;
     iaddr->addr.sin_port = htons(port);
     iaddr->port = static_cast<int16_t>(port);
-    return iaddr;
+    return {std::move(iaddr), false};
+}
+
+/* A list that lost a member would mean something else. */
+[[noreturn]] void no_memory()
+{
+    fatal("%s: malloc(): %s\n", progname, strerror(ENOMEM));
+}
+
+} // namespace
+
+ux_owner<inetaddr> new_inetaddr(const char *host, uint16_t port,
+                                address_kind kind, mode_code mode)
+{
+    return build_inetaddr(host, port, kind, mode).record;
 }
 
 void destroy_inetaddr(void *data)
@@ -263,13 +304,16 @@ bool add_inetaddr(ux_list *list, char *text, address_kind kind, mode_code mode)
     if (!split_addr(&host, &port, text)) {
         return false;
     }
-    ux_owner<inetaddr> iaddr =
-        new_inetaddr(host, static_cast<uint16_t>(port), kind, mode);
-    if (!iaddr) {
+    built_inetaddr built =
+        build_inetaddr(host, static_cast<uint16_t>(port), kind, mode);
+    if (built.exhausted) {
+        no_memory();
+    }
+    if (!built.record) {
         return false;
     }
-    if (ux_list_ins_next(list, list->tail, iaddr.release()) != 0) {
-        fatal("%s: malloc(): %s\n", progname, strerror(errno));
+    if (ux_list_ins_next(list, list->tail, built.record.release()) != 0) {
+        no_memory();
     }
     return true;
 }
@@ -283,7 +327,7 @@ int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
     }
     ux_text copy = ux_copy(text);
     if (!copy) {
-        return 0;
+        no_memory();
     }
     int32_t added = 0;
     char *rest = nullptr;

@@ -49,15 +49,17 @@ void destroy_inetaddr(void *data);
 
 /*
  * Appends the address "host[:port]" to list, cutting text in place. False
- * when text is empty or no record could be built. Ends the process when the
- * list cannot grow.
+ * when text is empty or no address could be found. Ends the process with one
+ * line when memory is exhausted.
  */
 [[nodiscard]] bool add_inetaddr(ux_list *list, char *text, address_kind kind,
                                 mode_code mode);
 
 /*
- * Appends every address of a text separated by white space; those that fail
- * are left out. Returns how many were added.
+ * Appends every address of a text separated by white space; those that are
+ * none are left out. Returns how many were added. Ends the process with one
+ * line when memory is exhausted: a list that lost a member would let in or
+ * watch somebody else.
  */
 int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
                                   address_kind kind, mode_code mode);
