@@ -20,9 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fuzz_check(*text || port == 0);
     free(copy);
 
-    char *dir = find_program_dir(text);
-    fuzz_check(!dir || *dir);
-    free(dir);
+    ux_text dir = find_program_dir(text);
+    fuzz_check(!dir || *dir.get());
     free(text);
     return 0;
 }

@@ -11,13 +11,14 @@ from harness import message
 from home import gate
 from namespaces import unshared
 from ports import free_port
-from processes import children, sockets_of
+from processes import children, is_idle, sockets_of
 from upsserver import UpsServer, good, refusing
 from waiting import wait_for
 from watch import A, B, Watch, noted
 from wire import STATUS, reply_with
 
 TOO_MANY = os.strerror(errno.EMFILE)
+BUDGET = 256
 GATED = ('echo "$1 $$" >> "$TOLVAHOME/started"\n'
          'number=$(grep -n " $$\\$" "$TOLVAHOME/started" | cut -d: -f1)\n'
          + gate("go.$number") + "\n")
@@ -307,20 +308,38 @@ def test_a_full_house_counts_as_a_failure(notes):
     assert ups.visits == 1
 
 
-def test_a_refused_descriptor_counts_as_a_failure(notes):
+def test_a_check_past_the_budget_counts_as_a_failure(notes):
     ups = UpsServer(notes, A, free_port())
-    watch = Watch(notes, [ups.where], limits="16:16",
+    watch = Watch(notes, [ups.where], limits="1024:1024",
                   config={"ListenTimeout": 0})
-    conns = [watch.listener.connect() for _ in range(20)]
-    watch.listener.wait_message(f"system: {TOO_MANY}")
+    conns = [watch.listener.connect() for _ in range(BUDGET - 1)]
+    wait_for(lambda: len(sockets_of(watch.pid)) == BUDGET)
     watch.first_cycle(watch.has(828, A))
     watch.listener.wait_message(message(794, watch.script(A)))
     messages = watch.listener.messages()
     at = messages.index(message(828, A))
-    assert messages[at - 1] == f"system: {TOO_MANY}"
+    assert messages[at - 1] == f"error: {TOO_MANY}"
     assert ups.visits == 0
     for conn in conns:
         conn.close()
     wait_for(lambda: len(sockets_of(watch.pid)) == 1)
     watch.next_cycle(watch.has(814, A))
+    watch.stop()
+
+
+def test_no_check_begins_while_a_client_waits_at_the_door(notes):
+    """A healthy server must not count as dead because the house is full."""
+    ups = UpsServer(notes, A, free_port())
+    watch = Watch(notes, [ups.where], limits="1024:1024",
+                  config={"ListenTimeout": 0})
+    conns = [watch.listener.connect() for _ in range(BUDGET + 2)]
+    wait_for(lambda: len(sockets_of(watch.pid)) == BUDGET)
+    watch.clock.advance(watch.listener, 3600, lambda: True)
+    assert is_idle(watch.pid, 1.5)
+    assert ups.visits == 0
+    assert message(828, A) not in watch.listener.messages()
+    for conn in conns:
+        conn.close()
+    wait_for(watch.has(814, A))
+    assert message(828, A) not in watch.listener.messages()
     watch.stop()

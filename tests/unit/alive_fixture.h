@@ -75,7 +75,7 @@ inline void advance(ux_list_element *node, event_bits event)
 inline void collect(const connection *cn)
 {
     EXPECT_TRUE(wait_until([&] {
-        handle_sigchld(connections);
+        reap_children();
         return !cn->busy;
     }));
 }

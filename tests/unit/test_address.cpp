@@ -232,9 +232,22 @@ TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing)
     EXPECT_EQ(
         get_inetaddr_arr_from_str(list.get(), " \t\n", ADDR_PEER, MODE_LISTEN),
         0);
-    failing_heap exhausted;
-    EXPECT_EQ(get_inetaddr_arr_from_str(list.get(), "10.0.0.1", ADDR_PEER,
-                                        MODE_LISTEN),
-              0);
     EXPECT_EQ(list.size(), 0u);
+}
+
+/* A list that lost a member would let in or watch somebody else. */
+TEST(get_inetaddr_arr_from_str, ends_the_process_when_memory_is_exhausted)
+{
+    program_name name("tolva");
+    for (int left = 0; left < 5; left++) {
+        ending end = in_child([left] {
+            address_list list;
+            failing_heap exhausted(left);
+            get_inetaddr_arr_from_str(list.get(), "10.0.0.1 10.0.0.2",
+                                      ADDR_PEER, MODE_LISTEN);
+        });
+        EXPECT_EQ(end.status, 1) << left;
+        EXPECT_EQ(end.err,
+                  std::string("tolva: malloc(): ") + strerror(ENOMEM) + "\n");
+    }
 }

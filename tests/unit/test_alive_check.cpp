@@ -107,7 +107,7 @@ TEST(alive_check, with_script_the_server_goes_when_it_has_ended)
     ASSERT_EQ(connections->size, 1u);
     std::string cmdline = session_of(connections->head)->cmdline.get();
     EXPECT_TRUE(wait_until([&] {
-        handle_sigchld(connections);
+        reap_children();
         return connections->size == 0;
     }));
     const log_lines expected = {

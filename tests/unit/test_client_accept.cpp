@@ -171,15 +171,37 @@ TEST(handle_tcp_connect, logs_why_accept_failed)
     tcp_door tcp;
     address_list allowed;
     ux_fd not_listening = any_socket();
-    /* Every time: none of these is a shortage. */
-    for (int i = 0; i < 2; i++) {
+    handle_tcp_connect(not_listening.get(), allowed.get(), 1000, &tcp.pause);
+    EXPECT_EQ(clients->size, 0u);
+    EXPECT_EQ(tcp.log.lines(), log_lines{system_line(EINVAL)});
+    /* It may have been that one client. */
+    EXPECT_EQ(accepting_clients(&tcp.pause, tcp.pause.when), accepting::yes);
+}
+
+TEST(handle_tcp_connect, a_failure_that_repeats_is_told_once_and_paused)
+{
+    tcp_door tcp;
+    address_list allowed;
+    ux_fd not_listening = any_socket();
+    for (int i = 0; i < 5; i++) {
         handle_tcp_connect(not_listening.get(), allowed.get(), 1000,
                            &tcp.pause);
     }
-    EXPECT_EQ(clients->size, 0u);
-    const log_lines expected = {system_line(EINVAL), system_line(EINVAL)};
-    EXPECT_EQ(tcp.log.lines(), expected);
-    EXPECT_EQ(accepting_clients(&tcp.pause, time(nullptr)), accepting::yes);
+    EXPECT_EQ(tcp.log.lines(), log_lines{system_line(EINVAL)});
+    time_t when = tcp.pause.when;
+    EXPECT_EQ(accepting_clients(&tcp.pause, when), accepting::paused);
+    EXPECT_EQ(accepting_clients(&tcp.pause, when + 1), accepting::yes);
+    /* The pause has been told, whatever the next reason is; after a success
+     * it is news again. */
+    {
+        failing_call refused("accept", EPROTO);
+        tcp.open_for("");
+    }
+    tcp.knock();
+    tcp.open_for("");
+    EXPECT_EQ(clients->size, 1u);
+    handle_tcp_connect(not_listening.get(), allowed.get(), 1000, &tcp.pause);
+    EXPECT_EQ(tcp.log.lines().size(), 2u);
 }
 
 TEST(handle_tcp_connect, drops_the_client_when_memory_is_exhausted)
@@ -273,7 +295,7 @@ TEST(accepting_clients, as_long_as_there_is_room_in_the_budget)
         open.emplace_back(any_socket(), EVENT_READABLE);
         EXPECT_EQ(accepting_clients(&pause, 1000), accepting::no);
         /* A closed descriptor will tell: there is nothing to try before. */
-        pause = {true, true, 0, 1000};
+        pause = {true, true, EMFILE, 0, 1000};
         EXPECT_EQ(accepting_clients(&pause, 1000), accepting::no);
         pause = {};
     }

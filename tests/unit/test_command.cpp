@@ -177,7 +177,7 @@ TEST(exec_V2command, a_logged_text_is_replied_to_without_a_child)
         EXPECT_EQ(watched(cn->fd), EVENT_WRITABLE);
         EXPECT_EQ(open_descriptors(), 1);
         /* Nothing is left to collect for it. */
-        handle_sigchld(clients);
+        reap_children();
         EXPECT_EQ(clients->size, 1u);
         EXPECT_TRUE(cn->busy);
     }

@@ -49,8 +49,29 @@ TEST(fill_reserve, leaves_the_low_numbers_to_sockets)
     ASSERT_LT(lowest, 150);
     ASSERT_EQ(fill_reserve(), 0);
     EXPECT_EQ(lowest_free_number(), lowest);
+    EXPECT_TRUE(is_open(200));
+    EXPECT_TRUE(is_open(201));
+}
+
+TEST(fill_reserve, stands_at_the_end_of_the_budget_when_nothing_is_behind_it)
+{
+    no_reserve none(200);
+    descriptor_limit limit(200);
+    ASSERT_EQ(fill_reserve(), 0);
     EXPECT_TRUE(is_open(198));
     EXPECT_TRUE(is_open(199));
+}
+
+TEST(fill_reserve, moves_when_the_limit_is_lowered_below_it)
+{
+    no_reserve none(200);
+    ASSERT_EQ(fill_reserve(), 0);
+    descriptor_limit limit(150);
+    ASSERT_EQ(fill_reserve(), 0);
+    EXPECT_FALSE(is_open(200));
+    EXPECT_FALSE(is_open(201));
+    std::vector<ux_fd> others = take_numbers_below(150);
+    EXPECT_TRUE(open_file("/dev/null", "r"));
 }
 
 TEST(fill_reserve, takes_low_numbers_where_there_are_no_others)
@@ -67,8 +88,8 @@ TEST(fill_reserve, is_not_inherited_by_scripts)
 {
     no_reserve none(200);
     ASSERT_EQ(fill_reserve(), 0);
-    EXPECT_NE(fcntl(198, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_NE(fcntl(199, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(fcntl(200, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(fcntl(201, F_GETFD) & FD_CLOEXEC, 0);
     max_fds = 1 << 30;
     give_up_reserve();
     int lowest = lowest_free_number();
@@ -137,13 +158,13 @@ TEST(open_file, lives_on_the_reserve_when_nothing_else_is_left)
     no_reserve none(200);
     temp_dir home;
     std::string path = home.file("log", "text\n");
-    ASSERT_EQ(fill_reserve(), 0);
     bool first = false;
     bool second = false;
     bool third = true;
     int error = 0;
     {
         descriptor_limit limit(200);
+        EXPECT_EQ(fill_reserve(), 0);
         std::vector<ux_fd> others = take_numbers_below(200);
         ux_file log = open_file(path.c_str(), "r");
         first = log != nullptr;

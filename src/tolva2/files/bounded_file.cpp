@@ -4,6 +4,7 @@
  * has the file open, or owns it, finds the same file afterwards.
  */
 #include "tolva2/files/bounded_file.h"
+#include "tolva2/files/reserve.h"
 #include "unixtools/ux_owned.h"
 
 #include <cstdio>
@@ -25,7 +26,7 @@ constexpr size_t FILE_BLOCK = 8192;
  */
 bool write_back(FILE *from, const char *path)
 {
-    ux_file file(fopen(path, "we"));
+    ux_file file = open_file(path, "we");
     if (!file) {
         return false;
     }
@@ -45,7 +46,7 @@ bool write_back(FILE *from, const char *path)
 /* Copies the file from the first line behind offset on to another one. */
 bool save_tail(const char *path, off_t offset, FILE *to)
 {
-    ux_file file(fopen(path, "re"));
+    ux_file file = open_file(path, "re");
     if (!file || fseeko(file.get(), offset, SEEK_SET) != 0) {
         return false;
     }
@@ -120,6 +121,9 @@ ux_file kept_part(const char *path, off_t offset)
 bool cut_head(const char *path, int64_t offset)
 {
     ux_file kept = kept_part(path, static_cast<off_t>(offset));
+    if (!kept && give_up_reserve()) {
+        kept = kept_part(path, static_cast<off_t>(offset));
+    }
     if (!kept) {
         return false;
     }
@@ -165,7 +169,7 @@ bool append_bounded(const char *path, int64_t limit, std::string_view line)
     if (limit > 0 && !check_size(path, limit, limit - length)) {
         return false;
     }
-    ux_file file(fopen(path, "a+e"));
+    ux_file file = open_file(path, "a+e");
     struct stat before;
     if (!file || fstat(fileno(file.get()), &before) < 0) {
         return false;

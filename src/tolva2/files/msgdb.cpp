@@ -5,6 +5,7 @@
  */
 #include "tolva2/files/msgdb.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/reserve.h"
 #include "unixtools/ux_owned.h"
 
 #include <cerrno>
@@ -84,7 +85,8 @@ int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
         return -1;
     }
     buffer[0] = '\0';
-    ux_file file(database.name ? fopen(database.name.get(), "re") : nullptr);
+    ux_file file =
+        database.name ? open_file(database.name.get(), "re") : nullptr;
     return file ? msgdb_find(file.get(), buffer, size, number) : 0;
 }
 

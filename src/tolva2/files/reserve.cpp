@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <initializer_list>
+#include <sys/resource.h>
 
 namespace
 {
@@ -16,28 +18,39 @@ constexpr int32_t RESERVE_SIZE = 2;
 
 ux_fd reserve[RESERVE_SIZE];
 
-/* One more descriptor, at a number above those of the sockets if there is
- * one. */
+/* One more descriptor, at a number above those of the sockets if it can be:
+ * behind the budget, or at its end. */
 ux_fd take_descriptor()
 {
     ux_fd low(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!low) {
         return low;
     }
-    ux_fd high(fcntl(low.get(), F_DUPFD_CLOEXEC, max_fds - RESERVE_SIZE));
-    return high ? std::move(high) : std::move(low);
+    for (int32_t number : {max_fds, max_fds - RESERVE_SIZE}) {
+        ux_fd high(fcntl(low.get(), F_DUPFD_CLOEXEC, number));
+        if (high) {
+            return high;
+        }
+    }
+    return low;
 }
 
-bool is_shortage(int error)
+/* Numbers that can still be had; the limit may be lowered while we run. */
+rlim_t number_limit()
 {
-    return error == EMFILE || error == ENFILE;
+    rlimit limit{};
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
 }
 
 } // namespace
 
 int32_t fill_reserve()
 {
+    rlim_t limit = number_limit();
     for (ux_fd &held : reserve) {
+        if (held && static_cast<rlim_t>(held.get()) >= limit) {
+            held.reset();
+        }
         if (!held) {
             held = take_descriptor();
         }
@@ -58,10 +71,15 @@ bool give_up_reserve()
     return any;
 }
 
+bool reserve_helps(int32_t error)
+{
+    return (error == EMFILE || error == ENFILE) && give_up_reserve();
+}
+
 ux_file open_file(const char *path, const char *mode)
 {
     ux_file file(fopen(path, mode));
-    if (!file && is_shortage(errno) && give_up_reserve()) {
+    if (!file && reserve_helps(errno)) {
         file.reset(fopen(path, mode));
     }
     return file;

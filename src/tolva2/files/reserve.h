@@ -20,6 +20,10 @@ int32_t fill_reserve();
 /* Closes what the reserve holds: false when that is nothing. */
 bool give_up_reserve();
 
+/* Gives it up if that can mend the error of a call that opens something: true
+ * when the call is worth another attempt. */
+[[nodiscard]] bool reserve_helps(int32_t error);
+
 /* fopen, with the reserve given up when there is no other descriptor. */
 [[nodiscard]] ux_file open_file(const char *path, const char *mode);
 

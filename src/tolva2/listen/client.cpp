@@ -40,22 +40,22 @@ bool is_shortage(int error)
            error == ENOMEM;
 }
 
+/* One failure may be that of one client; what repeats is a shortage too. */
 void note_refusal(accept_pause *pause, int error)
 {
-    if (!is_shortage(error)) {
-        log_system(error);
-        return;
-    }
-    if (!pause->told) {
+    bool repeats = pause->error == error;
+    if (!pause->told && !repeats) {
         log_system(error);
     }
-    *pause = {true, true, open_descriptors(), time(nullptr)};
+    bool lasting = repeats || is_shortage(error);
+    *pause = {lasting, lasting, error, open_descriptors(), time(nullptr)};
 }
 
 /* The shortage is over once nobody is left waiting. */
 void note_accepted(accept_pause *pause, int32_t listener)
 {
     pause->waiting = false;
+    pause->error = 0;
     if (pause->told) {
         pollfd waiting{listener, POLLIN, 0};
         pause->told = poll(&waiting, 1, 0) > 0;
@@ -67,14 +67,15 @@ ux_fd accept_client(int32_t listener, sockaddr_in *address, accept_pause *pause)
 {
     ux_fd fd;
     int32_t error = fill_reserve();
-    if (error != 0 && open_descriptors() <= LISTENERS_MAX) {
-        give_up_reserve();
-        error = 0;
-    }
-    if (error == 0) {
+    bool nobody_in = open_descriptors() <= LISTENERS_MAX;
+    if (error == 0 || nobody_in) {
         socklen_t length = sizeof *address;
         fd = sock_accept(listener, address, &length);
         error = why_unwatchable(fd);
+        if (!fd && nobody_in && reserve_helps(error)) {
+            fd = sock_accept(listener, address, &length);
+            error = why_unwatchable(fd);
+        }
     }
     if (error == 0) {
         note_accepted(pause, listener);
@@ -99,6 +100,8 @@ connection *add_client(address_kind type, const sockaddr_in *address, ux_fd fd)
     cn->port = static_cast<uint32_t>(rp->listenport);
     if (fd) {
         set_close_on_exec(fd.get());
+        /* A peer that lost its power says nothing, for ever. */
+        set_keep_alive(fd.get());
         cn->fd = watched_fd(std::move(fd), EVENT_READABLE);
     }
     if (!register_connection(clients, std::move(owner))) {
@@ -118,17 +121,25 @@ void run_request(connection *cn, request_class kind, char *text)
     }
 }
 
-/* One receive is the whole command: there is no framing. */
-void receive_command(connection *cn)
+/*
+ * One receive is the whole command: there is no framing. False when there was
+ * nothing to receive after all, and the client is waited for as before.
+ */
+bool receive_command(connection *cn)
 {
     char text[TEXT_BUFFER];
-    ssize_t length = recv(cn->fd.get(), text, sizeof text - 1, 0);
+    ssize_t length = recv(cn->fd.get(), text, sizeof text - 1, MSG_DONTWAIT);
+    if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return false;
+    }
+    /* One message is all that a client can say. */
+    watch(cn->fd, EVENT_NONE);
     if (length < 0) {
         log_system(errno);
     }
     if (length <= 0) {
         report(event::nothing_received);
-        return;
+        return true;
     }
     text[length] = '\0';
     report(event::message_received);
@@ -136,9 +147,10 @@ void receive_command(connection *cn)
     request_class kind = classify_request(text);
     if (kind == REQUEST_NONE) {
         report(event::not_understood);
-        return;
+        return true;
     }
     run_request(cn, kind, text);
+    return true;
 }
 
 } // namespace
@@ -233,9 +245,9 @@ void handle_tcp_client(ux_list_element *node)
 {
     trace_in();
     connection *cn = record_of(node);
-    /* One message is all that a client can say. */
-    watch(cn->fd, EVENT_NONE);
-    receive_command(cn);
+    if (!receive_command(cn)) {
+        return;
+    }
     cn->deadline = 0;
     if (!cn->busy) {
         unregister_connection(clients, node);

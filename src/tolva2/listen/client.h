@@ -17,16 +17,17 @@
 
 /* What is remembered while clients cannot be accepted. */
 struct accept_pause {
-    bool waiting;      /* the last attempt was refused */
+    bool waiting;      /* no attempt is worth it for now */
     bool told;         /* and the log says so */
+    int32_t error;     /* of the last attempt; 0: none */
     int32_t open_then; /* descriptors at that attempt */
     time_t when;
 };
 
 /*
  * Accepts one client that must send its command by deadline; refused ones are
- * logged and closed. When no descriptor can be had it says so once, and
- * accepting_clients tells when to try again.
+ * logged and closed. When no descriptor can be had, or accepting fails again
+ * and again, it says so once, and accepting_clients tells when to try again.
  */
 void handle_tcp_connect(int32_t listener, const ux_list *allowed,
                         time_t deadline, accept_pause *pause);

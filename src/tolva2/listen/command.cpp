@@ -13,6 +13,8 @@
 #include "tolva2/listen/redundancy.h"
 #include "tolva2/listen/reply.h"
 
+#include <iterator>
+#include <span>
 #include <sys/wait.h>
 
 namespace
@@ -65,17 +67,65 @@ void finish_child(ux_list *list, ux_list_element *node, int32_t status)
     }
 }
 
-/* Serves the record that waits for this child: false when none does. */
-bool finish_recorded(ux_list *list, pid_t child, int32_t status)
+struct ended_child {
+    pid_t pid; /* 0: served */
+    int status;
+};
+
+/*
+ * Children that have ended or were stopped, and whose records have not been
+ * found yet. They are collected in the system's order, so that a thousand
+ * scripts need not be asked one by one, and served in that of the lists.
+ */
+struct {
+    ended_child children[256];
+    size_t count;
+} collected;
+
+std::span<ended_child> collected_children()
 {
-    for (ux_list_element *node : ux_nodes(list)) {
-        const connection *cn = record_of(node);
-        if (cn && cn->child_owed && cn->pid == child) {
-            finish_child(list, node, status);
-            return true;
+    return {collected.children, collected.count};
+}
+
+/* A child that was stopped and has ended since has only ended. */
+void note_child(pid_t pid, int status)
+{
+    for (ended_child &child : collected_children()) {
+        if (child.pid == pid) {
+            child.status = status;
+            return;
         }
     }
-    return false;
+    collected.children[collected.count++] = {pid, status};
+}
+
+/* True when there may be more than could be noted. */
+bool collect_children()
+{
+    collected.count = 0;
+    while (collected.count < std::size(collected.children)) {
+        int status = 0;
+        pid_t pid = waitpid(-1, &status, WNOHANG | WUNTRACED);
+        if (pid <= 0) {
+            return false;
+        }
+        note_child(pid, status);
+    }
+    return true;
+}
+
+/* The collected child that the record follows, or null. */
+ended_child *child_of(const connection *cn)
+{
+    if (!cn || !cn->child_owed) {
+        return nullptr;
+    }
+    for (ended_child &child : collected_children()) {
+        if (child.pid == cn->pid) {
+            return &child;
+        }
+    }
+    return nullptr;
 }
 
 } // namespace
@@ -108,11 +158,10 @@ void handle_sigchld(ux_list *list)
 {
     trace_in();
     for (ux_list_element *node : ux_nodes(list)) {
-        const connection *cn = record_of(node);
-        int status = 0;
-        if (cn && cn->pid != 0 && cn->child_owed &&
-            waitpid(cn->pid, &status, WNOHANG | WUNTRACED) > 0) {
-            finish_child(list, node, status);
+        ended_child *child = child_of(record_of(node));
+        if (child) {
+            child->pid = 0;
+            finish_child(list, node, child->status);
         }
     }
 }
@@ -120,18 +169,14 @@ void handle_sigchld(ux_list *list)
 void reap_children()
 {
     trace_in();
-    if (clients->size > 0) {
-        handle_sigchld(clients);
-    }
-    if (connections->size > 0) {
-        handle_sigchld(connections);
-    }
-    int status = 0;
-    pid_t child = 0;
-    while ((child = waitpid(-1, &status, WNOHANG)) > 0) {
-        /* One that has ended since the lists were walked still counts. */
-        if (!finish_recorded(clients, child, status)) {
-            finish_recorded(connections, child, status);
+    bool more = true;
+    while (more) {
+        more = collect_children();
+        if (clients->size > 0) {
+            handle_sigchld(clients);
+        }
+        if (connections->size > 0) {
+            handle_sigchld(connections);
         }
     }
 }

@@ -18,12 +18,14 @@ bool exec_V1command(connection *cn);
  */
 bool exec_V2command(connection *cn, char *text);
 
-/* Collects the finished scripts of one list (clients or connections). */
+/* Serves the records of one list (clients or connections) whose scripts have
+ * been collected; reap_children calls it. */
 void handle_sigchld(ux_list *list);
 
 /*
- * Collects the finished scripts of both lists, and every other child: one
- * that no record follows any more must not stay behind as a zombie.
+ * Collects every child that has ended and serves the records of both lists
+ * that follow them. A child that no record follows any more must not stay
+ * behind as a zombie either.
  */
 void reap_children();
 

@@ -17,9 +17,11 @@
 #include "tolva2/net/connection.h"
 #include "tolva2/net/sockets.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>
+#include <poll.h>
 
 namespace
 {
@@ -177,6 +179,26 @@ bool open_listeners(listener_state *state, const ux_list *alive)
     return true;
 }
 
+/* True when clients cannot be accepted while one waits at the door. */
+bool is_crowded(const listener_state *state)
+{
+    if (accepting_clients(&state->pause, state->now) == accepting::yes) {
+        return false;
+    }
+    pollfd door{state->tcp.get(), POLLIN, 0};
+    return poll(&door, 1, 0) > 0;
+}
+
+/*
+ * Seconds until the next cycle of the watch. A socket that stays readable
+ * holds cycles back; so does a client that cannot be let in, without spinning.
+ */
+int64_t alive_timeout(const listener_state *state)
+{
+    int64_t left = rp->alive_interval - (state->now - state->last_alive);
+    return left > 0 ? left : is_crowded(state) ? RETRY_SECONDS : 0;
+}
+
 /* Seconds to wait at most, -1 for ever; drops clients that are too late. */
 int64_t next_timeout(const listener_state *state)
 {
@@ -186,10 +208,7 @@ int64_t next_timeout(const listener_state *state)
     }
     debug_printf("DEBUG: timeout 1 = %d\n", static_cast<int>(timeout));
     if (connections->size > 0) {
-        int64_t alive = rp->alive_interval - (state->now - state->last_alive);
-        if (alive < 0) {
-            alive = 0;
-        }
+        int64_t alive = alive_timeout(state);
         if (timeout < 0 || alive < timeout) {
             timeout = alive;
         }
@@ -215,6 +234,8 @@ wait_result wait_for_events(listener_state *state)
                  highest_descriptor(), max_fds, open_descriptors());
     wait_result found = wait_for_descriptors(timeout, &state->wait_mask);
     state->now = time(nullptr);
+    /* The clock was set back: nothing waits for the old time to come again. */
+    state->last_alive = std::min(state->last_alive, state->now);
     debug_printf("DEBUG: select() returned nready = %d\n", found.ready);
     return found;
 }
@@ -223,7 +244,8 @@ wait_result wait_for_events(listener_state *state)
 void run_alive_cycle(listener_state *state)
 {
     if (connections->size > 0 &&
-        state->now - state->last_alive >= rp->alive_interval) {
+        state->now - state->last_alive >= rp->alive_interval &&
+        !is_crowded(state)) {
         state->last_alive = state->now;
         alive::cancel_connections();
         alive::start_connections();

@@ -5,6 +5,7 @@
 #include "tolva2/net/connection.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/files/logfile.h"
+#include "tolva2/files/reserve.h"
 #include "tolva2/net/sockets.h"
 
 #include <cassert>
@@ -167,6 +168,9 @@ ux_fd open_connect_socket(const connection *cn)
 {
     trace_in();
     ux_fd fd = tcp_socket_nonblock();
+    if (!fd && reserve_helps(errno)) {
+        fd = tcp_socket_nonblock();
+    }
     int32_t error = why_unwatchable(fd);
     if (error == 0 && !sock_connect(fd.get(), &cn->addr)) {
         error = errno;

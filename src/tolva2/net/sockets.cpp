@@ -135,6 +135,12 @@ bool set_close_on_exec(int32_t fd)
     return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0;
 }
 
+bool set_keep_alive(int32_t fd)
+{
+    int on = 1;
+    return setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0;
+}
+
 bool sock_connect(int32_t fd, const sockaddr_in *address)
 {
     trace_in();

@@ -34,6 +34,9 @@ bool sock_shutdown_write(int32_t fd);
 /* Adds FD_CLOEXEC. */
 bool set_close_on_exec(int32_t fd);
 
+/* Has the system look now and then whether the peer is still there. */
+bool set_keep_alive(int32_t fd);
+
 /* True when connected or under way (see sock_pending_error). */
 [[nodiscard]] bool sock_connect(int32_t fd, const sockaddr_in *address);
 [[nodiscard]] bool sock_connect_to(int32_t fd, uint16_t port,
