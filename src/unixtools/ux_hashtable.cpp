@@ -1,8 +1,14 @@
+/*
+ * The hash table: the caller's hash picks a bucket, the caller's match finds
+ * the element in it, and the list does the rest.
+ */
 #include "unixtools/ux_hashtable.h"
 #include "tolva2/base/trace.h"
+#include "unixtools/ux_nodes.h"
 
 #include <cassert>
 #include <cstdlib>
+#include <span>
 
 namespace
 {
@@ -19,15 +25,18 @@ ux_list *bucket_of(const ux_hashtable *ht, const void *data)
 ux_list_element *find_element(const ux_hashtable *ht, const ux_list *list,
                               const void *data)
 {
-    ux_list_element *element = list->head;
-    while (element) {
+    for (ux_list_element *element : ux_nodes(list)) {
         assert(element->data);
         if (ht->match(data, element->data)) {
             return element;
         }
-        element = element->next;
     }
     return nullptr;
+}
+
+std::span<ux_list> buckets_of(const ux_hashtable *ht)
+{
+    return {ht->table, ht->buckets};
 }
 
 } // namespace
@@ -50,14 +59,15 @@ int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
     trace_in();
     assert(ht);
     assert(buckets);
+    /* By hand: the record belongs to the caller and holds a plain pointer. */
     void *table = calloc(buckets, sizeof(ux_list));
     if (!table) {
         return -1;
     }
     ht->table = static_cast<ux_list *>(table);
     ht->buckets = buckets;
-    for (uint32_t bucket = 0; bucket < buckets; bucket++) {
-        ux_list_init(&ht->table[bucket], destroy);
+    for (ux_list &bucket : buckets_of(ht)) {
+        ux_list_init(&bucket, destroy);
     }
     ht->hash = hash;
     ht->match = match;
@@ -70,8 +80,8 @@ void ux_hashtable_destroy(ux_hashtable *ht)
 {
     trace_in();
     assert(ht);
-    for (uint32_t bucket = 0; bucket < ht->buckets; bucket++) {
-        ux_list_destroy(&ht->table[bucket]);
+    for (ux_list &bucket : buckets_of(ht)) {
+        ux_list_destroy(&bucket);
     }
     free(ht->table);
     *ht = ux_hashtable{};

@@ -1,16 +1,19 @@
+/*
+ * The doubly linked list. Each operation asserts what it relies on, where it
+ * relies on it, and in a fixed order: the first broken invariant is named.
+ */
 #include "unixtools/ux_list.h"
 #include "tolva2/base/trace.h"
+#include "unixtools/ux_owned.h"
 
 #include <cassert>
-#include <cstdlib>
 
 namespace
 {
 
 ux_list_element *new_element(void *data)
 {
-    void *block = calloc(1, sizeof(ux_list_element));
-    auto *element = static_cast<ux_list_element *>(block);
+    auto *element = ux_new<ux_list_element>();
     if (element) {
         element->data = data;
     }
@@ -160,7 +163,7 @@ int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out)
             element->next->prev = element->prev;
         }
     }
-    free(element);
+    ux_delete(element);
     list->size--;
     return 0;
 }

@@ -1,3 +1,7 @@
+/*
+ * Reads a number out of a text with the C library, which goes to 64 bits, and
+ * keeps it within the 32 that the program counts in.
+ */
 #include "unixtools/ux_number.h"
 
 #include <cstdlib>

@@ -1,16 +1,12 @@
 #include "capture.h"
 #include "death.h"
+#include "failing_calls.h"
 #include "unixtools/ux_hashtable.h"
 
-#include <cassert>
 #include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include "failing_heap.h"
-#include "unixtools/ux_hashtable.cpp"
-#include "unixtools/ux_list.cpp"
 
 namespace
 {
@@ -143,7 +139,7 @@ TEST_F(ux_hashtable_test, init_without_memory_leaves_the_record_alone)
     ux_hashtable fresh;
     memset(static_cast<void *>(&fresh), 0x5a, sizeof fresh);
     ux_hashtable before = fresh;
-    heap_limit none(0);
+    failing_heap none;
     EXPECT_EQ(
         ux_hashtable_init(&fresh, 3, hash_datum, match_datum, destroy_datum),
         -1);
@@ -202,7 +198,7 @@ TEST_F(ux_hashtable_test, insert_refuses_a_second_datum_of_a_key)
 
 TEST_F(ux_hashtable_test, insert_without_memory_changes_nothing)
 {
-    heap_limit none(0);
+    failing_heap none;
     EXPECT_EQ(ux_hashtable_insert(&ht, &one), -1);
     EXPECT_EQ(ht.size, 0u);
     EXPECT_EQ(marks(1), marks_t{});
@@ -236,7 +232,7 @@ TEST_F(ux_hashtable_test, replace_of_a_known_key_hands_the_old_datum_back)
 TEST_F(ux_hashtable_test, replace_without_memory_leaves_the_datum_to_the_caller)
 {
     void *data = &one;
-    heap_limit none(0);
+    failing_heap none;
     EXPECT_EQ(ux_hashtable_replace(&ht, &data), -1);
     EXPECT_EQ(data, &one);
     EXPECT_EQ(ht.size, 0u);

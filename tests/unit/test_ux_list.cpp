@@ -1,15 +1,12 @@
 #include "capture.h"
 #include "death.h"
+#include "failing_calls.h"
 #include "unixtools/ux_list.h"
 
-#include <cassert>
 #include <cstddef>
 #include <cstring>
 #include <type_traits>
 #include <vector>
-
-#include "failing_heap.h"
-#include "unixtools/ux_list.cpp"
 
 namespace
 {
@@ -159,11 +156,13 @@ TEST_F(ux_list_test, insertion_into_a_null_list_fails)
 
 TEST_F(ux_list_test, insertion_without_memory_changes_nothing)
 {
-    heap_limit none(0);
-    EXPECT_EQ(ux_list_ins_next(&list, nullptr, &values[0]), -1);
-    EXPECT_EQ(ux_list_ins_prev(&list, nullptr, &values[0]), -1);
-    EXPECT_EQ(contents(list), numbers{});
-    heap_left = 2;
+    {
+        failing_heap none;
+        EXPECT_EQ(ux_list_ins_next(&list, nullptr, &values[0]), -1);
+        EXPECT_EQ(ux_list_ins_prev(&list, nullptr, &values[0]), -1);
+        EXPECT_EQ(contents(list), numbers{});
+    }
+    failing_heap two_left(2);
     fill(2);
     EXPECT_EQ(ux_list_ins_next(&list, list.tail, &values[2]), -1);
     EXPECT_EQ(ux_list_ins_prev(&list, list.head, &values[2]), -1);
