@@ -1,5 +1,6 @@
 /* Any line, and any file: what was read must survive being rewritten. */
 #include "fuzz_input.h"
+#include "unixtools/ux_cfgline.h"
 #include "unixtools/ux_configfile.h"
 
 #include <cstdio>
@@ -8,25 +9,26 @@
 namespace
 {
 
-char *name = nullptr;
+ux_text name;
 int32_t number = 0;
-char *fallback = nullptr;
+ux_text fallback;
 int32_t seven = 7;
 
-ux_option table[] = {
-    {UX_OPTION_STRING, "name", &name, &fallback, 0, 0},
-    {UX_OPTION_INTEGER, "number", &number, &seven, 0, 0},
-    {0, nullptr, nullptr, nullptr, 0, 0},
+const ux_option table[] = {
+    {UX_OPTION_STRING, "name", {nullptr, &name}, {nullptr, &fallback}},
+    {UX_OPTION_INTEGER, "number", {&number}, {&seven}},
+    {},
 };
 
 void parse_one(const uint8_t *data, size_t size)
 {
     char *line = fuzz_text(data, size);
-    cfgmodule parsed;
+    config_line parsed;
     int32_t result = parse_line(line, &parsed);
     fuzz_check(result == 0 || result == 1);
-    for (const char *part : {parsed.ident, parsed.value, parsed.comment}) {
-        fuzz_check(!part || (part >= line && part <= line + size));
+    for (std::string_view part : {parsed.ident, parsed.value, parsed.comment}) {
+        fuzz_check(!part.data() || (part.data() >= line &&
+                                    part.data() + part.size() <= line + size));
     }
     free(line);
 }
@@ -34,7 +36,6 @@ void parse_one(const uint8_t *data, size_t size)
 void read_back(const char *path, int32_t expected)
 {
     number = 0;
-    free(name);
     name = nullptr;
     fuzz_check(ux_readconfig(path, table, 3, 1) == 1);
     fuzz_check(number == expected);
@@ -53,7 +54,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int32_t first = number;
     fuzz_check(ux_rewriteconfig(path, table, 3) == 1);
     read_back(path, first);
-    free(name);
     name = nullptr;
     unlink(path);
     return 0;

@@ -200,15 +200,15 @@ def documented_settings():
 
 
 def program_settings():
-    """{key: default} from the program's own tables."""
+    """{key: default} from the program's own table."""
+    base = SOURCE / "tolva2" / "base" / "codes.h"
+    ports = dict(re.findall(r"int32_t (\w+_PORT) = (\d+);", base.read_text()))
     text = (SOURCE / "tolva2" / "files" / "settings.cpp").read_text()
-    fields = re.findall(r'KEY_ROW\(\w+,\s*"(\w+)",\s*(\w+)\)', text)
-    values = dict(re.findall(r"default_settings\.(\w+) = (\d+);", text))
-    rows = re.findall(r'\{&receiver_params::(\w+), "([^"]+)"\}', text)
-    for field, value in rows:
-        in_home = re.search(r"\.(sh|log|dat)$", value)
-        values[field] = f"HOME/{value}" if in_home else value
-    return {key: values.get(field, "") for key, field in fields}
+    rows = re.findall(r'^    (number|text|file)\("(\w+)", &params::\w+,\s*'
+                      r'"?([^")]+)"?\)', text, re.MULTILINE)
+    values = {"nullptr": ""} | ports
+    return {key: f"HOME/{value}" if kind == "file" else values.get(value, value)
+            for kind, key, value in rows}
 
 
 def test_the_settings_and_their_defaults_are_those_of_the_program():

@@ -36,8 +36,9 @@ bool fails(const char *name)
 
 } // namespace
 
-failing_call::failing_call(std::string_view called, int with, int first)
-    : name(called), error(with), after(first)
+failing_call::failing_call(std::string_view called, int with, int first,
+                           int many)
+    : name(called), error(with), after(first), times(many)
 {
     *std::find(failures.begin(), failures.end() - 1, nullptr) = this;
 }
@@ -54,6 +55,10 @@ bool failing_call::claims(std::string_view called)
         return false;
     }
     after = 0;
+    if (times == 0) {
+        return false;
+    }
+    times--;
     errno = error;
     return true;
 }
@@ -70,6 +75,8 @@ int __real_fclose(FILE *stream);
 int __real_open(const char *path, int flags, mode_t mode);
 int __real_mkostemp(char *name, int flags);
 char *__real_realpath(const char *path, char *resolved);
+FILE *__real_fopen(const char *path, const char *mode);
+char *__real_fgets(char *line, int size, FILE *stream);
 pid_t __real_fork();
 int __real_dup2(int from, int to);
 int __real_fcntl(int fd, int command, long argument);
@@ -138,6 +145,16 @@ int __wrap_mkostemp(char *name, int flags)
 char *__wrap_realpath(const char *path, char *resolved)
 {
     return fails("realpath") ? nullptr : __real_realpath(path, resolved);
+}
+
+FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    return fails("fopen") ? nullptr : __real_fopen(path, mode);
+}
+
+char *__wrap_fgets(char *line, int size, FILE *stream)
+{
+    return fails("fgets") ? nullptr : __real_fgets(line, size, stream);
 }
 
 pid_t __wrap_fork()

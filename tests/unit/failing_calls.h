@@ -10,18 +10,21 @@
 #define TESTS_UNIT_FAILING_CALLS_H
 
 #include <cerrno>
+#include <climits>
 #include <functional>
 #include <poll.h>
 #include <string_view>
 
 /*
  * For as long as it lives, calls of that name fail with that error, after the
- * first few have gone through. "heap" is any allocation.
+ * first few have gone through: all of them, or so many. "heap" is any
+ * allocation.
  */
 class failing_call
 {
   public:
-    failing_call(std::string_view name, int error, int after = 0);
+    failing_call(std::string_view name, int error, int after = 0,
+                 int times = INT_MAX);
     ~failing_call();
     failing_call(const failing_call &) = delete;
     failing_call &operator=(const failing_call &) = delete;
@@ -33,6 +36,7 @@ class failing_call
     std::string_view name;
     int error;
     int after;
+    int times;
 };
 
 /* The heap has this many allocations left for as long as it lives. */

@@ -11,7 +11,6 @@
 #include "tolva2/files/settings.h"
 #include "tolva2/listen/redundancy.h"
 
-#include <deque>
 #include <string>
 
 class listener
@@ -43,11 +42,10 @@ class listener
     listener(const listener &) = delete;
     listener &operator=(const listener &) = delete;
 
-    /* A text that lives as long as the listener. */
-    char *text(const std::string &content)
+    /* A text for a setting. */
+    static ux_text text(const std::string &content)
     {
-        texts.push_back(content);
-        return texts.back().data();
+        return ux_copy(content.c_str());
     }
     /* Redundant senders, level 1, with a harmless batch file. */
     void make_redundant(const char *addresses, int32_t level)
@@ -64,8 +62,6 @@ class listener
     receiver_params settings;
 
   private:
-    /* Those that there are stay where they are when one more comes. */
-    std::deque<std::string> texts;
     address_list members;
 };
 

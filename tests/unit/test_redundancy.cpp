@@ -76,16 +76,15 @@ class redundant_listener
                        const char *enabled = "TRUE",
                        const char *suppress_batch = "false",
                        const std::string &batch = "/opt/suppressed.sh")
-        : members(addresses), enabled_text(enabled),
-          suppress_text(suppress_batch), batch_text(batch)
+        : members(addresses)
     {
         calls.clear();
         answering.clear();
         script_record = nullptr;
         settings = receiver_params{};
-        settings.redundancy_enabled = enabled_text.data();
-        settings.redundancy_batch_suppress = suppress_text.data();
-        settings.redundancy_batch_file = batch_text.data();
+        settings.redundancy_enabled = ux_copy(enabled);
+        settings.redundancy_batch_suppress = ux_copy(suppress_batch);
+        settings.redundancy_batch_file = ux_copy(batch.c_str());
         settings.redundancy_level = level;
         init_redundant_shutdowns(&settings, members.get());
     }
@@ -108,11 +107,6 @@ class redundant_listener
     address_list members;
     receiver_params settings;
     operator_log log;
-
-  private:
-    std::string enabled_text;
-    std::string suppress_text;
-    std::string batch_text;
 };
 
 std::string suppressed(int level, int failures)

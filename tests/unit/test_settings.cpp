@@ -1,4 +1,9 @@
+/*
+ * The listener's settings: each key with its field and default, what a file
+ * makes of them, and what is left of them when it cannot be read.
+ */
 #include "capture.h"
+#include "failing_calls.h"
 #include "temp_dir.h"
 #include "tolva2/files/settings.h"
 
@@ -41,7 +46,7 @@ struct integer_key {
 
 struct text_key {
     const char *key;
-    char *receiver_params::*field;
+    ux_text receiver_params::*field;
     const char *default_value; /* may be null */
 };
 
@@ -88,10 +93,10 @@ void expect_defaults(const receiver_params *p, const std::string &home)
         EXPECT_EQ(p->*k.field, k.default_value) << k.key;
     }
     for (const text_key &k : TEXT_KEYS) {
-        EXPECT_STREQ(p->*k.field, k.default_value) << k.key;
+        EXPECT_STREQ((p->*k.field).get(), k.default_value) << k.key;
     }
     for (const text_key &k : FILE_KEYS) {
-        EXPECT_EQ(p->*k.field, home + k.default_value) << k.key;
+        EXPECT_EQ((p->*k.field).get(), home + k.default_value) << k.key;
     }
 }
 
@@ -139,7 +144,7 @@ TEST_F(settings_test, the_two_records_are_known_to_everybody)
     ASSERT_NE(rp_defaults, nullptr);
     EXPECT_NE(rp_defaults, p);
     EXPECT_EQ(p->listenport, 7);
-    EXPECT_STREQ(p->listen_address, "127.0.0.9");
+    EXPECT_STREQ(p->listen_address.get(), "127.0.0.9");
     expect_defaults(rp_defaults, "/home/tolva/");
     /* A default is copied, never shared. */
     EXPECT_NE(p->shutdown_prog, rp_defaults->shutdown_prog);
@@ -164,9 +169,9 @@ TEST_F(settings_test, every_key_sets_its_own_field)
         ASSERT_NE(p, nullptr);
         for (const text_key &other : keys) {
             if (other.key == k.key) {
-                EXPECT_STREQ(p->*other.field, "some text") << k.key;
+                EXPECT_STREQ((p->*other.field).get(), "some text") << k.key;
             } else {
-                EXPECT_STRNE(p->*other.field, "some text")
+                EXPECT_STRNE((p->*other.field).get(), "some text")
                     << other.key << " after " << k.key;
             }
         }
@@ -220,8 +225,8 @@ TEST_F(settings_test, quotes_and_8_bit_characters_belong_to_a_text)
     const receiver_params *p =
         read("ExecProg=\"/opt/a # b.sh\" # c\nMsgProg=/\xfc\xe9.sh\n");
     ASSERT_NE(p, nullptr);
-    EXPECT_STREQ(p->exec_prog, "\"/opt/a # b.sh\"");
-    EXPECT_STREQ(p->msg_prog, "/\xfc\xe9.sh");
+    EXPECT_STREQ(p->exec_prog.get(), "\"/opt/a # b.sh\"");
+    EXPECT_STREQ(p->msg_prog.get(), "/\xfc\xe9.sh");
 }
 
 TEST_F(settings_test, without_a_home_the_file_names_stand_alone)
@@ -257,11 +262,115 @@ TEST_F(settings_test, free_gives_every_text_back)
     const receiver_params *defaults = rp_defaults;
     free_receiver_config();
     for (const text_key &k : FILE_KEYS) {
-        EXPECT_EQ(p->*k.field, nullptr) << k.key;
-        EXPECT_EQ(defaults->*k.field, nullptr) << k.key;
+        EXPECT_EQ((p->*k.field).get(), nullptr) << k.key;
+        EXPECT_EQ((defaults->*k.field).get(), nullptr) << k.key;
     }
     free_receiver_config();
     expect_defaults(read("# again\n"), "/home/tolva/");
+}
+
+TEST_F(settings_test, a_reading_that_fails_leaves_the_settings_in_force)
+{
+    receiver_params *p = read("AllowedAddresses=127.0.0.1\nListenPort=9\n");
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(read(""), nullptr);
+    {
+        write_file(path, "AllowedAddresses=127.0.0.2\nListenPort=10\n");
+        failing_call broken("fgets", EIO, 1);
+        EXPECT_EQ(read_receiver_config(path.c_str(), "/other", 1), nullptr);
+    }
+    EXPECT_EQ(rp, p);
+    EXPECT_EQ(p->listenport, 9);
+    EXPECT_STREQ(p->allowed_addresses.get(), "127.0.0.1");
+    EXPECT_STREQ(p->mail_prog.get(), "/home/tolva/tolva_mail.sh");
+    expect_defaults(rp_defaults, "/home/tolva/");
+}
+
+/* Memory */
+
+/* The record as one text. */
+std::string as_text(const receiver_params *p)
+{
+    std::string all;
+    for (const integer_key &k : INTEGER_KEYS) {
+        all += std::string(k.key) + "=" + std::to_string(p->*k.field) + "\n";
+    }
+    for (const auto &keys : {TEXT_KEYS, FILE_KEYS}) {
+        for (const text_key &k : keys) {
+            const char *text = (p->*k.field).get();
+            all += std::string(k.key) + "=" + (text ? text : "(null)") + "\n";
+        }
+    }
+    return all;
+}
+
+/*
+ * A list of senders that is lost would admit everybody: with too little memory
+ * there are no settings at all, never some of them.
+ */
+TEST_F(settings_test, there_are_all_settings_or_none_whatever_memory_is_left)
+{
+    const std::string content = "AllowedAddresses=127.0.0.1 # mine\n"
+                                "ListenPort=7\nShutdownProg=/s.sh\n"
+                                "AllowedAddresses=127.0.0.2\n";
+    const receiver_params *whole = read(content);
+    ASSERT_NE(whole, nullptr);
+    const std::string expected = as_text(whole);
+    const std::string absent = dir.path("absent.cfg");
+    for (const std::string &file : {path, absent}) {
+        int left = 0;
+        const receiver_params *p = nullptr;
+        for (; p == nullptr && left < 1000; left++) {
+            failing_heap limit(left);
+            p = read_receiver_config(file.c_str(), "/home/tolva", 1);
+        }
+        ASSERT_NE(p, nullptr);
+        EXPECT_GT(left, 40);
+        if (file == path) {
+            EXPECT_EQ(as_text(p), expected);
+        } else {
+            expect_defaults(p, "/home/tolva/");
+        }
+    }
+}
+
+TEST_F(settings_test, one_allocation_that_fails_is_enough_for_no_settings)
+{
+    const std::string content = "AllowedAddresses=127.0.0.1\n"
+                                "RedundancyAddresses=127.0.0.2 # last\n";
+    const receiver_params *whole = read(content);
+    ASSERT_NE(whole, nullptr);
+    const std::string expected = as_text(whole);
+    const std::string absent = dir.path("absent.cfg");
+    for (const std::string &file : {path, absent}) {
+        int before = 0;
+        const receiver_params *p = nullptr;
+        for (; p == nullptr && before < 1000; before++) {
+            failing_call one("heap", ENOMEM, before, 1);
+            p = read_receiver_config(file.c_str(), "/home/tolva", 1);
+        }
+        ASSERT_NE(p, nullptr);
+        EXPECT_GT(before, 40);
+        if (file == path) {
+            EXPECT_EQ(as_text(p), expected);
+        } else {
+            expect_defaults(p, "/home/tolva/");
+        }
+    }
+}
+
+TEST_F(settings_test, the_same_holds_for_a_file_that_was_named)
+{
+    const receiver_params *whole = read("AllowedAddresses=127.0.0.1\n");
+    ASSERT_NE(whole, nullptr);
+    const std::string expected = as_text(whole);
+    for (int left = 0; left < 150; left++) {
+        free_receiver_config();
+        failing_heap limit(left);
+        const receiver_params *p =
+            read_receiver_config(path.c_str(), "/home/tolva", 0);
+        EXPECT_TRUE(p == nullptr || as_text(p) == expected) << left;
+    }
 }
 
 /* Truth values */
@@ -287,14 +396,14 @@ TEST_F(settings_test, truth_values_from_a_file)
           "LogfileEnabled=", "LogfileEnabled = true # comment\r"}) {
         const receiver_params *p = read(std::string(line) + "\n");
         ASSERT_NE(p, nullptr);
-        EXPECT_EQ(setting_is_on(p->logfile_enabled), 1) << line;
+        EXPECT_EQ(setting_is_on(p->logfile_enabled.get()), 1) << line;
     }
     for (const char *line :
          {"LogfileEnabled=yes", "LogfileEnabled=1", "LogfileEnabled=\"true\"",
           "LogfileEnabled=true false"}) {
         const receiver_params *p = read(std::string(line) + "\n");
         ASSERT_NE(p, nullptr);
-        EXPECT_EQ(setting_is_on(p->logfile_enabled), 0) << line;
+        EXPECT_EQ(setting_is_on(p->logfile_enabled.get()), 0) << line;
     }
 }
 
@@ -320,9 +429,9 @@ TEST(check_redundancy_config_test, needs_batch_file_and_addresses_when_on)
     };
     for (const redundancy_case &c : cases) {
         receiver_params p{};
-        p.redundancy_enabled = const_cast<char *>(c.enabled);
-        p.redundancy_batch_file = const_cast<char *>(c.batch_file);
-        p.redundancy_addresses = const_cast<char *>(c.addresses);
+        p.redundancy_enabled = ux_copy(c.enabled);
+        p.redundancy_batch_file = ux_copy(c.batch_file);
+        p.redundancy_addresses = ux_copy(c.addresses);
         EXPECT_EQ(check_redundancy_config(&p), c.expected)
             << (c.enabled ? c.enabled : "null") << ","
             << (c.batch_file ? c.batch_file : "null") << ","
@@ -387,8 +496,8 @@ TEST_F(settings_test, a_fresh_file_reads_back_the_same)
     const std::string first = read_file(path);
     ASSERT_NE(read_receiver_config(path.c_str(), "/other", 0), nullptr);
     EXPECT_EQ(rp->listenport, 7000);
-    EXPECT_STREQ(rp->exec_prog, "/x y.sh");
-    EXPECT_STREQ(rp->mail_prog, "/home/tolva/tolva_mail.sh");
+    EXPECT_STREQ(rp->exec_prog.get(), "/x y.sh");
+    EXPECT_STREQ(rp->mail_prog.get(), "/home/tolva/tolva_mail.sh");
     EXPECT_EQ(write_receiver_config(path.c_str(), 1), 1);
     EXPECT_EQ(read_file(path), first);
 }
@@ -443,7 +552,7 @@ TEST_F(settings_test, a_file_that_cannot_be_written_gives_0)
 TEST_F(settings_test, names_its_functions_above_trace_level_5_only)
 {
     auto all = [this] {
-        read("ListenPort=1\n");
+        (void)read("ListenPort=1\n");
         (void)check_redundancy_config(rp);
         (void)write_receiver_config(path.c_str(), 1);
         free_receiver_config();

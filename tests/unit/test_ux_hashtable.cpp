@@ -1,3 +1,4 @@
+/* The hash table: what each operation gives and hands back, bucket by bucket. */
 #include "capture.h"
 #include "death.h"
 #include "failing_calls.h"

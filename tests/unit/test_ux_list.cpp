@@ -1,3 +1,4 @@
+/* The list: what each operation leaves behind, and each invariant broken. */
 #include "capture.h"
 #include "death.h"
 #include "failing_calls.h"

@@ -1,9 +1,14 @@
+/*
+ * A setting lives in one row: its key, its field, its default. The rows that
+ * the reading and writing of the file go by are made of them when it is read
+ * or written.
+ */
 #include "tolva2/files/settings.h"
+#include "tolva2/base/codes.h"
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_configfile.h"
 
-#include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <strings.h>
 
 receiver_params *rp = nullptr;
@@ -14,122 +19,150 @@ namespace
 
 constexpr uint32_t SETTINGS_BUCKETS = 64;
 
-receiver_params settings_in_force;
-receiver_params default_settings;
+using params = receiver_params;
 
-/* A key, its type, and the field of the record that holds it. */
-#define KEY_ROW(type, key, field)                                              \
-    {                                                                          \
-        type, key, &settings_in_force.field, &default_settings.field, 0, 0     \
-    }
-#define HEADER_ROW(text)                                                       \
-    {                                                                          \
-        UX_OPTION_LITERAL, text, nullptr, nullptr, 0, 0                        \
-    }
-
-/* clang-format off */
-ux_option key_table[] = {
-    HEADER_ROW("#"),
-    HEADER_ROW("# TOLVA Configuration (v-3.00.0-1)"),
-    HEADER_ROW("#"),
-    KEY_ROW(UX_OPTION_TEXT, "ListenAddress", listen_address),
-    KEY_ROW(UX_OPTION_INTEGER, "ListenPort", listenport),
-    KEY_ROW(UX_OPTION_INTEGER, "ListenTimeout", listen_timeout),
-    KEY_ROW(UX_OPTION_TEXT, "ListenUDP", listen_udp),
-    KEY_ROW(UX_OPTION_TEXT, "AllowedAddresses", allowed_addresses),
-    KEY_ROW(UX_OPTION_TEXT, "AliveAddresses", alive_addresses),
-    KEY_ROW(UX_OPTION_INTEGER, "AlivePort", kesdalport),
-    KEY_ROW(UX_OPTION_TEXT, "AliveEnabled", alive_enabled),
-    KEY_ROW(UX_OPTION_INTEGER, "AliveInterval", alive_interval),
-    KEY_ROW(UX_OPTION_INTEGER, "AliveRetries", alive_retries),
-    KEY_ROW(UX_OPTION_STRING, "LogfileName", logfile_name),
-    KEY_ROW(UX_OPTION_TEXT, "LogfileEnabled", logfile_enabled),
-    KEY_ROW(UX_OPTION_INTEGER, "LogfileSize", logfile_size),
-    KEY_ROW(UX_OPTION_STRING, "ShutdownProg", shutdown_prog),
-    KEY_ROW(UX_OPTION_STRING, "AliveProg", alive_prog),
-    KEY_ROW(UX_OPTION_STRING, "ExecProg", exec_prog),
-    KEY_ROW(UX_OPTION_STRING, "MsgProg", msg_prog),
-    KEY_ROW(UX_OPTION_STRING, "MailProg", mail_prog),
-    KEY_ROW(UX_OPTION_STRING, "MsgDatName", msgfile_name),
-    KEY_ROW(UX_OPTION_TEXT, "RedundancyEnabled", redundancy_enabled),
-    KEY_ROW(UX_OPTION_STRING, "RedundancyBatchFile", redundancy_batch_file),
-    KEY_ROW(UX_OPTION_TEXT, "RedundancyBatchSuppress",
-            redundancy_batch_suppress),
-    KEY_ROW(UX_OPTION_INTEGER, "RedundancyLevel", redundancy_level),
-    KEY_ROW(UX_OPTION_TEXT, "RedundancyAddresses", redundancy_addresses),
-    {0, nullptr, nullptr, nullptr, 0, 0},
+struct setting {
+    ux_option_type type;
+    int32_t default_number;
+    const char *default_text; /* null: none */
+    const char *key;          /* or the line of a header */
+    int32_t params::*number = nullptr;
+    ux_text params::*text = nullptr;
 };
 
-/* The defaults that are files in the home directory. */
-const struct {
-    char *receiver_params::*field;
-    const char *file;
-} path_defaults[] = {
-    {&receiver_params::logfile_name, "tolva.log"},
-    {&receiver_params::shutdown_prog, "tolva_shutdown.sh"},
-    {&receiver_params::alive_prog, "tolva_notalive.sh"},
-    {&receiver_params::exec_prog, "tolva_execute.sh"},
-    {&receiver_params::msg_prog, "tolva_message.sh"},
-    {&receiver_params::mail_prog, "tolva_mail.sh"},
-    {&receiver_params::msgfile_name, "messages.dat"},
-    {&receiver_params::redundancy_batch_file, "ShutdownSuppressed.sh"},
-};
-
-/* The other defaults that are texts. */
-const struct {
-    char *receiver_params::*field;
-    const char *text;
-} text_defaults[] = {
-    {&receiver_params::listen_address, "0.0.0.0"},
-    {&receiver_params::listen_udp, "true"},
-    {&receiver_params::alive_enabled, "false"},
-    {&receiver_params::logfile_enabled, "true"},
-    {&receiver_params::redundancy_enabled, "false"},
-    {&receiver_params::redundancy_batch_suppress, "false"},
-};
-/* clang-format on */
-
-/* home/file, or file alone without a home; null when memory is exhausted. */
-char *path_in_home(const char *home, const char *file)
+/* A line that a fresh file begins with. */
+constexpr setting header(const char *line)
 {
-    if (!home || !*home) {
-        return strdup(file);
-    }
-    size_t size = strlen(home) + 1 + strlen(file) + 1;
-    char *path = static_cast<char *>(malloc(size));
-    if (path) {
-        snprintf(path, size, "%s/%s", home, file);
-    }
-    return path;
+    return {UX_OPTION_LITERAL, 0, nullptr, line};
 }
 
-void fill_defaults(const char *home)
+constexpr setting number(const char *key, int32_t params::*field, int32_t value)
 {
-    default_settings.listenport = 6003;
-    default_settings.listen_timeout = 10;
-    default_settings.kesdalport = 5769;
-    default_settings.alive_interval = 1800;
-    default_settings.alive_retries = 0;
-    default_settings.logfile_size = 1024;
-    default_settings.redundancy_level = 0;
-    for (const auto &row : text_defaults) {
-        free(default_settings.*row.field);
-        default_settings.*row.field = strdup(row.text);
-    }
-    for (const auto &row : path_defaults) {
-        free(default_settings.*row.field);
-        default_settings.*row.field = path_in_home(home, row.file);
-    }
+    return {UX_OPTION_INTEGER, value, nullptr, key, field};
 }
 
-/* Frees the texts of every row; value or default_value names the storage. */
-void free_texts(void *ux_option::*storage)
+constexpr setting text(const char *key, ux_text params::*field,
+                       const char *value)
 {
-    for (const ux_option &row : key_table) {
-        if (row.type == UX_OPTION_STRING || row.type == UX_OPTION_TEXT) {
-            auto *text = static_cast<char **>(row.*storage);
-            free(*text);
-            *text = nullptr;
+    return {UX_OPTION_TEXT, 0, value, key, nullptr, field};
+}
+
+/* Its default is the file of that name in the home directory. */
+constexpr setting file(const char *key, ux_text params::*field,
+                       const char *name)
+{
+    return {UX_OPTION_STRING, 0, name, key, nullptr, field};
+}
+
+constexpr setting SETTINGS[] = {
+    header("#"),
+    header("# TOLVA Configuration (v-3.00.0-1)"),
+    header("#"),
+    /* the local address that is listened at, and its port, TCP and UDP */
+    text("ListenAddress", &params::listen_address, "0.0.0.0"),
+    number("ListenPort", &params::listenport, DEFAULT_PORT),
+    /* seconds until a sender who says nothing is dropped; 0: never */
+    number("ListenTimeout", &params::listen_timeout, 10),
+    /* is UDP listened at too? */
+    text("ListenUDP", &params::listen_udp, "true"),
+    /* whose requests are carried out; none: everybody's */
+    text("AllowedAddresses", &params::allowed_addresses, nullptr),
+    /* the UPS management servers to watch, and their port */
+    text("AliveAddresses", &params::alive_addresses, nullptr),
+    number("AlivePort", &params::kesdalport, DEFAULT_KESDAL_PORT),
+    /* are they watched? */
+    text("AliveEnabled", &params::alive_enabled, "false"),
+    /* seconds from one watch to the next, which mode_init keeps from 60 up */
+    number("AliveInterval", &params::alive_interval, 1800),
+    /* further attempts before a server counts as not alive */
+    number("AliveRetries", &params::alive_retries, 0),
+    /* the operator's log, whether there is one, and its greatest size in KiB */
+    file("LogfileName", &params::logfile_name, "tolva.log"),
+    text("LogfileEnabled", &params::logfile_enabled, "true"),
+    number("LogfileSize", &params::logfile_size, 1024),
+    /* the scripts: for a shutdown, for a server that is not alive, for each
+     * kind of command */
+    file("ShutdownProg", &params::shutdown_prog, "tolva_shutdown.sh"),
+    file("AliveProg", &params::alive_prog, "tolva_notalive.sh"),
+    file("ExecProg", &params::exec_prog, "tolva_execute.sh"),
+    file("MsgProg", &params::msg_prog, "tolva_message.sh"),
+    file("MailProg", &params::mail_prog, "tolva_mail.sh"),
+    /* the numbered texts */
+    file("MsgDatName", &params::msgfile_name, "messages.dat"),
+    /* is a bare shutdown request held back until enough senders have failed? */
+    text("RedundancyEnabled", &params::redundancy_enabled, "false"),
+    /* the script for a request that is held back, and whether it is not run */
+    file("RedundancyBatchFile", &params::redundancy_batch_file,
+         "ShutdownSuppressed.sh"),
+    text("RedundancyBatchSuppress", &params::redundancy_batch_suppress,
+         "false"),
+    /* the failures that are borne, and the senders that are counted */
+    number("RedundancyLevel", &params::redundancy_level, 0),
+    text("RedundancyAddresses", &params::redundancy_addresses, nullptr),
+};
+
+/* The settings as the file's rows; the last one ends the table. */
+struct option_table {
+    ux_option rows[std::size(SETTINGS) + 1];
+};
+
+struct {
+    params in_force;
+    params defaults;
+} state;
+
+/* Where a record holds a setting. */
+ux_storage storage_of(params *record, const setting &one)
+{
+    return {one.number ? &(record->*one.number) : nullptr,
+            one.text ? &(record->*one.text) : nullptr};
+}
+
+option_table make_table(params *values, params *defaults)
+{
+    option_table table;
+    ux_option *row = table.rows;
+    for (const setting &one : SETTINGS) {
+        row->type = one.type;
+        row->ident = one.key;
+        row->value = storage_of(values, one);
+        row->default_value = storage_of(defaults, one);
+        row++;
+    }
+    return table;
+}
+
+/* The default of a text, which for a file is home/file, or file alone without
+ * a home. Null when it has none, and when memory is exhausted. */
+ux_text make_default(const setting &one, const char *home)
+{
+    const char *text = one.default_text;
+    bool in_home = one.type == UX_OPTION_STRING && !ux_is_empty(home);
+    return in_home ? ux_join({home, "/", text}) : ux_copy(text);
+}
+
+/* Gives every field its default: false when memory is exhausted. */
+bool fill_defaults(params *defaults, const char *home)
+{
+    for (const setting &one : SETTINGS) {
+        if (one.number) {
+            defaults->*one.number = one.default_number;
+        }
+        if (one.text) {
+            defaults->*one.text = make_default(one, home);
+            if (one.default_text && !(defaults->*one.text)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+void free_texts(params *record)
+{
+    for (const setting &one : SETTINGS) {
+        if (one.text) {
+            (record->*one.text).reset();
         }
     }
 }
@@ -140,41 +173,46 @@ receiver_params *read_receiver_config(const char *path, const char *home,
                                       int32_t missing_ok)
 {
     trace_in();
-    fill_defaults(home);
-    /* What an earlier reading left would be lost, or taken for a value. */
-    free_texts(&ux_option::value);
-    if (!ux_readconfig(path, key_table, SETTINGS_BUCKETS, missing_ok)) {
+    params values;
+    params defaults;
+    if (!fill_defaults(&defaults, home)) {
         return nullptr;
     }
-    rp = &settings_in_force;
-    rp_defaults = &default_settings;
+    const option_table table = make_table(&values, &defaults);
+    if (!ux_readconfig(path, table.rows, SETTINGS_BUCKETS, missing_ok)) {
+        return nullptr;
+    }
+    state.in_force = std::move(values);
+    state.defaults = std::move(defaults);
+    rp = &state.in_force;
+    rp_defaults = &state.defaults;
     return rp;
 }
 
 int32_t write_receiver_config(const char *path, int32_t fresh)
 {
     trace_in();
-    return fresh ? ux_writeconfig(path, key_table)
-                 : ux_rewriteconfig(path, key_table, SETTINGS_BUCKETS);
+    const option_table table = make_table(&state.in_force, &state.defaults);
+    return fresh ? ux_writeconfig(path, table.rows)
+                 : ux_rewriteconfig(path, table.rows, SETTINGS_BUCKETS);
 }
 
 int32_t check_redundancy_config(const receiver_params *settings)
 {
     trace_in();
-    const char *file = settings->redundancy_batch_file;
-    const char *addresses = settings->redundancy_addresses;
-    return !setting_is_on(settings->redundancy_enabled) ||
-           (file && *file && addresses && *addresses);
+    return !setting_is_on(settings->redundancy_enabled.get()) ||
+           !(ux_is_empty(settings->redundancy_batch_file.get()) ||
+             ux_is_empty(settings->redundancy_addresses.get()));
 }
 
 void free_receiver_config()
 {
     trace_in();
-    free_texts(&ux_option::default_value);
-    free_texts(&ux_option::value);
+    free_texts(&state.defaults);
+    free_texts(&state.in_force);
 }
 
-int32_t setting_is_on(const char *text)
+bool setting_is_on(const char *text)
 {
     return text && strcasecmp(text, "TRUE") == 0;
 }

@@ -109,7 +109,7 @@ void exec_aliveproc(connection *cn)
     time_t now = time(nullptr);
     snprintf(params, sizeof params, "%s %s %s", cn->ipaddr, log_date_text(now),
              log_time_text(now));
-    fork_and_exec(cn, rp->alive_prog, params);
+    fork_and_exec(cn, rp->alive_prog.get(), params);
 }
 
 void check_alive_retries(ux_list_element *node)

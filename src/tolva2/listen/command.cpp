@@ -21,7 +21,7 @@ namespace
 {
 
 /* The script of each command word; null: the text goes to the log. */
-constexpr char *receiver_params::*COMMAND_SCRIPTS[] = {
+constexpr ux_text receiver_params::*COMMAND_SCRIPTS[] = {
     &receiver_params::shutdown_prog, /* SHUTDOWN */
     &receiver_params::exec_prog,     /* EXECUTE */
     &receiver_params::msg_prog,      /* MSG_ID */
@@ -134,7 +134,7 @@ bool exec_V1command(connection *cn)
 {
     trace_in();
     return track_redundant_shutdowns(cn) &&
-           fork_and_exec(cn, rp->shutdown_prog, nullptr);
+           fork_and_exec(cn, rp->shutdown_prog.get(), nullptr);
 }
 
 bool exec_V2command(connection *cn, char *text)
@@ -149,8 +149,8 @@ bool exec_V2command(connection *cn, char *text)
                                                        : event::not_understood);
         return false;
     }
-    char *receiver_params::*script = COMMAND_SCRIPTS[request.index];
-    return script ? fork_and_exec(cn, rp->*script, request.params)
+    ux_text receiver_params::*script = COMMAND_SCRIPTS[request.index];
+    return script ? fork_and_exec(cn, (rp->*script).get(), request.params)
                   : exec_log_command(cn, request.params);
 }
 

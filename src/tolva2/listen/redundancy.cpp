@@ -136,13 +136,13 @@ void init_redundant_shutdowns(const receiver_params *settings,
 {
     trace_in();
     redundancy = redundancy_record{};
-    redundancy.enabled = setting_is_on(settings->redundancy_enabled);
+    redundancy.enabled = setting_is_on(settings->redundancy_enabled.get());
     redundancy.level = settings->redundancy_level;
     redundancy.count = static_cast<int32_t>(address_list->size);
     redundancy.batch_suppress =
-        setting_is_on(settings->redundancy_batch_suppress);
+        setting_is_on(settings->redundancy_batch_suppress.get());
     if (redundancy.enabled) {
-        copy_batch_file(settings->redundancy_batch_file);
+        copy_batch_file(settings->redundancy_batch_file.get());
     }
     fill_members(address_list);
     show_redundancy_table(&redundancy);

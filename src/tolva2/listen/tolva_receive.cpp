@@ -156,14 +156,15 @@ watched_fd start_udp_listener(int32_t port, const char *address)
 /* Opens what is configured: false when anything of it failed. */
 bool open_listeners(listener_state *state, const ux_list *alive)
 {
-    state->tcp = start_tcp_listener(rp->listenport, rp->listen_address);
+    state->tcp = start_tcp_listener(rp->listenport, rp->listen_address.get());
     if (!state->tcp) {
         return false;
     }
     report(event::tcp_listening);
     /* Datagrams are easily forged: none from just anybody. */
-    if (setting_is_on(rp->listen_udp) && state->allowed->size > 0) {
-        state->udp = start_udp_listener(rp->listenport, rp->listen_address);
+    if (setting_is_on(rp->listen_udp.get()) && state->allowed->size > 0) {
+        state->udp =
+            start_udp_listener(rp->listenport, rp->listen_address.get());
         if (!state->udp) {
             return false;
         }

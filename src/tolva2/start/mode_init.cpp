@@ -1,3 +1,8 @@
+/*
+ * Readies a mode and runs it: for the listener settings, log, message texts,
+ * address lists and the last checks, in an order that the user can see; for
+ * the sender the message texts alone.
+ */
 #include "tolva2/start/mode_init.h"
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
@@ -10,8 +15,8 @@
 #include "tolva2/send/tolva_send.h"
 #include "tolva2/start/daemon.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
@@ -24,47 +29,45 @@ constexpr const char *MESSAGE_FILE = "messages.dat";
 
 constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60; /* seconds */
 
-bool is_empty(const char *text)
+/* home/tolva.cfg */
+ux_text default_config_path()
 {
-    return !text || !*text;
-}
-
-/* home/tolva.cfg on the heap. */
-char *default_config_path()
-{
-    size_t size = strlen(home_dir) + 1 + strlen(CONFIG_FILE) + 1;
-    char *path = static_cast<char *>(malloc(size));
+    ux_text path = ux_join({home_dir, "/", CONFIG_FILE});
     if (!path) {
         fatal("%s: malloc():: %s\n", progname, strerror(errno));
     }
-    snprintf(path, size, "%s/%s", home_dir, CONFIG_FILE);
     return path;
 }
 
-/* Reads the file that was named, on the heap, or the one in the home
- * directory. */
-void read_settings(char *cfgfile)
+/* Reads the file that was named, or else the one in the home directory, which
+ * may be missing. */
+void read_settings(ux_text cfgfile)
 {
-    char *path = cfgfile;
-    if (!path) {
-        path = default_config_path();
-        debug_printf("DEBUG: init_receiver: new configfile=%s\n", path);
-    } else {
-        debug_printf("DEBUG: init_receiver: existing configfile=%s\n", path);
+    bool named = cfgfile != nullptr;
+    ux_text path = named ? std::move(cfgfile) : default_config_path();
+    debug_printf("DEBUG: init_receiver: %s configfile=%s\n",
+                 named ? "existing" : "new", path.get());
+    if (!read_receiver_config(path.get(), home_dir, named ? 0 : 1)) {
+        fatal("%s: error reading configfile %s\n", progname, path.get());
     }
-    if (!read_receiver_config(path, home_dir, cfgfile ? 0 : 1)) {
-        fatal("%s: error reading configfile %s\n", progname, path);
-    }
-    free(path);
 }
 
 /* Puts text, if there is one, into the place of a setting. */
-void override_text(char **setting, char *text)
+void override_text(ux_text *setting, ux_text text)
 {
     if (text) {
-        free(*setting);
-        *setting = text;
+        *setting = std::move(text);
     }
+}
+
+void override_listen_address(const char *listen_host)
+{
+    ux_text address = ux_copy(listen_host);
+    /* Without it the listener would listen where nobody asked it to. */
+    if (listen_host && !address) {
+        fatal("%s: malloc(): %s\n", progname, strerror(errno));
+    }
+    override_text(&rp->listen_address, std::move(address));
 }
 
 void override_number(int32_t *setting, int32_t number, int32_t least)
@@ -76,17 +79,17 @@ void override_number(int32_t *setting, int32_t number, int32_t least)
 
 void open_log()
 {
-    if (!setting_is_on(rp->logfile_enabled)) {
+    if (!setting_is_on(rp->logfile_enabled.get())) {
         return;
     }
-    if (is_empty(rp->logfile_name)) {
+    const char *name = rp->logfile_name.get();
+    if (ux_is_empty(name)) {
         error_printf(stderr, ERROR_CONTINUE,
                      "%s: empty pathname for `%s': log to file disabled\n",
                      progname, LOG_FILE);
-    } else if (!logfile_open(rp->logfile_name, rp->logfile_size)) {
+    } else if (!logfile_open(name, rp->logfile_size)) {
         error_printf(stderr, ERROR_CONTINUE,
-                     "%s: error initializing logfile %s\n", progname,
-                     rp->logfile_name);
+                     "%s: error initializing logfile %s\n", progname, name);
     } else {
         log_into_file();
     }
@@ -114,23 +117,23 @@ void fill_address_lists(ux_list *peers, ux_list *servers)
     if (peers->size > 0 || servers->size > 0) {
         return;
     }
-    const char *allowed = rp->allowed_addresses;
-    if (!is_empty(allowed) &&
+    const char *allowed = rp->allowed_addresses.get();
+    if (!ux_is_empty(allowed) &&
         !get_inetaddr_arr_from_str(peers, allowed, ADDR_PEER, MODE_LISTEN)) {
         admit_nobody(peers);
     }
-    if (setting_is_on(rp->alive_enabled)) {
-        get_inetaddr_arr_from_str(servers, rp->alive_addresses, ADDR_KESDAL,
-                                  MODE_LISTEN);
+    if (setting_is_on(rp->alive_enabled.get())) {
+        get_inetaddr_arr_from_str(servers, rp->alive_addresses.get(),
+                                  ADDR_KESDAL, MODE_LISTEN);
     }
 }
 
 void check_scripts(const ux_list *peers, const ux_list *servers)
 {
-    if (peers->size > 0 && is_empty(rp->shutdown_prog)) {
+    if (peers->size > 0 && ux_is_empty(rp->shutdown_prog.get())) {
         fatal("%s: missing parameter: -bs <file> (-? for help).\n", progname);
     }
-    if (servers->size > 0 && is_empty(rp->alive_prog)) {
+    if (servers->size > 0 && ux_is_empty(rp->alive_prog.get())) {
         fatal("%s: missing parameter: -ba <file> (-? for help).\n", progname);
     }
 }
@@ -141,10 +144,28 @@ void fill_redundant_list(ux_list *redundant)
         fatal("%s: invalid redundancy configuration (-? for help).\n",
               progname);
     }
-    if (setting_is_on(rp->redundancy_enabled)) {
-        get_inetaddr_arr_from_str(redundant, rp->redundancy_addresses,
+    if (setting_is_on(rp->redundancy_enabled.get())) {
+        get_inetaddr_arr_from_str(redundant, rp->redundancy_addresses.get(),
                                   ADDR_PEER, MODE_LISTEN);
     }
+}
+
+void open_messages()
+{
+    const char *name = rp->msgfile_name.get();
+    if (!msgdb_open(name)) {
+        error_printf(stderr, ERROR_CONTINUE,
+                     "%s: error initializing messages database [%s]\n",
+                     progname, name ? name : "");
+    }
+}
+
+void show_settings()
+{
+    const char *name = rp->msgfile_name.get();
+    debug_printf("DEBUG: rp->msgfile_name = %s\n", name ? name : "");
+    debug_printf("DEBUG: rp->listenport = %d\n", rp->listenport);
+    debug_printf("DEBUG: rp->kesdalport = %d\n", rp->kesdalport);
 }
 
 void detach()
@@ -165,29 +186,19 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
                       int32_t timeout, int32_t check_interval)
 {
     trace_in();
-    read_settings(cfgfile.release());
-    override_text(&rp->shutdown_prog, shutdown_prog.release());
-    override_text(&rp->alive_prog, alive_prog.release());
-    override_text(&rp->listen_address,
-                  listen_host ? strdup(listen_host) : nullptr);
+    read_settings(std::move(cfgfile));
+    override_text(&rp->shutdown_prog, std::move(shutdown_prog));
+    override_text(&rp->alive_prog, std::move(alive_prog));
+    override_listen_address(listen_host);
     open_log();
-    if (!msgdb_open(rp->msgfile_name)) {
-        error_printf(stderr, ERROR_CONTINUE,
-                     "%s: error initializing messages database [%s]\n",
-                     progname, rp->msgfile_name ? rp->msgfile_name : "");
-    }
+    open_messages();
     override_number(&rp->listenport, port, 1);
     override_number(&rp->kesdalport, check_port, 1);
     override_number(&rp->alive_retries, retries, 0);
     override_number(&rp->listen_timeout, timeout, 0);
     override_number(&rp->alive_interval, check_interval, 0);
-    if (rp->alive_interval < ALIVE_INTERVAL_MINIMUM) {
-        rp->alive_interval = ALIVE_INTERVAL_MINIMUM;
-    }
-    debug_printf("DEBUG: rp->msgfile_name = %s\n",
-                 rp->msgfile_name ? rp->msgfile_name : "");
-    debug_printf("DEBUG: rp->listenport = %d\n", rp->listenport);
-    debug_printf("DEBUG: rp->kesdalport = %d\n", rp->kesdalport);
+    rp->alive_interval = std::max(rp->alive_interval, ALIVE_INTERVAL_MINIMUM);
+    show_settings();
     fill_address_lists(peers, servers);
     check_scripts(peers, servers);
     fill_redundant_list(redundant);

@@ -11,18 +11,19 @@
 
 /*
  * Prepares and runs listen mode. Null texts, ports of 0 and numbers below 0
- * mean "not given". Takes over cfgfile, shutdown_prog and alive_prog; the
- * lists stay the caller's and may grow. Start-up errors end the
- * process with status 1. Returns recv_mode's result.
+ * mean "not given". listen_host and the lists stay the caller's, and the lists
+ * may grow. Start-up errors end the process with status 1. Returns recv_mode's
+ * result.
  */
-int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
-                      int32_t check_port, ux_list *peers, ux_list *servers,
-                      ux_list *redundant, int32_t retries,
-                      ux_text shutdown_prog, ux_text alive_prog,
-                      int32_t timeout, int32_t check_interval);
+[[nodiscard]] int32_t init_receiver(ux_text cfgfile, const char *listen_host,
+                                    int32_t port, int32_t check_port,
+                                    ux_list *peers, ux_list *servers,
+                                    ux_list *redundant, int32_t retries,
+                                    ux_text shutdown_prog, ux_text alive_prog,
+                                    int32_t timeout, int32_t check_interval);
 
 /* Prepares and runs send or check mode. Returns send_mode's result. */
-int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
-                    const char *command);
+[[nodiscard]] int32_t init_sender(const ux_list *addresses, int32_t port,
+                                  int32_t timeout, const char *command);
 
 #endif
