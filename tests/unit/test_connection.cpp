@@ -375,6 +375,24 @@ TEST(open_connect_socket, logs_why_it_could_not_connect)
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
+TEST(open_connect_socket, logs_that_its_number_cannot_be_watched)
+{
+    if (most_descriptors() < FD_SETSIZE + 100) {
+        GTEST_SKIP() << "the system allows no such number";
+    }
+    session_lists lists(-1);
+    operator_log log;
+    ux_fd listener(listening_socket());
+    connection cn;
+    cn.addr = local_name(listener.get());
+    descriptor_limit most(most_descriptors());
+    std::vector<ux_fd> low = take_numbers_below(FD_SETSIZE);
+    EXPECT_FALSE(open_connect_socket(&cn));
+    EXPECT_FALSE(is_open(FD_SETSIZE));
+    low.clear();
+    EXPECT_EQ(log.lines(), log_lines{system_line(EMFILE)});
+}
+
 TEST(open_connect_socket, logs_that_no_descriptor_is_left)
 {
     session_lists lists(-1);

@@ -42,6 +42,18 @@ TEST(fill_reserve, takes_two_descriptors_and_no_more)
     EXPECT_EQ(descriptors_in_use(), before + 2);
 }
 
+TEST(fill_reserve, needs_nothing_more_while_it_is_whole)
+{
+    no_reserve none(200);
+    ASSERT_EQ(fill_reserve(), 0);
+    {
+        no_descriptors limit;
+        EXPECT_EQ(fill_reserve(), 0);
+    }
+    EXPECT_TRUE(is_open(198));
+    EXPECT_TRUE(is_open(199));
+}
+
 TEST(fill_reserve, leaves_the_low_numbers_to_sockets)
 {
     no_reserve none(200);

@@ -106,6 +106,23 @@ TEST(start_connect, a_broadcast_that_gets_no_socket_says_why)
     }
 }
 
+TEST(start_connect, a_broadcast_whose_number_cannot_be_watched_says_why)
+{
+    if (most_descriptors() < FD_SETSIZE + 100) {
+        GTEST_SKIP() << "the system allows no such number";
+    }
+    fresh_run fresh;
+    add_record(connections, MODE_SEND, ADDR_BROADCAST, "127.0.0.1");
+    descriptor_limit most(most_descriptors());
+    std::vector<ux_fd> low = take_numbers_below(FD_SETSIZE);
+    EXPECT_EQ(start_connect(connections->head), START_FAILED);
+    EXPECT_FALSE(is_open(FD_SETSIZE));
+    low.clear();
+    const log_lines expected = {message(833, {"127.0.0.1"}),
+                                system_line(EMFILE), message(810, {})};
+    EXPECT_EQ(fresh.log.lines(), expected);
+}
+
 TEST(start_connect, the_descriptor_budget_is_kept)
 {
     fresh_run fresh;

@@ -6,6 +6,7 @@
 #include "unixtools/ux_owned.h"
 
 #include <cerrno>
+#include <malloc.h>
 #include <string>
 #include <type_traits>
 
@@ -216,6 +217,9 @@ TEST(ux_join, puts_one_part_behind_the_other)
     EXPECT_STREQ(ux_join({}).get(), "");
     /* A part need not be terminated. */
     EXPECT_STREQ(ux_join({std::string_view("abcd", 2), "-"}).get(), "ab-");
+    /* There is room for the terminator: this fills what malloc gives. */
+    ux_text full = ux_join({"123456789012", "345678901234"});
+    EXPECT_GT(malloc_usable_size(full.get()), 24u);
     std::string part(5000, 'p');
     EXPECT_EQ(std::string(ux_join({part, part}).get()), part + part);
 }
