@@ -64,7 +64,7 @@ class server
 /* Lets the record's handler go on when its socket is ready. */
 inline void advance(ux_list_element *node, event_bits event)
 {
-    const connection *cn = session_of(node);
+    const connection *cn = record_of(node);
     ASSERT_TRUE(
         wait_for(cn->fd.get(), event == EVENT_READABLE ? POLLIN : POLLOUT));
     ASSERT_NE(cn->handler, nullptr);

@@ -60,12 +60,6 @@ inline bool nothing_is_watched()
     return wait_for_descriptors(0, nullptr).ready == 0;
 }
 
-/* The record of a node. */
-inline connection *session_of(const ux_list_element *node)
-{
-    return static_cast<connection *>(node->data);
-}
-
 /* A new record at the end of a list, with an open socket or -1. */
 inline connection *add_record(ux_list *list, mode_code mode, address_kind type,
                               const char *address, int fd = -1,

@@ -186,7 +186,7 @@ TEST(check_alive_retries, at_the_limit_a_server_goes)
     cn->busy = false;
     check_alive_retries(connections->head);
     ASSERT_EQ(connections->size, 1u);
-    EXPECT_STREQ(session_of(connections->head)->ipaddr, "127.0.0.2");
+    EXPECT_STREQ(record_of(connections->head)->ipaddr, "127.0.0.2");
     EXPECT_EQ(listen.log.lines(), log_lines{message(832, {"127.0.0.1"})});
 }
 

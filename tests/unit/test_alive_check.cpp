@@ -105,7 +105,7 @@ TEST(alive_check, with_script_the_server_goes_when_it_has_ended)
     alive::start_connections();
     alive::cancel_connections();
     ASSERT_EQ(connections->size, 1u);
-    std::string cmdline = session_of(connections->head)->cmdline.get();
+    std::string cmdline = record_of(connections->head)->cmdline.get();
     EXPECT_TRUE(wait_until([&] {
         reap_children();
         return connections->size == 0;

@@ -106,7 +106,7 @@ TEST(handle_tcp_connect, lets_a_client_in)
     int caller = tcp.knock("127.0.0.12");
     tcp.open_for("", 4711);
     ASSERT_EQ(clients->size, 1u);
-    const connection *cn = session_of(clients->head);
+    const connection *cn = record_of(clients->head);
     ASSERT_TRUE(cn->fd);
     EXPECT_EQ(cn->mode, MODE_LISTEN);
     EXPECT_EQ(cn->type, ADDR_PEER);
@@ -132,8 +132,8 @@ TEST(handle_tcp_connect, appends_in_the_order_of_arrival)
     tcp.open_for("");
     tcp.open_for("");
     ASSERT_EQ(clients->size, 2u);
-    EXPECT_STREQ(session_of(clients->head)->ipaddr, "127.0.0.12");
-    EXPECT_STREQ(session_of(clients->tail)->ipaddr, "127.0.0.13");
+    EXPECT_STREQ(record_of(clients->head)->ipaddr, "127.0.0.12");
+    EXPECT_STREQ(record_of(clients->tail)->ipaddr, "127.0.0.13");
 }
 
 TEST(handle_tcp_connect, admits_only_who_is_on_a_list_that_is_not_empty)

@@ -28,11 +28,6 @@ class udp_door : public listener
         ASSERT_TRUE(wait_for(door.get(), POLLIN));
         receive_one();
     }
-    void datagram_with_heap(int left, const std::string &bytes)
-    {
-        failing_heap limit(left);
-        datagram(bytes);
-    }
     void receive_one()
     {
         capture errors(STDERR_FILENO);
@@ -50,7 +45,7 @@ TEST(handle_udp_connect, runs_a_request)
     udp_door udp;
     udp.datagram(header);
     ASSERT_EQ(clients->size, 1u);
-    const connection *cn = session_of(clients->head);
+    const connection *cn = record_of(clients->head);
     EXPECT_EQ(cn->type, ADDR_BROADCAST);
     EXPECT_EQ(cn->mode, MODE_LISTEN);
     EXPECT_FALSE(cn->fd);
@@ -70,8 +65,8 @@ TEST(handle_udp_connect, never_wants_a_reply)
     udp_door udp;
     udp.datagram(header + " MSG_EXECSTATUS EXECUTE x");
     ASSERT_EQ(clients->size, 1u);
-    EXPECT_FALSE(session_of(clients->head)->want_reply);
-    EXPECT_STREQ(session_of(clients->head)->cmdline.get(), "exit 1; x");
+    EXPECT_FALSE(record_of(clients->head)->want_reply);
+    EXPECT_STREQ(record_of(clients->head)->cmdline.get(), "exit 1; x");
 }
 
 TEST(handle_udp_connect, what_runs_nothing_leaves_no_record)
@@ -131,8 +126,11 @@ TEST(handle_udp_connect, nothing_to_receive_is_no_reason_to_wait)
 TEST(handle_udp_connect, drops_the_datagram_when_memory_is_exhausted)
 {
     udp_door udp;
-    udp.datagram_with_heap(0, header);
-    udp.datagram_with_heap(1, header);
+    /* Neither for a record nor, the second time, for its place in a list. */
+    for (int left : {0, 1}) {
+        failing_heap limit(left);
+        udp.datagram(header);
+    }
     EXPECT_EQ(clients->size, 0u);
     const log_lines expected = {
         message(824, {"127.0.0.1"}), system_line(ENOMEM),
@@ -146,7 +144,7 @@ TEST(handle_udp_connect, reads_at_most_4095_bytes)
     udp.datagram(header + " MSG_EXECUTE EXECUTE " + std::string(6000, 'x'));
     ASSERT_EQ(clients->size, 1u);
     size_t words = header.size() + strlen(" MSG_EXECUTE EXECUTE ");
-    EXPECT_EQ(std::string(session_of(clients->head)->cmdline.get()),
+    EXPECT_EQ(std::string(record_of(clients->head)->cmdline.get()),
               "exit 1; " + std::string(4095 - words, 'x'));
     EXPECT_TRUE(is_silent(udp.door.get()));
 }

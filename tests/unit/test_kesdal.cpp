@@ -10,12 +10,12 @@ std::string finished;
 
 void note_cancel(ux_list_element *node)
 {
-    finished += std::string("cancel ") + session_of(node)->ipaddr + ";";
+    finished += std::string("cancel ") + record_of(node)->ipaddr + ";";
 }
 
 void note_end(ux_list_element *node)
 {
-    finished += std::string("end ") + session_of(node)->ipaddr + ";";
+    finished += std::string("end ") + record_of(node)->ipaddr + ";";
 }
 
 constexpr connect_ends noting_ends{note_cancel, note_end};
