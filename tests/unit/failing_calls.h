@@ -23,7 +23,7 @@
 class failing_call
 {
   public:
-    failing_call(std::string_view name, int error, int after = 0,
+    failing_call(std::string_view called, int with, int first = 0,
                  int times = INT_MAX);
     ~failing_call();
     failing_call(const failing_call &) = delete;

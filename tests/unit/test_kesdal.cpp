@@ -191,7 +191,7 @@ TEST(kesdal_exchange, a_refused_connect_shows_at_the_first_step)
     uint16_t port = refusing_port(&holder);
     sockaddr_in address = loopback("127.0.0.1", port);
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    connect(fd, generic(&address), sizeof address);
+    static_cast<void>(connect(fd, generic(&address), sizeof address));
     ASSERT_TRUE(wait_for(fd, POLLOUT));
     connection *cn = add_record(connections, MODE_CHECK, ADDR_KESDAL,
                                 "127.0.0.1", fd, EVENT_WRITABLE);

@@ -41,7 +41,7 @@ int32_t start_connections()
 bool check_alive_single(const char *address)
 {
     calls.push_back(std::string("ask ") + address);
-    return answering.count(address) > 0;
+    return answering.contains(address);
 }
 
 bool fork_and_exec(connection *cn, const char *program, const char *params)
