@@ -359,3 +359,24 @@ TEST(wait_for_descriptors, tells_why_it_failed)
     EXPECT_EQ(found.ready, -1);
     EXPECT_EQ(found.error, EBADF);
 }
+
+TEST(wait_for_descriptors, finds_nothing_when_it_has_failed)
+{
+    reset_descriptors(0);
+    watched_fd idle(udp_socket(), EVENT_READABLE | EVENT_WRITABLE);
+    failing_call interrupted("pselect", EINTR);
+    wait_result found = wait_for_descriptors(0, nullptr);
+    EXPECT_EQ(found.ready, -1);
+    EXPECT_EQ(found.error, EINTR);
+    EXPECT_EQ(ready(idle), EVENT_NONE);
+}
+
+TEST(watched_fd, of_no_socket_is_not_counted)
+{
+    reset_descriptors(0);
+    watched_fd none{ux_fd(), EVENT_READABLE};
+    watch(none, EVENT_WRITABLE);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(watched(none), EVENT_NONE);
+    EXPECT_EQ(open_descriptors(), 0);
+}

@@ -47,11 +47,11 @@ TEST(fill_reserve, needs_nothing_more_while_it_is_whole)
     no_reserve none(200);
     ASSERT_EQ(fill_reserve(), 0);
     {
-        no_descriptors limit;
+        failing_call none_left("open", EMFILE);
         EXPECT_EQ(fill_reserve(), 0);
     }
-    EXPECT_TRUE(is_open(198));
-    EXPECT_TRUE(is_open(199));
+    EXPECT_TRUE(is_open(200));
+    EXPECT_TRUE(is_open(201));
 }
 
 TEST(fill_reserve, leaves_the_low_numbers_to_sockets)

@@ -135,22 +135,16 @@ ux_fd open_udp_socket(int32_t port, const char *address)
     return fd;
 }
 
-/* A socket that was opened to listen, watched from now on, or none. */
-watched_fd listen_on(ux_fd fd)
-{
-    return fd ? watched_fd(std::move(fd), EVENT_READABLE) : watched_fd();
-}
-
 watched_fd start_tcp_listener(int32_t port, const char *address)
 {
     trace_in();
-    return listen_on(open_tcp_socket(port, address));
+    return {open_tcp_socket(port, address), EVENT_READABLE};
 }
 
 watched_fd start_udp_listener(int32_t port, const char *address)
 {
     trace_in();
-    return listen_on(open_udp_socket(port, address));
+    return {open_udp_socket(port, address), EVENT_READABLE};
 }
 
 /* Opens what is configured: false when anything of it failed. */

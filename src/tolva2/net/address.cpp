@@ -312,9 +312,10 @@ bool add_inetaddr(ux_list *list, char *text, address_kind kind, mode_code mode)
     if (!built.record) {
         return false;
     }
-    if (ux_list_ins_next(list, list->tail, built.record.release()) != 0) {
+    if (ux_list_ins_next(list, list->tail, built.record.get()) != 0) {
         no_memory();
     }
+    [[maybe_unused]] inetaddr *lists_own = built.record.release();
     return true;
 }
 

@@ -76,7 +76,9 @@ event_bits found_in(const watched_fd &fd, const fd_set *readable,
 
 watched_fd::watched_fd(ux_fd opened, event_bits events) : fd(opened.release())
 {
-    add_descriptor(fd, events);
+    if (fd >= 0) {
+        add_descriptor(fd, events);
+    }
 }
 
 watched_fd::watched_fd(watched_fd &&other) noexcept
@@ -107,7 +109,9 @@ void watched_fd::close()
 
 void watch(const watched_fd &fd, event_bits events)
 {
-    watch_number(fd.get(), events);
+    if (fd) {
+        watch_number(fd.get(), events);
+    }
 }
 
 event_bits watched(const watched_fd &fd)
@@ -158,5 +162,11 @@ wait_result wait_for_descriptors(int64_t seconds, const sigset_t *mask)
     limit.tv_sec = static_cast<time_t>(seconds);
     int found = pselect(state.maxfd + 1, &state.ready_read, &state.ready_write,
                         nullptr, seconds < 0 ? nullptr : &limit, mask);
-    return {found, found < 0 ? errno : 0};
+    int32_t error = found < 0 ? errno : 0;
+    if (found < 0) {
+        /* They still say what was asked for. */
+        FD_ZERO(&state.ready_read);
+        FD_ZERO(&state.ready_write);
+    }
+    return {found, error};
 }

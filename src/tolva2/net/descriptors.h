@@ -16,7 +16,7 @@ class watched_fd
 {
   public:
     watched_fd() = default;
-    /* Counts a newly opened socket, and watches it for those events. */
+    /* Counts a newly opened socket, if it is one, and watches it. */
     watched_fd(ux_fd opened, event_bits events);
     watched_fd(watched_fd &&other) noexcept;
     watched_fd &operator=(watched_fd &&other) noexcept;
@@ -40,7 +40,7 @@ class watched_fd
     int32_t fd = -1;
 };
 
-/* From now on the socket is watched for just these events. */
+/* From now on the socket, if there is one, is watched for just these. */
 void watch(const watched_fd &fd, event_bits events);
 
 /* What the socket is watched for; nothing for none. */
