@@ -8,14 +8,12 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
 constexpr size_t KEY_MINIMUM = 2;
 
 /* Cuts those characters at the end; null when nothing is left. */
-char *cut_end(char *text, const char *characters)
-{
+char *cut_end(char *text, const char *characters) {
     size_t length = strlen(text);
     while (length > 0 && strchr(characters, text[length - 1])) {
         text[--length] = '\0';
@@ -23,20 +21,17 @@ char *cut_end(char *text, const char *characters)
     return length > 0 ? text : nullptr;
 }
 
-char *skip_blanks(char *text)
-{
+char *skip_blanks(char *text) {
     return text + strspn(text, " \t");
 }
 
 /* A piece as a view; text may be null. */
-std::string_view view(const char *text)
-{
+std::string_view view(const char *text) {
     return text ? std::string_view(text) : std::string_view();
 }
 
 /* What ends the value at text: the "#" of a comment, a line feed or the NUL. */
-char *end_of_value(char *text)
-{
+char *end_of_value(char *text) {
     bool quoted = false;
     bool escaped = false;
     for (; *text && *text != '\n'; text++) {
@@ -53,8 +48,7 @@ char *end_of_value(char *text)
 }
 
 /* In the value, which starts at text. */
-void parse_value(char *text, config_line *result)
-{
+void parse_value(char *text, config_line *result) {
     char *end = end_of_value(text);
     bool commented = *end == '#';
     *end = '\0';
@@ -65,8 +59,7 @@ void parse_value(char *text, config_line *result)
 }
 
 /* Behind the "=": a value, a comment or nothing. */
-void parse_after_key(char *text, config_line *result)
-{
+void parse_after_key(char *text, config_line *result) {
     text = skip_blanks(text);
     if (*text == '\0' || *text == '\n') {
         return;
@@ -79,8 +72,7 @@ void parse_after_key(char *text, config_line *result)
 }
 
 /* In the key, which starts at text; false when it is none. */
-bool parse_key(char *text, config_line *result)
-{
+bool parse_key(char *text, config_line *result) {
     size_t length = strcspn(text, "=#\n");
     if (text[length] != '=' || length < KEY_MINIMUM) {
         return false;
@@ -93,20 +85,17 @@ bool parse_key(char *text, config_line *result)
 
 } // namespace
 
-char *strip(char *text)
-{
+char *strip(char *text) {
     trace_in();
     return cut_end(skip_blanks(text), "\n\r\t ");
 }
 
-char *strip_newline(char *text)
-{
+char *strip_newline(char *text) {
     trace_in();
     return cut_end(text, "\n\r");
 }
 
-int32_t parse_line(char *line, config_line *result)
-{
+int32_t parse_line(char *line, config_line *result) {
     trace_in();
     *result = config_line{};
     char *text = skip_blanks(line);

@@ -6,14 +6,12 @@
 #include "unixtools/ux_cfgmerge.h"
 #include "unixtools/ux_cfgmodule.h"
 
-namespace
-{
+namespace {
 
 constexpr size_t COPY_BLOCK = 4096;
 
 /* One line, in place; one that is no use is written nowhere. */
-bool merge_line(char *line, FILE *merged, ux_hashtable *table)
-{
+bool merge_line(char *line, FILE *merged, ux_hashtable *table) {
     config_line parsed;
     if (!parse_line(line, &parsed)) {
         return true;
@@ -26,8 +24,7 @@ bool merge_line(char *line, FILE *merged, ux_hashtable *table)
 }
 
 /* Copies the rest of one file to another, on over a short write. */
-bool copy_rest(FILE *from, FILE *to)
-{
+bool copy_rest(FILE *from, FILE *to) {
     char block[COPY_BLOCK];
     bool whole = true;
     size_t length = 0;
@@ -42,8 +39,7 @@ bool copy_rest(FILE *from, FILE *to)
 } // namespace
 
 bool merge_setting(const char *ident, std::string_view comment,
-                   ux_hashtable *table, FILE *merged)
-{
+                   ux_hashtable *table, FILE *merged) {
     cfgmodule key;
     key.ident = ux_copy(ident);
     if (!key.ident) {
@@ -60,8 +56,7 @@ bool merge_setting(const char *ident, std::string_view comment,
     return written;
 }
 
-bool merge_lines(FILE *config, FILE *merged, ux_hashtable *table)
-{
+bool merge_lines(FILE *config, FILE *merged, ux_hashtable *table) {
     char line[CONFIG_LINE_BUFFER];
     while (fgets(line, sizeof line, config)) {
         if (!merge_line(line, merged, table)) {
@@ -71,8 +66,7 @@ bool merge_lines(FILE *config, FILE *merged, ux_hashtable *table)
     return feof(config) && !ferror(config);
 }
 
-bool replace_file(const char *path, FILE *merged)
-{
+bool replace_file(const char *path, FILE *merged) {
     if (fflush(merged) != 0) {
         return false;
     }

@@ -8,38 +8,32 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
-void show_text(const char *function, const char *name, const ux_text &text)
-{
+void show_text(const char *function, const char *name, const ux_text &text) {
     if (text) {
         debug_printf("DEBUG: %s(): %s: [%s] at: 0x%08lx\n", function, name,
                      text.get(), reinterpret_cast<unsigned long>(text.get()));
     }
 }
 
-void show_texts(const char *function, const cfgmodule *record)
-{
+void show_texts(const char *function, const cfgmodule *record) {
     show_text(function, "ident", record->ident);
     show_text(function, "value", record->value);
     show_text(function, "comment", record->comment);
 }
 
 /* Copies a text that may be null: false only when memory is exhausted. */
-bool copy_text(ux_text *copy, const char *text)
-{
+bool copy_text(ux_text *copy, const char *text) {
     *copy = ux_copy(text);
     return *copy || !text;
 }
 
-std::string_view view(const ux_text &text)
-{
+std::string_view view(const ux_text &text) {
     return text ? std::string_view(text.get()) : std::string_view();
 }
 
-bool put(std::string_view text, FILE *stream)
-{
+bool put(std::string_view text, FILE *stream) {
     return text.empty() ||
            fwrite(text.data(), 1, text.size(), stream) == text.size();
 }
@@ -47,8 +41,7 @@ bool put(std::string_view text, FILE *stream)
 } // namespace
 
 cfgmodule *new_cfgmodule(const char *ident, const char *value,
-                         const char *comment)
-{
+                         const char *comment) {
     trace_in();
     cfgmodule *record = ux_new<cfgmodule>();
     if (!record) {
@@ -64,16 +57,14 @@ cfgmodule *new_cfgmodule(const char *ident, const char *value,
     return record;
 }
 
-void destroy_cfgmodule(void *data)
-{
+void destroy_cfgmodule(void *data) {
     trace_in();
     auto *record = static_cast<cfgmodule *>(data);
     show_texts(__func__, record);
     ux_delete(record);
 }
 
-uint32_t hash_cfgmodule(const void *data)
-{
+uint32_t hash_cfgmodule(const void *data) {
     trace_in();
     const auto *record = static_cast<const cfgmodule *>(data);
     uint32_t hash = ux_hash_string(record->ident ? record->ident.get() : "");
@@ -81,8 +72,7 @@ uint32_t hash_cfgmodule(const void *data)
     return hash;
 }
 
-int32_t match_cfgmodule(const void *left, const void *right)
-{
+int32_t match_cfgmodule(const void *left, const void *right) {
     trace_in();
     const auto *a = static_cast<const cfgmodule *>(left);
     const auto *b = static_cast<const cfgmodule *>(right);
@@ -90,13 +80,11 @@ int32_t match_cfgmodule(const void *left, const void *right)
            strcmp(a->ident.get(), b->ident.get()) == 0;
 }
 
-config_line view_cfgmodule(const cfgmodule *record)
-{
+config_line view_cfgmodule(const cfgmodule *record) {
     return {view(record->ident), view(record->value), view(record->comment)};
 }
 
-int32_t write_cfgmodule(const config_line *texts, FILE *stream)
-{
+int32_t write_cfgmodule(const config_line *texts, FILE *stream) {
     trace_in();
     bool has_ident = !texts->ident.empty();
     if (has_ident && !(put(texts->ident, stream) && put("=", stream) &&

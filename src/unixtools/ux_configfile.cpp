@@ -13,25 +13,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t INTEGER_TEXT = 63;
 constexpr mode_t NEW_FILE_MASK = 026;
 
-bool is_text_type(ux_option_type type)
-{
+bool is_text_type(ux_option_type type) {
     return type == UX_OPTION_STRING || type == UX_OPTION_TEXT;
 }
 
 /* The text that a storage holds, or null. */
-const char *text_in(const ux_storage &storage)
-{
+const char *text_in(const ux_storage &storage) {
     return storage.text ? storage.text->get() : nullptr;
 }
 
-ux_option_result set_integer(const ux_option *op, const char *value_text)
-{
+ux_option_result set_integer(const ux_option *op, const char *value_text) {
     int32_t *storage = op->value.number;
     if (!storage) {
         return UX_OPTION_DONE;
@@ -47,8 +43,7 @@ ux_option_result set_integer(const ux_option *op, const char *value_text)
     return UX_OPTION_DONE;
 }
 
-ux_option_result set_string(const ux_option *op, const char *value_text)
-{
+ux_option_result set_string(const ux_option *op, const char *value_text) {
     ux_text *storage = op->value.text;
     if (!storage) {
         return UX_OPTION_DONE;
@@ -70,8 +65,7 @@ ux_option_result set_string(const ux_option *op, const char *value_text)
 
 } // namespace
 
-ux_option_result set_option_value(const ux_option *op, const char *value_text)
-{
+ux_option_result set_option_value(const ux_option *op, const char *value_text) {
     trace_in();
     assert(op && op->type && op->ident);
     debug_printf("DEBUG: type=  [%d]\n", op->type);
@@ -86,8 +80,7 @@ ux_option_result set_option_value(const ux_option *op, const char *value_text)
     return result;
 }
 
-namespace
-{
+namespace {
 
 /* What came of reading a file. */
 enum class reading {
@@ -97,15 +90,13 @@ enum class reading {
 };
 
 /* A table of cfgmodule records: false when memory is exhausted. */
-bool init_table(ux_hashtable *table, uint32_t buckets)
-{
+bool init_table(ux_hashtable *table, uint32_t buckets) {
     return ux_hashtable_init(table, buckets, hash_cfgmodule, match_cfgmodule,
                              destroy_cfgmodule) == 0;
 }
 
 /* Adds one setting; an earlier one with the same key gives way. */
-bool store_setting(const config_line *parsed, ux_hashtable *table)
-{
+bool store_setting(const config_line *parsed, ux_hashtable *table) {
     debug_printf("DEBUG: inserting [%s]\n", parsed->ident.data());
     void *data = new_cfgmodule(parsed->ident.data(), parsed->value.data(),
                                parsed->comment.data());
@@ -121,16 +112,14 @@ bool store_setting(const config_line *parsed, ux_hashtable *table)
 }
 
 /* Adds the setting of one line, if it is one: false without memory. */
-bool store_line(char *line, ux_hashtable *table)
-{
+bool store_line(char *line, ux_hashtable *table) {
     config_line parsed;
     return !parse_line(line, &parsed) || !parsed.ident.data() ||
            store_setting(&parsed, table);
 }
 
 /* Reads the lines of an open file. */
-reading read_lines(FILE *file, ux_hashtable *table)
-{
+reading read_lines(FILE *file, ux_hashtable *table) {
     char line[CONFIG_LINE_BUFFER];
     bool any = false;
     while (fgets(line, sizeof line, file)) {
@@ -147,8 +136,7 @@ reading read_lines(FILE *file, ux_hashtable *table)
 }
 
 /* file_to_hashtable with a fuller answer, under its name in the trace. */
-reading read_file(const char *path, ux_hashtable *table)
-{
+reading read_file(const char *path, ux_hashtable *table) {
     trace_in("file_to_hashtable");
     ux_file file(fopen(path, "re"));
     if (!file) {
@@ -158,8 +146,7 @@ reading read_file(const char *path, ux_hashtable *table)
 }
 
 /* Fills one row's storage from the table: false when memory is exhausted. */
-bool fill_row(const ux_option *op, ux_hashtable *table)
-{
+bool fill_row(const ux_option *op, ux_hashtable *table) {
     cfgmodule key;
     key.ident = ux_copy(op->ident);
     if (!key.ident) {
@@ -173,8 +160,7 @@ bool fill_row(const ux_option *op, ux_hashtable *table)
     return set_option_value(op, value_text) != UX_OPTION_NO_MEMORY;
 }
 
-bool fill_rows(const ux_option *topic_table, ux_hashtable *table)
-{
+bool fill_rows(const ux_option *topic_table, ux_hashtable *table) {
     for (const ux_option *op = topic_table; op->ident; op++) {
         debug_printf("DEBUG: searching [%s]\n", op->ident);
         if (op->type != UX_OPTION_LITERAL && !fill_row(op, table)) {
@@ -186,14 +172,12 @@ bool fill_rows(const ux_option *topic_table, ux_hashtable *table)
 
 } // namespace
 
-int32_t file_to_hashtable(const char *path, ux_hashtable *table)
-{
+int32_t file_to_hashtable(const char *path, ux_hashtable *table) {
     return read_file(path, table) == reading::whole;
 }
 
 int32_t ux_readconfig(const char *path, const ux_option *topic_table,
-                      uint32_t buckets, int32_t missing_ok)
-{
+                      uint32_t buckets, int32_t missing_ok) {
     trace_in();
     assert(topic_table);
     ux_hashtable table;
@@ -208,12 +192,10 @@ int32_t ux_readconfig(const char *path, const ux_option *topic_table,
     return filled;
 }
 
-namespace
-{
+namespace {
 
 /* Writes the current value of a row, if it has one: false on failure. */
-bool write_value(const ux_option *op, FILE *file)
-{
+bool write_value(const ux_option *op, FILE *file) {
     if (op->type == UX_OPTION_INTEGER && op->value.number) {
         return fprintf(file, "%d", *op->value.number) >= 0;
     }
@@ -222,14 +204,12 @@ bool write_value(const ux_option *op, FILE *file)
 }
 
 /* Of a type that nobody knows, but with storage, the line is not ended. */
-bool ends_line(const ux_option *op)
-{
+bool ends_line(const ux_option *op) {
     bool stored = op->value.number || op->value.text;
     return !stored || op->type == UX_OPTION_INTEGER || is_text_type(op->type);
 }
 
-bool write_row(const ux_option *op, FILE *file)
-{
+bool write_row(const ux_option *op, FILE *file) {
     const char *separator = op->type == UX_OPTION_LITERAL ? "" : "=";
     return fprintf(file, "%s%s", op->ident, separator) >= 0 &&
            write_value(op, file) &&
@@ -237,8 +217,7 @@ bool write_row(const ux_option *op, FILE *file)
 }
 
 /* Every row of the table; false too when it has none. */
-bool write_rows(const ux_option *topic_table, FILE *file)
-{
+bool write_rows(const ux_option *topic_table, FILE *file) {
     bool written = false;
     for (const ux_option *op = topic_table; !ux_is_empty(op->ident); op++) {
         written = write_row(op, file);
@@ -251,8 +230,7 @@ bool write_rows(const ux_option *topic_table, FILE *file)
 
 } // namespace
 
-int32_t ux_writeconfig(const char *path, const ux_option *topic_table)
-{
+int32_t ux_writeconfig(const char *path, const ux_option *topic_table) {
     trace_in();
     assert(topic_table);
     umask(NEW_FILE_MASK);
@@ -269,12 +247,10 @@ int32_t ux_writeconfig(const char *path, const ux_option *topic_table)
     return 1;
 }
 
-namespace
-{
+namespace {
 
 /* Adds the current value of a row to the table: false on failure. */
-bool store_row(const ux_option *op, ux_hashtable *table)
-{
+bool store_row(const ux_option *op, ux_hashtable *table) {
     char number[INTEGER_TEXT];
     const char *value_text = nullptr;
     if (op->type != UX_OPTION_INTEGER) {
@@ -294,8 +270,7 @@ bool store_row(const ux_option *op, ux_hashtable *table)
     return result >= 0;
 }
 
-bool store_rows(const ux_option *topic_table, ux_hashtable *table)
-{
+bool store_rows(const ux_option *topic_table, ux_hashtable *table) {
     for (const ux_option *op = topic_table; op->ident; op++) {
         bool known = op->type == UX_OPTION_INTEGER || is_text_type(op->type);
         if (known && !store_row(op, table)) {
@@ -307,8 +282,7 @@ bool store_rows(const ux_option *topic_table, ux_hashtable *table)
 
 /* The settings that no line of the old file was for. */
 bool append_missing(const ux_option *topic_table, ux_hashtable *table,
-                    FILE *merged)
-{
+                    FILE *merged) {
     for (const ux_option *op = topic_table; op->ident; op++) {
         if (op->type != UX_OPTION_LITERAL &&
             !merge_setting(op->ident, {}, table, merged)) {
@@ -320,8 +294,7 @@ bool append_missing(const ux_option *topic_table, ux_hashtable *table,
 
 /* The old file with the values of now, in another. */
 bool merge_file(const char *path, const ux_option *topic_table,
-                ux_hashtable *table, FILE *merged)
-{
+                ux_hashtable *table, FILE *merged) {
     ux_file config(fopen(path, "re"));
     return config && merge_lines(config.get(), merged, table) &&
            append_missing(topic_table, table, merged);
@@ -330,8 +303,7 @@ bool merge_file(const char *path, const ux_option *topic_table,
 } // namespace
 
 int32_t hashtable_to_file(const char *path, const ux_option *topic_table,
-                          ux_hashtable *table)
-{
+                          ux_hashtable *table) {
     trace_in();
     ux_file merged(tmpfile());
     if (!merged) {
@@ -344,8 +316,7 @@ int32_t hashtable_to_file(const char *path, const ux_option *topic_table,
 }
 
 int32_t ux_rewriteconfig(const char *path, const ux_option *topic_table,
-                         uint32_t buckets)
-{
+                         uint32_t buckets) {
     trace_in();
     assert(topic_table);
     ux_hashtable table;

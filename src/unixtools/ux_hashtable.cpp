@@ -10,12 +10,10 @@
 #include <cstdlib>
 #include <span>
 
-namespace
-{
+namespace {
 
 /* The bucket that holds, or would hold, the key of data. */
-ux_list *bucket_of(const ux_hashtable *ht, const void *data)
-{
+ux_list *bucket_of(const ux_hashtable *ht, const void *data) {
     uint32_t bucket = ht->hash(data) % ht->buckets;
     debug_printf("DEBUG: bucket = %u\n", bucket);
     return &ht->table[bucket];
@@ -23,8 +21,7 @@ ux_list *bucket_of(const ux_hashtable *ht, const void *data)
 
 /* The element with the key of data, or null. */
 ux_list_element *find_element(const ux_hashtable *ht, const ux_list *list,
-                              const void *data)
-{
+                              const void *data) {
     for (ux_list_element *element : ux_nodes(list)) {
         assert(element->data);
         if (ht->match(data, element->data)) {
@@ -34,15 +31,13 @@ ux_list_element *find_element(const ux_hashtable *ht, const ux_list *list,
     return nullptr;
 }
 
-std::span<ux_list> buckets_of(const ux_hashtable *ht)
-{
+std::span<ux_list> buckets_of(const ux_hashtable *ht) {
     return {ht->table, ht->buckets};
 }
 
 } // namespace
 
-uint32_t ux_hash_string(const char *text)
-{
+uint32_t ux_hash_string(const char *text) {
     trace_in();
     uint32_t h = 5381;
     while (*text) {
@@ -54,8 +49,7 @@ uint32_t ux_hash_string(const char *text)
 int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
                           uint32_t (*hash)(const void *data),
                           int32_t (*match)(const void *left, const void *right),
-                          void (*destroy)(void *data))
-{
+                          void (*destroy)(void *data)) {
     trace_in();
     assert(ht);
     assert(buckets);
@@ -76,8 +70,7 @@ int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
     return 0;
 }
 
-void ux_hashtable_destroy(ux_hashtable *ht)
-{
+void ux_hashtable_destroy(ux_hashtable *ht) {
     trace_in();
     assert(ht);
     for (ux_list &bucket : buckets_of(ht)) {
@@ -87,8 +80,7 @@ void ux_hashtable_destroy(ux_hashtable *ht)
     *ht = ux_hashtable{};
 }
 
-int32_t ux_hashtable_insert(ux_hashtable *ht, void *data)
-{
+int32_t ux_hashtable_insert(ux_hashtable *ht, void *data) {
     trace_in();
     assert(ht);
     assert(data);
@@ -103,8 +95,7 @@ int32_t ux_hashtable_insert(ux_hashtable *ht, void *data)
     return result;
 }
 
-int32_t ux_hashtable_replace(ux_hashtable *ht, void **data)
-{
+int32_t ux_hashtable_replace(ux_hashtable *ht, void **data) {
     trace_in();
     assert(ht);
     assert(data);
@@ -126,8 +117,7 @@ int32_t ux_hashtable_replace(ux_hashtable *ht, void **data)
     return result;
 }
 
-int32_t ux_hashtable_remove(ux_hashtable *ht, void **data)
-{
+int32_t ux_hashtable_remove(ux_hashtable *ht, void **data) {
     trace_in();
     assert(ht);
     assert(data);
@@ -141,8 +131,7 @@ int32_t ux_hashtable_remove(ux_hashtable *ht, void **data)
     return 0;
 }
 
-int32_t ux_hashtable_lookup(ux_hashtable *ht, void **data)
-{
+int32_t ux_hashtable_lookup(ux_hashtable *ht, void **data) {
     trace_in();
     assert(ht);
     assert(data);

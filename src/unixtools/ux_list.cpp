@@ -8,11 +8,9 @@
 
 #include <cassert>
 
-namespace
-{
+namespace {
 
-ux_list_element *new_element(void *data)
-{
+ux_list_element *new_element(void *data) {
     auto *element = ux_new<ux_list_element>();
     if (element) {
         element->data = data;
@@ -22,8 +20,7 @@ ux_list_element *new_element(void *data)
 
 } // namespace
 
-ux_list *ux_list_init(ux_list *list, void (*destroy)(void *data))
-{
+ux_list *ux_list_init(ux_list *list, void (*destroy)(void *data)) {
     trace_in();
     if (list) {
         *list = ux_list{0, destroy, nullptr, nullptr};
@@ -31,8 +28,7 @@ ux_list *ux_list_init(ux_list *list, void (*destroy)(void *data))
     return list;
 }
 
-void ux_list_destroy(ux_list *list)
-{
+void ux_list_destroy(ux_list *list) {
     trace_in();
     assert(list);
     while (list->tail) {
@@ -50,8 +46,7 @@ void ux_list_destroy(ux_list *list)
     *list = ux_list{};
 }
 
-int32_t ux_list_ins_next(ux_list *list, ux_list_element *element, void *data)
-{
+int32_t ux_list_ins_next(ux_list *list, ux_list_element *element, void *data) {
     trace_in();
     if (!list) {
         return -1;
@@ -88,8 +83,7 @@ int32_t ux_list_ins_next(ux_list *list, ux_list_element *element, void *data)
     return 0;
 }
 
-int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element, void *data)
-{
+int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element, void *data) {
     trace_in();
     if (!list) {
         return -1;
@@ -127,8 +121,7 @@ int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element, void *data)
     return 0;
 }
 
-int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out)
-{
+int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out) {
     trace_in();
     assert(list);
     assert(element);

@@ -9,42 +9,27 @@
 #include "unixtools/ux_list.h"
 
 /* A node as it is. */
-inline ux_list_element *ux_node(ux_list_element *node)
-{
+inline ux_list_element *ux_node(ux_list_element *node) {
     return node;
 }
 
 /* The record of a node; may be null. */
-template <typename record> record *ux_record(ux_list_element *node)
-{
+template <typename record> record *ux_record(ux_list_element *node) {
     return static_cast<record *>(node->data);
 }
 
 /* A list from head to tail; show says what the body sees of each node. */
-template <auto show> class ux_walk
-{
+template <auto show> class ux_walk {
   public:
-    explicit ux_walk(const ux_list *list) : head(list->head)
-    {
-    }
+    explicit ux_walk(const ux_list *list) : head(list->head) {}
 
-    class iterator
-    {
+    class iterator {
       public:
         explicit iterator(ux_list_element *node)
-            : here(node), next(node ? node->next : nullptr)
-        {
-        }
-        auto operator*() const
-        {
-            return show(here);
-        }
-        iterator &operator++()
-        {
-            return *this = iterator(next);
-        }
-        bool operator!=(const iterator &other) const
-        {
+            : here(node), next(node ? node->next : nullptr) {}
+        auto operator*() const { return show(here); }
+        iterator &operator++() { return *this = iterator(next); }
+        bool operator!=(const iterator &other) const {
             return here != other.here;
         }
 
@@ -53,14 +38,8 @@ template <auto show> class ux_walk
         ux_list_element *next;
     };
 
-    iterator begin() const
-    {
-        return iterator(head);
-    }
-    iterator end() const
-    {
-        return iterator(nullptr);
-    }
+    iterator begin() const { return iterator(head); }
+    iterator end() const { return iterator(nullptr); }
 
   private:
     ux_list_element *head;

@@ -6,8 +6,7 @@
 
 #include <cstdlib>
 
-int32_t ux_atoi(const char *text)
-{
+int32_t ux_atoi(const char *text) {
     /* strtoll saturates by itself, far outside what is kept here. */
     long long value = strtoll(text, nullptr, 10);
     if (value > INT32_MAX) {

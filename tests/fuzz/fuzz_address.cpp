@@ -4,8 +4,7 @@
 #include "tolva2/start/program_dir.h"
 #include "unixtools/ux_number.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *text = fuzz_text(data, size);
     char *copy = strdup(text);
     char *host = nullptr;

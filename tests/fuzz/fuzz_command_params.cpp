@@ -6,12 +6,10 @@
 #include <cstdio>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 /* One line of the database per run: the first half of the input. */
-void with_database(const uint8_t *data, size_t size, char *params)
-{
+void with_database(const uint8_t *data, size_t size, char *params) {
     static char path[] = "/tmp/fuzz_params_XXXXXX";
     static int fd = mkstemp(path);
     fuzz_check(fd >= 0 && ftruncate(fd, 0) == 0);
@@ -33,8 +31,7 @@ void with_database(const uint8_t *data, size_t size, char *params)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2) {
         return 0;
     }

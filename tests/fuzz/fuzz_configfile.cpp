@@ -6,8 +6,7 @@
 #include <cstdio>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 ux_text name;
 int32_t number = 0;
@@ -20,8 +19,7 @@ const ux_option table[] = {
     {},
 };
 
-void parse_one(const uint8_t *data, size_t size)
-{
+void parse_one(const uint8_t *data, size_t size) {
     char *line = fuzz_text(data, size);
     config_line parsed;
     int32_t result = parse_line(line, &parsed);
@@ -33,8 +31,7 @@ void parse_one(const uint8_t *data, size_t size)
     free(line);
 }
 
-void read_back(const char *path, int32_t expected)
-{
+void read_back(const char *path, int32_t expected) {
     number = 0;
     name = nullptr;
     fuzz_check(ux_readconfig(path, table, 3, 1) == 1);
@@ -43,8 +40,7 @@ void read_back(const char *path, int32_t expected)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     parse_one(data, size);
     char path[] = "/tmp/fuzz_configfile_XXXXXX";
     int fd = mkstemp(path);

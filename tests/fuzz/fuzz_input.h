@@ -12,8 +12,7 @@
 #include <initializer_list>
 
 /* A terminated copy; the caller frees it. */
-inline char *fuzz_text(const uint8_t *data, size_t size)
-{
+inline char *fuzz_text(const uint8_t *data, size_t size) {
     char *text = static_cast<char *>(malloc(size + 1));
     if (!text) {
         abort();
@@ -24,8 +23,7 @@ inline char *fuzz_text(const uint8_t *data, size_t size)
 }
 
 /* Stops the fuzzer when something that must hold does not. */
-inline void fuzz_check(bool holds)
-{
+inline void fuzz_check(bool holds) {
     if (!holds) {
         abort();
     }

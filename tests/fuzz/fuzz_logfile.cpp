@@ -5,8 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static char path[] = "/tmp/fuzz_logfile_XXXXXX";
     static int fd = mkstemp(path);
     static bool opened = logfile_open(path, 1);

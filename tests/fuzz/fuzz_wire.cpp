@@ -2,12 +2,10 @@
 #include "fuzz_input.h"
 #include "tolva2/net/wire.h"
 
-namespace
-{
+namespace {
 
 /* Cuts up a copy: a record without a fault names a command. */
-void check_command(const char *text)
-{
+void check_command(const char *text) {
     char *copy = strdup(text);
     const command_request request = parse_command(copy);
     fuzz_check((request.fault == command_fault::none) ==
@@ -18,8 +16,7 @@ void check_command(const char *text)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *text = fuzz_text(data, size);
     request_class kind = classify_request(text);
     size_t length = strlen(text);

@@ -15,11 +15,9 @@
 #include <string>
 #include <unistd.h>
 
-class capture
-{
+class capture {
   public:
-    explicit capture(int descriptor = STDOUT_FILENO) : caught(descriptor)
-    {
+    explicit capture(int descriptor = STDOUT_FILENO) : caught(descriptor) {
         fflush(nullptr);
         file = tmpfile();
         saved = dup(caught);
@@ -27,8 +25,7 @@ class capture
             ADD_FAILURE() << "cannot catch descriptor " << caught;
         }
     }
-    ~capture()
-    {
+    ~capture() {
         stop();
         if (file != nullptr) {
             fclose(file);
@@ -38,8 +35,7 @@ class capture
     capture &operator=(const capture &) = delete;
 
     /* What has arrived so far, without flushing any stream. */
-    std::string so_far() const
-    {
+    std::string so_far() const {
         std::string text;
         char block[4096];
         ssize_t got;
@@ -50,15 +46,13 @@ class capture
         return text;
     }
     /* Puts the descriptor back; everything that was written to it. */
-    std::string text()
-    {
+    std::string text() {
         stop();
         return so_far();
     }
 
   private:
-    void stop()
-    {
+    void stop() {
         if (saved >= 0) {
             fflush(nullptr);
             dup2(saved, caught);
@@ -73,17 +67,12 @@ class capture
 };
 
 /* The trace level for as long as it lives. */
-class trace_level
-{
+class trace_level {
   public:
-    explicit trace_level(int32_t level) : before(debug_level)
-    {
+    explicit trace_level(int32_t level) : before(debug_level) {
         debug_level = level;
     }
-    ~trace_level()
-    {
-        debug_level = before;
-    }
+    ~trace_level() { debug_level = before; }
     trace_level(const trace_level &) = delete;
     trace_level &operator=(const trace_level &) = delete;
 
@@ -92,8 +81,8 @@ class trace_level
 };
 
 /* Runs body at a trace level; what it wrote to standard output. */
-template <typename body_type> std::string traced(int32_t level, body_type body)
-{
+template <typename body_type>
+std::string traced(int32_t level, body_type body) {
     capture output;
     trace_level at(level);
     body();

@@ -23,8 +23,7 @@ struct ending {
 };
 
 /* Runs body in a child; a body that returns ends it with status 99. */
-template <typename body_type> ending in_child(body_type body)
-{
+template <typename body_type> ending in_child(body_type body) {
     ending result;
     capture out(STDOUT_FILENO);
     capture err(STDERR_FILENO);
@@ -45,17 +44,12 @@ template <typename body_type> ending in_child(body_type body)
 }
 
 /* The name that error lines begin with. */
-class program_name
-{
+class program_name {
   public:
-    explicit program_name(const std::string &text) : name(text)
-    {
+    explicit program_name(const std::string &text) : name(text) {
         progname = name.data();
     }
-    ~program_name()
-    {
-        progname = nullptr;
-    }
+    ~program_name() { progname = nullptr; }
     program_name(const program_name &) = delete;
     program_name &operator=(const program_name &) = delete;
 

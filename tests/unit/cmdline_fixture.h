@@ -17,34 +17,29 @@
 using namespace std::string_literals;
 
 /* No test asks the network. */
-extern "C" hostent *gethostbyname(const char *)
-{
+extern "C" hostent *gethostbyname(const char *) {
     return nullptr;
 }
 
-namespace
-{
+namespace {
 
 std::string called; /* with which arguments the mode was called */
 int32_t result_of_mode = 0;
 
-void show(const char *name, int32_t value, int32_t not_given)
-{
+void show(const char *name, int32_t value, int32_t not_given) {
     if (value != not_given) {
         called += std::string(" ") + name + "=" + std::to_string(value);
     }
 }
 
-void show(const char *name, const char *value)
-{
+void show(const char *name, const char *value) {
     if (value != nullptr) {
         called += std::string(" ") + name + "=[" + value + "]";
     }
 }
 
 /* "text:port/kind/mode", in order. */
-void show(const char *name, const ux_list *list)
-{
+void show(const char *name, const ux_list *list) {
     if (list->size == 0) {
         return;
     }
@@ -64,8 +59,7 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
                       int32_t check_port, ux_list *peers, ux_list *servers,
                       ux_list *redundant, int32_t retries,
                       ux_text shutdown_prog, ux_text alive_prog,
-                      int32_t timeout, int32_t check_interval)
-{
+                      int32_t timeout, int32_t check_interval) {
     called = "listen";
     show("cfgfile", cfgfile.get());
     show("host", listen_host);
@@ -83,8 +77,7 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
 }
 
 int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
-                    const char *command)
-{
+                    const char *command) {
     called = "send";
     show("to", addresses);
     show("port", port, -1);
@@ -93,14 +86,12 @@ int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
     return result_of_mode;
 }
 
-namespace
-{
+namespace {
 
 using words = std::vector<std::string>;
 
 /* check_input with arguments that may be cut up. */
-int32_t run(const std::string &program, words arguments)
-{
+int32_t run(const std::string &program, words arguments) {
     program_name name(program);
     arguments.insert(arguments.begin(), "/any/path/" + program);
     std::vector<char *> argv;
@@ -113,8 +104,7 @@ int32_t run(const std::string &program, words arguments)
     return check_input({argv.data(), arguments.size()});
 }
 
-std::string joined(const std::string &program, const words &arguments)
-{
+std::string joined(const std::string &program, const words &arguments) {
     std::string text = program;
     for (const std::string &one : arguments) {
         text += " [" + one + "]";
@@ -128,8 +118,7 @@ struct accepted_row {
     std::string call;
 };
 
-void check_accepted(const std::vector<accepted_row> &rows)
-{
+void check_accepted(const std::vector<accepted_row> &rows) {
     for (const accepted_row &row : rows) {
         SCOPED_TRACE(joined(row.program, row.arguments));
         /* In a child first: an error would end the process. */
@@ -148,8 +137,7 @@ struct refused_row {
     std::string message; /* behind "program: " */
 };
 
-void check_refused(const std::vector<refused_row> &rows)
-{
+void check_refused(const std::vector<refused_row> &rows) {
     for (const refused_row &row : rows) {
         SCOPED_TRACE(joined(row.program, row.arguments));
         ending end = in_child([&] { run(row.program, row.arguments); });

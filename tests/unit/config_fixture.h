@@ -10,34 +10,26 @@
 
 #include <string>
 
-class config_test : public testing::Test
-{
+class config_test : public testing::Test {
   protected:
-    void TearDown() override
-    {
-        umask(mask_before);
-    }
-    void forget()
-    {
+    void TearDown() override { umask(mask_before); }
+    void forget() {
         name = nullptr;
         text = nullptr;
         port = -1;
     }
-    int32_t read(const std::string &content, int32_t missing_ok = 0)
-    {
+    int32_t read(const std::string &content, int32_t missing_ok = 0) {
         forget();
         write_file(path, content);
         return ux_readconfig(path.c_str(), table, 64, missing_ok);
     }
     /* The file after the values of now were put into content. */
-    std::string rewritten(const std::string &content)
-    {
+    std::string rewritten(const std::string &content) {
         write_file(path, content);
         EXPECT_EQ(ux_rewriteconfig(path.c_str(), table, 64), 1);
         return read_file(path);
     }
-    void set(int32_t new_port, const char *new_name, const char *new_text)
-    {
+    void set(int32_t new_port, const char *new_name, const char *new_text) {
         forget();
         port = new_port;
         name = ux_copy(new_name);

@@ -15,8 +15,7 @@
  * named by its module: "ux_list" is ux_list.cpp.
  */
 inline std::string assertion(const std::string &module,
-                             const std::string &condition)
-{
+                             const std::string &condition) {
     std::string pattern = module + "\\.cpp:[0-9]+: .*Assertion `";
     for (char c : condition) {
         if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) {

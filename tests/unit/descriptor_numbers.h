@@ -18,38 +18,27 @@
 #include <unistd.h>
 #include <vector>
 
-inline bool is_open(int fd)
-{
+inline bool is_open(int fd) {
     return fcntl(fd, F_GETFD) >= 0;
 }
 
 /* A socket with exactly that number. */
-inline ux_fd socket_with_number(int number)
-{
+inline ux_fd socket_with_number(int number) {
     ux_fd any(socket(AF_INET, SOCK_STREAM, 0));
     EXPECT_EQ(dup2(any.get(), number), number) << strerror(errno);
     return ux_fd(number);
 }
 
 /* A number that is in use becomes a socket's for as long as it lives. */
-class descriptor_on_loan
-{
+class descriptor_on_loan {
   public:
     explicit descriptor_on_loan(int wanted)
-        : number(wanted), kept(fcntl(wanted, F_DUPFD_CLOEXEC, 3))
-    {
-    }
-    ~descriptor_on_loan()
-    {
-        dup2(kept.get(), number);
-    }
+        : number(wanted), kept(fcntl(wanted, F_DUPFD_CLOEXEC, 3)) {}
+    ~descriptor_on_loan() { dup2(kept.get(), number); }
     descriptor_on_loan(const descriptor_on_loan &) = delete;
     descriptor_on_loan &operator=(const descriptor_on_loan &) = delete;
 
-    ux_fd take() const
-    {
-        return socket_with_number(number);
-    }
+    ux_fd take() const { return socket_with_number(number); }
 
   private:
     int number;
@@ -57,8 +46,7 @@ class descriptor_on_loan
 };
 
 /* Every number below the limit that is free. */
-inline std::vector<ux_fd> take_numbers_below(int limit)
-{
+inline std::vector<ux_fd> take_numbers_below(int limit) {
     std::vector<ux_fd> taken;
     for (int fd = dup(STDIN_FILENO); fd >= 0; fd = dup(STDIN_FILENO)) {
         taken.emplace_back(fd);
@@ -71,8 +59,7 @@ inline std::vector<ux_fd> take_numbers_below(int limit)
 }
 
 /* How many descriptors this process has open. */
-inline int descriptors_in_use()
-{
+inline int descriptors_in_use() {
     int count = 0;
     DIR *directory = opendir("/proc/self/fd");
     if (directory == nullptr) {
@@ -85,8 +72,7 @@ inline int descriptors_in_use()
     return count;
 }
 
-inline int lowest_free_number()
-{
+inline int lowest_free_number() {
     int number = dup(STDIN_FILENO);
     EXPECT_GE(number, 0);
     close(number);
@@ -94,28 +80,22 @@ inline int lowest_free_number()
 }
 
 /* As many as the system would let this process have. */
-inline rlim_t most_descriptors()
-{
+inline rlim_t most_descriptors() {
     rlimit limit;
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     return limit.rlim_max;
 }
 
 /* As long as it lives, only the numbers below can be had. */
-class descriptor_limit
-{
+class descriptor_limit {
   public:
-    explicit descriptor_limit(rlim_t count)
-    {
+    explicit descriptor_limit(rlim_t count) {
         EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
         rlimit limit = before;
         limit.rlim_cur = count;
         EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     }
-    ~descriptor_limit()
-    {
-        setrlimit(RLIMIT_NOFILE, &before);
-    }
+    ~descriptor_limit() { setrlimit(RLIMIT_NOFILE, &before); }
     descriptor_limit(const descriptor_limit &) = delete;
     descriptor_limit &operator=(const descriptor_limit &) = delete;
 
@@ -124,13 +104,10 @@ class descriptor_limit
 };
 
 /* As long as it lives, no descriptor from the next free one on can be had. */
-class no_descriptors : public descriptor_limit
-{
+class no_descriptors : public descriptor_limit {
   public:
     explicit no_descriptors(int spare = 0)
-        : descriptor_limit(static_cast<rlim_t>(lowest_free_number() + spare))
-    {
-    }
+        : descriptor_limit(static_cast<rlim_t>(lowest_free_number() + spare)) {}
 };
 
 #endif

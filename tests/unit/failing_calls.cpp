@@ -18,14 +18,12 @@
 
 ppoll_call ppoll_instead;
 
-namespace
-{
+namespace {
 
 /* Those that live now; a plain array, since the heap is one that may fail. */
 std::array<failing_call *, 8> failures{};
 
-bool fails(const char *name)
-{
+bool fails(const char *name) {
     for (failing_call *one : failures) {
         if (one != nullptr && one->claims(name)) {
             return true;
@@ -38,19 +36,16 @@ bool fails(const char *name)
 
 failing_call::failing_call(std::string_view called, int with, int first,
                            int many)
-    : name(called), error(with), after(first), times(many)
-{
+    : name(called), error(with), after(first), times(many) {
     *std::find(failures.begin(), failures.end() - 1, nullptr) = this;
 }
 
-failing_call::~failing_call()
-{
+failing_call::~failing_call() {
     std::replace(failures.begin(), failures.end(), this,
                  static_cast<failing_call *>(nullptr));
 }
 
-bool failing_call::claims(std::string_view called)
-{
+bool failing_call::claims(std::string_view called) {
     if (called != name || after-- > 0) {
         return false;
     }
@@ -91,45 +86,37 @@ int __real_execv(const char *path, char *const arguments[]);
 int __real_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
                  const sigset_t *mask);
 
-void *__wrap_malloc(size_t size)
-{
+void *__wrap_malloc(size_t size) {
     return fails("heap") ? nullptr : __real_malloc(size);
 }
 
-void *__wrap_calloc(size_t count, size_t size)
-{
+void *__wrap_calloc(size_t count, size_t size) {
     return fails("heap") ? nullptr : __real_calloc(count, size);
 }
 
-void *__wrap_realloc(void *block, size_t size)
-{
+void *__wrap_realloc(void *block, size_t size) {
     return fails("heap") ? nullptr : __real_realloc(block, size);
 }
 
-char *__wrap_strdup(const char *text)
-{
+char *__wrap_strdup(const char *text) {
     return fails("heap") ? nullptr : __real_strdup(text);
 }
 
-FILE *__wrap_tmpfile()
-{
+FILE *__wrap_tmpfile() {
     return fails("tmpfile") ? nullptr : __real_tmpfile();
 }
 
-FILE *__wrap_fdopen(int fd, const char *mode)
-{
+FILE *__wrap_fdopen(int fd, const char *mode) {
     return fails("fdopen") ? nullptr : __real_fdopen(fd, mode);
 }
 
 /* Closes in any case: what fails is the last write. */
-int __wrap_fclose(FILE *stream)
-{
+int __wrap_fclose(FILE *stream) {
     int result = __real_fclose(stream);
     return fails("fclose") ? EOF : result;
 }
 
-int __wrap_open(const char *path, int flags, ...)
-{
+int __wrap_open(const char *path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
     auto mode = static_cast<mode_t>(va_arg(rest, int));
@@ -137,39 +124,32 @@ int __wrap_open(const char *path, int flags, ...)
     return fails("open") ? -1 : __real_open(path, flags, mode);
 }
 
-int __wrap_mkostemp(char *name, int flags)
-{
+int __wrap_mkostemp(char *name, int flags) {
     return fails("mkostemp") ? -1 : __real_mkostemp(name, flags);
 }
 
-char *__wrap_realpath(const char *path, char *resolved)
-{
+char *__wrap_realpath(const char *path, char *resolved) {
     return fails("realpath") ? nullptr : __real_realpath(path, resolved);
 }
 
-FILE *__wrap_fopen(const char *path, const char *mode)
-{
+FILE *__wrap_fopen(const char *path, const char *mode) {
     return fails("fopen") ? nullptr : __real_fopen(path, mode);
 }
 
-char *__wrap_fgets(char *line, int size, FILE *stream)
-{
+char *__wrap_fgets(char *line, int size, FILE *stream) {
     return fails("fgets") ? nullptr : __real_fgets(line, size, stream);
 }
 
-pid_t __wrap_fork()
-{
+pid_t __wrap_fork() {
     return fails("fork") ? -1 : __real_fork();
 }
 
-int __wrap_dup2(int from, int to)
-{
+int __wrap_dup2(int from, int to) {
     return fails("dup2") ? -1 : __real_dup2(from, to);
 }
 
 /* The program gives fcntl a number or nothing. */
-int __wrap_fcntl(int fd, int command, ...)
-{
+int __wrap_fcntl(int fd, int command, ...) {
     va_list rest;
     va_start(rest, command);
     long argument = va_arg(rest, long);
@@ -178,38 +158,32 @@ int __wrap_fcntl(int fd, int command, ...)
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void *value,
-                      socklen_t length)
-{
+                      socklen_t length) {
     return fails("setsockopt")
                ? -1
                : __real_setsockopt(fd, level, name, value, length);
 }
 
-int __wrap_setitimer(int which, const itimerval *timer, itimerval *old)
-{
+int __wrap_setitimer(int which, const itimerval *timer, itimerval *old) {
     return fails("setitimer") ? -1 : __real_setitimer(which, timer, old);
 }
 
-int __wrap_socket(int domain, int type, int protocol)
-{
+int __wrap_socket(int domain, int type, int protocol) {
     return fails("socket") ? -1 : __real_socket(domain, type, protocol);
 }
 
-int __wrap_accept(int fd, sockaddr *address, socklen_t *length)
-{
+int __wrap_accept(int fd, sockaddr *address, socklen_t *length) {
     return fails("accept") ? -1 : __real_accept(fd, address, length);
 }
 
 int __wrap_pselect(int count, fd_set *readable, fd_set *writable, fd_set *other,
-                   const timespec *limit, const sigset_t *mask)
-{
+                   const timespec *limit, const sigset_t *mask) {
     return fails("pselect")
                ? -1
                : __real_pselect(count, readable, writable, other, limit, mask);
 }
 
-int __wrap_execl(const char *path, const char *argument, ...)
-{
+int __wrap_execl(const char *path, const char *argument, ...) {
     if (fails("execl")) {
         return -1;
     }
@@ -226,8 +200,7 @@ int __wrap_execl(const char *path, const char *argument, ...)
 }
 
 int __wrap_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
-                 const sigset_t *mask)
-{
+                 const sigset_t *mask) {
     if (ppoll_instead) {
         return ppoll_instead(fds, count, limit, mask);
     }

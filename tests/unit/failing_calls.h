@@ -20,8 +20,7 @@
  * first few have gone through: all of them, or so many. "heap" is any
  * allocation.
  */
-class failing_call
-{
+class failing_call {
   public:
     failing_call(std::string_view called, int with, int first = 0,
                  int times = INT_MAX);
@@ -40,12 +39,9 @@ class failing_call
 };
 
 /* The heap has this many allocations left for as long as it lives. */
-class failing_heap : public failing_call
-{
+class failing_heap : public failing_call {
   public:
-    explicit failing_heap(int left = 0) : failing_call("heap", ENOMEM, left)
-    {
-    }
+    explicit failing_heap(int left = 0) : failing_call("heap", ENOMEM, left) {}
 };
 
 /* When set, what a wait in ppoll comes to; it may call on to ppoll itself

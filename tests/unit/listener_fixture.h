@@ -13,11 +13,9 @@
 
 #include <string>
 
-class listener
-{
+class listener {
   public:
-    listener()
-    {
+    listener() {
         settings = receiver_params{};
         settings.listenport = 6003;
         settings.shutdown_prog = text("exit 0;");
@@ -27,8 +25,7 @@ class listener
         rp = &settings;
         init_redundant_shutdowns(&settings, members.get());
     }
-    ~listener()
-    {
+    ~listener() {
         /* Scripts that a test has not collected. */
         for (const ux_list *list : {clients, connections}) {
             for (const connection *cn : records(list)) {
@@ -43,13 +40,11 @@ class listener
     listener &operator=(const listener &) = delete;
 
     /* A text for a setting. */
-    static ux_text text(const std::string &content)
-    {
+    static ux_text text(const std::string &content) {
         return ux_copy(content.c_str());
     }
     /* Redundant senders, level 1, with a harmless batch file. */
-    void make_redundant(const char *addresses, int32_t level)
-    {
+    void make_redundant(const char *addresses, int32_t level) {
         settings.redundancy_enabled = text("TRUE");
         settings.redundancy_batch_file = text("exit 4;");
         settings.redundancy_level = level;

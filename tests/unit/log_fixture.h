@@ -14,8 +14,7 @@
 #include <ctime>
 #include <string>
 
-inline std::string stamp(time_t t)
-{
+inline std::string stamp(time_t t) {
     char text[64];
     tm local;
     localtime_r(&t, &local);
@@ -25,8 +24,7 @@ inline std::string stamp(time_t t)
 
 /* The lines without their dates and times, which lie between two moments. */
 inline std::string without_stamps(const std::string &lines, time_t from,
-                                  time_t to)
-{
+                                  time_t to) {
     std::string rest;
     size_t start = 0;
     while (start < lines.size()) {
@@ -45,8 +43,7 @@ inline std::string without_stamps(const std::string &lines, time_t from,
     return rest;
 }
 
-inline std::string numbered_lines(size_t length, size_t count)
-{
+inline std::string numbered_lines(size_t length, size_t count) {
     std::string lines;
     for (size_t i = 0; i < count; i++) {
         std::string line = "line " + std::to_string(i) + " ";
@@ -56,35 +53,29 @@ inline std::string numbered_lines(size_t length, size_t count)
     return lines;
 }
 
-class logfile_test : public testing::Test
-{
+class logfile_test : public testing::Test {
   protected:
-    void TearDown() override
-    {
+    void TearDown() override {
         logfile_close();
         log_into_file(false);
         log_as(0);
         daemonized = 0;
     }
-    void open_log(int32_t size_kib)
-    {
+    void open_log(int32_t size_kib) {
         ASSERT_TRUE(logfile_open(path.c_str(), size_kib));
         log_into_file();
     }
     /* What standard output gets from body, without dates and times. */
-    template <typename body_type> std::string shown(body_type body)
-    {
+    template <typename body_type> std::string shown(body_type body) {
         time_t before = time(nullptr);
         std::string output = traced(-1, body);
         return without_stamps(output, before, time(nullptr));
     }
     /* What log_write_line makes of text. */
-    std::string line_of(const std::string &text)
-    {
+    std::string line_of(const std::string &text) {
         return shown([&] { EXPECT_TRUE(log_write_line(text.c_str())); });
     }
-    std::string log() const
-    {
+    std::string log() const {
         return without_stamps(read_file(path), started, time(nullptr));
     }
 

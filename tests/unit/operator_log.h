@@ -18,8 +18,8 @@
 #include <vector>
 
 /* Each message text names its number and shows which arguments it got. */
-inline std::string message(int number, std::initializer_list<std::string> args)
-{
+inline std::string message(int number,
+                           std::initializer_list<std::string> args) {
     std::string text = "m" + std::to_string(number) + "!";
     size_t shown = 0;
     for (const std::string &argument : args) {
@@ -33,11 +33,9 @@ inline std::string message(int number, std::initializer_list<std::string> args)
 }
 
 /* A log file and a message database for as long as it lives. */
-class operator_log
-{
+class operator_log {
   public:
-    operator_log()
-    {
+    operator_log() {
         std::string texts;
         for (int number = 700; number < 900; number++) {
             texts += "m" + std::to_string(number) + "=" + message(number, {});
@@ -48,8 +46,7 @@ class operator_log
         EXPECT_EQ(logfile_open(home.path("log").c_str(), 0), 1);
         log_into_file();
     }
-    ~operator_log()
-    {
+    ~operator_log() {
         log_into_file(false);
         logfile_close();
         msgdb_close();
@@ -58,8 +55,7 @@ class operator_log
     operator_log &operator=(const operator_log &) = delete;
 
     /* The texts logged so far, without date, time and process id. */
-    std::vector<std::string> lines() const
-    {
+    std::vector<std::string> lines() const {
         std::vector<std::string> texts;
         std::string all =
             file_exists(home.path("log")) ? read_file(home.path("log")) : "";
@@ -75,14 +71,8 @@ class operator_log
         }
         return texts;
     }
-    void clear() const
-    {
-        unlink(home.path("log").c_str());
-    }
-    const temp_dir &directory() const
-    {
-        return home;
-    }
+    void clear() const { unlink(home.path("log").c_str()); }
+    const temp_dir &directory() const { return home; }
 
   private:
     temp_dir home;
@@ -90,13 +80,11 @@ class operator_log
 
 using log_lines = std::vector<std::string>;
 
-inline std::string system_line(int error)
-{
+inline std::string system_line(int error) {
     return std::string("system: ") + strerror(error);
 }
 
-inline std::string error_line(int error)
-{
+inline std::string error_line(int error) {
     return std::string("error: ") + strerror(error);
 }
 

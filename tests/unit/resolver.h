@@ -13,8 +13,7 @@
 #include <unistd.h>
 
 /* Stands before the C library's: answers by name, localhost in truth. */
-extern "C" hostent *gethostbyname(const char *name)
-{
+extern "C" hostent *gethostbyname(const char *name) {
     static in_addr found;
     static char *addresses[] = {nullptr, nullptr};
     static hostent entry;
@@ -53,8 +52,7 @@ extern "C" hostent *gethostbyname(const char *name)
     return nullptr;
 }
 
-inline std::string unresolved(const std::string &host)
-{
+inline std::string unresolved(const std::string &host) {
     return "prog: could not resolve hostname `" + host + "'\n";
 }
 

@@ -19,11 +19,9 @@
 #include <utility>
 
 /* Both lists, empty, with nothing counted as open. */
-class session_lists
-{
+class session_lists {
   public:
-    explicit session_lists(int32_t first_maxfd = 0)
-    {
+    explicit session_lists(int32_t first_maxfd = 0) {
         ux_list_init(&client_list, destroy_connection);
         ux_list_init(&connection_list, destroy_connection);
         clients = &client_list;
@@ -32,8 +30,7 @@ class session_lists
         max_fds = 256;
         reset_descriptors(first_maxfd);
     }
-    ~session_lists()
-    {
+    ~session_lists() {
         ux_list_destroy(&client_list);
         ux_list_destroy(&connection_list);
         clients = nullptr;
@@ -54,8 +51,7 @@ class session_lists
  * Nothing is left in what a wait is for: a number that has been closed would
  * make it fail. Leaves its mark on the highest descriptor.
  */
-inline bool nothing_is_watched()
-{
+inline bool nothing_is_watched() {
     watched_fd highest(socket_with_number(FD_SETSIZE - 1), EVENT_NONE);
     return wait_for_descriptors(0, nullptr).ready == 0;
 }
@@ -63,8 +59,7 @@ inline bool nothing_is_watched()
 /* A new record at the end of a list, with an open socket or -1. */
 inline connection *add_record(ux_list *list, mode_code mode, address_kind type,
                               const char *address, int fd = -1,
-                              event_bits events = EVENT_READABLE)
-{
+                              event_bits events = EVENT_READABLE) {
     connection_owner owner = new_connection(mode, type);
     connection *cn = owner.get();
     strncpy(cn->ipaddr, address, sizeof cn->ipaddr - 1);

@@ -10,8 +10,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-inline void set_limit(int resource, rlim_t value)
-{
+inline void set_limit(int resource, rlim_t value) {
     rlimit limit;
     if (getrlimit(static_cast<__rlimit_resource_t>(resource), &limit) != 0) {
         abort();
@@ -23,21 +22,18 @@ inline void set_limit(int resource, rlim_t value)
 }
 
 /* No file can be opened any more. */
-inline void no_more_descriptors()
-{
+inline void no_more_descriptors() {
     set_limit(RLIMIT_NOFILE, 0);
 }
 
 /* No file grows beyond that many bytes; writing on just fails. */
-inline void limit_files_to(rlim_t bytes)
-{
+inline void limit_files_to(rlim_t bytes) {
     signal(SIGXFSZ, SIG_IGN);
     set_limit(RLIMIT_FSIZE, bytes);
 }
 
 /* Permissions count from here on, also for root. */
-inline void become_nobody()
-{
+inline void become_nobody() {
     constexpr unsigned NOBODY = 65534;
     if (geteuid() == 0 && (setegid(NOBODY) != 0 || seteuid(NOBODY) != 0)) {
         abort();

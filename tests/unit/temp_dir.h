@@ -16,8 +16,7 @@
 #include <unistd.h>
 
 /* Writes text as the whole file; the test fails when it cannot. */
-inline void write_file(const std::string &path, const std::string &text)
-{
+inline void write_file(const std::string &path, const std::string &text) {
     FILE *stream = fopen(path.c_str(), "wb");
     ASSERT_NE(stream, nullptr) << path;
     EXPECT_EQ(fwrite(text.data(), 1, text.size(), stream), text.size());
@@ -25,8 +24,7 @@ inline void write_file(const std::string &path, const std::string &text)
 }
 
 /* The whole file; an absent one is "(no file)", which no test writes. */
-inline std::string read_file(const std::string &path)
-{
+inline std::string read_file(const std::string &path) {
     FILE *stream = fopen(path.c_str(), "rb");
     if (stream == nullptr) {
         return "(no file)";
@@ -41,17 +39,14 @@ inline std::string read_file(const std::string &path)
     return text;
 }
 
-inline bool file_exists(const std::string &path)
-{
+inline bool file_exists(const std::string &path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0;
 }
 
-class temp_dir
-{
+class temp_dir {
   public:
-    temp_dir()
-    {
+    temp_dir() {
         const char *base = getenv("TMPDIR");
         std::string name = base != nullptr && *base == '/' ? base : "/tmp";
         name += "/tolva-unit-XXXXXX";
@@ -60,8 +55,7 @@ class temp_dir
         }
         EXPECT_FALSE(directory.empty()) << "no temporary directory: " << name;
     }
-    ~temp_dir()
-    {
+    ~temp_dir() {
         std::error_code ignored;
         if (!directory.empty()) {
             std::filesystem::remove_all(directory, ignored);
@@ -70,17 +64,12 @@ class temp_dir
     temp_dir(const temp_dir &) = delete;
     temp_dir &operator=(const temp_dir &) = delete;
 
-    const std::string &path() const
-    {
-        return directory;
-    }
-    std::string path(const std::string &name) const
-    {
+    const std::string &path() const { return directory; }
+    std::string path(const std::string &name) const {
         return directory + "/" + name;
     }
     /* Writes a file into the directory and returns its path. */
-    std::string file(const std::string &name, const std::string &text) const
-    {
+    std::string file(const std::string &name, const std::string &text) const {
         write_file(path(name), text);
         return path(name);
     }

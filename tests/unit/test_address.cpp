@@ -6,12 +6,10 @@
 
 #include <netinet/in.h>
 
-namespace
-{
+namespace {
 
 /* As the program: the text is cut up in place, so it gets a copy. */
-bool add(address_list &list, std::string text, address_kind kind = ADDR_PEER)
-{
+bool add(address_list &list, std::string text, address_kind kind = ADDR_PEER) {
     return add_inetaddr(list.get(), text.data(), kind, MODE_SEND);
 }
 
@@ -23,8 +21,7 @@ struct split_row {
 
 } // namespace
 
-TEST(split_addr, cuts_at_the_last_colon)
-{
+TEST(split_addr, cuts_at_the_last_colon) {
     const split_row rows[] = {
         {"host", "host", 0},
         {"192.168.1.10:6004", "192.168.1.10", 6004},
@@ -53,8 +50,7 @@ TEST(split_addr, cuts_at_the_last_colon)
     }
 }
 
-TEST(split_addr, gives_null_for_nothing)
-{
+TEST(split_addr, gives_null_for_nothing) {
     char empty[] = "";
     char *host = empty;
     int32_t port = 5;
@@ -62,8 +58,7 @@ TEST(split_addr, gives_null_for_nothing)
     EXPECT_EQ(split_addr(&host, &port, empty), nullptr);
 }
 
-TEST(split_port, reads_a_port_with_or_without_host)
-{
+TEST(split_port, reads_a_port_with_or_without_host) {
     const split_row rows[] = {
         {"6003", nullptr, 6003},
         {"10.0.0.1:7000", "10.0.0.1", 7000},
@@ -91,16 +86,14 @@ TEST(split_port, reads_a_port_with_or_without_host)
     }
 }
 
-TEST(split_port, gives_zero_for_nothing)
-{
+TEST(split_port, gives_zero_for_nothing) {
     char empty[] = "";
     char *host = nullptr;
     EXPECT_EQ(split_port(&host, nullptr), 0);
     EXPECT_EQ(split_port(&host, empty), 0);
 }
 
-TEST(add_inetaddr, appends_in_order)
-{
+TEST(add_inetaddr, appends_in_order) {
     address_list list;
     EXPECT_TRUE(add(list, "10.0.0.1"));
     EXPECT_TRUE(add(list, "10.0.0.2:81", ADDR_BROADCAST));
@@ -110,8 +103,7 @@ TEST(add_inetaddr, appends_in_order)
     EXPECT_EQ(list.last()->mode, MODE_SEND);
 }
 
-TEST(add_inetaddr, cuts_the_text_in_place)
-{
+TEST(add_inetaddr, cuts_the_text_in_place) {
     address_list list;
     char text[] = "10.0.0.2:81";
     EXPECT_TRUE(add_inetaddr(list.get(), text, ADDR_PEER, MODE_SEND));
@@ -119,8 +111,7 @@ TEST(add_inetaddr, cuts_the_text_in_place)
     EXPECT_STREQ(text + 9, "81");
 }
 
-TEST(add_inetaddr, cuts_a_port_to_16_bits)
-{
+TEST(add_inetaddr, cuts_a_port_to_16_bits) {
     struct row {
         const char *text;
         uint16_t port;
@@ -143,8 +134,7 @@ TEST(add_inetaddr, cuts_a_port_to_16_bits)
     }
 }
 
-TEST(add_inetaddr, adds_nothing_for_nothing_or_an_unknown_name)
-{
+TEST(add_inetaddr, adds_nothing_for_nothing_or_an_unknown_name) {
     program_name name("prog");
     address_list list;
     EXPECT_FALSE(add_inetaddr(list.get(), nullptr, ADDR_PEER, MODE_SEND));
@@ -158,8 +148,7 @@ TEST(add_inetaddr, adds_nothing_for_nothing_or_an_unknown_name)
     EXPECT_EQ(list.size(), 0u);
 }
 
-TEST(add_inetaddr, ends_the_process_when_the_list_cannot_grow)
-{
+TEST(add_inetaddr, ends_the_process_when_the_list_cannot_grow) {
     program_name name("prog");
     ending end = in_child([] {
         address_list list;
@@ -172,8 +161,7 @@ TEST(add_inetaddr, ends_the_process_when_the_list_cannot_grow)
               std::string("prog: malloc(): ") + strerror(ENOMEM) + "\n");
 }
 
-TEST(get_inetaddr_arr_from_str, takes_every_white_space_as_separator)
-{
+TEST(get_inetaddr_arr_from_str, takes_every_white_space_as_separator) {
     address_list list;
     EXPECT_EQ(get_inetaddr_arr_from_str(
                   list.get(),
@@ -188,8 +176,7 @@ TEST(get_inetaddr_arr_from_str, takes_every_white_space_as_separator)
     EXPECT_EQ(list.last()->mode, MODE_LISTEN);
 }
 
-TEST(get_inetaddr_arr_from_str, does_not_take_commas_as_separators)
-{
+TEST(get_inetaddr_arr_from_str, does_not_take_commas_as_separators) {
     program_name name("prog");
     address_list list;
     capture errors(STDERR_FILENO);
@@ -199,8 +186,7 @@ TEST(get_inetaddr_arr_from_str, does_not_take_commas_as_separators)
     EXPECT_EQ(errors.text(), unresolved("10.0.0.1,10.0.0.2"));
 }
 
-TEST(get_inetaddr_arr_from_str, leaves_out_what_fails_and_goes_on)
-{
+TEST(get_inetaddr_arr_from_str, leaves_out_what_fails_and_goes_on) {
     program_name name("prog");
     address_list list;
     capture errors(STDERR_FILENO);
@@ -212,8 +198,7 @@ TEST(get_inetaddr_arr_from_str, leaves_out_what_fails_and_goes_on)
     EXPECT_EQ(list.content(), "10.0.0.1:0 10.1.2.3:0");
 }
 
-TEST(get_inetaddr_arr_from_str, works_on_a_copy)
-{
+TEST(get_inetaddr_arr_from_str, works_on_a_copy) {
     address_list list;
     const char text[] = "10.0.0.1:5 10.0.0.2";
     EXPECT_EQ(
@@ -221,8 +206,7 @@ TEST(get_inetaddr_arr_from_str, works_on_a_copy)
     EXPECT_STREQ(text, "10.0.0.1:5 10.0.0.2");
 }
 
-TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing)
-{
+TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing) {
     address_list list;
     EXPECT_EQ(
         get_inetaddr_arr_from_str(list.get(), nullptr, ADDR_PEER, MODE_LISTEN),
@@ -236,8 +220,7 @@ TEST(get_inetaddr_arr_from_str, gives_zero_for_nothing)
 }
 
 /* A list that lost a member would let in or watch somebody else. */
-TEST(get_inetaddr_arr_from_str, ends_the_process_when_memory_is_exhausted)
-{
+TEST(get_inetaddr_arr_from_str, ends_the_process_when_memory_is_exhausted) {
     program_name name("tolva");
     for (int left = 0; left < 5; left++) {
         ending end = in_child([left] {

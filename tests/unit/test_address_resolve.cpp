@@ -10,8 +10,7 @@
 #include <csignal>
 #include <sys/time.h>
 
-namespace
-{
+namespace {
 
 /* A record that frees itself, and what was said while it was built. */
 struct built {
@@ -19,8 +18,7 @@ struct built {
     std::string said;
 
     built(const char *host, uint16_t port, address_kind kind = ADDR_PEER,
-          mode_code mode = MODE_SEND)
-    {
+          mode_code mode = MODE_SEND) {
         program_name name("prog");
         capture errors(STDERR_FILENO);
         record = new_inetaddr(host, port, kind, mode);
@@ -32,20 +30,15 @@ struct built {
 enum class instead { early_alarm, interruption, lapse };
 
 /* The wait after that, if there is one, is as ever. */
-class next_wait
-{
+class next_wait {
   public:
-    explicit next_wait(instead what)
-    {
+    explicit next_wait(instead what) {
         ppoll_instead = [what](pollfd *fds, nfds_t count, const timespec *limit,
                                const sigset_t *mask) {
             return once(what, fds, count, limit, mask);
         };
     }
-    ~next_wait()
-    {
-        ppoll_instead = nullptr;
-    }
+    ~next_wait() { ppoll_instead = nullptr; }
     next_wait(const next_wait &) = delete;
     next_wait &operator=(const next_wait &) = delete;
 
@@ -54,8 +47,7 @@ class next_wait
 
   private:
     static int once(instead what, pollfd *fds, nfds_t count,
-                    const timespec *limit, const sigset_t *mask)
-    {
+                    const timespec *limit, const sigset_t *mask) {
         ppoll_instead = nullptr;
         at_most = limit ? limit->tv_sec : -1;
         switch (what) {
@@ -73,8 +65,7 @@ class next_wait
 
 } // namespace
 
-TEST(new_inetaddr, fills_a_record_from_a_dotted_address)
-{
+TEST(new_inetaddr, fills_a_record_from_a_dotted_address) {
     built one("192.168.1.10", 6004, ADDR_KESDAL, MODE_CHECK);
     ASSERT_NE(one.record, nullptr);
     EXPECT_EQ(one.said, "");
@@ -87,16 +78,14 @@ TEST(new_inetaddr, fills_a_record_from_a_dotted_address)
     EXPECT_EQ(one.record->addr.sin_addr.s_addr, inet_addr("192.168.1.10"));
 }
 
-TEST(new_inetaddr, keeps_a_short_form_as_text_and_reads_it)
-{
+TEST(new_inetaddr, keeps_a_short_form_as_text_and_reads_it) {
     built one("10.1", 0);
     ASSERT_NE(one.record, nullptr);
     EXPECT_STREQ(one.record->text, "10.1");
     EXPECT_EQ(one.record->addr.sin_addr.s_addr, inet_addr("10.0.0.1"));
 }
 
-TEST(new_inetaddr, cuts_a_long_dotted_text_to_15_characters)
-{
+TEST(new_inetaddr, cuts_a_long_dotted_text_to_15_characters) {
     built longest("255.255.255.254", 0);
     ASSERT_NE(longest.record, nullptr);
     EXPECT_STREQ(longest.record->text, "255.255.255.254");
@@ -106,16 +95,14 @@ TEST(new_inetaddr, cuts_a_long_dotted_text_to_15_characters)
     EXPECT_EQ(over.record->addr.sin_addr.s_addr, inet_addr("192.168.1.10"));
 }
 
-TEST(new_inetaddr, takes_ports_above_32767_as_16_bits)
-{
+TEST(new_inetaddr, takes_ports_above_32767_as_16_bits) {
     built one("10.0.0.1", 60000);
     ASSERT_NE(one.record, nullptr);
     EXPECT_EQ(one.record->port, static_cast<int16_t>(60000 - 65536));
     EXPECT_EQ(one.record->addr.sin_port, htons(60000));
 }
 
-TEST(new_inetaddr, resolves_a_name)
-{
+TEST(new_inetaddr, resolves_a_name) {
     built mine("myhost", 0);
     ASSERT_NE(mine.record, nullptr);
     EXPECT_STREQ(mine.record->text, "10.1.2.3");
@@ -128,16 +115,14 @@ TEST(new_inetaddr, resolves_a_name)
     EXPECT_STREQ(high.record->text, "203.111.113.255");
 }
 
-TEST(new_inetaddr, resolves_localhost_as_the_system_knows_it)
-{
+TEST(new_inetaddr, resolves_localhost_as_the_system_knows_it) {
     built one("localhost", 7);
     ASSERT_NE(one.record, nullptr);
     EXPECT_STREQ(one.record->text, "127.0.0.1");
     EXPECT_EQ(one.record->addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
 }
 
-TEST(new_inetaddr, gives_null_and_a_message_for_what_does_not_resolve)
-{
+TEST(new_inetaddr, gives_null_and_a_message_for_what_does_not_resolve) {
     for (const char *host :
          {"unknown.invalid", "[::1]", "::1", "h:1", "ipv6.invalid",
           "empty.invalid", "", "1.2.3.256", "a,b", "%s%n.invalid", "\xe4"}) {
@@ -147,8 +132,7 @@ TEST(new_inetaddr, gives_null_and_a_message_for_what_does_not_resolve)
     }
 }
 
-TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind)
-{
+TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind) {
     int before = descriptors_in_use();
     sigset_t mask_before;
     sigset_t mask_after;
@@ -170,8 +154,7 @@ TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind)
               sigismember(&mask_after, SIGALRM));
 }
 
-TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds)
-{
+TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds) {
     int before = descriptors_in_use();
     auto start = std::chrono::steady_clock::now();
     built one("hangs.invalid", 0);
@@ -185,8 +168,7 @@ TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds)
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
-TEST(new_inetaddr, an_alarm_right_before_the_wait_ends_it)
-{
+TEST(new_inetaddr, an_alarm_right_before_the_wait_ends_it) {
     next_wait wait(instead::early_alarm);
     built one("hangs.invalid", 0);
     EXPECT_EQ(one.record, nullptr);
@@ -194,8 +176,7 @@ TEST(new_inetaddr, an_alarm_right_before_the_wait_ends_it)
                             unresolved("hangs.invalid"));
 }
 
-TEST(new_inetaddr, another_signal_does_not_end_the_wait)
-{
+TEST(new_inetaddr, another_signal_does_not_end_the_wait) {
     next_wait wait(instead::interruption);
     built one("myhost", 0);
     ASSERT_NE(one.record, nullptr);
@@ -203,8 +184,7 @@ TEST(new_inetaddr, another_signal_does_not_end_the_wait)
     EXPECT_EQ(one.said, "");
 }
 
-TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit)
-{
+TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit) {
     failing_call no_timer("setitimer", EINVAL);
     next_wait wait(instead::lapse);
     built one("unknown.invalid", 0);
@@ -214,16 +194,14 @@ TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit)
                             unresolved("unknown.invalid"));
 }
 
-TEST(new_inetaddr, gives_null_without_a_word_when_memory_is_exhausted)
-{
+TEST(new_inetaddr, gives_null_without_a_word_when_memory_is_exhausted) {
     failing_heap exhausted;
     built one("10.0.0.1", 0);
     EXPECT_EQ(one.record, nullptr);
     EXPECT_EQ(one.said, "");
 }
 
-TEST(new_inetaddr, traces_entry_and_size)
-{
+TEST(new_inetaddr, traces_entry_and_size) {
     std::string seen = traced(6, [] { built one("10.0.0.1", 0); });
     EXPECT_EQ(seen, "TRACEIN: new_inetaddr\n"
                     "DEBUG: sizeof(iaddr->addr) = 16\n");
@@ -232,8 +210,7 @@ TEST(new_inetaddr, traces_entry_and_size)
     EXPECT_EQ(traced(0, [] { built one("10.0.0.1", 0); }), "");
 }
 
-TEST(GetHostAddrFromHostName, formats_the_first_address)
-{
+TEST(GetHostAddrFromHostName, formats_the_first_address) {
     const char *first = GetHostAddrFromHostName("myhost");
     EXPECT_STREQ(first, "10.1.2.3");
     EXPECT_EQ(GetHostAddrFromHostName("high.invalid"), first);
@@ -241,8 +218,7 @@ TEST(GetHostAddrFromHostName, formats_the_first_address)
     EXPECT_STREQ(GetHostAddrFromHostName("localhost"), "127.0.0.1");
 }
 
-TEST(GetHostAddrFromHostName, gives_null_without_an_ipv4_address)
-{
+TEST(GetHostAddrFromHostName, gives_null_without_an_ipv4_address) {
     EXPECT_EQ(GetHostAddrFromHostName(nullptr), nullptr);
     EXPECT_EQ(GetHostAddrFromHostName(""), nullptr);
     EXPECT_EQ(GetHostAddrFromHostName("unknown.invalid"), nullptr);
@@ -250,16 +226,14 @@ TEST(GetHostAddrFromHostName, gives_null_without_an_ipv4_address)
     EXPECT_EQ(GetHostAddrFromHostName("empty.invalid"), nullptr);
 }
 
-TEST(GetHostAddrFromHostName, traces_its_exit_above_level_9)
-{
+TEST(GetHostAddrFromHostName, traces_its_exit_above_level_9) {
     auto look_up = [] { GetHostAddrFromHostName("myhost"); };
     EXPECT_EQ(traced(10, look_up), "TRACEIN: GetHostAddrFromHostName\n"
                                    "TRACEOUT: GetHostAddrFromHostName\n");
     EXPECT_EQ(traced(9, look_up), "TRACEIN: GetHostAddrFromHostName\n");
 }
 
-TEST(start_timeout, arms_one_alarm_with_a_plain_handler)
-{
+TEST(start_timeout, arms_one_alarm_with_a_plain_handler) {
     EXPECT_TRUE(start_timeout(10));
     itimerval timer;
     getitimer(ITIMER_REAL, &timer);
@@ -277,16 +251,14 @@ TEST(start_timeout, arms_one_alarm_with_a_plain_handler)
     }
 }
 
-TEST(start_timeout, a_timer_that_cannot_be_armed_is_a_failure)
-{
+TEST(start_timeout, a_timer_that_cannot_be_armed_is_a_failure) {
     EXPECT_FALSE(start_timeout(-1));
     struct sigaction action;
     sigaction(SIGALRM, nullptr, &action);
     EXPECT_EQ(action.sa_handler, SIG_DFL);
 }
 
-TEST(start_timeout, traces_its_exit_above_level_9)
-{
+TEST(start_timeout, traces_its_exit_above_level_9) {
     std::string seen = traced(10, [] {
         start_timeout(10);
         debug_level = 0;
@@ -295,8 +267,7 @@ TEST(start_timeout, traces_its_exit_above_level_9)
     EXPECT_EQ(seen, "TRACEIN: start_timeout\nTRACEOUT: start_timeout\n");
 }
 
-TEST(start_timeout, interrupts_a_wait_and_says_so)
-{
+TEST(start_timeout, interrupts_a_wait_and_says_so) {
     program_name name("prog");
     capture errors(STDERR_FILENO);
     int ends[2];
@@ -313,8 +284,7 @@ TEST(start_timeout, interrupts_a_wait_and_says_so)
     EXPECT_EQ(errors.text(), "prog: timeout resolving hostname...\n");
 }
 
-TEST(stop_timeout, disarms_the_timer_and_takes_the_handler_back)
-{
+TEST(stop_timeout, disarms_the_timer_and_takes_the_handler_back) {
     ASSERT_TRUE(start_timeout(10));
     stop_timeout();
     itimerval timer;

@@ -4,8 +4,7 @@
 #include "tolva2/listen/alive.cpp" // NOLINT(bugprone-suspicious-include)
 #include "tolva2/net/kesdal.h"
 
-TEST(start_connections, opens_a_check_at_every_server)
-{
+TEST(start_connections, opens_a_check_at_every_server) {
     server_watch listen;
     server one;
     server two("127.0.0.2");
@@ -27,14 +26,12 @@ TEST(start_connections, opens_a_check_at_every_server)
     EXPECT_EQ(listen.log.lines(), log_lines{});
 }
 
-TEST(start_connections, without_servers_does_nothing)
-{
+TEST(start_connections, without_servers_does_nothing) {
     server_watch listen;
     EXPECT_EQ(alive::start_connections(), 0);
 }
 
-TEST(start_connections, counts_a_full_house_as_a_failed_check)
-{
+TEST(start_connections, counts_a_full_house_as_a_failed_check) {
     server_watch listen;
     server one;
     connection *cn = listen.add("127.0.0.1", one.port());
@@ -53,8 +50,7 @@ TEST(start_connections, counts_a_full_house_as_a_failed_check)
     EXPECT_EQ(open_descriptors(), 2);
 }
 
-TEST(start_connections, counts_what_cannot_connect_as_a_failed_check)
-{
+TEST(start_connections, counts_what_cannot_connect_as_a_failed_check) {
     server_watch listen;
     connection *cn = listen.add("127.0.0.1", 1);
     cn->addr.sin_family = AF_INET6;
@@ -67,8 +63,7 @@ TEST(start_connections, counts_what_cannot_connect_as_a_failed_check)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(start_connections, removes_a_record_that_is_of_no_use)
-{
+TEST(start_connections, removes_a_record_that_is_of_no_use) {
     server_watch listen;
     server one;
     connection *kept = listen.add("127.0.0.1", one.port());
@@ -83,16 +78,14 @@ TEST(start_connections, removes_a_record_that_is_of_no_use)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(start_connections_death, needs_the_list)
-{
+TEST(start_connections_death, needs_the_list) {
     ux_list *kept = connections;
     connections = nullptr;
     EXPECT_DEATH(alive::start_connections(), "`connections'");
     connections = kept;
 }
 
-TEST(alive_check, failures_add_up_until_a_success)
-{
+TEST(alive_check, failures_add_up_until_a_success) {
     server_watch listen;
     server one;
     connection *cn = listen.add("127.0.0.1", one.port());
@@ -106,8 +99,7 @@ TEST(alive_check, failures_add_up_until_a_success)
     EXPECT_EQ(cn->nerror, 0);
 }
 
-TEST(cancel_connections, ends_only_checks_that_are_open)
-{
+TEST(cancel_connections, ends_only_checks_that_are_open) {
     server_watch listen;
     server one;
     connection *open = listen.add("127.0.0.1", one.port());
@@ -125,8 +117,7 @@ TEST(cancel_connections, ends_only_checks_that_are_open)
     EXPECT_EQ(listen.log.lines(), log_lines{message(828, {"127.0.0.1"})});
 }
 
-TEST(cancel_connections, shows_each_record_when_traced)
-{
+TEST(cancel_connections, shows_each_record_when_traced) {
     server_watch listen;
     listen.add("127.0.0.77", 1);
     std::string seen = traced(1, [] { alive::cancel_connections(); });
@@ -137,8 +128,7 @@ TEST(cancel_connections, shows_each_record_when_traced)
     EXPECT_EQ(traced(0, [] { alive::cancel_connections(); }), "");
 }
 
-TEST(a_new_cycle, gives_a_reopened_number_no_old_readiness)
-{
+TEST(a_new_cycle, gives_a_reopened_number_no_old_readiness) {
     server_watch listen;
     server one;
     connection *cn = listen.add("127.0.0.1", one.port());
@@ -158,8 +148,7 @@ TEST(a_new_cycle, gives_a_reopened_number_no_old_readiness)
     EXPECT_EQ(watched(cn->fd), EVENT_WRITABLE);
 }
 
-TEST(check_alive_retries, without_a_limit_a_server_stays)
-{
+TEST(check_alive_retries, without_a_limit_a_server_stays) {
     server_watch listen(0);
     connection *cn = listen.add("127.0.0.1", 1);
     cn->nerror = 1000;
@@ -171,8 +160,7 @@ TEST(check_alive_retries, without_a_limit_a_server_stays)
     EXPECT_EQ(connections->size, 1u);
 }
 
-TEST(check_alive_retries, at_the_limit_a_server_goes)
-{
+TEST(check_alive_retries, at_the_limit_a_server_goes) {
     server_watch listen(3);
     connection *cn = listen.add("127.0.0.1", 1);
     listen.add("127.0.0.2", 1);
@@ -190,16 +178,14 @@ TEST(check_alive_retries, at_the_limit_a_server_goes)
     EXPECT_EQ(listen.log.lines(), log_lines{message(832, {"127.0.0.1"})});
 }
 
-TEST(check_alive_retries, above_the_limit_a_server_goes)
-{
+TEST(check_alive_retries, above_the_limit_a_server_goes) {
     server_watch listen(3);
     listen.add("127.0.0.1", 1)->nerror = 4;
     check_alive_retries(connections->head);
     EXPECT_EQ(connections->size, 0u);
 }
 
-TEST(check_alive_single, needs_an_open_check_without_failure)
-{
+TEST(check_alive_single, needs_an_open_check_without_failure) {
     struct row {
         const char *address;
         int fd;
@@ -239,8 +225,7 @@ TEST(check_alive_single, needs_an_open_check_without_failure)
     EXPECT_EQ(seen, std::vector<bool>(4, false));
 }
 
-TEST(check_alive_single, the_first_record_with_the_address_decides)
-{
+TEST(check_alive_single, the_first_record_with_the_address_decides) {
     server_watch listen;
     listen.add("127.0.0.1", 1);
     connection *second = listen.add("127.0.0.1", 2);
@@ -248,8 +233,7 @@ TEST(check_alive_single, the_first_record_with_the_address_decides)
     EXPECT_FALSE(check_alive_single("127.0.0.1"));
 }
 
-TEST(check_alive_single, shows_the_record_when_traced)
-{
+TEST(check_alive_single, shows_the_record_when_traced) {
     server_watch listen;
     connection *cn = listen.add("127.0.0.77", 1);
     cn->nerror = 42;
@@ -263,15 +247,13 @@ TEST(check_alive_single, shows_the_record_when_traced)
               "");
 }
 
-TEST(alive_endings_death, need_a_record)
-{
+TEST(alive_endings_death, need_a_record) {
     ux_list_element node{nullptr, nullptr, nullptr};
     EXPECT_DEATH(alive::cancel_connect(&node), "alive\\.cpp:.*`cn'");
     EXPECT_DEATH(alive::end_connect(&node), "alive\\.cpp:.*`cn'");
 }
 
-TEST(alive_check, functions_trace_their_entry)
-{
+TEST(alive_check, functions_trace_their_entry) {
     server_watch listen;
     EXPECT_EQ(traced(6, [] { alive::start_connections(); }),
               "TRACEIN: start_connections\n");

@@ -7,8 +7,7 @@
 #include <csignal>
 #include <regex>
 
-TEST(alive_check, a_server_that_answers_is_alive)
-{
+TEST(alive_check, a_server_that_answers_is_alive) {
     server_watch listen(1);
     server one;
     connection *cn = listen.add("127.0.0.1", one.port());
@@ -37,8 +36,7 @@ TEST(alive_check, a_server_that_answers_is_alive)
     EXPECT_EQ(receive_all(one.peer.get()), std::string(line, 45));
 }
 
-TEST(alive_check, a_bad_answer_counts_and_runs_the_script)
-{
+TEST(alive_check, a_bad_answer_counts_and_runs_the_script) {
     server_watch listen;
     listen.log_arguments();
     server one;
@@ -65,8 +63,7 @@ TEST(alive_check, a_bad_answer_counts_and_runs_the_script)
         << read_file(listen.result_path());
 }
 
-TEST(alive_check, a_refused_connection_counts)
-{
+TEST(alive_check, a_refused_connection_counts) {
     server_watch listen;
     ux_fd holder;
     connection *cn = listen.add("127.0.0.1", refusing_port(&holder));
@@ -79,8 +76,7 @@ TEST(alive_check, a_refused_connection_counts)
     EXPECT_EQ(listen.log.lines().back(), message(828, {"127.0.0.1"}));
 }
 
-TEST(alive_check, without_script_the_last_failure_removes_the_server)
-{
+TEST(alive_check, without_script_the_last_failure_removes_the_server) {
     server_watch listen(2);
     server one;
     listen.add("127.0.0.1", one.port());
@@ -96,8 +92,7 @@ TEST(alive_check, without_script_the_last_failure_removes_the_server)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(alive_check, with_script_the_server_goes_when_it_has_ended)
-{
+TEST(alive_check, with_script_the_server_goes_when_it_has_ended) {
     server_watch listen(1);
     listen.settings.alive_prog = listen.text("exit 5;");
     server one;
@@ -116,8 +111,7 @@ TEST(alive_check, with_script_the_server_goes_when_it_has_ended)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(alive_check, every_failure_runs_the_script)
-{
+TEST(alive_check, every_failure_runs_the_script) {
     server_watch listen(0);
     listen.log_arguments();
     server one;
@@ -132,8 +126,7 @@ TEST(alive_check, every_failure_runs_the_script)
     EXPECT_EQ(std::count(result.begin(), result.end(), '\n'), 3);
 }
 
-TEST(alive_check, a_newer_script_supersedes_one_that_still_runs)
-{
+TEST(alive_check, a_newer_script_supersedes_one_that_still_runs) {
     server_watch listen(2);
     server one;
     connection *cn = listen.add("127.0.0.1", one.port());
@@ -164,8 +157,7 @@ TEST(alive_check, a_newer_script_supersedes_one_that_still_runs)
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
-TEST(exec_aliveproc, without_script_does_nothing)
-{
+TEST(exec_aliveproc, without_script_does_nothing) {
     server_watch listen;
     connection *cn = listen.add("127.0.0.1", 1);
     exec_aliveproc(cn);

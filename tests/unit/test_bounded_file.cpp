@@ -4,15 +4,13 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
 using bounded_file_test = logfile_test;
 
 /* The limit */
 
-TEST_F(bounded_file_test, a_file_grows_to_one_byte_below_its_limit)
-{
+TEST_F(bounded_file_test, a_file_grows_to_one_byte_below_its_limit) {
     open_log(1);
     const std::string text(64, 't'); /* a line of 100 bytes */
     const std::string old = numbered_lines(33, 28).substr(0, 923);
@@ -22,8 +20,7 @@ TEST_F(bounded_file_test, a_file_grows_to_one_byte_below_its_limit)
     EXPECT_EQ(read_file(path).substr(0, 923), old);
 }
 
-TEST_F(bounded_file_test, the_line_that_would_fill_the_file_cuts_its_head)
-{
+TEST_F(bounded_file_test, the_line_that_would_fill_the_file_cuts_its_head) {
     open_log(1);
     const std::string text(64, 't');
     const std::string old = numbered_lines(33, 28); /* 924 bytes */
@@ -33,8 +30,7 @@ TEST_F(bounded_file_test, the_line_that_would_fill_the_file_cuts_its_head)
     EXPECT_EQ(log(), old.substr(132) + ", tolva[00000]: " + text + "\n");
 }
 
-TEST_F(bounded_file_test, a_cut_takes_a_tenth_of_the_limit_and_the_excess)
-{
+TEST_F(bounded_file_test, a_cut_takes_a_tenth_of_the_limit_and_the_excess) {
     open_log(1);
     const std::string text(40, 't');                /* a line of 76 bytes */
     const std::string old = numbered_lines(50, 22); /* 1,100 bytes */
@@ -44,8 +40,7 @@ TEST_F(bounded_file_test, a_cut_takes_a_tenth_of_the_limit_and_the_excess)
     EXPECT_EQ(log(), old.substr(300) + ", tolva[00000]: " + text + "\n");
 }
 
-TEST_F(bounded_file_test, a_cut_at_the_start_of_a_line_takes_that_line_along)
-{
+TEST_F(bounded_file_test, a_cut_at_the_start_of_a_line_takes_that_line_along) {
     open_log(1);
     const std::string text(40, 't');
     std::string old = std::string(253, 'a') + "\n" + std::string(20, 'b') +
@@ -56,8 +51,7 @@ TEST_F(bounded_file_test, a_cut_at_the_start_of_a_line_takes_that_line_along)
     EXPECT_EQ(log(), old.substr(275) + ", tolva[00000]: " + text + "\n");
 }
 
-TEST_F(bounded_file_test, the_limit_counts_whatever_the_file_held_before)
-{
+TEST_F(bounded_file_test, the_limit_counts_whatever_the_file_held_before) {
     open_log(1);
     const std::string text(64, 't');
     const std::string old = numbered_lines(100, 1000);
@@ -67,8 +61,7 @@ TEST_F(bounded_file_test, the_limit_counts_whatever_the_file_held_before)
     EXPECT_EQ(log(), old.substr(99200) + ", tolva[00000]: " + text + "\n");
 }
 
-TEST_F(bounded_file_test, without_a_limit_nothing_is_cut)
-{
+TEST_F(bounded_file_test, without_a_limit_nothing_is_cut) {
     for (int32_t size : {0, -1, INT32_MIN}) {
         logfile_close();
         open_log(size);
@@ -79,8 +72,7 @@ TEST_F(bounded_file_test, without_a_limit_nothing_is_cut)
     }
 }
 
-TEST_F(bounded_file_test, large_limits_do_not_wrap)
-{
+TEST_F(bounded_file_test, large_limits_do_not_wrap) {
     for (int32_t size : {1024, 1048576, INT32_MAX}) {
         logfile_close();
         open_log(size);
@@ -91,8 +83,7 @@ TEST_F(bounded_file_test, large_limits_do_not_wrap)
     }
 }
 
-TEST_F(bounded_file_test, nul_bytes_in_the_file_are_bytes_like_others)
-{
+TEST_F(bounded_file_test, nul_bytes_in_the_file_are_bytes_like_others) {
     open_log(1);
     std::string old = numbered_lines(50, 22);
     old[10] = old[270] = old[310] = old[1000] = '\0';
@@ -105,8 +96,7 @@ TEST_F(bounded_file_test, nul_bytes_in_the_file_are_bytes_like_others)
  * A file that keeps exactly so many bytes when a line of 100 bytes cuts it:
  * where it is cut, a line of more than 1 byte runs on to the kept part.
  */
-std::string file_keeping(size_t kept, size_t limit)
-{
+std::string file_keeping(size_t kept, size_t limit) {
     const size_t excess = 500;
     const size_t size = limit - 100 + excess;
     const size_t cut = limit / 10 + excess;
@@ -129,14 +119,12 @@ struct block_case {
     bool line_is_written;
 };
 
-class block_test : public bounded_file_test
-{
+class block_test : public bounded_file_test {
   protected:
     void check(const block_case &c);
 };
 
-void block_test::check(const block_case &c)
-{
+void block_test::check(const block_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.kept));
     logfile_close();
     const std::string old =
@@ -158,8 +146,7 @@ void block_test::check(const block_case &c)
     }
 }
 
-TEST_F(block_test, kept_parts)
-{
+TEST_F(block_test, kept_parts) {
     for (const block_case &c :
          {block_case{0, 1, false}, block_case{1, 1, true},
           block_case{500, 1, true}, block_case{8191, 16, true},
@@ -172,8 +159,7 @@ TEST_F(block_test, kept_parts)
     }
 }
 
-TEST_F(bounded_file_test, of_a_line_without_end_8192_bytes_are_dropped)
-{
+TEST_F(bounded_file_test, of_a_line_without_end_8192_bytes_are_dropped) {
     const std::string old(20000, 'x');
     write_file(path, old);
     open_log(16);
@@ -182,8 +168,7 @@ TEST_F(bounded_file_test, of_a_line_without_end_8192_bytes_are_dropped)
     EXPECT_EQ(read_file(path).size(), 6454u + 100u);
 }
 
-TEST_F(bounded_file_test, a_log_fills_up_and_is_cut_again_and_again)
-{
+TEST_F(bounded_file_test, a_log_fills_up_and_is_cut_again_and_again) {
     open_log(2);
     for (int i = 0; i < 500; i++) {
         EXPECT_TRUE(log_message(1, "line %s ..................",
@@ -197,8 +182,7 @@ TEST_F(bounded_file_test, a_log_fills_up_and_is_cut_again_and_again)
     EXPECT_EQ(whole.back(), '\n');
 }
 
-TEST_F(bounded_file_test, without_a_temporary_file_nothing_is_cut_or_written)
-{
+TEST_F(bounded_file_test, without_a_temporary_file_nothing_is_cut_or_written) {
     const std::string old = numbered_lines(50, 22);
     write_file(path, old);
     open_log(1);
@@ -211,8 +195,7 @@ TEST_F(bounded_file_test, without_a_temporary_file_nothing_is_cut_or_written)
     EXPECT_EQ(read_file(path), old);
 }
 
-TEST_F(bounded_file_test, a_log_that_cannot_be_read_is_not_cut)
-{
+TEST_F(bounded_file_test, a_log_that_cannot_be_read_is_not_cut) {
     const std::string old = numbered_lines(50, 22);
     write_file(path, old);
     ASSERT_EQ(chmod(path.c_str(), 0222), 0);
@@ -228,8 +211,7 @@ TEST_F(bounded_file_test, a_log_that_cannot_be_read_is_not_cut)
     EXPECT_EQ(read_file(path), old);
 }
 
-TEST_F(bounded_file_test, a_log_whose_rest_finds_no_room_is_not_cut)
-{
+TEST_F(bounded_file_test, a_log_whose_rest_finds_no_room_is_not_cut) {
     const struct {
         size_t kept;
         int32_t limit_kib;
@@ -251,8 +233,7 @@ TEST_F(bounded_file_test, a_log_whose_rest_finds_no_room_is_not_cut)
     }
 }
 
-TEST_F(bounded_file_test, trim_cuts_a_file_that_has_reached_its_limit)
-{
+TEST_F(bounded_file_test, trim_cuts_a_file_that_has_reached_its_limit) {
     EXPECT_FALSE(logfile_trim());
     ASSERT_TRUE(logfile_open(path.c_str(), 1));
     EXPECT_TRUE(logfile_trim());
@@ -273,8 +254,7 @@ TEST_F(bounded_file_test, trim_cuts_a_file_that_has_reached_its_limit)
 }
 
 TEST_F(bounded_file_test,
-       trim_tells_when_the_rest_came_in_an_even_number_of_blocks)
-{
+       trim_tells_when_the_rest_came_in_an_even_number_of_blocks) {
     ASSERT_TRUE(logfile_open(path.c_str(), 16));
     const std::string even = file_keeping(10000, 16384);
     write_file(path, even);
@@ -283,8 +263,7 @@ TEST_F(bounded_file_test,
     EXPECT_TRUE(logfile_trim());
 }
 
-TEST_F(bounded_file_test, trim_without_a_limit_changes_nothing)
-{
+TEST_F(bounded_file_test, trim_without_a_limit_changes_nothing) {
     ASSERT_TRUE(logfile_open(path.c_str(), 0));
     const std::string old = numbered_lines(100, 1000);
     write_file(path, old);

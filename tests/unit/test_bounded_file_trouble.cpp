@@ -8,34 +8,28 @@
 
 #include <filesystem>
 
-namespace
-{
+namespace {
 
-class full_disk_test : public logfile_test
-{
+class full_disk_test : public logfile_test {
   protected:
     /* A file that the line "ttt…" of 76 bytes cuts, by 254 bytes and on to the
      * end of that line. */
-    void fill_to_the_limit()
-    {
+    void fill_to_the_limit() {
         old = numbered_lines(50, 22); /* 1,100 bytes */
         write_file(path, old);
         open_log(1);
     }
-    void expect_cut()
-    {
+    void expect_cut() {
         EXPECT_TRUE(log_write_line(text.c_str()));
         EXPECT_EQ(log(), old.substr(300) + ", tolva[00000]: " + text + "\n");
         expect_no_other_file();
     }
-    void expect_no_cut()
-    {
+    void expect_no_cut() {
         EXPECT_FALSE(log_write_line(text.c_str()));
         EXPECT_EQ(read_file(path), old);
         expect_no_other_file();
     }
-    void expect_no_other_file()
-    {
+    void expect_no_other_file() {
         for (const auto &entry :
              std::filesystem::directory_iterator(dir.path())) {
             EXPECT_EQ(entry.path(), path);
@@ -47,8 +41,7 @@ class full_disk_test : public logfile_test
 };
 
 /* The lowest number that a new descriptor gets. */
-int next_descriptor()
-{
+int next_descriptor() {
     int number = dup(0);
     close(number);
     return number;
@@ -56,15 +49,13 @@ int next_descriptor()
 
 /* Where the rest waits during a cut */
 
-TEST_F(full_disk_test, the_rest_waits_beside_the_log)
-{
+TEST_F(full_disk_test, the_rest_waits_beside_the_log) {
     fill_to_the_limit();
     failing_call full("tmpfile", ENOSPC);
     expect_cut();
 }
 
-TEST_F(full_disk_test, a_system_without_unnamed_files_has_unlinked_ones)
-{
+TEST_F(full_disk_test, a_system_without_unnamed_files_has_unlinked_ones) {
     fill_to_the_limit();
     failing_call full("tmpfile", ENOSPC);
     for (int error : {EOPNOTSUPP, EISDIR, EINVAL}) {
@@ -74,8 +65,7 @@ TEST_F(full_disk_test, a_system_without_unnamed_files_has_unlinked_ones)
     }
 }
 
-TEST_F(full_disk_test, where_none_can_be_made_a_temporary_file_does)
-{
+TEST_F(full_disk_test, where_none_can_be_made_a_temporary_file_does) {
     fill_to_the_limit();
     for (const char *call : {"realpath", "fdopen", "heap"}) {
         SCOPED_TRACE(call);
@@ -97,8 +87,7 @@ TEST_F(full_disk_test, where_none_can_be_made_a_temporary_file_does)
     expect_no_cut();
 }
 
-TEST_F(full_disk_test, a_directory_of_others_is_no_hindrance)
-{
+TEST_F(full_disk_test, a_directory_of_others_is_no_hindrance) {
     fill_to_the_limit();
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
     ASSERT_EQ(chmod(dir.path().c_str(), 0555), 0);
@@ -112,8 +101,7 @@ TEST_F(full_disk_test, a_directory_of_others_is_no_hindrance)
     EXPECT_EQ(log(), old.substr(300) + ", tolva[00000]: " + text + "\n");
 }
 
-TEST_F(full_disk_test, a_log_behind_a_link_is_cut_where_it_is)
-{
+TEST_F(full_disk_test, a_log_behind_a_link_is_cut_where_it_is) {
     temp_dir elsewhere;
     fill_to_the_limit();
     ASSERT_EQ(rename(path.c_str(), elsewhere.path("log").c_str()), 0);
@@ -127,8 +115,7 @@ TEST_F(full_disk_test, a_log_behind_a_link_is_cut_where_it_is)
     EXPECT_EQ(seen.rfind(elsewhere.path() + "/", 0), 0u) << seen;
 }
 
-TEST_F(full_disk_test, the_waiting_file_is_nobody_elses)
-{
+TEST_F(full_disk_test, the_waiting_file_is_nobody_elses) {
     struct stat log_status;
     write_file(path, "x\n");
     ASSERT_EQ(stat(path.c_str(), &log_status), 0);
@@ -148,8 +135,7 @@ TEST_F(full_disk_test, the_waiting_file_is_nobody_elses)
     umask(mask);
 }
 
-TEST_F(full_disk_test, a_log_without_a_slash_is_in_the_working_directory)
-{
+TEST_F(full_disk_test, a_log_without_a_slash_is_in_the_working_directory) {
     fill_to_the_limit();
     logfile_close();
     std::filesystem::path before = std::filesystem::current_path();
@@ -160,8 +146,7 @@ TEST_F(full_disk_test, a_log_without_a_slash_is_in_the_working_directory)
     std::filesystem::current_path(before);
 }
 
-TEST_F(full_disk_test, the_file_stays_the_same_file)
-{
+TEST_F(full_disk_test, the_file_stays_the_same_file) {
     fill_to_the_limit();
     struct stat before;
     struct stat after;
@@ -173,8 +158,7 @@ TEST_F(full_disk_test, the_file_stays_the_same_file)
     EXPECT_EQ(after.st_mode, before.st_mode);
 }
 
-TEST_F(full_disk_test, a_rest_that_cannot_be_written_back_is_no_success)
-{
+TEST_F(full_disk_test, a_rest_that_cannot_be_written_back_is_no_success) {
     fill_to_the_limit();
     EXPECT_TRUE(check_size(path.c_str(), 1024, 948));
     write_file(path, old);
@@ -185,8 +169,7 @@ TEST_F(full_disk_test, a_rest_that_cannot_be_written_back_is_no_success)
 
 /* Torn lines */
 
-TEST_F(full_disk_test, a_line_is_never_partly_there)
-{
+TEST_F(full_disk_test, a_line_is_never_partly_there) {
     open_log(0);
     const std::string first = numbered_lines(50, 3);
     const std::string line = ", tolva[00000]: " + text + "\n";
@@ -205,8 +188,7 @@ TEST_F(full_disk_test, a_line_is_never_partly_there)
     EXPECT_EQ(log(), first + line);
 }
 
-TEST_F(full_disk_test, the_next_line_stands_on_its_own)
-{
+TEST_F(full_disk_test, the_next_line_stands_on_its_own) {
     open_log(0);
     write_file(path, "first\n");
     EXPECT_EXIT(
@@ -222,8 +204,7 @@ TEST_F(full_disk_test, the_next_line_stands_on_its_own)
     EXPECT_EQ(log(), "first\n, tolva[00000]: three\n");
 }
 
-TEST_F(full_disk_test, the_first_line_of_a_file_is_taken_back_too)
-{
+TEST_F(full_disk_test, the_first_line_of_a_file_is_taken_back_too) {
     open_log(1);
     EXPECT_EXIT(
         {
@@ -234,8 +215,7 @@ TEST_F(full_disk_test, the_first_line_of_a_file_is_taken_back_too)
     EXPECT_EQ(read_file(path), "");
 }
 
-TEST_F(full_disk_test, a_line_counts_when_the_file_is_closed)
-{
+TEST_F(full_disk_test, a_line_counts_when_the_file_is_closed) {
     open_log(0);
     write_file(path, "first\n");
     {
@@ -245,8 +225,7 @@ TEST_F(full_disk_test, a_line_counts_when_the_file_is_closed)
     EXPECT_EQ(read_file(path), "first\n");
 }
 
-TEST_F(full_disk_test, what_others_have_written_is_not_taken_back)
-{
+TEST_F(full_disk_test, what_others_have_written_is_not_taken_back) {
     struct row {
         size_t former;
         size_t length;

@@ -7,8 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 
-namespace
-{
+namespace {
 
 /* Runs a script for a record and waits: its wait status and output. */
 struct run {
@@ -17,8 +16,7 @@ struct run {
     std::string output;
     connection cn;
 
-    run(const char *program, const char *params)
-    {
+    run(const char *program, const char *params) {
         capture out;
         started = fork_and_exec(&cn, program, params);
         if (started) {
@@ -30,8 +28,7 @@ struct run {
 
 } // namespace
 
-TEST(fork_and_exec, runs_the_line_in_the_shell)
-{
+TEST(fork_and_exec, runs_the_line_in_the_shell) {
     struct row {
         const char *program;
         const char *params;
@@ -60,8 +57,7 @@ TEST(fork_and_exec, runs_the_line_in_the_shell)
     }
 }
 
-TEST(fork_and_exec, marks_the_record_as_busy)
-{
+TEST(fork_and_exec, marks_the_record_as_busy) {
     run script("exit", "3");
     EXPECT_TRUE(script.cn.busy);
     EXPECT_GT(script.cn.pid, 0);
@@ -71,8 +67,7 @@ TEST(fork_and_exec, marks_the_record_as_busy)
     EXPECT_EQ(WEXITSTATUS(script.status), 3);
 }
 
-TEST(fork_and_exec, what_cannot_be_run_ends_with_127)
-{
+TEST(fork_and_exec, what_cannot_be_run_ends_with_127) {
     capture errors(STDERR_FILENO);
     run script("/no/such/script.sh", "parameters");
     EXPECT_TRUE(script.started);
@@ -80,8 +75,7 @@ TEST(fork_and_exec, what_cannot_be_run_ends_with_127)
     EXPECT_EQ(WEXITSTATUS(script.status), 127);
 }
 
-TEST(fork_and_exec, a_missing_shell_ends_with_127_too)
-{
+TEST(fork_and_exec, a_missing_shell_ends_with_127_too) {
     failing_call no_shell("execl", ENOENT);
     run script("exit", "3");
     EXPECT_TRUE(script.started);
@@ -89,8 +83,7 @@ TEST(fork_and_exec, a_missing_shell_ends_with_127_too)
     EXPECT_EQ(WEXITSTATUS(script.status), 127);
 }
 
-TEST(fork_and_exec, without_program_nothing_happens)
-{
+TEST(fork_and_exec, without_program_nothing_happens) {
     operator_log log;
     connection cn;
     EXPECT_FALSE(fork_and_exec(&cn, nullptr, "parameters"));
@@ -102,8 +95,7 @@ TEST(fork_and_exec, without_program_nothing_happens)
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
-TEST(fork_and_exec, works_without_a_record)
-{
+TEST(fork_and_exec, works_without_a_record) {
     operator_log log;
     temp_dir home;
     std::string line = "echo done > " + home.path("result");
@@ -115,8 +107,7 @@ TEST(fork_and_exec, works_without_a_record)
     EXPECT_EQ(log.lines(), log_lines{message(792, {line})});
 }
 
-TEST(fork_and_exec, does_not_wait_for_the_script)
-{
+TEST(fork_and_exec, does_not_wait_for_the_script) {
     connection cn;
     ASSERT_TRUE(fork_and_exec(&cn, "exec sleep", "600"));
     EXPECT_EQ(waitpid(cn.pid, nullptr, WNOHANG), 0);
@@ -126,16 +117,14 @@ TEST(fork_and_exec, does_not_wait_for_the_script)
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
 }
 
-TEST(fork_and_exec, long_lines_are_passed_whole)
-{
+TEST(fork_and_exec, long_lines_are_passed_whole) {
     std::string params(4095, 'p');
     run script("printf %s", params.c_str());
     EXPECT_EQ(script.output, params);
     EXPECT_EQ(std::string(script.cn.cmdline.get()), "printf %s " + params);
 }
 
-TEST(fork_and_exec, a_newer_script_takes_the_record_over)
-{
+TEST(fork_and_exec, a_newer_script_takes_the_record_over) {
     connection cn;
     ASSERT_TRUE(fork_and_exec(&cn, "exit 1", nullptr));
     int32_t first = cn.pid;
@@ -146,8 +135,7 @@ TEST(fork_and_exec, a_newer_script_takes_the_record_over)
     EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid);
 }
 
-TEST(fork_and_exec, logs_that_no_process_can_be_had)
-{
+TEST(fork_and_exec, logs_that_no_process_can_be_had) {
     operator_log log;
     connection cn;
     failing_call no_child("fork", EAGAIN);
@@ -161,8 +149,7 @@ TEST(fork_and_exec, logs_that_no_process_can_be_had)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(fork_and_exec, logs_that_memory_is_exhausted)
-{
+TEST(fork_and_exec, logs_that_memory_is_exhausted) {
     operator_log log;
     connection cn;
     {
@@ -176,8 +163,7 @@ TEST(fork_and_exec, logs_that_memory_is_exhausted)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(fork_and_exec, without_message_text_nothing_is_logged)
-{
+TEST(fork_and_exec, without_message_text_nothing_is_logged) {
     operator_log log;
     msgdb_close();
     run script("exit 0", nullptr);
@@ -185,16 +171,14 @@ TEST(fork_and_exec, without_message_text_nothing_is_logged)
     EXPECT_EQ(log.lines(), log_lines{});
 }
 
-TEST(fork_and_exec, scripts_inherit_the_environment)
-{
+TEST(fork_and_exec, scripts_inherit_the_environment) {
     setenv("TOLVA_UNIT_TEST", "inherited", 1);
     run script("echo", "$TOLVA_UNIT_TEST");
     EXPECT_EQ(script.output, "inherited\n");
     unsetenv("TOLVA_UNIT_TEST");
 }
 
-TEST(fork_and_exec, scripts_start_with_only_sigchld_held_back)
-{
+TEST(fork_and_exec, scripts_start_with_only_sigchld_held_back) {
     sigset_t none;
     sigset_t two;
     sigset_t before;
@@ -212,8 +196,7 @@ TEST(fork_and_exec, scripts_start_with_only_sigchld_held_back)
     EXPECT_EQ(free.output, "SigBlk:\t0000000000010000\n");
 }
 
-TEST(fork_and_exec, scripts_ignore_what_the_daemon_ignores)
-{
+TEST(fork_and_exec, scripts_ignore_what_the_daemon_ignores) {
     signal(SIGHUP, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
     run script("exec grep SigIgn", "/proc/self/status");

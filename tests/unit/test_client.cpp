@@ -3,24 +3,20 @@
 
 #include "tolva2/listen/client.h"
 
-namespace
-{
+namespace {
 
 const std::string header = "CONNECT TO TOLVA (SEND)";
 
 /* A client that has been let in, and its sender's end. */
-class session : public listener
-{
+class session : public listener {
   public:
-    session()
-    {
+    session() {
         number = pair.near.release();
         cn = add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1", number);
         cn->deadline = 1000;
     }
     /* The command arrives, in one piece. */
-    void receive_command(const std::string &bytes)
-    {
+    void receive_command(const std::string &bytes) {
         send_bytes_to(pair.far.get(), bytes);
         ASSERT_TRUE(wait_until([&] {
             std::vector<char> all(bytes.size());
@@ -32,8 +28,7 @@ class session : public listener
         handle_tcp_client(clients->head);
         errors.text();
     }
-    bool is_gone() const
-    {
+    bool is_gone() const {
         return clients->size == 0 && !is_open(number) &&
                open_descriptors() == 0;
     }
@@ -42,8 +37,7 @@ class session : public listener
     connection *cn;
 };
 
-connection *waiting_client(time_t deadline, int fd = -1)
-{
+connection *waiting_client(time_t deadline, int fd = -1) {
     connection *cn =
         add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1", fd);
     cn->deadline = deadline;
@@ -52,8 +46,7 @@ connection *waiting_client(time_t deadline, int fd = -1)
 
 } // namespace
 
-TEST(handle_tcp_client, a_bare_request_runs_the_shutdown_script)
-{
+TEST(handle_tcp_client, a_bare_request_runs_the_shutdown_script) {
     for (const std::string &text :
          {header, std::string("connect to tolva (send)")}) {
         session client;
@@ -72,8 +65,7 @@ TEST(handle_tcp_client, a_bare_request_runs_the_shutdown_script)
     }
 }
 
-TEST(handle_tcp_client, a_command_runs_its_script)
-{
+TEST(handle_tcp_client, a_command_runs_its_script) {
     struct row {
         const char *text;
         const char *cmdline;
@@ -95,8 +87,7 @@ TEST(handle_tcp_client, a_command_runs_its_script)
     }
 }
 
-TEST(handle_tcp_client, a_client_that_wants_a_reply_stays_open)
-{
+TEST(handle_tcp_client, a_client_that_wants_a_reply_stays_open) {
     session client;
     client.receive_command(header + " MSG_EXECSTATUS EXECUTE x");
     ASSERT_EQ(clients->size, 1u);
@@ -111,8 +102,7 @@ TEST(handle_tcp_client, a_client_that_wants_a_reply_stays_open)
     EXPECT_TRUE(is_silent(client.pair.far.get()));
 }
 
-TEST(handle_tcp_client, a_logged_text_is_due_its_reply_at_once)
-{
+TEST(handle_tcp_client, a_logged_text_is_due_its_reply_at_once) {
     session client;
     client.receive_command(header + " MSG_EXECSTATUS LOG_TEXT hello");
     ASSERT_EQ(clients->size, 1u);
@@ -122,8 +112,7 @@ TEST(handle_tcp_client, a_logged_text_is_due_its_reply_at_once)
     EXPECT_EQ(client.log.lines(), expected);
 }
 
-TEST(handle_tcp_client, what_runs_nothing_closes_the_connection)
-{
+TEST(handle_tcp_client, what_runs_nothing_closes_the_connection) {
     struct row {
         std::string text;
         int logged; /* behind 795; 0: nothing */
@@ -160,8 +149,7 @@ TEST(handle_tcp_client, what_runs_nothing_closes_the_connection)
     }
 }
 
-TEST(handle_tcp_client, a_nul_byte_ends_the_text)
-{
+TEST(handle_tcp_client, a_nul_byte_ends_the_text) {
     {
         session client;
         client.receive_command(header + std::string("\0rubbish", 8));
@@ -177,8 +165,7 @@ TEST(handle_tcp_client, a_nul_byte_ends_the_text)
     }
 }
 
-TEST(handle_tcp_client, without_script_a_wanted_reply_is_never_made)
-{
+TEST(handle_tcp_client, without_script_a_wanted_reply_is_never_made) {
     session client;
     client.settings.exec_prog = nullptr;
     client.receive_command(header + " MSG_EXECSTATUS EXECUTE x");
@@ -186,8 +173,7 @@ TEST(handle_tcp_client, without_script_a_wanted_reply_is_never_made)
     EXPECT_EQ(receive_all(client.pair.far.get()), "");
 }
 
-TEST(handle_tcp_client, takes_one_receive_of_4095_bytes)
-{
+TEST(handle_tcp_client, takes_one_receive_of_4095_bytes) {
     session client;
     client.receive_command(header + " MSG_EXECSTATUS EXECUTE " +
                            std::string(5000, 'x'));
@@ -197,15 +183,13 @@ TEST(handle_tcp_client, takes_one_receive_of_4095_bytes)
               "exit 1; " + std::string(4095 - words, 'x'));
 }
 
-TEST(handle_tcp_client, a_command_in_two_segments_is_what_came_first)
-{
+TEST(handle_tcp_client, a_command_in_two_segments_is_what_came_first) {
     session client;
     client.receive_command(header);
     EXPECT_STREQ(client.cn->cmdline.get(), "exit 0;");
 }
 
-TEST(handle_tcp_client, a_client_that_closes_without_a_word)
-{
+TEST(handle_tcp_client, a_client_that_closes_without_a_word) {
     session client;
     client.pair.far.reset();
     ASSERT_TRUE(wait_for(client.number, POLLIN));
@@ -214,8 +198,7 @@ TEST(handle_tcp_client, a_client_that_closes_without_a_word)
     EXPECT_EQ(client.log.lines(), log_lines{message(796, {})});
 }
 
-TEST(handle_tcp_client, a_client_that_resets)
-{
+TEST(handle_tcp_client, a_client_that_resets) {
     session client;
     reset_connection(&client.pair.far);
     ASSERT_TRUE(wait_for(client.number, POLLIN));
@@ -225,16 +208,14 @@ TEST(handle_tcp_client, a_client_that_resets)
     EXPECT_EQ(client.log.lines(), expected);
 }
 
-TEST(handle_tcp_client, traces_what_it_received)
-{
+TEST(handle_tcp_client, traces_what_it_received) {
     session client;
     std::string seen = traced(1, [&] { client.receive_command("x [\xe4]"); });
     EXPECT_NE(seen.find("DEBUG: received = [x [\xe4]]\n"), std::string::npos)
         << seen;
 }
 
-TEST(check_timeout_clients, the_first_that_waits_decides)
-{
+TEST(check_timeout_clients, the_first_that_waits_decides) {
     session_lists lists;
     waiting_client(0);
     waiting_client(1008);
@@ -244,8 +225,7 @@ TEST(check_timeout_clients, the_first_that_waits_decides)
     EXPECT_EQ(clients->size, 3u);
 }
 
-TEST(check_timeout_clients, nobody_waits)
-{
+TEST(check_timeout_clients, nobody_waits) {
     session_lists lists;
     EXPECT_EQ(check_timeout_clients(1000, 10), -1);
     waiting_client(0);
@@ -253,8 +233,7 @@ TEST(check_timeout_clients, nobody_waits)
     EXPECT_EQ(clients->size, 1u);
 }
 
-TEST(check_timeout_clients, who_is_late_goes)
-{
+TEST(check_timeout_clients, who_is_late_goes) {
     session_lists lists;
     operator_log log;
     int fd = bound_socket(SOCK_STREAM);
@@ -273,8 +252,7 @@ TEST(check_timeout_clients, who_is_late_goes)
     EXPECT_EQ(clients->size, 1u);
 }
 
-TEST(check_timeout_clients, those_behind_the_first_are_not_looked_at)
-{
+TEST(check_timeout_clients, those_behind_the_first_are_not_looked_at) {
     session_lists lists;
     operator_log log;
     waiting_client(1005);
@@ -284,8 +262,7 @@ TEST(check_timeout_clients, those_behind_the_first_are_not_looked_at)
     EXPECT_EQ(log.lines(), log_lines{});
 }
 
-TEST(check_timeout_clients, a_clock_set_back_shortens_the_deadlines)
-{
+TEST(check_timeout_clients, a_clock_set_back_shortens_the_deadlines) {
     session_lists lists;
     operator_log log;
     const connection *first = waiting_client(5000);
@@ -301,8 +278,7 @@ TEST(check_timeout_clients, a_clock_set_back_shortens_the_deadlines)
     EXPECT_EQ(clients->size, 0u);
 }
 
-TEST(check_timeout_clients, a_deadline_just_at_the_limit_is_none_set_back)
-{
+TEST(check_timeout_clients, a_deadline_just_at_the_limit_is_none_set_back) {
     session_lists lists;
     const connection *cn = waiting_client(1010);
     EXPECT_EQ(check_timeout_clients(1000, 10), 10);
@@ -311,16 +287,14 @@ TEST(check_timeout_clients, a_deadline_just_at_the_limit_is_none_set_back)
     EXPECT_EQ(cn->deadline, 1009);
 }
 
-TEST(check_timeout_clients, after_shortening_the_next_one_may_decide)
-{
+TEST(check_timeout_clients, after_shortening_the_next_one_may_decide) {
     session_lists lists;
     waiting_client(5000);
     waiting_client(1004);
     EXPECT_EQ(check_timeout_clients(1000, 10), 4);
 }
 
-TEST(check_timeout_clients, works_beyond_32_bits)
-{
+TEST(check_timeout_clients, works_beyond_32_bits) {
     session_lists lists;
     operator_log log;
     waiting_client(5000000000);
@@ -330,8 +304,7 @@ TEST(check_timeout_clients, works_beyond_32_bits)
     EXPECT_EQ(cn->deadline, 7147483647);
 }
 
-TEST(check_timeout_clients_death, each_node_has_a_record)
-{
+TEST(check_timeout_clients_death, each_node_has_a_record) {
     session_lists lists;
     ASSERT_EQ(ux_list_ins_next(clients, nullptr, nullptr), 0);
     EXPECT_DEATH(static_cast<void>(check_timeout_clients(1000, 10)),

@@ -6,45 +6,34 @@
 #include "tolva2/files/reserve.h"
 #include "tolva2/listen/client.h"
 
-namespace
-{
+namespace {
 
-in_addr address_of(const char *dotted)
-{
+in_addr address_of(const char *dotted) {
     return loopback(dotted, 0).sin_addr;
 }
 
-ux_fd any_socket()
-{
+ux_fd any_socket() {
     return ux_fd(bound_socket(SOCK_STREAM));
 }
 
 /* A listening socket as the daemon has it, with connections to it. */
-class tcp_door : public listener
-{
+class tcp_door : public listener {
   public:
-    tcp_door() : door(ux_fd(listening_socket()), EVENT_READABLE)
-    {
+    tcp_door() : door(ux_fd(listening_socket()), EVENT_READABLE) {
         set_nonblocking(door.get());
     }
-    ~tcp_door()
-    {
-        give_up_reserve();
-    }
-    int knock(const char *from = "127.0.0.1")
-    {
+    ~tcp_door() { give_up_reserve(); }
+    int knock(const char *from = "127.0.0.1") {
         callers.emplace_back(connected_socket(local_port(door.get()), from));
         EXPECT_TRUE(wait_for(door.get(), POLLIN));
         return callers.back().get();
     }
-    void open_for(const char *allowed_text, time_t deadline = 1000)
-    {
+    void open_for(const char *allowed_text, time_t deadline = 1000) {
         address_list allowed(allowed_text);
         handle_tcp_connect(door.get(), allowed.get(), deadline, &pause);
     }
     /* More sockets than one client and its listeners have. */
-    void fill_house()
-    {
+    void fill_house() {
         for (watched_fd &other : others) {
             other = watched_fd(any_socket(), EVENT_NONE);
         }
@@ -57,8 +46,7 @@ class tcp_door : public listener
 
 } // namespace
 
-TEST(client_is_allowed, compares_addresses_and_no_ports)
-{
+TEST(client_is_allowed, compares_addresses_and_no_ports) {
     address_list allowed("127.0.0.1:99 10.0.0.2 10.3");
     for (const char *yes : {"127.0.0.1", "10.0.0.2", "10.0.0.3"}) {
         in_addr address = address_of(yes);
@@ -71,15 +59,13 @@ TEST(client_is_allowed, compares_addresses_and_no_ports)
     }
 }
 
-TEST(client_is_allowed, an_empty_list_holds_nobody)
-{
+TEST(client_is_allowed, an_empty_list_holds_nobody) {
     address_list allowed;
     in_addr address = address_of("127.0.0.1");
     EXPECT_FALSE(client_is_allowed(allowed.get(), &address));
 }
 
-TEST(client_is_allowed, stops_at_a_node_without_address)
-{
+TEST(client_is_allowed, stops_at_a_node_without_address) {
     address_list allowed("127.0.0.1 127.0.0.2");
     ASSERT_EQ(ux_list_ins_next(allowed.get(), allowed.get()->head, nullptr), 0);
     in_addr first = address_of("127.0.0.1");
@@ -88,8 +74,7 @@ TEST(client_is_allowed, stops_at_a_node_without_address)
     EXPECT_FALSE(client_is_allowed(allowed.get(), &second));
 }
 
-TEST(client_is_allowed_death, an_address_of_zero_is_none)
-{
+TEST(client_is_allowed_death, an_address_of_zero_is_none) {
     address_list allowed("127.0.0.1");
     in_addr zero = address_of("0.0.0.0");
     EXPECT_DEATH(static_cast<void>(client_is_allowed(allowed.get(), &zero)),
@@ -99,8 +84,7 @@ TEST(client_is_allowed_death, an_address_of_zero_is_none)
                  "`sin_addr && sin_addr->s_addr'");
 }
 
-TEST(handle_tcp_connect, lets_a_client_in)
-{
+TEST(handle_tcp_connect, lets_a_client_in) {
     tcp_door tcp;
     tcp.settings.listenport = 7007;
     int caller = tcp.knock("127.0.0.12");
@@ -124,8 +108,7 @@ TEST(handle_tcp_connect, lets_a_client_in)
     EXPECT_EQ(tcp.log.lines(), log_lines{});
 }
 
-TEST(handle_tcp_connect, appends_in_the_order_of_arrival)
-{
+TEST(handle_tcp_connect, appends_in_the_order_of_arrival) {
     tcp_door tcp;
     tcp.knock("127.0.0.12");
     tcp.knock("127.0.0.13");
@@ -136,8 +119,7 @@ TEST(handle_tcp_connect, appends_in_the_order_of_arrival)
     EXPECT_STREQ(record_of(clients->tail)->ipaddr, "127.0.0.13");
 }
 
-TEST(handle_tcp_connect, admits_only_who_is_on_a_list_that_is_not_empty)
-{
+TEST(handle_tcp_connect, admits_only_who_is_on_a_list_that_is_not_empty) {
     tcp_door tcp;
     int refused = tcp.knock("127.0.0.12");
     tcp.open_for("127.0.0.1 10.0.0.1");
@@ -150,8 +132,7 @@ TEST(handle_tcp_connect, admits_only_who_is_on_a_list_that_is_not_empty)
     EXPECT_EQ(clients->size, 1u);
 }
 
-TEST(handle_tcp_connect, leaves_clients_waiting_while_the_budget_is_used_up)
-{
+TEST(handle_tcp_connect, leaves_clients_waiting_while_the_budget_is_used_up) {
     tcp_door tcp;
     int caller = tcp.knock();
     max_fds = open_descriptors();
@@ -166,8 +147,7 @@ TEST(handle_tcp_connect, leaves_clients_waiting_while_the_budget_is_used_up)
     EXPECT_EQ(open_descriptors(), max_fds);
 }
 
-TEST(handle_tcp_connect, logs_why_accept_failed)
-{
+TEST(handle_tcp_connect, logs_why_accept_failed) {
     tcp_door tcp;
     address_list allowed;
     ux_fd not_listening = any_socket();
@@ -178,8 +158,7 @@ TEST(handle_tcp_connect, logs_why_accept_failed)
     EXPECT_EQ(accepting_clients(&tcp.pause, tcp.pause.when), accepting::yes);
 }
 
-TEST(handle_tcp_connect, a_failure_that_repeats_is_told_once_and_paused)
-{
+TEST(handle_tcp_connect, a_failure_that_repeats_is_told_once_and_paused) {
     tcp_door tcp;
     address_list allowed;
     ux_fd not_listening = any_socket();
@@ -204,8 +183,7 @@ TEST(handle_tcp_connect, a_failure_that_repeats_is_told_once_and_paused)
     EXPECT_EQ(tcp.log.lines().size(), 2u);
 }
 
-TEST(handle_tcp_connect, drops_the_client_when_memory_is_exhausted)
-{
+TEST(handle_tcp_connect, drops_the_client_when_memory_is_exhausted) {
     tcp_door tcp;
     /* Neither for a record nor, the second time, for its place in a list. */
     for (int left : {0, 1}) {
@@ -222,8 +200,7 @@ TEST(handle_tcp_connect, drops_the_client_when_memory_is_exhausted)
     EXPECT_EQ(tcp.log.lines(), expected);
 }
 
-TEST(handle_tcp_connect, refuses_a_number_that_cannot_be_watched)
-{
+TEST(handle_tcp_connect, refuses_a_number_that_cannot_be_watched) {
     tcp_door tcp;
     if (most_descriptors() < FD_SETSIZE + 100) {
         GTEST_SKIP() << "the system allows no such number";
@@ -240,8 +217,7 @@ TEST(handle_tcp_connect, refuses_a_number_that_cannot_be_watched)
     EXPECT_TRUE(tcp.pause.waiting);
 }
 
-TEST(handle_tcp_connect, leaves_two_descriptors_for_files)
-{
+TEST(handle_tcp_connect, leaves_two_descriptors_for_files) {
     for (int spare : {0, 1, 2, 3}) {
         SCOPED_TRACE(spare);
         tcp_door tcp;
@@ -264,8 +240,7 @@ TEST(handle_tcp_connect, leaves_two_descriptors_for_files)
     }
 }
 
-TEST(handle_tcp_connect, with_nobody_but_the_listeners_takes_the_last_one)
-{
+TEST(handle_tcp_connect, with_nobody_but_the_listeners_takes_the_last_one) {
     for (size_t listeners : {1U, 2U, 3U}) {
         tcp_door tcp;
         for (size_t i = 1; i < listeners; i++) {
@@ -281,8 +256,7 @@ TEST(handle_tcp_connect, with_nobody_but_the_listeners_takes_the_last_one)
     }
 }
 
-TEST(accepting_clients, as_long_as_there_is_room_in_the_budget)
-{
+TEST(accepting_clients, as_long_as_there_is_room_in_the_budget) {
     session_lists lists;
     accept_pause pause{};
     std::vector<watched_fd> open;
@@ -304,8 +278,7 @@ TEST(accepting_clients, as_long_as_there_is_room_in_the_budget)
     EXPECT_EQ(accepting_clients(&pause, 1000), accepting::yes);
 }
 
-TEST(accepting_clients, a_shortage_is_told_once_and_tried_again)
-{
+TEST(accepting_clients, a_shortage_is_told_once_and_tried_again) {
     tcp_door tcp;
     tcp.fill_house();
     tcp.knock();
@@ -345,8 +318,7 @@ TEST(accepting_clients, a_shortage_is_told_once_and_tried_again)
     EXPECT_EQ(tcp.log.lines().size(), 2u) << "a new shortage";
 }
 
-TEST(accepting_clients, every_kind_of_shortage_is_waited_for)
-{
+TEST(accepting_clients, every_kind_of_shortage_is_waited_for) {
     for (int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
         tcp_door tcp;
         tcp.knock();

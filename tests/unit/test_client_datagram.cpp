@@ -5,21 +5,17 @@
 
 #include "tolva2/listen/client.h"
 
-namespace
-{
+namespace {
 
 const std::string header = "CONNECT TO TOLVA (SEND)";
 
 /* The UDP side of the daemon. */
-class udp_door : public listener
-{
+class udp_door : public listener {
   public:
-    udp_door() : door(bound_socket(SOCK_DGRAM)), allowed("127.0.0.1")
-    {
+    udp_door() : door(bound_socket(SOCK_DGRAM)), allowed("127.0.0.1") {
         set_nonblocking(door.get());
     }
-    void datagram(const std::string &bytes, const char *from = "127.0.0.1")
-    {
+    void datagram(const std::string &bytes, const char *from = "127.0.0.1") {
         ux_fd sender(bound_socket(SOCK_DGRAM, from));
         sockaddr_in to = local_name(door.get());
         ASSERT_EQ(sendto(sender.get(), bytes.data(), bytes.size(), 0,
@@ -28,8 +24,7 @@ class udp_door : public listener
         ASSERT_TRUE(wait_for(door.get(), POLLIN));
         receive_one();
     }
-    void receive_one()
-    {
+    void receive_one() {
         capture errors(STDERR_FILENO);
         handle_udp_connect(door.get(), allowed.get());
         errors.text();
@@ -40,8 +35,7 @@ class udp_door : public listener
 
 } // namespace
 
-TEST(handle_udp_connect, runs_a_request)
-{
+TEST(handle_udp_connect, runs_a_request) {
     udp_door udp;
     udp.datagram(header);
     ASSERT_EQ(clients->size, 1u);
@@ -60,8 +54,7 @@ TEST(handle_udp_connect, runs_a_request)
     EXPECT_EQ(udp.log.lines(), expected);
 }
 
-TEST(handle_udp_connect, never_wants_a_reply)
-{
+TEST(handle_udp_connect, never_wants_a_reply) {
     udp_door udp;
     udp.datagram(header + " MSG_EXECSTATUS EXECUTE x");
     ASSERT_EQ(clients->size, 1u);
@@ -69,8 +62,7 @@ TEST(handle_udp_connect, never_wants_a_reply)
     EXPECT_STREQ(record_of(clients->head)->cmdline.get(), "exit 1; x");
 }
 
-TEST(handle_udp_connect, what_runs_nothing_leaves_no_record)
-{
+TEST(handle_udp_connect, what_runs_nothing_leaves_no_record) {
     struct row {
         std::string text;
         std::string logged;
@@ -92,8 +84,7 @@ TEST(handle_udp_connect, what_runs_nothing_leaves_no_record)
     }
 }
 
-TEST(handle_udp_connect, keeps_the_other_records)
-{
+TEST(handle_udp_connect, keeps_the_other_records) {
     udp_door udp;
     connection *first =
         add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1");
@@ -102,8 +93,7 @@ TEST(handle_udp_connect, keeps_the_other_records)
     EXPECT_EQ(clients->head->data, first);
 }
 
-TEST(handle_udp_connect, refuses_who_is_not_allowed)
-{
+TEST(handle_udp_connect, refuses_who_is_not_allowed) {
     udp_door udp;
     udp.datagram(header, "127.0.0.13");
     EXPECT_EQ(clients->size, 0u);
@@ -112,8 +102,7 @@ TEST(handle_udp_connect, refuses_who_is_not_allowed)
     EXPECT_EQ(udp.log.lines(), expected);
 }
 
-TEST(handle_udp_connect, nothing_to_receive_is_no_reason_to_wait)
-{
+TEST(handle_udp_connect, nothing_to_receive_is_no_reason_to_wait) {
     udp_door udp;
     udp.receive_one();
     EXPECT_EQ(udp.log.lines(), log_lines{message(825, {})});
@@ -123,8 +112,7 @@ TEST(handle_udp_connect, nothing_to_receive_is_no_reason_to_wait)
     EXPECT_EQ(clients->size, 0u);
 }
 
-TEST(handle_udp_connect, drops_the_datagram_when_memory_is_exhausted)
-{
+TEST(handle_udp_connect, drops_the_datagram_when_memory_is_exhausted) {
     udp_door udp;
     /* Neither for a record nor, the second time, for its place in a list. */
     for (int left : {0, 1}) {
@@ -138,8 +126,7 @@ TEST(handle_udp_connect, drops_the_datagram_when_memory_is_exhausted)
     EXPECT_EQ(udp.log.lines(), expected);
 }
 
-TEST(handle_udp_connect, reads_at_most_4095_bytes)
-{
+TEST(handle_udp_connect, reads_at_most_4095_bytes) {
     udp_door udp;
     udp.datagram(header + " MSG_EXECUTE EXECUTE " + std::string(6000, 'x'));
     ASSERT_EQ(clients->size, 1u);

@@ -7,8 +7,7 @@
 
 #include "tolva2/start/help.h"
 
-namespace
-{
+namespace {
 
 const std::string doubled =
     "doubled mode parameter: `-l' and `-s'! (-? for help).\n";
@@ -16,8 +15,7 @@ const std::string no_mode = "missing parameter: `-l' or `-s'! (-? for help).\n";
 
 } // namespace
 
-TEST(mode, is_chosen_by_name_or_option)
-{
+TEST(mode, is_chosen_by_name_or_option) {
     check_accepted({
         {"listentolva", {}, "listen"},
         {"tolva", {"-l"}, "listen"},
@@ -83,8 +81,7 @@ TEST(mode, is_chosen_by_name_or_option)
     });
 }
 
-TEST(mode, help_and_version_end_with_status_0)
-{
+TEST(mode, help_and_version_end_with_status_0) {
     program_name name("tolva");
     capture output;
     help();
@@ -122,8 +119,7 @@ TEST(mode, help_and_version_end_with_status_0)
     }
 }
 
-TEST(mode, by_name_help_and_version_are_unknown)
-{
+TEST(mode, by_name_help_and_version_are_unknown) {
     for (const char *program : {"sendtolva", "listentolva"}) {
         for (const char *option : {"-?", "-h", "-v", "-V", "-help"}) {
             check_refused(
@@ -134,8 +130,7 @@ TEST(mode, by_name_help_and_version_are_unknown)
     }
 }
 
-TEST(scan_mode, gives_the_mode_alone)
-{
+TEST(scan_mode, gives_the_mode_alone) {
     program_name name("tolva");
     struct row {
         const char *option;
@@ -156,8 +151,7 @@ TEST(scan_mode, gives_the_mode_alone)
     }
 }
 
-TEST(command, is_joined_behind_its_verb)
-{
+TEST(command, is_joined_behind_its_verb) {
     const std::string to = "send to=127.0.0.1:0/1/2 port=6003 timeout=10";
     const std::string status = "send to=127.0.0.1:0/1/3 port=6003 timeout=10";
     check_accepted({
@@ -190,8 +184,7 @@ TEST(command, is_joined_behind_its_verb)
     });
 }
 
-TEST(plain_words, are_the_shutdown_script_of_listen_mode)
-{
+TEST(plain_words, are_the_shutdown_script_of_listen_mode) {
     check_accepted({
         /* The first one goes, the others are run together. */
         {"tolva",
@@ -236,8 +229,7 @@ TEST(plain_words, are_the_shutdown_script_of_listen_mode)
     });
 }
 
-TEST(check_input, gives_the_result_of_the_mode)
-{
+TEST(check_input, gives_the_result_of_the_mode) {
     for (int32_t result : {0, 1, 128, 255}) {
         result_of_mode = result;
         EXPECT_EQ(run("tolva", {"-l"}), result);
@@ -246,8 +238,7 @@ TEST(check_input, gives_the_result_of_the_mode)
     }
 }
 
-TEST(check_input, ends_when_memory_is_exhausted)
-{
+TEST(check_input, ends_when_memory_is_exhausted) {
     struct row {
         words arguments;
         const char *between; /* "tolva: " and the system's text */
@@ -268,8 +259,7 @@ TEST(check_input, ends_when_memory_is_exhausted)
     }
 }
 
-TEST(check_input, traces_its_entry_first)
-{
+TEST(check_input, traces_its_entry_first) {
     auto body = [] { run("tolva", {"-l", "-bs", "x"}); };
     const std::string expected = "TRACEIN: check_input\nTRACEIN: scan_mode\n";
     EXPECT_EQ(traced(6, body).substr(0, expected.size()), expected);

@@ -1,12 +1,10 @@
 /* From a command to its script. */
 #include "command_fixture.h"
 
-namespace
-{
+namespace {
 
 /* The exit status of the client's script, not collected by the program. */
-int wait_status(const connection *cn)
-{
+int wait_status(const connection *cn) {
     int status = -1;
     EXPECT_EQ(waitpid(cn->pid, &status, 0), cn->pid);
     return status;
@@ -59,8 +57,7 @@ const v2_row v2_rows[] = {
 
 } // namespace
 
-TEST(exec_V2command, runs_the_script_of_the_command_word)
-{
+TEST(exec_V2command, runs_the_script_of_the_command_word) {
     for (const v2_row &row : v2_rows) {
         SCOPED_TRACE(std::string("[") + row.text + "]");
         listener listen;
@@ -82,15 +79,13 @@ TEST(exec_V2command, runs_the_script_of_the_command_word)
     }
 }
 
-TEST(exec_V2command, without_text_is_unknown)
-{
+TEST(exec_V2command, without_text_is_unknown) {
     listener listen;
     EXPECT_FALSE(exec_V2command(add_client(), nullptr));
     EXPECT_EQ(listen.log.lines(), log_lines{message(820, {})});
 }
 
-TEST(exec_V2command, a_script_that_is_not_set_is_not_run)
-{
+TEST(exec_V2command, a_script_that_is_not_set_is_not_run) {
     listener listen;
     listen.settings.shutdown_prog = nullptr;
     listen.settings.exec_prog = listen.text("");
@@ -105,8 +100,7 @@ TEST(exec_V2command, a_script_that_is_not_set_is_not_run)
     EXPECT_EQ(listen.log.lines(), log_lines{});
 }
 
-TEST(exec_V2command, execstatus_asks_for_a_reply_over_tcp_only)
-{
+TEST(exec_V2command, execstatus_asks_for_a_reply_over_tcp_only) {
     listener listen;
     connection *tcp = add_client(ADDR_PEER);
     connection *udp = add_client(ADDR_BROADCAST);
@@ -119,8 +113,7 @@ TEST(exec_V2command, execstatus_asks_for_a_reply_over_tcp_only)
     EXPECT_FALSE(quiet->want_reply);
 }
 
-TEST(exec_V2command, log_texts_go_to_the_log_without_a_script)
-{
+TEST(exec_V2command, log_texts_go_to_the_log_without_a_script) {
     struct row {
         const char *text;
         const char *logged;
@@ -151,8 +144,7 @@ TEST(exec_V2command, log_texts_go_to_the_log_without_a_script)
     }
 }
 
-TEST(exec_V2command, a_logged_text_is_replied_to_without_a_child)
-{
+TEST(exec_V2command, a_logged_text_is_replied_to_without_a_child) {
     struct row {
         const char *text;
         bool result;
@@ -183,8 +175,7 @@ TEST(exec_V2command, a_logged_text_is_replied_to_without_a_child)
     }
 }
 
-TEST(exec_V2command, a_text_that_cannot_be_logged_is_replied_to_as_failed)
-{
+TEST(exec_V2command, a_text_that_cannot_be_logged_is_replied_to_as_failed) {
     listener listen;
     int fd = tcp_socket().release();
     connection *cn = add_client(ADDR_PEER, fd);
@@ -194,8 +185,7 @@ TEST(exec_V2command, a_text_that_cannot_be_logged_is_replied_to_as_failed)
     EXPECT_EQ(cn->exitstatus, 1);
 }
 
-TEST(exec_V2command, a_logged_datagram_is_not_replied_to)
-{
+TEST(exec_V2command, a_logged_datagram_is_not_replied_to) {
     listener listen;
     connection *cn = add_client(ADDR_BROADCAST);
     EXPECT_TRUE(run_text(cn, "MSG_EXECSTATUS LOG_TEXT hello"));
@@ -204,8 +194,7 @@ TEST(exec_V2command, a_logged_datagram_is_not_replied_to)
     EXPECT_EQ(listen.log.lines(), log_lines{"hello"});
 }
 
-TEST(exec_V2command, shutdown_does_not_ask_redundancy)
-{
+TEST(exec_V2command, shutdown_does_not_ask_redundancy) {
     listener listen;
     listen.make_redundant("127.0.0.1 127.0.0.2", 2);
     connection *cn = add_client();
@@ -215,8 +204,7 @@ TEST(exec_V2command, shutdown_does_not_ask_redundancy)
     EXPECT_STREQ(cn->cmdline.get(), "exit 0;");
 }
 
-TEST(exec_V2command, very_long_parameters_are_kept_to_4094_characters)
-{
+TEST(exec_V2command, very_long_parameters_are_kept_to_4094_characters) {
     listener listen;
     connection *cn = add_client();
     EXPECT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE " + std::string(5000, 'x')));
@@ -224,8 +212,7 @@ TEST(exec_V2command, very_long_parameters_are_kept_to_4094_characters)
               "exit 1; " + std::string(4094, 'x'));
 }
 
-TEST(exec_V2command, traces_the_words)
-{
+TEST(exec_V2command, traces_the_words) {
     listener listen;
     connection *cn = add_client();
     EXPECT_EQ(traced(1, [&] { run_text(cn, "MSG_SCAN x"); }),
@@ -239,8 +226,7 @@ TEST(exec_V2command, traces_the_words)
               "DEBUG: ptr1 = [MSG_EXECUTE]\nDEBUG: ptr2 = [EXECUTE]\n");
 }
 
-TEST(exec_V1command, runs_the_shutdown_script_without_parameters)
-{
+TEST(exec_V1command, runs_the_shutdown_script_without_parameters) {
     listener listen;
     connection *cn = add_client();
     capture errors(STDERR_FILENO);
@@ -252,8 +238,7 @@ TEST(exec_V1command, runs_the_shutdown_script_without_parameters)
     EXPECT_EQ(listen.log.lines(), log_lines{message(792, {"exit 0;"})});
 }
 
-TEST(exec_V1command, without_script_runs_nothing)
-{
+TEST(exec_V1command, without_script_runs_nothing) {
     listener listen;
     listen.settings.shutdown_prog = nullptr;
     connection *cn = add_client();
@@ -262,8 +247,7 @@ TEST(exec_V1command, without_script_runs_nothing)
     EXPECT_FALSE(cn->busy);
 }
 
-TEST(exec_V1command, is_withheld_by_redundancy)
-{
+TEST(exec_V1command, is_withheld_by_redundancy) {
     listener listen;
     listen.make_redundant("127.0.0.1 127.0.0.2", 2);
     connection *cn = add_client();
@@ -277,8 +261,7 @@ TEST(exec_V1command, is_withheld_by_redundancy)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(exec_V1command, asks_the_watched_servers_anew)
-{
+TEST(exec_V1command, asks_the_watched_servers_anew) {
     listener listen;
     listen.make_redundant("127.0.0.1 127.0.0.2", 1);
     ux_fd server(listening_socket("127.0.0.2"));

@@ -4,12 +4,10 @@
 #include <algorithm>
 #include <csignal>
 
-namespace
-{
+namespace {
 
 /* Collects until the record's script is through, or the record is gone. */
-void collect(ux_list *list, uint32_t size_then)
-{
+void collect(ux_list *list, uint32_t size_then) {
     EXPECT_TRUE(wait_until([&] {
         reap_children();
         bool busy = false;
@@ -23,8 +21,7 @@ void collect(ux_list *list, uint32_t size_then)
 
 } // namespace
 
-TEST(reap_children, a_script_that_runs_is_left_alone)
-{
+TEST(reap_children, a_script_that_runs_is_left_alone) {
     listener listen;
     listen.settings.exec_prog = listen.text("exec sleep 600 #");
     connection *cn = add_client();
@@ -36,8 +33,7 @@ TEST(reap_children, a_script_that_runs_is_left_alone)
     collect(clients, 0);
 }
 
-TEST(reap_children, without_reply_the_record_goes)
-{
+TEST(reap_children, without_reply_the_record_goes) {
     listener listen;
     run_text(add_client(), "MSG_EXECUTE SHUTDOWN a");
     run_text(add_client(ADDR_BROADCAST), "MSG_EXECSTATUS EXECUTE b");
@@ -50,8 +46,7 @@ TEST(reap_children, without_reply_the_record_goes)
     EXPECT_EQ(seen, expected);
 }
 
-TEST(reap_children, with_reply_the_status_is_kept_for_it)
-{
+TEST(reap_children, with_reply_the_status_is_kept_for_it) {
     struct row {
         const char *program;
         int32_t exitstatus;
@@ -93,8 +88,7 @@ TEST(reap_children, with_reply_the_status_is_kept_for_it)
     }
 }
 
-TEST(reap_children, a_stopped_script_is_reported_with_its_raw_status)
-{
+TEST(reap_children, a_stopped_script_is_reported_with_its_raw_status) {
     listener listen;
     listen.settings.exec_prog = listen.text("kill -STOP $$; exit 0;");
     int fd = tcp_socket().release();
@@ -111,8 +105,7 @@ TEST(reap_children, a_stopped_script_is_reported_with_its_raw_status)
     cn->pid = 0;
 }
 
-TEST(reap_children, skips_records_without_child_and_nodes_without_record)
-{
+TEST(reap_children, skips_records_without_child_and_nodes_without_record) {
     listener listen;
     connection *idle = add_client();
     ASSERT_EQ(ux_list_ins_next(clients, clients->tail, nullptr), 0);
@@ -131,8 +124,7 @@ TEST(reap_children, skips_records_without_child_and_nodes_without_record)
     idle->busy = false;
 }
 
-TEST(reap_children, collects_several_of_a_list_at_once)
-{
+TEST(reap_children, collects_several_of_a_list_at_once) {
     listener listen;
     for (int i = 0; i < 5; i++) {
         run_text(add_client(), "MSG_EXECUTE SHUTDOWN");
@@ -146,8 +138,7 @@ TEST(reap_children, collects_several_of_a_list_at_once)
 }
 
 /* More than are collected at a time, in the order of the list. */
-TEST(reap_children, serves_hundreds_that_have_ended_together)
-{
+TEST(reap_children, serves_hundreds_that_have_ended_together) {
     constexpr int SCRIPTS = 600;
     listener listen;
     log_lines expected;
@@ -166,8 +157,7 @@ TEST(reap_children, serves_hundreds_that_have_ended_together)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(reap_children, a_server_record_stays_and_loses_its_command_line)
-{
+TEST(reap_children, a_server_record_stays_and_loses_its_command_line) {
     listener listen;
     connection *cn =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
@@ -188,8 +178,7 @@ TEST(reap_children, a_server_record_stays_and_loses_its_command_line)
     EXPECT_EQ(listen.log.lines(), expected);
 }
 
-TEST(reap_children, an_old_number_takes_no_other_childs_status)
-{
+TEST(reap_children, an_old_number_takes_no_other_childs_status) {
     listener listen;
     connection *cn =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
@@ -207,8 +196,7 @@ TEST(reap_children, an_old_number_takes_no_other_childs_status)
     EXPECT_EQ(listen.log.lines(), log_lines{message(794, {"exit 0;"})});
 }
 
-TEST(reap_children, serves_both_lists)
-{
+TEST(reap_children, serves_both_lists) {
     listener listen;
     run_text(add_client(), "MSG_EXECUTE SHUTDOWN");
     connection *cn =
@@ -221,8 +209,7 @@ TEST(reap_children, serves_both_lists)
     EXPECT_EQ(connections->size, 1u);
 }
 
-TEST(reap_children, leaves_no_zombie_that_nobody_waits_for)
-{
+TEST(reap_children, leaves_no_zombie_that_nobody_waits_for) {
     listener listen;
     connection lost;
     for (int i = 0; i < 3; i++) {
@@ -236,8 +223,7 @@ TEST(reap_children, leaves_no_zombie_that_nobody_waits_for)
     }));
 }
 
-TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for)
-{
+TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for) {
     listener listen;
     connection *cn =
         add_record(connections, MODE_LISTEN, ADDR_KESDAL, "127.0.0.1");
@@ -255,8 +241,7 @@ TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for)
     EXPECT_EQ(waitpid(lost.pid, nullptr, WNOHANG), -1);
 }
 
-TEST(reap_children, does_not_wait_for_scripts_that_run)
-{
+TEST(reap_children, does_not_wait_for_scripts_that_run) {
     listener listen;
     listen.settings.exec_prog = listen.text("exec sleep 600 #");
     connection *cn = add_client();

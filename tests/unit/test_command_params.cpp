@@ -10,22 +10,16 @@
 #include <string>
 #include <vector>
 
-namespace
-{
+namespace {
 
 /* Message texts for as long as it lives. */
-class message_texts
-{
+class message_texts {
   public:
-    explicit message_texts(const std::string &content)
-    {
+    explicit message_texts(const std::string &content) {
         std::string path = home.file("messages.dat", content);
         EXPECT_TRUE(msgdb_open(path.c_str()));
     }
-    ~message_texts()
-    {
-        msgdb_close();
-    }
+    ~message_texts() { msgdb_close(); }
     message_texts(const message_texts &) = delete;
     message_texts &operator=(const message_texts &) = delete;
 
@@ -40,8 +34,7 @@ const char standard_texts[] = "m12=UPS #NAME at #PCT%s done\n"
                               "m0=zero\n"
                               "m16=quote \"q\"\n";
 
-command_index place(int32_t index)
-{
+command_index place(int32_t index) {
     return static_cast<command_index>(index);
 }
 
@@ -50,8 +43,7 @@ struct arguments {
     std::string text;
 };
 
-arguments build(int32_t index, std::string text, size_t size = 4096)
-{
+arguments build(int32_t index, std::string text, size_t size = 4096) {
     std::vector<char> out(size, '~');
     arguments built;
     built.result =
@@ -69,8 +61,7 @@ struct params_row {
     const char *expected;
 };
 
-void check(const params_row &row)
-{
+void check(const params_row &row) {
     SCOPED_TRACE("command " + std::to_string(row.index) + " text [" + row.text +
                  "]");
     arguments built = build(row.index, row.text);
@@ -82,8 +73,7 @@ void check(const params_row &row)
 
 } // namespace
 
-TEST(get_V2command_params, free_text_is_stripped)
-{
+TEST(get_V2command_params, free_text_is_stripped) {
     for (int32_t index : {0, 1, 3, 7}) {
         const params_row rows[] = {
             {index, "backup now", true, "backup now"},
@@ -105,8 +95,7 @@ TEST(get_V2command_params, free_text_is_stripped)
     }
 }
 
-TEST(get_V2command_params, free_text_is_cut_two_below_the_size)
-{
+TEST(get_V2command_params, free_text_is_cut_two_below_the_size) {
     for (int32_t index : {0, 1, 3, 7}) {
         arguments fits = build(index, "123456", 8);
         EXPECT_EQ(fits.text, "123456");
@@ -118,8 +107,7 @@ TEST(get_V2command_params, free_text_is_cut_two_below_the_size)
     }
 }
 
-TEST(get_V2command_params, a_message_number_becomes_its_filled_text)
-{
+TEST(get_V2command_params, a_message_number_becomes_its_filled_text) {
     message_texts texts(standard_texts);
     for (int32_t index : {2, 6}) {
         const params_row rows[] = {
@@ -149,15 +137,13 @@ TEST(get_V2command_params, a_message_number_becomes_its_filled_text)
     }
 }
 
-TEST(get_V2command_params, a_message_number_without_database_gives_none)
-{
+TEST(get_V2command_params, a_message_number_without_database_gives_none) {
     msgdb_close();
     EXPECT_EQ(build(2, "12 a").result, 0);
     EXPECT_EQ(build(6, "12 a").result, 0);
 }
 
-TEST(get_V2command_params, no_text_is_no_number_and_no_recipient)
-{
+TEST(get_V2command_params, no_text_is_no_number_and_no_recipient) {
     message_texts texts(standard_texts);
     for (int32_t index : {2, 4, 5, 6}) {
         char out[8] = "old";
@@ -167,8 +153,7 @@ TEST(get_V2command_params, no_text_is_no_number_and_no_recipient)
     }
 }
 
-TEST(get_V2command_params, mail_by_number_puts_the_recipient_first)
-{
+TEST(get_V2command_params, mail_by_number_puts_the_recipient_first) {
     message_texts texts(standard_texts);
     const params_row rows[] = {
         {4, "14 ops", true, "ops  \"plain\""},
@@ -191,8 +176,7 @@ TEST(get_V2command_params, mail_by_number_puts_the_recipient_first)
     }
 }
 
-TEST(get_V2command_params, mail_by_number_without_memory_is_the_recipient)
-{
+TEST(get_V2command_params, mail_by_number_without_memory_is_the_recipient) {
     message_texts texts(standard_texts);
     failing_heap none;
     arguments built = build(4, "14 ops");
@@ -200,8 +184,7 @@ TEST(get_V2command_params, mail_by_number_without_memory_is_the_recipient)
     EXPECT_EQ(built.text, "ops ");
 }
 
-TEST(get_V2command_params, mail_with_text_puts_the_recipient_first)
-{
+TEST(get_V2command_params, mail_with_text_puts_the_recipient_first) {
     const params_row rows[] = {
         {5, "ops \"Battery low\"", true, "ops \"Battery low\""},
         {5, "ops Battery low", true, "ops \"Battery low\""},
@@ -221,8 +204,7 @@ TEST(get_V2command_params, mail_with_text_puts_the_recipient_first)
     }
 }
 
-TEST(get_V2command_params, mail_is_cut_to_the_buffer)
-{
+TEST(get_V2command_params, mail_is_cut_to_the_buffer) {
     message_texts texts(standard_texts);
     /* Whatever is cut where, out stays a text within its bytes. */
     for (size_t size = 1; size < 24; size++) {
@@ -242,8 +224,7 @@ TEST(get_V2command_params, mail_is_cut_to_the_buffer)
     EXPECT_GE(long_text.text.size(), 4090u);
 }
 
-TEST(get_V2command_params, a_message_filled_beyond_the_buffer_is_cut)
-{
+TEST(get_V2command_params, a_message_filled_beyond_the_buffer_is_cut) {
     message_texts texts("m1=%s%s%s\n");
     std::string word(2000, 'w');
     arguments built = build(2, "1 " + word + " " + word + " " + word);
@@ -255,8 +236,7 @@ TEST(get_V2command_params, a_message_filled_beyond_the_buffer_is_cut)
     EXPECT_GE(mail.text.size(), 4090u);
 }
 
-TEST(get_V2command_params, unknown_commands_and_missing_buffers_give_none)
-{
+TEST(get_V2command_params, unknown_commands_and_missing_buffers_give_none) {
     char text[] = "text";
     char out[8] = "old";
     for (int32_t index : {-1, 8, 9, 1000, -1000}) {
@@ -270,8 +250,7 @@ TEST(get_V2command_params, unknown_commands_and_missing_buffers_give_none)
     EXPECT_STREQ(out, "old");
 }
 
-TEST(get_V2command_params, ends_the_buffer_with_a_terminator)
-{
+TEST(get_V2command_params, ends_the_buffer_with_a_terminator) {
     char out[8];
     memset(out, '~', sizeof out);
     char text[] = "x";
@@ -280,8 +259,7 @@ TEST(get_V2command_params, ends_the_buffer_with_a_terminator)
     EXPECT_EQ(out[7], '\0');
 }
 
-TEST(get_V2command_params, traces_what_it_works_on)
-{
+TEST(get_V2command_params, traces_what_it_works_on) {
     message_texts texts(standard_texts);
     auto lines = [](int32_t index, const char *text) {
         std::string kept;

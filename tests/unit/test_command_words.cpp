@@ -8,11 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace
-{
+namespace {
 
-std::string stripped(std::string text)
-{
+std::string stripped(std::string text) {
     const char *result = strip_params(text.data());
     return result == nullptr ? "(none)" : result;
 }
@@ -24,8 +22,7 @@ struct patched {
 };
 
 patched patch(const std::string &pattern, const char *params,
-              size_t size = 4095)
-{
+              size_t size = 4095) {
     /* Exactly the bytes that may be written, for the sanitizers. */
     size_t room = pattern.size() > size ? pattern.size() : size;
     std::vector<char> buffer(room + 1, '~');
@@ -38,8 +35,7 @@ patched patch(const std::string &pattern, const char *params,
 
 } // namespace
 
-TEST(is_V2command, gives_the_place_in_the_table)
-{
+TEST(is_V2command, gives_the_place_in_the_table) {
     const char *words[] = {"SHUTDOWN", "EXECUTE",   "MSG_ID", "MSG_TEXT",
                            "MAIL_ID",  "MAIL_TEXT", "LOG_ID", "LOG_TEXT"};
     for (int32_t i = 0; i < 8; i++) {
@@ -55,15 +51,13 @@ TEST(is_V2command, gives_the_place_in_the_table)
     EXPECT_EQ(COMMAND_LOG_TEXT, 7);
 }
 
-TEST(is_V2command, ignores_case)
-{
+TEST(is_V2command, ignores_case) {
     EXPECT_EQ(is_V2command("msg_text"), 3);
     EXPECT_EQ(is_V2command("ShutDown"), 0);
     EXPECT_EQ(is_V2command("lOG_iD"), 6);
 }
 
-TEST(is_V2command, compares_the_whole_word)
-{
+TEST(is_V2command, compares_the_whole_word) {
     for (const char *word :
          {"MSG", "MSG_", "MSG_TEXTX", "SHUTDOW", "SHUTDOWN ", " SHUTDOWN",
           "EXEC", "MSG_EXECUTE", "MSG-ID", "SHUTDOWN\n", "\xe4", "0"}) {
@@ -73,8 +67,7 @@ TEST(is_V2command, compares_the_whole_word)
     EXPECT_EQ(is_V2command(nullptr), -1);
 }
 
-TEST(is_V2command, traces_every_word_it_tries)
-{
+TEST(is_V2command, traces_every_word_it_tries) {
     EXPECT_EQ(
         traced(1, [] { EXPECT_EQ(is_V2command("msg_id"), COMMAND_MSG_ID); }),
         "DEBUG: compare = [SHUTDOWN]\nDEBUG: compare = [EXECUTE]\n"
@@ -90,8 +83,7 @@ TEST(is_V2command, traces_every_word_it_tries)
         "");
 }
 
-TEST(split_word, cuts_word_after_word_and_stands_behind_one_delimiter)
-{
+TEST(split_word, cuts_word_after_word_and_stands_behind_one_delimiter) {
     std::string text = " \tone  two\tthree";
     char *rest = text.data();
     EXPECT_STREQ(split_word(&rest, " \t"), "one");
@@ -104,8 +96,7 @@ TEST(split_word, cuts_word_after_word_and_stands_behind_one_delimiter)
     EXPECT_EQ(split_word(&rest, " \t"), nullptr);
 }
 
-TEST(split_word, splits_at_the_delimiters_it_is_given)
-{
+TEST(split_word, splits_at_the_delimiters_it_is_given) {
     std::string text = "$ops$x y";
     char *rest = text.data();
     EXPECT_STREQ(split_word(&rest, " \t$"), "ops");
@@ -118,8 +109,7 @@ TEST(split_word, splits_at_the_delimiters_it_is_given)
     EXPECT_EQ(split_word(&rest, " \t"), nullptr);
 }
 
-TEST(strip_params, trims_and_takes_off_one_pair_of_quotes)
-{
+TEST(strip_params, trims_and_takes_off_one_pair_of_quotes) {
     struct row {
         const char *text;
         const char *expected;
@@ -158,15 +148,13 @@ TEST(strip_params, trims_and_takes_off_one_pair_of_quotes)
     EXPECT_EQ(strip_params(nullptr), nullptr);
 }
 
-TEST(strip_params, works_in_place)
-{
+TEST(strip_params, works_in_place) {
     char text[] = "  \"ab\"  ";
     EXPECT_EQ(strip_params(text), text + 3);
     EXPECT_STREQ(text + 3, "ab");
 }
 
-TEST(patch_msg_param, recognises_placeholders)
-{
+TEST(patch_msg_param, recognises_placeholders) {
     struct row {
         const char *pattern;
         const char *params;
@@ -223,8 +211,7 @@ TEST(patch_msg_param, recognises_placeholders)
     }
 }
 
-TEST(patch_msg_param, takes_parameters_one_after_the_other)
-{
+TEST(patch_msg_param, takes_parameters_one_after_the_other) {
     struct row {
         const char *params;
         const char *expected;
@@ -257,8 +244,7 @@ TEST(patch_msg_param, takes_parameters_one_after_the_other)
     }
 }
 
-TEST(patch_msg_param, stops_at_size_characters)
-{
+TEST(patch_msg_param, stops_at_size_characters) {
     EXPECT_EQ(patch("0123456789", "a", 10).text, "0123456789");
     EXPECT_EQ(patch("0123456789", "a", 10).length, 10);
     EXPECT_EQ(patch("0123456789", "a", 9).text, "012345678");
@@ -275,23 +261,20 @@ TEST(patch_msg_param, stops_at_size_characters)
     EXPECT_EQ(full.length, 4095);
 }
 
-TEST(patch_msg_param, does_not_change_the_parameters)
-{
+TEST(patch_msg_param, does_not_change_the_parameters) {
     std::string params = "\"a b\" c";
     EXPECT_EQ(patch("%s %s", params.c_str()).text, "a b c");
     EXPECT_EQ(params, "\"a b\" c");
 }
 
-TEST(patch_msg_param, gives_zero_when_memory_is_exhausted)
-{
+TEST(patch_msg_param, gives_zero_when_memory_is_exhausted) {
     char buffer[16] = "%s";
     failing_heap none;
     EXPECT_EQ(patch_msg_param(buffer, 15, "a"), 0);
     EXPECT_STREQ(buffer, "%s");
 }
 
-TEST(patch_msg_param, traces_each_parameter)
-{
+TEST(patch_msg_param, traces_each_parameter) {
     auto body = [] { patch("%s %s", "one"); };
     EXPECT_EQ(traced(1, body), "DEBUG: param = [one]\nDEBUG: param = [NULL]\n");
     EXPECT_EQ(traced(0, body), "");

@@ -5,11 +5,9 @@
 
 #include "tolva2/net/sockets.h"
 
-namespace
-{
+namespace {
 
-const connection *nth_connection(int position)
-{
+const connection *nth_connection(int position) {
     ux_list_element *node = connections->head;
     while (position-- > 0) {
         node = node->next;
@@ -19,8 +17,7 @@ const connection *nth_connection(int position)
 
 } // namespace
 
-TEST(new_connection, is_zeroed_and_without_socket)
-{
+TEST(new_connection, is_zeroed_and_without_socket) {
     connection_owner cn = new_connection(MODE_SEND_STATUS, ADDR_KESDAL);
     ASSERT_NE(cn, nullptr);
     EXPECT_FALSE(cn->fd);
@@ -43,14 +40,12 @@ TEST(new_connection, is_zeroed_and_without_socket)
     EXPECT_EQ(cn->ends, nullptr);
 }
 
-TEST(new_connection, is_null_when_memory_is_exhausted)
-{
+TEST(new_connection, is_null_when_memory_is_exhausted) {
     failing_heap exhausted;
     EXPECT_EQ(new_connection(MODE_LISTEN, ADDR_PEER), nullptr);
 }
 
-TEST(new_connection_death, needs_mode_and_type)
-{
+TEST(new_connection_death, needs_mode_and_type) {
     EXPECT_DEATH(static_cast<void>(new_connection(MODE_NONE, ADDR_PEER)),
                  "connection\\.cpp:[0-9]+: .*new_connection.*mode && type");
     EXPECT_DEATH(static_cast<void>(new_connection(MODE_SEND, ADDR_NONE)),
@@ -59,14 +54,12 @@ TEST(new_connection_death, needs_mode_and_type)
                  "mode && type");
 }
 
-TEST(destroy_connection_death, needs_a_record)
-{
+TEST(destroy_connection_death, needs_a_record) {
     EXPECT_DEATH(destroy_connection(nullptr),
                  "connection\\.cpp:[0-9]+: .*destroy_connection.*`cn'");
 }
 
-TEST(destroy_connection, closes_and_frees)
-{
+TEST(destroy_connection, closes_and_frees) {
     session_lists lists;
     connection *cn = new_connection(MODE_LISTEN, ADDR_PEER).release();
     cn->fd = watched_fd(tcp_socket(), EVENT_READABLE | EVENT_WRITABLE);
@@ -79,8 +72,7 @@ TEST(destroy_connection, closes_and_frees)
     EXPECT_TRUE(nothing_is_watched());
 }
 
-TEST(destroy_connection, without_socket_leaves_the_counters_alone)
-{
+TEST(destroy_connection, without_socket_leaves_the_counters_alone) {
     session_lists lists;
     watched_fd other(tcp_socket(), EVENT_READABLE);
     destroy_connection(new_connection(MODE_LISTEN, ADDR_PEER).release());
@@ -88,8 +80,7 @@ TEST(destroy_connection, without_socket_leaves_the_counters_alone)
     EXPECT_EQ(open_descriptors(), 1);
 }
 
-TEST(register_connection, appends_at_the_tail)
-{
+TEST(register_connection, appends_at_the_tail) {
     session_lists lists;
     connection_owner one = new_connection(MODE_LISTEN, ADDR_PEER);
     connection_owner two = new_connection(MODE_LISTEN, ADDR_PEER);
@@ -109,8 +100,7 @@ TEST(register_connection, appends_at_the_tail)
     EXPECT_EQ(connections->head->data, third);
 }
 
-TEST(register_connection, the_record_is_gone_when_memory_is_exhausted)
-{
+TEST(register_connection, the_record_is_gone_when_memory_is_exhausted) {
     session_lists lists;
     auto open_record = [](int *fd) {
         connection_owner cn = new_connection(MODE_LISTEN, ADDR_PEER);
@@ -134,8 +124,7 @@ TEST(register_connection, the_record_is_gone_when_memory_is_exhausted)
     EXPECT_EQ(open_descriptors(), 0);
 }
 
-TEST(register_connection_death, needs_list_and_record)
-{
+TEST(register_connection_death, needs_list_and_record) {
     session_lists lists;
     auto record = [] { return new_connection(MODE_LISTEN, ADDR_PEER); };
     EXPECT_DEATH(static_cast<void>(register_connection(nullptr, record())),
@@ -151,8 +140,7 @@ TEST(register_connection_death, needs_list_and_record)
     connections = kept;
 }
 
-TEST(unregister_connection, removes_and_destroys)
-{
+TEST(unregister_connection, removes_and_destroys) {
     session_lists lists;
     int fd = tcp_socket().release();
     add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1", fd);
@@ -164,8 +152,7 @@ TEST(unregister_connection, removes_and_destroys)
     EXPECT_EQ(open_descriptors(), 0);
 }
 
-TEST(unregister_connection, takes_a_node_without_record)
-{
+TEST(unregister_connection, takes_a_node_without_record) {
     session_lists lists;
     ASSERT_EQ(ux_list_ins_next(clients, nullptr, nullptr), 0);
     unregister_connection(clients, clients->head);
@@ -175,8 +162,7 @@ TEST(unregister_connection, takes_a_node_without_record)
     EXPECT_EQ(connections->size, 0u);
 }
 
-TEST(unregister_connection, tells_how_many_outbound_ones_are_left)
-{
+TEST(unregister_connection, tells_how_many_outbound_ones_are_left) {
     session_lists lists;
     add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
     add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.2");
@@ -186,8 +172,7 @@ TEST(unregister_connection, tells_how_many_outbound_ones_are_left)
     EXPECT_EQ(traced(0, [] { unregister_connection(connections->head); }), "");
 }
 
-TEST(unregister_connection_death, needs_list_and_element)
-{
+TEST(unregister_connection_death, needs_list_and_element) {
     session_lists lists;
     add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.1");
     ux_list_element *node = clients->head;
@@ -200,8 +185,7 @@ TEST(unregister_connection_death, needs_list_and_element)
     connections = kept;
 }
 
-TEST(set_connections, builds_one_record_per_address)
-{
+TEST(set_connections, builds_one_record_per_address) {
     session_lists lists(-1);
     address_list addresses("127.0.0.1 127.0.0.2:7000 127.0.0.3:60000",
                            ADDR_BROADCAST, MODE_SEND_STATUS);
@@ -223,8 +207,7 @@ TEST(set_connections, builds_one_record_per_address)
     }
 }
 
-TEST(set_connections, writes_the_default_port_into_the_address)
-{
+TEST(set_connections, writes_the_default_port_into_the_address) {
     session_lists lists(-1);
     address_list addresses("127.0.0.1 127.0.0.2:7000");
     EXPECT_EQ(set_connections(addresses.get(), 40000), 2);
@@ -234,8 +217,7 @@ TEST(set_connections, writes_the_default_port_into_the_address)
     EXPECT_EQ(ntohs(addresses.entry(1)->addr.sin_port), 7000);
 }
 
-TEST(set_connections, logs_an_empty_node_and_goes_on)
-{
+TEST(set_connections, logs_an_empty_node_and_goes_on) {
     session_lists lists(-1);
     operator_log log;
     address_list addresses("127.0.0.1");
@@ -245,15 +227,13 @@ TEST(set_connections, logs_an_empty_node_and_goes_on)
     EXPECT_EQ(log.lines(), log_lines{error_line(EINVAL)});
 }
 
-TEST(set_connections, gives_zero_without_addresses)
-{
+TEST(set_connections, gives_zero_without_addresses) {
     session_lists lists(-1);
     address_list addresses("");
     EXPECT_EQ(set_connections(addresses.get(), 6003), 0);
 }
 
-TEST(set_connections, gives_zero_when_memory_is_exhausted)
-{
+TEST(set_connections, gives_zero_when_memory_is_exhausted) {
     session_lists lists(-1);
     operator_log log;
     address_list addresses("127.0.0.1 127.0.0.2");
@@ -272,8 +252,7 @@ TEST(set_connections, gives_zero_when_memory_is_exhausted)
     EXPECT_EQ(connections->size, 0u);
 }
 
-TEST(may_start, needs_room_and_a_record_without_socket)
-{
+TEST(may_start, needs_room_and_a_record_without_socket) {
     session_lists lists(-1);
     operator_log log;
     connection cn;
@@ -299,8 +278,7 @@ TEST(may_start, needs_room_and_a_record_without_socket)
     EXPECT_EQ(log.lines(), unusable);
 }
 
-TEST(may_start, a_socket_with_number_0_is_one_too)
-{
+TEST(may_start, a_socket_with_number_0_is_one_too) {
     session_lists lists(-1);
     operator_log log;
     descriptor_on_loan zero(STDIN_FILENO);
@@ -310,8 +288,7 @@ TEST(may_start, a_socket_with_number_0_is_one_too)
     EXPECT_EQ(log.lines(), log_lines{error_line(EINVAL)});
 }
 
-TEST(an_exchange, waits_to_be_writable_until_it_is_closed)
-{
+TEST(an_exchange, waits_to_be_writable_until_it_is_closed) {
     session_lists lists(-1);
     connection *cn = add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
     connection_handler handler = [](ux_list_element *, event_bits) {};
@@ -345,8 +322,7 @@ TEST(an_exchange, waits_to_be_writable_until_it_is_closed)
     EXPECT_TRUE(nothing_is_watched());
 }
 
-TEST(open_connect_socket, connects_without_waiting)
-{
+TEST(open_connect_socket, connects_without_waiting) {
     session_lists lists(-1);
     ux_fd listener(listening_socket());
     connection cn;
@@ -362,8 +338,7 @@ TEST(open_connect_socket, connects_without_waiting)
     EXPECT_EQ(highest_descriptor(), -1);
 }
 
-TEST(open_connect_socket, logs_why_it_could_not_connect)
-{
+TEST(open_connect_socket, logs_why_it_could_not_connect) {
     session_lists lists(-1);
     operator_log log;
     int before = descriptors_in_use();
@@ -375,8 +350,7 @@ TEST(open_connect_socket, logs_why_it_could_not_connect)
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
-TEST(open_connect_socket, logs_that_its_number_cannot_be_watched)
-{
+TEST(open_connect_socket, logs_that_its_number_cannot_be_watched) {
     if (most_descriptors() < FD_SETSIZE + 100) {
         GTEST_SKIP() << "the system allows no such number";
     }
@@ -393,8 +367,7 @@ TEST(open_connect_socket, logs_that_its_number_cannot_be_watched)
     EXPECT_EQ(log.lines(), log_lines{system_line(EMFILE)});
 }
 
-TEST(open_connect_socket, logs_that_no_descriptor_is_left)
-{
+TEST(open_connect_socket, logs_that_no_descriptor_is_left) {
     session_lists lists(-1);
     /* On standard output: a log file would need a descriptor itself. */
     std::string seen;

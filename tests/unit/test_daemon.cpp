@@ -23,8 +23,7 @@
 #include <functional>
 #include <string>
 
-namespace
-{
+namespace {
 
 constexpr int BOUND_MS = 20000;
 
@@ -45,8 +44,7 @@ struct report {
     int access[3];
 };
 
-int count_descriptors()
-{
+int count_descriptors() {
     int count = 0;
     for (int fd = 0; fd < 1024; fd++) {
         count += fcntl(fd, F_GETFD) != -1;
@@ -55,28 +53,19 @@ int count_descriptors()
 }
 
 /* What a descriptor is open on. */
-std::string target_of(int fd)
-{
+std::string target_of(int fd) {
     char text[256] = "closed";
     std::string name = "/proc/self/fd/" + std::to_string(fd);
     ssize_t length = readlink(name.c_str(), text, sizeof text - 1);
     return length < 0 ? "closed" : std::string(text, text + length);
 }
 
-class daemon_test : public testing::Test
-{
+class daemon_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(pipe(ends), 0);
-    }
-    void TearDown() override
-    {
-        close(ends[0]);
-    }
+    void SetUp() override { ASSERT_EQ(pipe(ends), 0); }
+    void TearDown() override { close(ends[0]); }
 
-    report look(int32_t result) const
-    {
+    report look(int32_t result) const {
         report r;
         memset(static_cast<void *>(&r), 0, sizeof r);
         r.result = result;
@@ -108,8 +97,7 @@ class daemon_test : public testing::Test
     void detach(
         int32_t change_dir, int32_t redirect_std,
         const std::function<void()> &prepare = [] {}, const char *failing = "",
-        int after = 0)
-    {
+        int after = 0) {
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
@@ -126,8 +114,7 @@ class daemon_test : public testing::Test
         ASSERT_EQ(waitpid(child, &status, 0), child);
         wait_for_report();
     }
-    void wait_for_report()
-    {
+    void wait_for_report() {
         pollfd waiting{ends[0], POLLIN, 0};
         ASSERT_EQ(poll(&waiting, 1, BOUND_MS), 1);
         ASSERT_EQ(read(ends[0], &told, sizeof told),
@@ -144,8 +131,7 @@ class daemon_test : public testing::Test
     report told{};
 };
 
-TEST_F(daemon_test, leaves_its_parents_session_and_terminal)
-{
+TEST_F(daemon_test, leaves_its_parents_session_and_terminal) {
     detach(0, 1);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
@@ -161,8 +147,7 @@ TEST_F(daemon_test, leaves_its_parents_session_and_terminal)
     EXPECT_FALSE(told.terminal);
 }
 
-TEST_F(daemon_test, puts_dev_null_in_the_place_of_the_standard_streams)
-{
+TEST_F(daemon_test, puts_dev_null_in_the_place_of_the_standard_streams) {
     detach(0, 1);
     for (int fd = 0; fd < 3; fd++) {
         EXPECT_STREQ(told.standard[fd], "/dev/null") << fd;
@@ -170,8 +155,7 @@ TEST_F(daemon_test, puts_dev_null_in_the_place_of_the_standard_streams)
     }
 }
 
-TEST_F(daemon_test, keeps_the_standard_streams_when_told_so)
-{
+TEST_F(daemon_test, keeps_the_standard_streams_when_told_so) {
     detach(0, 0);
     EXPECT_EQ(told.daemonized, 1);
     for (int fd = 0; fd < 3; fd++) {
@@ -179,16 +163,14 @@ TEST_F(daemon_test, keeps_the_standard_streams_when_told_so)
     }
 }
 
-TEST_F(daemon_test, leaves_no_descriptor_behind)
-{
+TEST_F(daemon_test, leaves_no_descriptor_behind) {
     int before = count_descriptors();
     detach(0, 1);
     /* All but the end of the pipe that was closed here. */
     EXPECT_EQ(told.open_descriptors, before);
 }
 
-TEST_F(daemon_test, keeps_the_standard_streams_when_there_is_no_dev_null)
-{
+TEST_F(daemon_test, keeps_the_standard_streams_when_there_is_no_dev_null) {
     detach(0, 1, no_more_descriptors);
     EXPECT_EQ(told.result, 0);
     EXPECT_EQ(told.daemonized, 1);
@@ -198,8 +180,7 @@ TEST_F(daemon_test, keeps_the_standard_streams_when_there_is_no_dev_null)
     }
 }
 
-TEST_F(daemon_test, keeps_each_standard_stream_that_cannot_be_replaced)
-{
+TEST_F(daemon_test, keeps_each_standard_stream_that_cannot_be_replaced) {
     int before = count_descriptors();
     detach(
         0, 1, [] {}, "dup2", 1);
@@ -211,8 +192,7 @@ TEST_F(daemon_test, keeps_each_standard_stream_that_cannot_be_replaced)
     EXPECT_EQ(told.open_descriptors, before);
 }
 
-TEST_F(daemon_test, fills_standard_streams_that_were_closed)
-{
+TEST_F(daemon_test, fills_standard_streams_that_were_closed) {
     for (int closed = 0; closed < 3; closed++) {
         if (closed > 0) {
             close(ends[0]);
@@ -228,8 +208,7 @@ TEST_F(daemon_test, fills_standard_streams_that_were_closed)
 }
 
 /* The second fork: the session is new, and the parent waits for nobody. */
-TEST_F(daemon_test, gives_minus_1_when_it_cannot_leave_its_session)
-{
+TEST_F(daemon_test, gives_minus_1_when_it_cannot_leave_its_session) {
     detach(
         1, 1, [] {}, "fork", 1);
     EXPECT_EQ(told.result, -1);
@@ -240,8 +219,7 @@ TEST_F(daemon_test, gives_minus_1_when_it_cannot_leave_its_session)
     }
 }
 
-TEST_F(daemon_test, keeps_directory_mask_and_other_descriptors)
-{
+TEST_F(daemon_test, keeps_directory_mask_and_other_descriptors) {
     char here[PATH_MAX];
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
     detach(0, 1);
@@ -250,16 +228,14 @@ TEST_F(daemon_test, keeps_directory_mask_and_other_descriptors)
     EXPECT_TRUE(told.other_descriptor_open);
 }
 
-TEST_F(daemon_test, goes_to_the_root_directory_when_told_so)
-{
+TEST_F(daemon_test, goes_to_the_root_directory_when_told_so) {
     detach(1, 1);
     EXPECT_STREQ(told.directory, "/");
     EXPECT_EQ(told.mask, static_cast<mode_t>(0051));
     EXPECT_TRUE(told.other_descriptor_open);
 }
 
-TEST_F(daemon_test, still_writes_what_standard_output_had_buffered)
-{
+TEST_F(daemon_test, still_writes_what_standard_output_had_buffered) {
     temp_dir dir;
     const std::string path = dir.path("out");
     write_file(path, "");
@@ -284,8 +260,7 @@ TEST_F(daemon_test, still_writes_what_standard_output_had_buffered)
 }
 
 /* What daemonize traces, and how the process that called it ended. */
-std::string trace_of_daemonize(int32_t level)
-{
+std::string trace_of_daemonize(int32_t level) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     pid_t child = fork();
@@ -310,8 +285,7 @@ std::string trace_of_daemonize(int32_t level)
     return text;
 }
 
-TEST(daemon_trace_test, names_itself_once_above_level_5)
-{
+TEST(daemon_trace_test, names_itself_once_above_level_5) {
     for (int32_t level : {-1, 0, 1, 5}) {
         EXPECT_EQ(trace_of_daemonize(level), "") << level;
     }
@@ -319,8 +293,7 @@ TEST(daemon_trace_test, names_itself_once_above_level_5)
 }
 
 /* The calling process goes on when no process can be had. */
-TEST(daemon_failure_test, without_processes_it_gives_minus_1)
-{
+TEST(daemon_failure_test, without_processes_it_gives_minus_1) {
     EXPECT_EXIT(
         {
             set_limit(RLIMIT_NPROC, 0);

@@ -8,52 +8,41 @@
 #include <csignal>
 #include <utility>
 
-namespace
-{
+namespace {
 
 constexpr event_bits BOTH = EVENT_READABLE | EVENT_WRITABLE;
 
 /* Nothing counted, before and after. */
-class no_sockets
-{
+class no_sockets {
   public:
-    explicit no_sockets(int32_t first_maxfd = 0)
-    {
+    explicit no_sockets(int32_t first_maxfd = 0) {
         reset_descriptors(first_maxfd);
     }
-    ~no_sockets()
-    {
-        reset_descriptors(0);
-    }
+    ~no_sockets() { reset_descriptors(0); }
     no_sockets(const no_sockets &) = delete;
     no_sockets &operator=(const no_sockets &) = delete;
 };
 
 /* A watched socket with that number. */
-watched_fd watched_number(int number, event_bits events)
-{
+watched_fd watched_number(int number, event_bits events) {
     return watched_fd(socket_with_number(number), events);
 }
 
 /* The near end of a connection, watched; the far end stays what it is. */
 struct watched_pair {
     explicit watched_pair(event_bits events)
-        : near(ux_fd(pair.near.release()), events)
-    {
-    }
+        : near(ux_fd(pair.near.release()), events) {}
     tcp_pair pair;
     watched_fd near;
 };
 
-int32_t wait_now()
-{
+int32_t wait_now() {
     return wait_for_descriptors(0, nullptr).ready;
 }
 
 } // namespace
 
-TEST(reset_descriptors, forgets_everything)
-{
+TEST(reset_descriptors, forgets_everything) {
     no_sockets none;
     watched_pair kept(BOTH);
     ASSERT_EQ(wait_now(), 1);
@@ -66,8 +55,7 @@ TEST(reset_descriptors, forgets_everything)
     EXPECT_EQ(highest_descriptor(), 7);
 }
 
-TEST(watched_fd, is_counted_and_raises_the_highest)
-{
+TEST(watched_fd, is_counted_and_raises_the_highest) {
     no_sockets none(-1);
     watched_fd first = watched_number(400, EVENT_WRITABLE);
     EXPECT_TRUE(first);
@@ -86,8 +74,7 @@ TEST(watched_fd, is_counted_and_raises_the_highest)
     EXPECT_EQ(watched(higher), BOTH);
 }
 
-TEST(watched_fd, without_socket_is_none_and_counts_for_nothing)
-{
+TEST(watched_fd, without_socket_is_none_and_counts_for_nothing) {
     no_sockets none(5);
     watched_fd fd;
     EXPECT_FALSE(fd);
@@ -101,8 +88,7 @@ TEST(watched_fd, without_socket_is_none_and_counts_for_nothing)
     EXPECT_EQ(highest_descriptor(), 5);
 }
 
-TEST(watched_fd, number_0_is_a_socket)
-{
+TEST(watched_fd, number_0_is_a_socket) {
     descriptor_on_loan zero(STDIN_FILENO);
     no_sockets none(-1);
     watched_fd fd(zero.take(), EVENT_READABLE);
@@ -112,8 +98,7 @@ TEST(watched_fd, number_0_is_a_socket)
     EXPECT_FALSE(is_open(STDIN_FILENO));
 }
 
-TEST(watched_fd, a_close_lowers_the_highest_by_exactly_one)
-{
+TEST(watched_fd, a_close_lowers_the_highest_by_exactly_one) {
     no_sockets none;
     watched_fd low = watched_number(300, EVENT_READABLE);
     watched_fd middle = watched_number(310, EVENT_READABLE);
@@ -133,8 +118,7 @@ TEST(watched_fd, a_close_lowers_the_highest_by_exactly_one)
     EXPECT_TRUE(nothing_is_watched());
 }
 
-TEST(watched_fd, is_closed_once)
-{
+TEST(watched_fd, is_closed_once) {
     no_sockets none;
     watched_fd fd = watched_number(300, EVENT_READABLE);
     fd.close();
@@ -144,8 +128,7 @@ TEST(watched_fd, is_closed_once)
     EXPECT_EQ(open_descriptors(), 0);
 }
 
-TEST(watched_fd, closes_when_it_goes)
-{
+TEST(watched_fd, closes_when_it_goes) {
     no_sockets none;
     {
         watched_fd fd = watched_number(300, BOTH);
@@ -157,8 +140,7 @@ TEST(watched_fd, closes_when_it_goes)
     EXPECT_TRUE(nothing_is_watched());
 }
 
-TEST(watched_fd, a_close_keeps_errno)
-{
+TEST(watched_fd, a_close_keeps_errno) {
     no_sockets none;
     watched_fd fd(socket_with_number(300), EVENT_READABLE);
     close(300);
@@ -167,8 +149,7 @@ TEST(watched_fd, a_close_keeps_errno)
     EXPECT_EQ(errno, EPERM);
 }
 
-TEST(watched_fd, moves_with_what_is_watched_and_found)
-{
+TEST(watched_fd, moves_with_what_is_watched_and_found) {
     no_sockets none;
     watched_pair first(EVENT_WRITABLE);
     int number = first.near.get();
@@ -189,8 +170,7 @@ TEST(watched_fd, moves_with_what_is_watched_and_found)
     EXPECT_EQ(open_descriptors(), 1);
 }
 
-TEST(watched_fd, a_move_to_itself_changes_nothing)
-{
+TEST(watched_fd, a_move_to_itself_changes_nothing) {
     no_sockets none;
     watched_fd fd = watched_number(300, EVENT_READABLE);
     watched_fd *same = &fd;
@@ -201,8 +181,7 @@ TEST(watched_fd, a_move_to_itself_changes_nothing)
     EXPECT_EQ(open_descriptors(), 1);
 }
 
-TEST(watched_fd, a_number_opened_again_inherits_nothing)
-{
+TEST(watched_fd, a_number_opened_again_inherits_nothing) {
     no_sockets none;
     watched_pair first(BOTH);
     watched_pair other(BOTH);
@@ -219,8 +198,7 @@ TEST(watched_fd, a_number_opened_again_inherits_nothing)
     EXPECT_EQ(watched(other.near), BOTH);
 }
 
-TEST(watch, replaces_what_was_watched)
-{
+TEST(watch, replaces_what_was_watched) {
     no_sockets none;
     watched_fd fd = watched_number(300, EVENT_READABLE);
     watched_fd other = watched_number(301, EVENT_READABLE);
@@ -233,8 +211,7 @@ TEST(watch, replaces_what_was_watched)
     EXPECT_EQ(open_descriptors(), 2) << "not counted again";
 }
 
-TEST(descriptor_left, as_long_as_the_budget_is_not_used_up)
-{
+TEST(descriptor_left, as_long_as_the_budget_is_not_used_up) {
     session_lists lists;
     max_fds = 2;
     EXPECT_TRUE(descriptor_left());
@@ -251,16 +228,14 @@ TEST(descriptor_left, as_long_as_the_budget_is_not_used_up)
     EXPECT_TRUE(descriptor_left());
 }
 
-TEST(why_unwatchable, tells_the_error_of_the_call_that_gave_none)
-{
+TEST(why_unwatchable, tells_the_error_of_the_call_that_gave_none) {
     for (int error : {EMFILE, EACCES}) {
         failing_call refused("socket", error);
         EXPECT_EQ(why_unwatchable(tcp_socket()), error);
     }
 }
 
-TEST(why_unwatchable, what_select_cannot_watch_is_a_shortage)
-{
+TEST(why_unwatchable, what_select_cannot_watch_is_a_shortage) {
     ux_fd last = socket_with_number(FD_SETSIZE - 1);
     EXPECT_EQ(why_unwatchable(last), 0);
     EXPECT_EQ(why_unwatchable(tcp_socket()), 0);
@@ -273,8 +248,7 @@ TEST(why_unwatchable, what_select_cannot_watch_is_a_shortage)
     EXPECT_TRUE(is_open(FD_SETSIZE)) << "it stays the caller's";
 }
 
-TEST(wait_for_descriptors, finds_what_is_watched_and_ready)
-{
+TEST(wait_for_descriptors, finds_what_is_watched_and_ready) {
     no_sockets none;
     watched_pair idle(EVENT_READABLE);
     watched_pair asked(EVENT_READABLE);
@@ -296,8 +270,7 @@ TEST(wait_for_descriptors, finds_what_is_watched_and_ready)
     EXPECT_EQ(watched(unwatched.near), EVENT_NONE);
 }
 
-TEST(wait_for_descriptors, each_wait_starts_anew)
-{
+TEST(wait_for_descriptors, each_wait_starts_anew) {
     no_sockets none;
     watched_pair one(EVENT_READABLE);
     send_bytes_to(one.pair.far.get(), "x");
@@ -308,8 +281,7 @@ TEST(wait_for_descriptors, each_wait_starts_anew)
     EXPECT_EQ(ready(one.near), EVENT_NONE);
 }
 
-TEST(wait_for_descriptors, ends_when_its_time_is_up)
-{
+TEST(wait_for_descriptors, ends_when_its_time_is_up) {
     no_sockets none;
     watched_pair idle(EVENT_READABLE);
     auto start = std::chrono::steady_clock::now();
@@ -320,13 +292,11 @@ TEST(wait_for_descriptors, ends_when_its_time_is_up)
     EXPECT_GE(took, std::chrono::milliseconds(990));
 }
 
-TEST(wait_for_descriptors, lets_in_what_the_mask_lets_in)
-{
+TEST(wait_for_descriptors, lets_in_what_the_mask_lets_in) {
     no_sockets none;
     static volatile sig_atomic_t came;
     came = 0;
-    struct sigaction action {
-    };
+    struct sigaction action {};
     struct sigaction before;
     action.sa_handler = [](int) { came = 1; };
     sigaction(SIGUSR1, &action, &before);
@@ -350,8 +320,7 @@ TEST(wait_for_descriptors, lets_in_what_the_mask_lets_in)
     sigaction(SIGUSR1, &before, nullptr);
 }
 
-TEST(wait_for_descriptors, tells_why_it_failed)
-{
+TEST(wait_for_descriptors, tells_why_it_failed) {
     no_sockets none;
     watched_fd fd = watched_number(300, EVENT_READABLE);
     close(300);
@@ -360,8 +329,7 @@ TEST(wait_for_descriptors, tells_why_it_failed)
     EXPECT_EQ(found.error, EBADF);
 }
 
-TEST(wait_for_descriptors, finds_nothing_when_it_has_failed)
-{
+TEST(wait_for_descriptors, finds_nothing_when_it_has_failed) {
     reset_descriptors(0);
     watched_fd idle(udp_socket(), EVENT_READABLE | EVENT_WRITABLE);
     failing_call interrupted("pselect", EINTR);
@@ -371,8 +339,7 @@ TEST(wait_for_descriptors, finds_nothing_when_it_has_failed)
     EXPECT_EQ(ready(idle), EVENT_NONE);
 }
 
-TEST(watched_fd, of_no_socket_is_not_counted)
-{
+TEST(watched_fd, of_no_socket_is_not_counted) {
     reset_descriptors(0);
     watched_fd none{ux_fd(), EVENT_READABLE};
     watch(none, EVENT_WRITABLE);

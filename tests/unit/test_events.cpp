@@ -3,15 +3,13 @@
 
 #include "tolva2/files/events.h"
 
-namespace
-{
+namespace {
 
 using log_lines = std::vector<std::string>;
 
 /* Whether report takes an event with texts of these types. */
 template <typename event_type, typename... texts>
-constexpr bool can_report = requires(event_type what, texts... words)
-{
+constexpr bool can_report = requires(event_type what, texts... words) {
     report(what, words...);
 };
 
@@ -36,8 +34,7 @@ static_assert(!can_report<int>);
 static_assert(!can_report<int, text>);
 
 /* How many texts an event is given. */
-template <int32_t count> constexpr int32_t texts_of(event_message<count>)
-{
+template <int32_t count> constexpr int32_t texts_of(event_message<count>) {
     return count;
 }
 
@@ -46,8 +43,8 @@ struct known_event {
     int32_t texts;
 };
 
-template <int32_t count> constexpr known_event known(event_message<count> what)
-{
+template <int32_t count>
+constexpr known_event known(event_message<count> what) {
     return {what.number, texts_of(what)};
 }
 
@@ -86,16 +83,14 @@ const struct {
 
 } // namespace
 
-TEST(events, have_their_numbers_and_texts)
-{
+TEST(events, have_their_numbers_and_texts) {
     for (const auto &one : events) {
         EXPECT_EQ(one.declared.number, one.number);
         EXPECT_EQ(one.declared.texts, one.texts) << one.number;
     }
 }
 
-TEST(events, share_no_number)
-{
+TEST(events, share_no_number) {
     for (const auto &one : events) {
         for (const auto &other : events) {
             EXPECT_TRUE(&one == &other || one.number != other.number)
@@ -104,8 +99,7 @@ TEST(events, share_no_number)
     }
 }
 
-TEST(report, logs_the_text_of_the_database)
-{
+TEST(report, logs_the_text_of_the_database) {
     operator_log log;
     EXPECT_TRUE(report(event::tcp_listening));
     EXPECT_TRUE(report(event::refused, "192.0.2.7"));
@@ -113,8 +107,7 @@ TEST(report, logs_the_text_of_the_database)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(report, fills_in_its_texts_in_turn)
-{
+TEST(report, fills_in_its_texts_in_turn) {
     operator_log log;
     constexpr event_message<2> two{13};
     char second[] = "the 2nd";
@@ -124,8 +117,7 @@ TEST(report, fills_in_its_texts_in_turn)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(report, is_silent_about_an_event_without_a_text)
-{
+TEST(report, is_silent_about_an_event_without_a_text) {
     operator_log log;
     temp_dir home;
     ASSERT_TRUE(msgdb_open(
@@ -137,8 +129,7 @@ TEST(report, is_silent_about_an_event_without_a_text)
     EXPECT_EQ(log.lines(), log_lines{});
 }
 
-TEST(report, is_silent_without_a_database)
-{
+TEST(report, is_silent_without_a_database) {
     operator_log log;
     msgdb_close();
     EXPECT_FALSE(report(event::tcp_listening));
@@ -146,8 +137,7 @@ TEST(report, is_silent_without_a_database)
     EXPECT_EQ(log.lines(), log_lines{});
 }
 
-TEST(report, says_when_no_line_could_be_written)
-{
+TEST(report, says_when_no_line_could_be_written) {
     operator_log log;
     logfile_close();
     ASSERT_TRUE(logfile_open("/no/such/directory/log", 0));

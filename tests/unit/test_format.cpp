@@ -5,8 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
+namespace {
 
 struct row {
     const char *text;
@@ -34,8 +33,7 @@ constexpr row ROWS[] = {
     {"%s%%", "ss", false},
 };
 
-TEST(converts_only_test, knows_the_order)
-{
+TEST(converts_only_test, knows_the_order) {
     for (const row &one : ROWS) {
         EXPECT_EQ(converts_only(one.text, one.order), one.result)
             << one.text << " " << one.order;

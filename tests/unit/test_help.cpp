@@ -8,8 +8,7 @@
 
 #include <string>
 
-namespace
-{
+namespace {
 
 const char *const HELP =
     " tolva may be run in listen-, or send-mode.\n"
@@ -49,15 +48,13 @@ const char *const HELP =
     " -v               : display version number and exit\n"
     "\n";
 
-TEST(help_test, shows_every_option_on_standard_output)
-{
+TEST(help_test, shows_every_option_on_standard_output) {
     capture errors(STDERR_FILENO);
     EXPECT_EQ(traced(-1, help), HELP);
     EXPECT_EQ(errors.text(), "");
 }
 
-TEST(help_test, always_speaks_of_tolva)
-{
+TEST(help_test, always_speaks_of_tolva) {
     char name[] = "listentolva";
     progname = name;
     EXPECT_EQ(traced(-1, help), HELP);
@@ -66,8 +63,7 @@ TEST(help_test, always_speaks_of_tolva)
     progname = nullptr;
 }
 
-TEST(version_test, shows_the_number_a_title_and_one_more_line)
-{
+TEST(version_test, shows_the_number_a_title_and_one_more_line) {
     const std::string banner = traced(-1, version);
     const std::string head = "\ntolva V3.00.0 - ";
     ASSERT_EQ(banner.rfind(head, 0), 0u) << banner;
@@ -80,8 +76,7 @@ TEST(version_test, shows_the_number_a_title_and_one_more_line)
     EXPECT_EQ(banner.substr(line_end), "\n\n");
 }
 
-TEST(help_test, is_traced_above_level_5_only)
-{
+TEST(help_test, is_traced_above_level_5_only) {
     for (int32_t level : {0, 1, 5}) {
         EXPECT_EQ(traced(level, help), HELP) << level;
     }

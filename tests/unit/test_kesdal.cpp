@@ -3,18 +3,15 @@
 
 #include "tolva2/net/kesdal.h"
 
-namespace
-{
+namespace {
 
 std::string finished;
 
-void note_cancel(ux_list_element *node)
-{
+void note_cancel(ux_list_element *node) {
     finished += std::string("cancel ") + record_of(node)->ipaddr + ";";
 }
 
-void note_end(ux_list_element *node)
-{
+void note_end(ux_list_element *node) {
     finished += std::string("end ") + record_of(node)->ipaddr + ";";
 }
 
@@ -38,11 +35,9 @@ const step steps[] = {
 };
 
 /* One exchange that stands before one of its steps. */
-class exchange
-{
+class exchange {
   public:
-    explicit exchange(const step &one = steps[0]) : lists(-1)
-    {
+    explicit exchange(const step &one = steps[0]) : lists(-1) {
         finished.clear();
         set_nonblocking(pair.near.get());
         number = pair.near.release();
@@ -51,31 +46,21 @@ class exchange
         cn->ends = &noting_ends;
         cn->handler = one.handle;
     }
-    ux_list_element *node() const
-    {
-        return connections->head;
-    }
-    int peer() const
-    {
-        return pair.far.get();
-    }
-    void answer(const std::string &bytes) const
-    {
+    ux_list_element *node() const { return connections->head; }
+    int peer() const { return pair.far.get(); }
+    void answer(const std::string &bytes) const {
         send_bytes_to(peer(), bytes);
         EXPECT_TRUE(wait_for(number, POLLIN));
     }
-    void close_peer()
-    {
+    void close_peer() {
         pair.far.reset();
         EXPECT_TRUE(wait_for(number, POLLIN));
     }
-    void reset_peer()
-    {
+    void reset_peer() {
         reset_connection(&pair.far);
         EXPECT_TRUE(wait_for(number, POLLIN));
     }
-    std::string line(const char *verb) const
-    {
+    std::string line(const char *verb) const {
         char text[64];
         int length =
             snprintf(text, sizeof text, "WINCLIENT %05d %s", number, verb);
@@ -91,8 +76,7 @@ class exchange
 };
 
 void expect_waiting(const exchange &ex, event_bits events,
-                    connection_handler handler)
-{
+                    connection_handler handler) {
     EXPECT_EQ(watched(ex.cn->fd), events);
     EXPECT_EQ(ex.cn->handler, handler);
     EXPECT_EQ(finished, "");
@@ -101,8 +85,7 @@ void expect_waiting(const exchange &ex, event_bits events,
 
 } // namespace
 
-TEST(kesdal_exchange, goes_through_all_four_steps)
-{
+TEST(kesdal_exchange, goes_through_all_four_steps) {
     exchange ex;
     ex.cn->handler(ex.node(), EVENT_WRITABLE);
     expect_waiting(ex, EVENT_READABLE, do_kesdal_recv_logon);
@@ -124,8 +107,7 @@ TEST(kesdal_exchange, goes_through_all_four_steps)
     EXPECT_TRUE(is_silent(ex.number)) << "the last answer is read";
 }
 
-TEST(kesdal_exchange, answers_that_are_accepted)
-{
+TEST(kesdal_exchange, answers_that_are_accepted) {
     for (const char *good : {"0|0", "1|0", "9|9\r\n", "5|5 and more"}) {
         exchange ex(steps[1]);
         ex.answer(good);
@@ -134,8 +116,7 @@ TEST(kesdal_exchange, answers_that_are_accepted)
     }
 }
 
-TEST(kesdal_exchange, answers_that_end_it_as_failed)
-{
+TEST(kesdal_exchange, answers_that_end_it_as_failed) {
     for (const char *bad : {"0:0", "7|", "x", "0", "|0", "WINCLIENT"}) {
         exchange ex(steps[1]);
         ex.answer(bad);
@@ -144,16 +125,14 @@ TEST(kesdal_exchange, answers_that_end_it_as_failed)
     }
 }
 
-TEST(kesdal_exchange, a_server_that_closes_before_answering_has_failed)
-{
+TEST(kesdal_exchange, a_server_that_closes_before_answering_has_failed) {
     exchange ex(steps[1]);
     ex.close_peer();
     do_kesdal_recv_logon(ex.node(), EVENT_READABLE);
     EXPECT_EQ(finished, "cancel 127.0.0.1;");
 }
 
-TEST(kesdal_exchange, the_wrong_event_ends_a_step_as_failed)
-{
+TEST(kesdal_exchange, the_wrong_event_ends_a_step_as_failed) {
     for (const step &one : steps) {
         SCOPED_TRACE(one.name);
         event_bits other =
@@ -172,8 +151,7 @@ TEST(kesdal_exchange, the_wrong_event_ends_a_step_as_failed)
     }
 }
 
-TEST(kesdal_exchange, a_socket_error_ends_a_step_as_failed)
-{
+TEST(kesdal_exchange, a_socket_error_ends_a_step_as_failed) {
     for (const step &one : steps) {
         SCOPED_TRACE(one.name);
         exchange ex(one);
@@ -183,8 +161,7 @@ TEST(kesdal_exchange, a_socket_error_ends_a_step_as_failed)
     }
 }
 
-TEST(kesdal_exchange, a_refused_connect_shows_at_the_first_step)
-{
+TEST(kesdal_exchange, a_refused_connect_shows_at_the_first_step) {
     session_lists lists(-1);
     finished.clear();
     ux_fd holder;
@@ -200,8 +177,7 @@ TEST(kesdal_exchange, a_refused_connect_shows_at_the_first_step)
     EXPECT_EQ(finished, "cancel 127.0.0.1;");
 }
 
-TEST(kesdal_exchange, a_send_that_fails_ends_a_step_as_failed)
-{
+TEST(kesdal_exchange, a_send_that_fails_ends_a_step_as_failed) {
     for (const step &one : {steps[0], steps[2]}) {
         SCOPED_TRACE(one.name);
         exchange ex(one);
@@ -213,8 +189,7 @@ TEST(kesdal_exchange, a_send_that_fails_ends_a_step_as_failed)
     }
 }
 
-TEST(kesdal_exchange, the_last_step_cannot_fail)
-{
+TEST(kesdal_exchange, the_last_step_cannot_fail) {
     {
         exchange ex;
         ex.answer("nonsense");
@@ -242,8 +217,7 @@ TEST(kesdal_exchange, the_last_step_cannot_fail)
     }
 }
 
-TEST(kesdal_exchange, each_step_traces_its_entry)
-{
+TEST(kesdal_exchange, each_step_traces_its_entry) {
     for (const step &one : steps) {
         exchange ex(one);
         std::string line = std::string("TRACEIN: ") + one.name + "\n";
@@ -253,8 +227,7 @@ TEST(kesdal_exchange, each_step_traces_its_entry)
     }
 }
 
-TEST(kesdal_exchange_death, each_step_needs_a_record)
-{
+TEST(kesdal_exchange_death, each_step_needs_a_record) {
     ux_list_element node{nullptr, nullptr, nullptr};
     for (auto *handle : {do_kesdal_send_logon, do_kesdal_recv_logon,
                          do_kesdal_send_logoff, do_kesdal_recv_logoff}) {

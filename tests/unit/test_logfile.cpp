@@ -7,8 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 /* What a line has before and behind its text. */
 constexpr size_t LINE_FRAME = 36;
@@ -24,18 +23,15 @@ struct zone_case {
     const char *time;
 };
 
-class zone_test : public testing::Test
-{
+class zone_test : public testing::Test {
   protected:
-    void TearDown() override
-    {
+    void TearDown() override {
         unsetenv("TZ");
         tzset();
     }
 };
 
-TEST_F(zone_test, date_and_time_are_local)
-{
+TEST_F(zone_test, date_and_time_are_local) {
     for (const zone_case &c :
          {zone_case{"UTC0", 0, "01/01/1970", "00:00:00"},
           zone_case{"UTC0", 1794795858, "11/16/2026", "02:24:18"},
@@ -59,16 +55,14 @@ TEST_F(zone_test, date_and_time_are_local)
     }
 }
 
-TEST_F(logfile_test, a_time_that_is_none_gives_empty_texts)
-{
+TEST_F(logfile_test, a_time_that_is_none_gives_empty_texts) {
     for (time_t never : {INT64_MAX, INT64_MIN}) {
         EXPECT_STREQ(log_date_text(never), "");
         EXPECT_STREQ(log_time_text(never), "");
     }
 }
 
-TEST_F(logfile_test, date_and_time_stand_in_buffers_of_their_own)
-{
+TEST_F(logfile_test, date_and_time_stand_in_buffers_of_their_own) {
     const char *date = log_date_text(0);
     const char *time = log_time_text(0);
     EXPECT_NE(date, time);
@@ -76,8 +70,7 @@ TEST_F(logfile_test, date_and_time_stand_in_buffers_of_their_own)
     EXPECT_EQ(log_time_text(1000000000), time);
 }
 
-TEST_F(logfile_test, a_line_carries_the_date_and_time_of_its_moment)
-{
+TEST_F(logfile_test, a_line_carries_the_date_and_time_of_its_moment) {
     time_t before = time(nullptr);
     std::string line = traced(-1, [] { log_write_line("text"); });
     time_t after = time(nullptr);
@@ -95,21 +88,18 @@ struct text_case {
     const char *logged;
 };
 
-class line_test : public logfile_test
-{
+class line_test : public logfile_test {
   protected:
     void check(const text_case &c);
 };
 
-void line_test::check(const text_case &c)
-{
+void line_test::check(const text_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.text));
     EXPECT_EQ(line_of(c.text),
               std::string(", tolva[00000]: ") + c.logged + "\n");
 }
 
-TEST_F(line_test, texts)
-{
+TEST_F(line_test, texts) {
     for (const text_case &c :
          {text_case{"text", "text"}, text_case{" \t\r\n\v\f text", "text"},
           text_case{"text  ", "text  "}, text_case{"a\tb", "a\tb"},
@@ -123,8 +113,7 @@ TEST_F(line_test, texts)
     }
 }
 
-TEST_F(line_test, own_name)
-{
+TEST_F(line_test, own_name) {
     for (const text_case &c :
          {text_case{"TOLVA text", "text"}, text_case{"tolva text", "text"},
           text_case{"  ToLvA \t\n text", "text"}, text_case{"TOLVA", "TOLVA"},
@@ -138,8 +127,7 @@ TEST_F(line_test, own_name)
     }
 }
 
-TEST_F(line_test, errors)
-{
+TEST_F(line_test, errors) {
     for (const text_case &c :
          {text_case{"ERROR: x", "error: x"},
           text_case{"TOLVA   ERROR: x", "error: x"},
@@ -154,8 +142,7 @@ TEST_F(line_test, errors)
     }
 }
 
-TEST_F(logfile_test, nothing_gives_no_line)
-{
+TEST_F(logfile_test, nothing_gives_no_line) {
     for (const char *nothing :
          {"", " ", " \t\r\n\v\f", "TOLVA ", "tolva \n ", "  TOLVA    "}) {
         EXPECT_EQ(shown([&] { EXPECT_FALSE(log_write_line(nothing)); }), "")
@@ -164,8 +151,7 @@ TEST_F(logfile_test, nothing_gives_no_line)
     EXPECT_FALSE(log_write_line(nullptr));
 }
 
-TEST_F(logfile_test, a_line_shows_the_logged_process_id_with_five_digits)
-{
+TEST_F(logfile_test, a_line_shows_the_logged_process_id_with_five_digits) {
     const struct {
         int32_t pid;
         const char *shown;
@@ -179,8 +165,7 @@ TEST_F(logfile_test, a_line_shows_the_logged_process_id_with_five_digits)
     own_pid = 0;
 }
 
-TEST_F(logfile_test, a_line_is_cut_at_1023_characters)
-{
+TEST_F(logfile_test, a_line_is_cut_at_1023_characters) {
     const std::string head = ", tolva[00000]: ";
     for (size_t length : {WHOLE_TEXT - 1, WHOLE_TEXT}) {
         EXPECT_EQ(line_of(std::string(length, 'x')),
@@ -198,8 +183,7 @@ TEST_F(logfile_test, a_line_is_cut_at_1023_characters)
               head + "error: " + std::string(WHOLE_TEXT + 1 - 7, 'x'));
 }
 
-TEST_F(logfile_test, the_text_of_the_caller_stays_as_it_is)
-{
+TEST_F(logfile_test, the_text_of_the_caller_stays_as_it_is) {
     char text[] = "  TOLVA ERROR: x";
     EXPECT_EQ(line_of(text), ", tolva[00000]: error: x\n");
     EXPECT_STREQ(text, "  TOLVA ERROR: x");
@@ -207,15 +191,13 @@ TEST_F(logfile_test, the_text_of_the_caller_stays_as_it_is)
 
 /* Where it goes */
 
-TEST_F(logfile_test, standard_output_shows_a_line_at_once)
-{
+TEST_F(logfile_test, standard_output_shows_a_line_at_once) {
     capture output;
     EXPECT_TRUE(log_write_line("now"));
     EXPECT_NE(output.so_far().find(", tolva[00000]: now\n"), std::string::npos);
 }
 
-TEST_F(logfile_test, an_open_log_counts_only_when_file_logging_is_on)
-{
+TEST_F(logfile_test, an_open_log_counts_only_when_file_logging_is_on) {
     ASSERT_TRUE(logfile_open(path.c_str(), 0));
     EXPECT_EQ(line_of("x"), ", tolva[00000]: x\n");
     EXPECT_FALSE(file_exists(path));
@@ -224,14 +206,12 @@ TEST_F(logfile_test, an_open_log_counts_only_when_file_logging_is_on)
     EXPECT_EQ(log(), ", tolva[00000]: y\n");
 }
 
-TEST_F(logfile_test, file_logging_without_a_log_loses_the_line)
-{
+TEST_F(logfile_test, file_logging_without_a_log_loses_the_line) {
     log_into_file();
     EXPECT_EQ(shown([] { EXPECT_FALSE(log_write_line("x")); }), "");
 }
 
-TEST_F(logfile_test, a_detached_process_without_file_drops_the_line)
-{
+TEST_F(logfile_test, a_detached_process_without_file_drops_the_line) {
     daemonized = 1;
     EXPECT_EQ(shown([] { EXPECT_TRUE(log_write_line("x")); }), "");
     EXPECT_EQ(shown([] { EXPECT_TRUE(log_message(0, "x")); }), "");
@@ -240,8 +220,7 @@ TEST_F(logfile_test, a_detached_process_without_file_drops_the_line)
     EXPECT_EQ(log(), ", tolva[00000]: y\n");
 }
 
-TEST_F(logfile_test, a_full_standard_output_loses_the_line)
-{
+TEST_F(logfile_test, a_full_standard_output_loses_the_line) {
     EXPECT_EXIT(
         {
             dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
@@ -252,8 +231,7 @@ TEST_F(logfile_test, a_full_standard_output_loses_the_line)
 
 /* The file */
 
-TEST_F(logfile_test, open_needs_a_name_and_no_open_log)
-{
+TEST_F(logfile_test, open_needs_a_name_and_no_open_log) {
     EXPECT_FALSE(logfile_open(nullptr, 1));
     EXPECT_FALSE(logfile_open("", 1));
     EXPECT_TRUE(logfile_open(path.c_str(), 1));
@@ -270,8 +248,7 @@ TEST_F(logfile_test, open_needs_a_name_and_no_open_log)
     EXPECT_TRUE(file_exists(dir.path("other")));
 }
 
-TEST_F(logfile_test, open_needs_memory_for_the_name)
-{
+TEST_F(logfile_test, open_needs_memory_for_the_name) {
     {
         failing_heap none;
         EXPECT_FALSE(logfile_open(path.c_str(), 1));
@@ -280,8 +257,7 @@ TEST_F(logfile_test, open_needs_memory_for_the_name)
     EXPECT_TRUE(logfile_open(path.c_str(), 1));
 }
 
-TEST_F(logfile_test, open_copies_the_name_and_creates_nothing)
-{
+TEST_F(logfile_test, open_copies_the_name_and_creates_nothing) {
     std::string name = path;
     ASSERT_TRUE(logfile_open(name.c_str(), 1));
     name.assign(name.size(), 'x');
@@ -291,8 +267,7 @@ TEST_F(logfile_test, open_copies_the_name_and_creates_nothing)
     EXPECT_TRUE(file_exists(path));
 }
 
-TEST_F(logfile_test, lines_are_appended)
-{
+TEST_F(logfile_test, lines_are_appended) {
     write_file(path, "old\n");
     open_log(1024);
     EXPECT_TRUE(log_write_line("one"));
@@ -300,8 +275,7 @@ TEST_F(logfile_test, lines_are_appended)
     EXPECT_EQ(log(), "old\n, tolva[00000]: one\n, tolva[00000]: two\n");
 }
 
-TEST_F(logfile_test, a_line_without_line_feed_is_continued)
-{
+TEST_F(logfile_test, a_line_without_line_feed_is_continued) {
     open_log(1024);
     const std::string text(WHOLE_TEXT + 1, 'x');
     EXPECT_TRUE(log_write_line((text + "cut").c_str()));
@@ -310,8 +284,7 @@ TEST_F(logfile_test, a_line_without_line_feed_is_continued)
     EXPECT_EQ(read_file(path).size(), 1023u + LINE_FRAME + 1);
 }
 
-TEST_F(logfile_test, no_descriptor_is_kept_between_lines)
-{
+TEST_F(logfile_test, no_descriptor_is_kept_between_lines) {
     open_log(1);
     write_file(path, numbered_lines(50, 20));
     int before = dup(0);
@@ -327,8 +300,7 @@ TEST_F(logfile_test, no_descriptor_is_kept_between_lines)
     EXPECT_EQ(log(), ", tolva[00000]: new\n");
 }
 
-TEST_F(logfile_test, a_file_that_cannot_be_written_loses_the_line)
-{
+TEST_F(logfile_test, a_file_that_cannot_be_written_loses_the_line) {
     ASSERT_EQ(symlink("/dev/full", path.c_str()), 0);
     open_log(0);
     EXPECT_FALSE(log_write_line("x"));
@@ -345,12 +317,10 @@ TEST_F(logfile_test, a_file_that_cannot_be_written_loses_the_line)
 }
 /* Messages */
 
-class message_test : public logfile_test
-{
+class message_test : public logfile_test {
   protected:
     template <typename... arguments>
-    std::string message(int32_t count, const char *format, arguments... args)
-    {
+    std::string message(int32_t count, const char *format, arguments... args) {
         std::string line = shown([&] {
             EXPECT_TRUE(log_message(count, format, args...)) << format;
         });
@@ -360,8 +330,7 @@ class message_test : public logfile_test
     }
 };
 
-TEST_F(message_test, fills_in_as_many_texts_as_it_is_told)
-{
+TEST_F(message_test, fills_in_as_many_texts_as_it_is_told) {
     EXPECT_EQ(message(0, "text"), "text\n");
     EXPECT_EQ(message(1, "%s", "a"), "a\n");
     EXPECT_EQ(message(2, "%s and %s", "a", "b"), "a and b\n");
@@ -373,8 +342,7 @@ TEST_F(message_test, fills_in_as_many_texts_as_it_is_told)
     EXPECT_EQ(message(1, "<%s>", ""), "<>\n");
 }
 
-TEST_F(message_test, knows_no_directive_but_a_free_standing_s)
-{
+TEST_F(message_test, knows_no_directive_but_a_free_standing_s) {
     EXPECT_EQ(message(1, "%sx", "a"), "%sx\n");
     EXPECT_EQ(message(1, "%s7", "a"), "%s7\n");
     EXPECT_EQ(message(1, "%sZ %s.", "a"), "%sZ a.\n");
@@ -387,23 +355,20 @@ TEST_F(message_test, knows_no_directive_but_a_free_standing_s)
     EXPECT_EQ(message(1, "100%% %s", "a"), "100%% a\n");
 }
 
-TEST_F(message_test, takes_texts_as_they_are)
-{
+TEST_F(message_test, takes_texts_as_they_are) {
     EXPECT_EQ(message(2, "%s %s", "%s", "%d"), "%s %d\n");
     EXPECT_EQ(message(1, "%s", "\xe4\xff"), "\xe4\xff\n");
     EXPECT_EQ(message(1, "%s", "  TOLVA ERROR: x"), "error: x\n");
 }
 
-TEST_F(message_test, uses_a_null_text_up_and_keeps_the_directive)
-{
+TEST_F(message_test, uses_a_null_text_up_and_keeps_the_directive) {
     const char *none = nullptr;
     EXPECT_EQ(message(1, "%s", none), "%s\n");
     EXPECT_EQ(message(2, "%s %s", none, "b"), "%s b\n");
     EXPECT_EQ(message(2, "%s %s %s", "a", none, "c"), "a %s %s\n");
 }
 
-TEST_F(message_test, builds_a_text_of_at_most_1023_characters)
-{
+TEST_F(message_test, builds_a_text_of_at_most_1023_characters) {
     const std::string blanks(500, ' ');
     const std::string letters(1000, 'x');
     const std::string kept(523, 'x');
@@ -422,8 +387,7 @@ TEST_F(message_test, builds_a_text_of_at_most_1023_characters)
               std::string(WHOLE_TEXT + 1, 'x'));
 }
 
-TEST_F(message_test, without_text_nothing_is_logged)
-{
+TEST_F(message_test, without_text_nothing_is_logged) {
     EXPECT_EQ(shown([] {
                   EXPECT_FALSE(log_message(0, nullptr));
                   EXPECT_FALSE(log_message(0, ""));
@@ -435,8 +399,7 @@ TEST_F(message_test, without_text_nothing_is_logged)
               "");
 }
 
-TEST_F(message_test, says_1_for_a_written_line_whatever_the_way)
-{
+TEST_F(message_test, says_1_for_a_written_line_whatever_the_way) {
     open_log(1);
     write_file(path, numbered_lines(50, 22));
     EXPECT_TRUE(log_message(1, "%s", std::string(40, 't').c_str()));
@@ -445,8 +408,7 @@ TEST_F(message_test, says_1_for_a_written_line_whatever_the_way)
     EXPECT_EQ(message(0, "x"), "x\n");
 }
 
-TEST_F(message_test, the_two_kinds_of_failure)
-{
+TEST_F(message_test, the_two_kinds_of_failure) {
     EXPECT_EQ(shown([] { log_system(ENOENT); }),
               ", tolva[00000]: system: No such file or directory\n");
     EXPECT_EQ(shown([] { log_error(EINVAL); }),
@@ -455,8 +417,7 @@ TEST_F(message_test, the_two_kinds_of_failure)
 
 /* Trace */
 
-TEST_F(message_test, tells_its_format_above_trace_level_0)
-{
+TEST_F(message_test, tells_its_format_above_trace_level_0) {
     auto log_it = [] { log_message(1, "%s and %s", "a"); };
     EXPECT_EQ(traced(0, log_it).find("DEBUG"), std::string::npos);
     EXPECT_EQ(traced(-1, log_it).find("DEBUG"), std::string::npos);

@@ -11,26 +11,19 @@
 
 #include <string>
 
-namespace
-{
+namespace {
 
-class init_receiver_test : public testing::Test
-{
+class init_receiver_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         progname = "tolva";
         home_dir = dir.path().c_str();
         dir.file("tolva.cfg", "AllowedAddresses=127.0.0.1\n"
                               "ListenAddress=127.0.0.8\n");
     }
-    void TearDown() override
-    {
-        free_receiver_config();
-    }
+    void TearDown() override { free_receiver_config(); }
     /* A start with that file, or the one at home, and so little memory. */
-    static void start(ux_text cfgfile, int left)
-    {
+    static void start(ux_text cfgfile, int left) {
         ux_list lists[3];
         for (ux_list &list : lists) {
             ux_list_init(&list, nullptr);
@@ -44,8 +37,7 @@ class init_receiver_test : public testing::Test
                             -1));
     }
     /* The allocations that a reading takes. */
-    int reading() const
-    {
+    int reading() const {
         for (int left = 0; left < 1000; left++) {
             failing_heap limit(left);
             if (read_receiver_config(path.c_str(), home_dir, 0)) {
@@ -54,8 +46,7 @@ class init_receiver_test : public testing::Test
         }
         return -1;
     }
-    void expect_end(const char *cfgfile, int left, const std::string &error)
-    {
+    void expect_end(const char *cfgfile, int left, const std::string &error) {
         EXPECT_EXIT(start(ux_copy(cfgfile), left), testing::ExitedWithCode(1),
                     "^tolva: " + error + "\n$");
     }
@@ -64,13 +55,11 @@ class init_receiver_test : public testing::Test
     std::string path = dir.path("tolva.cfg");
 };
 
-TEST_F(init_receiver_test, without_memory_for_the_path_there_is_no_start)
-{
+TEST_F(init_receiver_test, without_memory_for_the_path_there_is_no_start) {
     expect_end(nullptr, 0, "malloc\\(\\):: Cannot allocate memory");
 }
 
-TEST_F(init_receiver_test, without_memory_for_the_settings_there_is_no_start)
-{
+TEST_F(init_receiver_test, without_memory_for_the_settings_there_is_no_start) {
     const int all = reading();
     for (int left : {0, 1, all / 2, all - 1}) {
         expect_end(path.c_str(), left, "error reading configfile " + path);
@@ -80,8 +69,7 @@ TEST_F(init_receiver_test, without_memory_for_the_settings_there_is_no_start)
 }
 
 /* It would listen at every address instead. */
-TEST_F(init_receiver_test, without_memory_for_the_address_there_is_no_start)
-{
+TEST_F(init_receiver_test, without_memory_for_the_address_there_is_no_start) {
     expect_end(path.c_str(), reading(), "malloc\\(\\): Cannot allocate memory");
 }
 

@@ -12,21 +12,15 @@
 #include <cstring>
 #include <string>
 
-namespace
-{
+namespace {
 
 using std::string_literals::operator""s;
 
-class msgdb_test : public testing::Test
-{
+class msgdb_test : public testing::Test {
   protected:
-    void TearDown() override
-    {
-        msgdb_close();
-    }
+    void TearDown() override { msgdb_close(); }
     /* The text of a message in a database of that content; "(null)". */
-    std::string text(const std::string &content, int32_t number)
-    {
+    std::string text(const std::string &content, int32_t number) {
         write_file(path, content);
         EXPECT_TRUE(msgdb_open(path.c_str()));
         const char *found = msgdb_get(number);
@@ -43,14 +37,12 @@ struct msgdb_case {
     std::string text;
 };
 
-class msgdb_texts : public msgdb_test
-{
+class msgdb_texts : public msgdb_test {
   protected:
     void check(const msgdb_case &c);
 };
 
-void msgdb_texts::check(const msgdb_case &c)
-{
+void msgdb_texts::check(const msgdb_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.content));
     EXPECT_EQ(text(c.content, c.number), c.text);
     /* The other two ways say the same. */
@@ -67,8 +59,7 @@ void msgdb_texts::check(const msgdb_case &c)
     fclose(stream);
 }
 
-TEST_F(msgdb_texts, numbers)
-{
+TEST_F(msgdb_texts, numbers) {
     for (const msgdb_case &c :
          {msgdb_case{"m1=one\nm11=eleven\n", 1, "one"},
           msgdb_case{"m1=one\nm11=eleven\n", 11, "eleven"},
@@ -89,8 +80,7 @@ TEST_F(msgdb_texts, numbers)
     }
 }
 
-TEST_F(msgdb_texts, anywhere_in_the_line)
-{
+TEST_F(msgdb_texts, anywhere_in_the_line) {
     for (const msgdb_case &c :
          {msgdb_case{"xm12=text\n", 12, "text"},
           msgdb_case{"note m5=x\n", 5, "x"},
@@ -104,8 +94,7 @@ TEST_F(msgdb_texts, anywhere_in_the_line)
     }
 }
 
-TEST_F(msgdb_texts, text_and_line_end)
-{
+TEST_F(msgdb_texts, text_and_line_end) {
     for (const msgdb_case &c :
          {msgdb_case{"m7=text\r\n", 7, "text"},
           msgdb_case{"m7=text", 7, "text"}, msgdb_case{"m7=text\r", 7, "text"},
@@ -122,8 +111,7 @@ TEST_F(msgdb_texts, text_and_line_end)
     }
 }
 
-TEST_F(msgdb_texts, nul_bytes)
-{
+TEST_F(msgdb_texts, nul_bytes) {
     for (const msgdb_case &c : {msgdb_case{"\0junk\nm5=x\n"s, 5, "x"},
                                 msgdb_case{"m4=a\0b\nm5=x\n"s, 5, "x"},
                                 msgdb_case{"m5=a\0b\n"s, 5, "a"}}) {
@@ -133,8 +121,7 @@ TEST_F(msgdb_texts, nul_bytes)
 
 const std::string LONG(3000, 'x');
 
-TEST_F(msgdb_texts, long_lines)
-{
+TEST_F(msgdb_texts, long_lines) {
     for (const msgdb_case &c :
          {/* 1,023 bytes of a line are seen at once. */
           msgdb_case{"m5=" + LONG.substr(0, 1019) + "\n", 5,
@@ -152,8 +139,7 @@ TEST_F(msgdb_texts, long_lines)
     }
 }
 
-TEST_F(msgdb_test, open_needs_the_name_of_a_regular_file)
-{
+TEST_F(msgdb_test, open_needs_the_name_of_a_regular_file) {
     EXPECT_FALSE(msgdb_open(nullptr));
     EXPECT_FALSE(msgdb_open(""));
     errno = 0;
@@ -172,8 +158,7 @@ TEST_F(msgdb_test, open_needs_the_name_of_a_regular_file)
     EXPECT_EQ(msgdb_get(1), nullptr);
 }
 
-TEST_F(msgdb_test, open_follows_links)
-{
+TEST_F(msgdb_test, open_follows_links) {
     write_file(path, "m1=one\n");
     std::string link = dir.path("link");
     ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
@@ -181,23 +166,20 @@ TEST_F(msgdb_test, open_follows_links)
     EXPECT_STREQ(msgdb_get(1), "one");
 }
 
-TEST_F(msgdb_test, open_copies_the_name)
-{
+TEST_F(msgdb_test, open_copies_the_name) {
     std::string name = dir.file("copy.dat", "m1=one\n");
     EXPECT_TRUE(msgdb_open(name.c_str()));
     name.assign(name.size(), 'x');
     EXPECT_STREQ(msgdb_get(1), "one");
 }
 
-TEST_F(msgdb_test, a_second_open_replaces_the_first)
-{
+TEST_F(msgdb_test, a_second_open_replaces_the_first) {
     EXPECT_EQ(text("m1=one\n", 1), "one");
     EXPECT_TRUE(msgdb_open(dir.file("other", "m1=uno\n").c_str()));
     EXPECT_STREQ(msgdb_get(1), "uno");
 }
 
-TEST_F(msgdb_test, a_failed_open_keeps_the_former_name)
-{
+TEST_F(msgdb_test, a_failed_open_keeps_the_former_name) {
     EXPECT_EQ(text("m1=one\n", 1), "one");
     EXPECT_FALSE(msgdb_open(dir.path("absent").c_str()));
     EXPECT_FALSE(msgdb_open(dir.path().c_str()));
@@ -205,8 +187,7 @@ TEST_F(msgdb_test, a_failed_open_keeps_the_former_name)
     EXPECT_STREQ(msgdb_get(1), "one");
 }
 
-TEST_F(msgdb_test, an_open_without_memory_keeps_the_former_name)
-{
+TEST_F(msgdb_test, an_open_without_memory_keeps_the_former_name) {
     EXPECT_EQ(text("m1=one\n", 1), "one");
     std::string other = dir.file("other", "m1=uno\n");
     {
@@ -216,8 +197,7 @@ TEST_F(msgdb_test, an_open_without_memory_keeps_the_former_name)
     EXPECT_STREQ(msgdb_get(1), "one");
 }
 
-TEST_F(msgdb_test, without_a_database_there_is_no_text)
-{
+TEST_F(msgdb_test, without_a_database_there_is_no_text) {
     char buffer[8] = "stale";
     EXPECT_EQ(msgdb_get(1), nullptr);
     EXPECT_EQ(msgdb_get_into(1, buffer, sizeof buffer), 0);
@@ -229,8 +209,7 @@ TEST_F(msgdb_test, without_a_database_there_is_no_text)
     msgdb_close();
 }
 
-TEST_F(msgdb_test, a_vanished_database_is_a_missing_message)
-{
+TEST_F(msgdb_test, a_vanished_database_is_a_missing_message) {
     EXPECT_EQ(text("m1=one\n", 1), "one");
     ASSERT_EQ(unlink(path.c_str()), 0);
     char buffer[8] = "stale";
@@ -240,16 +219,14 @@ TEST_F(msgdb_test, a_vanished_database_is_a_missing_message)
     EXPECT_STREQ(msgdb_get(1), "back");
 }
 
-TEST_F(msgdb_test, an_edited_database_counts_at_once)
-{
+TEST_F(msgdb_test, an_edited_database_counts_at_once) {
     EXPECT_EQ(text("m1=one\n", 1), "one");
     write_file(path, "m1=changed\nm2=new\n");
     EXPECT_STREQ(msgdb_get(1), "changed");
     EXPECT_STREQ(msgdb_get(2), "new");
 }
 
-TEST_F(msgdb_test, each_lookup_overwrites_the_one_before)
-{
+TEST_F(msgdb_test, each_lookup_overwrites_the_one_before) {
     write_file(path, "m1=one\nm2=two\n");
     ASSERT_TRUE(msgdb_open(path.c_str()));
     const char *first = msgdb_get(1);
@@ -258,8 +235,7 @@ TEST_F(msgdb_test, each_lookup_overwrites_the_one_before)
     EXPECT_STREQ(first, "two");
 }
 
-TEST_F(msgdb_test, lookups_leave_no_descriptor_open)
-{
+TEST_F(msgdb_test, lookups_leave_no_descriptor_open) {
     write_file(path, "m1=one\n");
     ASSERT_TRUE(msgdb_open(path.c_str()));
     int before = dup(0);
@@ -272,8 +248,7 @@ TEST_F(msgdb_test, lookups_leave_no_descriptor_open)
     EXPECT_EQ(after, before);
 }
 
-TEST_F(msgdb_test, get_into_cuts_to_the_buffer)
-{
+TEST_F(msgdb_test, get_into_cuts_to_the_buffer) {
     write_file(path, "m5=abcdef\n");
     ASSERT_TRUE(msgdb_open(path.c_str()));
     char buffer[16];
@@ -294,8 +269,7 @@ TEST_F(msgdb_test, get_into_cuts_to_the_buffer)
     }
 }
 
-TEST_F(msgdb_test, get_into_needs_a_buffer)
-{
+TEST_F(msgdb_test, get_into_needs_a_buffer) {
     write_file(path, "m5=abcdef\n");
     ASSERT_TRUE(msgdb_open(path.c_str()));
     char buffer[4] = "?";
@@ -307,8 +281,7 @@ TEST_F(msgdb_test, get_into_needs_a_buffer)
     EXPECT_EQ(msgdb_get_into(5, buffer, 0), -1);
 }
 
-TEST_F(msgdb_test, find_needs_stream_and_buffer)
-{
+TEST_F(msgdb_test, find_needs_stream_and_buffer) {
     char buffer[8] = "?";
     FILE *stream = fopen(dir.file("f", "m1=one\n").c_str(), "r");
     ASSERT_NE(stream, nullptr);
@@ -320,8 +293,7 @@ TEST_F(msgdb_test, find_needs_stream_and_buffer)
     fclose(stream);
 }
 
-TEST_F(msgdb_test, find_goes_on_where_the_stream_stands)
-{
+TEST_F(msgdb_test, find_goes_on_where_the_stream_stands) {
     char buffer[32];
     FILE *stream = fopen(dir.file("f", "m1=a\nm2=b\nm1=c\n").c_str(), "r");
     ASSERT_NE(stream, nullptr);
@@ -335,8 +307,7 @@ TEST_F(msgdb_test, find_goes_on_where_the_stream_stands)
 }
 
 /* A line of no characters must not be read for ever. */
-TEST_F(msgdb_test, a_buffer_for_the_terminator_alone_ends_the_search)
-{
+TEST_F(msgdb_test, a_buffer_for_the_terminator_alone_ends_the_search) {
     std::string name = dir.file("f", "m1=one\n");
     EXPECT_EXIT(
         {
@@ -349,8 +320,7 @@ TEST_F(msgdb_test, a_buffer_for_the_terminator_alone_ends_the_search)
         testing::ExitedWithCode(3), "");
 }
 
-TEST_F(msgdb_test, names_its_functions_above_trace_level_5_only)
-{
+TEST_F(msgdb_test, names_its_functions_above_trace_level_5_only) {
     auto all = [this] {
         text("m1=one\n", 1);
         msgdb_close();

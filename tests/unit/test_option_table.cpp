@@ -11,8 +11,7 @@
 
 #include "tolva2/start/options.cpp" // NOLINT
 
-TEST(options_table, has_no_row_that_another_one_hides)
-{
+TEST(options_table, has_no_row_that_another_one_hides) {
     const std::span<const option_row> rows(OPTION_ROWS);
     ASSERT_GT(rows.size(), 15u);
     for (size_t later = 0; later < rows.size(); later++) {
@@ -32,8 +31,7 @@ TEST(options_table, has_no_row_that_another_one_hides)
 }
 
 /* Without a function there is a refusal that nobody escapes. */
-TEST(options_table, stores_or_refuses)
-{
+TEST(options_table, stores_or_refuses) {
     for (const option_row &row : OPTION_ROWS) {
         bool refuses = false;
         for (const refusal &one : row.refusals) {
@@ -44,8 +42,7 @@ TEST(options_table, stores_or_refuses)
     }
 }
 
-TEST(options_table, knows_what_to_do_with_a_value_of_no_use)
-{
+TEST(options_table, knows_what_to_do_with_a_value_of_no_use) {
     const store_function may_refuse[] = {
         store_port, store_check_port, store_count<&cmdline_options::retries>,
         store_count<&cmdline_options::timeout>,
@@ -57,8 +54,7 @@ TEST(options_table, knows_what_to_do_with_a_value_of_no_use)
     }
 }
 
-TEST(options_table, letters_are_compared_as_they_are)
-{
+TEST(options_table, letters_are_compared_as_they_are) {
     struct row {
         std::string_view letters;
         typed_option option;
@@ -84,8 +80,7 @@ TEST(options_table, letters_are_compared_as_they_are)
     }
 }
 
-TEST(read_option, does_not_look_behind_the_end)
-{
+TEST(read_option, does_not_look_behind_the_end) {
     struct row {
         const char *argument;
         char letter;

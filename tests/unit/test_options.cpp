@@ -5,8 +5,7 @@
 #include "cmdline_fixture.h"
 #include "failing_calls.h"
 
-namespace
-{
+namespace {
 
 const std::string not_broadcast =
     "broadcast only possible in send_mode(tolva) -s[e] (-? for help).\n";
@@ -15,8 +14,7 @@ const std::string not_kesdal = "kesdal/kesnor address not possible in "
 
 } // namespace
 
-TEST(addresses, are_filed_by_option_and_mode)
-{
+TEST(addresses, are_filed_by_option_and_mode) {
     check_accepted({
         {"tolva",
          {"-se", "SHUTDOWN", "-a", "127.0.0.1", "-a", "127.0.0.2:6004"},
@@ -45,8 +43,7 @@ TEST(addresses, are_filed_by_option_and_mode)
     });
 }
 
-TEST(addresses, that_are_missing_or_of_no_use_are_refused)
-{
+TEST(addresses, that_are_missing_or_of_no_use_are_refused) {
     const std::string missing_a =
         "missing parameter for -a `<host[:port]>'(-? for help).\n";
     const std::string missing_ab =
@@ -84,8 +81,7 @@ TEST(addresses, that_are_missing_or_of_no_use_are_refused)
     });
 }
 
-TEST(addresses, that_cannot_be_resolved_end_the_program)
-{
+TEST(addresses, that_cannot_be_resolved_end_the_program) {
     auto lines = [](const std::string &host) {
         return "could not resolve hostname `" + host +
                "'\ntolva: could not handle address [" + host + "]\n";
@@ -102,8 +98,7 @@ TEST(addresses, that_cannot_be_resolved_end_the_program)
     });
 }
 
-TEST(ports, are_read_and_checked)
-{
+TEST(ports, are_read_and_checked) {
     check_accepted({
         {"tolva", {"-l", "-p", "7000"}, "listen port=7000"},
         {"tolva", {"-l", "-pr", "1"}, "listen port=1"},
@@ -170,8 +165,7 @@ TEST(ports, are_read_and_checked)
     check_refused(rows);
 }
 
-TEST(retries, are_read_and_checked)
-{
+TEST(retries, are_read_and_checked) {
     check_accepted({
         {"tolva", {"-l", "-r", "3"}, "listen retries=3"},
         {"tolva", {"-l", "-rc", "0"}, "listen retries=0"},
@@ -206,8 +200,7 @@ TEST(retries, are_read_and_checked)
     });
 }
 
-TEST(times, are_read_and_checked)
-{
+TEST(times, are_read_and_checked) {
     check_accepted({
         {"tolva", {"-l", "-t", "5"}, "listen timeout=5"},
         {"tolva", {"-l", "-tr", "0"}, "listen timeout=0"},
@@ -259,8 +252,7 @@ TEST(times, are_read_and_checked)
     });
 }
 
-TEST(scripts, belong_to_listen_mode)
-{
+TEST(scripts, belong_to_listen_mode) {
     check_accepted({
         {"tolva", {"-l", "-bs", "down.sh"}, "listen shutdown=[down.sh]"},
         {"tolva", {"-l", "-ba", "dead.sh x"}, "listen alive=[dead.sh x]"},
@@ -301,8 +293,7 @@ TEST(scripts, belong_to_listen_mode)
     });
 }
 
-TEST(configfile, belongs_to_listen_mode)
-{
+TEST(configfile, belongs_to_listen_mode) {
     check_accepted({
         {"tolva", {"-l", "-c", "my.cfg"}, "listen cfgfile=[my.cfg]"},
         {"tolva", {"-l", "-C", "my.cfg"}, "listen cfgfile=[my.cfg]"},
@@ -327,8 +318,7 @@ TEST(configfile, belongs_to_listen_mode)
     });
 }
 
-TEST(trace_option, sets_the_level_in_every_mode)
-{
+TEST(trace_option, sets_the_level_in_every_mode) {
     struct row {
         words arguments;
         int32_t level;
@@ -363,8 +353,7 @@ TEST(trace_option, sets_the_level_in_every_mode)
                     "unknown parameter: `-1' (-? for help).\n"}});
 }
 
-TEST(unknown_options, are_named_whole)
-{
+TEST(unknown_options, are_named_whole) {
     std::vector<refused_row> rows;
     for (const char *option :
          {"-e",  "-f", "-g",     "-i",    "-j",   "-k",    "-m",  "-n", "-o",
@@ -382,8 +371,7 @@ TEST(unknown_options, are_named_whole)
     check_refused(rows);
 }
 
-TEST(options, end_when_memory_is_exhausted)
-{
+TEST(options, end_when_memory_is_exhausted) {
     for (const char *option : {"-bs", "-ba", "-c"}) {
         SCOPED_TRACE(option);
         ending end = in_child([&] {
@@ -395,8 +383,7 @@ TEST(options, end_when_memory_is_exhausted)
     }
 }
 
-TEST(options, give_their_lists_back_when_they_go)
-{
+TEST(options, give_their_lists_back_when_they_go) {
     auto body = [] {
         run("tolva", {"-sc", "-ac", "127.0.0.1", "-a", "127.0.0.2"});
     };

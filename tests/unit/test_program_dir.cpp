@@ -14,19 +14,16 @@
 #include <optional>
 #include <string>
 
-namespace
-{
+namespace {
 
 using text_or_null = std::optional<std::string>;
 
-text_or_null dir_of(const std::string &argv0)
-{
+text_or_null dir_of(const std::string &argv0) {
     ux_text found = find_program_dir(argv0.c_str());
     return found ? text_or_null(found.get()) : std::nullopt;
 }
 
-TEST(base_name_test, is_what_stands_behind_the_last_slash)
-{
+TEST(base_name_test, is_what_stands_behind_the_last_slash) {
     const struct {
         const char *path;
         const char *name;
@@ -51,8 +48,7 @@ TEST(base_name_test, is_what_stands_behind_the_last_slash)
 
 /* Names with a slash: nothing of them has to exist. */
 
-TEST(find_program_dir_test, absolute_paths_are_normalised)
-{
+TEST(find_program_dir_test, absolute_paths_are_normalised) {
     const struct {
         const char *argv0;
         const char *dir;
@@ -83,8 +79,7 @@ TEST(find_program_dir_test, absolute_paths_are_normalised)
     }
 }
 
-TEST(find_program_dir_test, a_path_may_have_1018_characters)
-{
+TEST(find_program_dir_test, a_path_may_have_1018_characters) {
     auto path = [](size_t length) {
         std::string text = "/";
         while (text.size() + 101 < length) {
@@ -105,11 +100,9 @@ TEST(find_program_dir_test, a_path_may_have_1018_characters)
 }
 
 /* Stands in a directory of its own. */
-class in_directory : public testing::Test
-{
+class in_directory : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         before = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         const char *path = getenv("PATH");
         search_before = path ? path : "";
@@ -119,24 +112,20 @@ class in_directory : public testing::Test
         ASSERT_NE(getcwd(name, sizeof name), nullptr);
         here = name;
     }
-    void TearDown() override
-    {
+    void TearDown() override {
         setenv("PATH", search_before.c_str(), 1);
         EXPECT_EQ(fchdir(before), 0);
         close(before);
     }
     /* An executable file below the directory. */
-    void program(const std::string &name, mode_t mode = 0755)
-    {
+    void program(const std::string &name, mode_t mode = 0755) {
         write_file(here + "/" + name, "#!/bin/sh\n");
         ASSERT_EQ(chmod((here + "/" + name).c_str(), mode), 0);
     }
-    void directory(const std::string &name)
-    {
+    void directory(const std::string &name) {
         ASSERT_EQ(mkdir((here + "/" + name).c_str(), 0755), 0);
     }
-    void search(const std::string &path)
-    {
+    void search(const std::string &path) {
         ASSERT_EQ(setenv("PATH", path.c_str(), 1), 0);
     }
 
@@ -146,8 +135,7 @@ class in_directory : public testing::Test
     std::string here;
 };
 
-TEST_F(in_directory, relative_paths_start_here)
-{
+TEST_F(in_directory, relative_paths_start_here) {
     EXPECT_EQ(dir_of("./prog"), here);
     EXPECT_EQ(dir_of("bin/prog"), here + "/bin");
     EXPECT_EQ(dir_of("./bin/../sbin/prog"), here + "/sbin");
@@ -157,22 +145,19 @@ TEST_F(in_directory, relative_paths_start_here)
     EXPECT_EQ(dir_of("../../../../../../../../../../prog"), "/");
 }
 
-TEST_F(in_directory, the_root_as_working_directory_is_no_exception)
-{
+TEST_F(in_directory, the_root_as_working_directory_is_no_exception) {
     ASSERT_EQ(chdir("/"), 0);
     EXPECT_EQ(dir_of("./prog"), "/");
     EXPECT_EQ(dir_of("bin/../sbin/prog"), "/sbin");
 }
 
-TEST_F(in_directory, a_relative_path_counts_with_the_directory_in_front)
-{
+TEST_F(in_directory, a_relative_path_counts_with_the_directory_in_front) {
     const std::string room(1018 - here.size() - 1 - 2, 'p');
     EXPECT_EQ(dir_of("./" + room), here);
     EXPECT_EQ(dir_of("./" + room + std::string(2, 'p')), std::nullopt);
 }
 
-TEST_F(in_directory, a_working_directory_may_not_be_longer_than_896_bytes)
-{
+TEST_F(in_directory, a_working_directory_may_not_be_longer_than_896_bytes) {
     /* Deeper and deeper, by names of 50 characters. */
     std::string deep = here;
     while (deep.size() + 51 <= 890) {
@@ -191,8 +176,7 @@ TEST_F(in_directory, a_working_directory_may_not_be_longer_than_896_bytes)
     EXPECT_EQ(dir_of("/usr/bin/prog"), "/usr/bin");
 }
 
-TEST_F(in_directory, a_vanished_working_directory_gives_nothing)
-{
+TEST_F(in_directory, a_vanished_working_directory_gives_nothing) {
     directory("gone");
     ASSERT_EQ(chdir("gone"), 0);
     ASSERT_EQ(rmdir((here + "/gone").c_str()), 0);
@@ -201,8 +185,7 @@ TEST_F(in_directory, a_vanished_working_directory_gives_nothing)
 
 /* Names without a slash */
 
-TEST_F(in_directory, the_search_path_is_searched_in_order)
-{
+TEST_F(in_directory, the_search_path_is_searched_in_order) {
     directory("a");
     directory("b");
     program("b/prog");
@@ -213,8 +196,7 @@ TEST_F(in_directory, the_search_path_is_searched_in_order)
     EXPECT_EQ(dir_of("other"), std::nullopt);
 }
 
-TEST_F(in_directory, the_first_candidate_that_may_be_executed_counts)
-{
+TEST_F(in_directory, the_first_candidate_that_may_be_executed_counts) {
     directory("a");
     directory("b");
     program("a/prog", 0644);
@@ -223,16 +205,14 @@ TEST_F(in_directory, the_first_candidate_that_may_be_executed_counts)
     EXPECT_EQ(dir_of("prog"), here + "/b");
 }
 
-TEST_F(in_directory, an_entry_may_end_in_a_slash)
-{
+TEST_F(in_directory, an_entry_may_end_in_a_slash) {
     directory("a");
     program("a/prog");
     search(here + "/a/");
     EXPECT_EQ(dir_of("prog"), here + "/a");
 }
 
-TEST_F(in_directory, entries_are_taken_as_they_stand)
-{
+TEST_F(in_directory, entries_are_taken_as_they_stand) {
     directory("a");
     program("a/prog");
     search("a");
@@ -241,8 +221,7 @@ TEST_F(in_directory, entries_are_taken_as_they_stand)
     EXPECT_EQ(dir_of("prog"), here + "//a/../a");
 }
 
-TEST_F(in_directory, an_empty_entry_is_never_the_working_directory)
-{
+TEST_F(in_directory, an_empty_entry_is_never_the_working_directory) {
     directory("a");
     program("prog-of-this-test");
     program("a/prog-of-this-test");
@@ -257,8 +236,7 @@ TEST_F(in_directory, an_empty_entry_is_never_the_working_directory)
 }
 
 /* Directories may be "executed", and every system has these in its root. */
-TEST_F(in_directory, an_empty_entry_is_the_root)
-{
+TEST_F(in_directory, an_empty_entry_is_the_root) {
     for (const char *path : {"", ":/nowhere", "/nowhere:", "/nowhere::/bin"}) {
         search(path);
         EXPECT_EQ(dir_of("tmp"), "/") << path;
@@ -267,15 +245,13 @@ TEST_F(in_directory, an_empty_entry_is_the_root)
     EXPECT_EQ(dir_of("tmp"), "/");
 }
 
-TEST_F(in_directory, without_a_search_path_nothing_is_found)
-{
+TEST_F(in_directory, without_a_search_path_nothing_is_found) {
     program("prog");
     ASSERT_EQ(unsetenv("PATH"), 0);
     EXPECT_EQ(dir_of("prog"), std::nullopt);
 }
 
-TEST_F(in_directory, entries_that_are_too_long_are_skipped)
-{
+TEST_F(in_directory, entries_that_are_too_long_are_skipped) {
     directory("a");
     const std::string name(200, 'p');
     program("a/" + name);
@@ -292,8 +268,7 @@ TEST_F(in_directory, entries_that_are_too_long_are_skipped)
     EXPECT_EQ(dir_of(std::string(5000, 'p')), std::nullopt);
 }
 
-TEST_F(in_directory, names_the_function_above_trace_level_5_only)
-{
+TEST_F(in_directory, names_the_function_above_trace_level_5_only) {
     auto find = [] { dir_of("/usr/bin/prog"); };
     for (int32_t level : {-1, 0, 1, 5}) {
         EXPECT_EQ(traced(level, find), "") << level;

@@ -12,8 +12,7 @@
 
 #include <set>
 
-namespace
-{
+namespace {
 
 /* What the replacements were called for, in order. */
 std::vector<std::string> calls;
@@ -22,41 +21,34 @@ connection *script_record = nullptr;
 
 } // namespace
 
-namespace alive
-{
+namespace alive {
 
-void cancel_connections()
-{
+void cancel_connections() {
     calls.emplace_back("cancel");
 }
 
-int32_t start_connections()
-{
+int32_t start_connections() {
     calls.emplace_back("start");
     return 1;
 }
 
 } // namespace alive
 
-bool check_alive_single(const char *address)
-{
+bool check_alive_single(const char *address) {
     calls.push_back(std::string("ask ") + address);
     return answering.contains(address);
 }
 
-bool fork_and_exec(connection *cn, const char *program, const char *params)
-{
+bool fork_and_exec(connection *cn, const char *program, const char *params) {
     script_record = cn;
     calls.push_back(std::string("run [") + program + "] [" +
                     (params == nullptr ? "none" : params) + "]");
     return true;
 }
 
-namespace
-{
+namespace {
 
-std::vector<std::string> split(const std::string &text)
-{
+std::vector<std::string> split(const std::string &text) {
     std::vector<std::string> words;
     size_t start = 0;
     while (start < text.size()) {
@@ -69,15 +61,13 @@ std::vector<std::string> split(const std::string &text)
 }
 
 /* A listener with redundant senders. */
-class redundant_listener
-{
+class redundant_listener {
   public:
     redundant_listener(int32_t level, const std::string &addresses,
                        const char *enabled = "TRUE",
                        const char *suppress_batch = "false",
                        const std::string &batch = "/opt/suppressed.sh")
-        : members(addresses)
-    {
+        : members(addresses) {
         calls.clear();
         answering.clear();
         script_record = nullptr;
@@ -90,8 +80,7 @@ class redundant_listener
     }
 
     /* A request from that address: its result, with what it says. */
-    bool request(const std::string &address)
-    {
+    bool request(const std::string &address) {
         connection cn;
         strncpy(cn.ipaddr, address.c_str(), sizeof cn.ipaddr - 1);
         calls.clear();
@@ -109,8 +98,7 @@ class redundant_listener
     operator_log log;
 };
 
-std::string suppressed(int level, int failures)
-{
+std::string suppressed(int level, int failures) {
     return "Shutdown suppressed, redundancy-level = " + std::to_string(level) +
            ", failure count = " + std::to_string(failures) + ".";
 }
@@ -185,8 +173,7 @@ const decision decisions[] = {
 
 } // namespace
 
-TEST(redundancy, decides_by_level_members_requests_and_who_is_alive)
-{
+TEST(redundancy, decides_by_level_members_requests_and_who_is_alive) {
     for (const decision &row : decisions) {
         SCOPED_TRACE("level " + std::to_string(row.level) + " of [" +
                      row.members + "], asked [" + row.asked_before +
@@ -220,8 +207,7 @@ TEST(redundancy, decides_by_level_members_requests_and_who_is_alive)
     }
 }
 
-TEST(redundancy, is_off_unless_enabled)
-{
+TEST(redundancy, is_off_unless_enabled) {
     for (const char *off : {"false", "", "1", "yes", "TRUE ", "TRU"}) {
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", off);
         answering = {"10.0.0.1", "10.0.0.2"};
@@ -235,8 +221,7 @@ TEST(redundancy, is_off_unless_enabled)
     }
 }
 
-TEST(redundancy, unset_settings_mean_off)
-{
+TEST(redundancy, unset_settings_mean_off) {
     calls.clear();
     address_list nobody;
     receiver_params settings{};
@@ -249,8 +234,7 @@ TEST(redundancy, unset_settings_mean_off)
     EXPECT_EQ(calls, std::vector<std::string>{});
 }
 
-TEST(redundancy, asks_every_other_member_after_a_new_cycle)
-{
+TEST(redundancy, asks_every_other_member_after_a_new_cycle) {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4");
     answering = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
     EXPECT_FALSE(listener.request("10.0.0.2"));
@@ -260,8 +244,7 @@ TEST(redundancy, asks_every_other_member_after_a_new_cycle)
     EXPECT_EQ(calls, expected);
 }
 
-TEST(redundancy, carries_out_without_running_the_batch_file)
-{
+TEST(redundancy, carries_out_without_running_the_batch_file) {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2");
     EXPECT_TRUE(listener.request("10.0.0.1"));
     const std::vector<std::string> expected = {"cancel", "start",
@@ -269,8 +252,7 @@ TEST(redundancy, carries_out_without_running_the_batch_file)
     EXPECT_EQ(calls, expected);
 }
 
-TEST(redundancy, the_batch_file_can_be_suppressed)
-{
+TEST(redundancy, the_batch_file_can_be_suppressed) {
     for (const char *on : {"TRUE", "true", "tRUE"}) {
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", on);
         answering = {"10.0.0.1", "10.0.0.2"};
@@ -286,8 +268,7 @@ TEST(redundancy, the_batch_file_can_be_suppressed)
     }
 }
 
-TEST(redundancy, a_request_is_never_forgotten_but_being_alive_is_asked_anew)
-{
+TEST(redundancy, a_request_is_never_forgotten_but_being_alive_is_asked_anew) {
     redundant_listener listener(2, "10.0.0.1 10.0.0.2 10.0.0.3");
     answering = {"10.0.0.1", "10.0.0.2"};
     EXPECT_FALSE(listener.request("10.0.0.1")) << "10.0.0.3 is not alive";
@@ -302,8 +283,7 @@ TEST(redundancy, a_request_is_never_forgotten_but_being_alive_is_asked_anew)
     EXPECT_EQ(listener.log.lines(), expected);
 }
 
-TEST(redundancy, the_senders_own_mark_stays_as_it_was)
-{
+TEST(redundancy, the_senders_own_mark_stays_as_it_was) {
     redundant_listener listener(2, "10.0.0.1 10.0.0.2 10.0.0.3");
     answering = {"10.0.0.1", "10.0.0.3"};
     EXPECT_FALSE(listener.request("10.0.0.1"));
@@ -314,8 +294,7 @@ TEST(redundancy, the_senders_own_mark_stays_as_it_was)
         << seen;
 }
 
-TEST(redundancy, starting_again_forgets_everything)
-{
+TEST(redundancy, starting_again_forgets_everything) {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2");
     answering = {"10.0.0.1", "10.0.0.2"};
     EXPECT_FALSE(listener.request("10.0.0.1"));
@@ -324,8 +303,7 @@ TEST(redundancy, starting_again_forgets_everything)
     EXPECT_TRUE(listener.request("10.0.0.1"));
 }
 
-TEST(redundancy, thirty_members_are_all_used)
-{
+TEST(redundancy, thirty_members_are_all_used) {
     std::string members;
     for (int i = 1; i <= 30; i++) {
         members += "10.0.1." + std::to_string(i) + " ";
@@ -339,8 +317,7 @@ TEST(redundancy, thirty_members_are_all_used)
     EXPECT_EQ(listener.log.lines(), log_lines{suppressed(29, 29)});
 }
 
-TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told)
-{
+TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told) {
     for (int count : {31, 32, 60, 300}) {
         std::string members;
         for (int i = 1; i <= count; i++) {
@@ -358,8 +335,7 @@ TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told)
     }
 }
 
-TEST(redundancy, a_batch_file_name_of_511_bytes_is_run)
-{
+TEST(redundancy, a_batch_file_name_of_511_bytes_is_run) {
     std::string name = "/" + std::string(510, 'b');
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", name);
     EXPECT_EQ(listener.log.lines(), log_lines{});
@@ -368,8 +344,7 @@ TEST(redundancy, a_batch_file_name_of_511_bytes_is_run)
     EXPECT_EQ(calls.back(), "run [" + name + "] [none]");
 }
 
-TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut)
-{
+TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut) {
     for (size_t length : {512U, 513U, 600U, 5000U}) {
         std::string name = "/" + std::string(length - 1, 'b');
         redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false",
@@ -385,15 +360,13 @@ TEST(redundancy, a_longer_batch_file_name_is_told_and_never_run_cut)
     }
 }
 
-TEST(redundancy, a_longer_batch_file_name_matters_to_nobody_while_it_is_off)
-{
+TEST(redundancy, a_longer_batch_file_name_matters_to_nobody_while_it_is_off) {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "false", "false",
                                 "/" + std::string(600, 'b'));
     EXPECT_EQ(listener.log.lines(), log_lines{});
 }
 
-TEST(redundancy, an_empty_or_unset_batch_file_is_no_error)
-{
+TEST(redundancy, an_empty_or_unset_batch_file_is_no_error) {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", "");
     answering = {"10.0.0.1", "10.0.0.2"};
     EXPECT_FALSE(listener.request("10.0.0.1"));
@@ -402,8 +375,7 @@ TEST(redundancy, an_empty_or_unset_batch_file_is_no_error)
     EXPECT_FALSE(listener.request("10.0.0.1"));
 }
 
-TEST(redundancy_table, shows_members_and_marks)
-{
+TEST(redundancy_table, shows_members_and_marks) {
     redundant_listener listener(1, "10.0.0.1 10.0.0.2 10.0.0.3");
     const std::string head = "DEBUG: IP-Address\tShutdown\tNotAlive\n";
     const std::string none = "        ";
@@ -421,16 +393,14 @@ TEST(redundancy_table, shows_members_and_marks)
                          "DEBUG: 10.0.0.3\t" + none + "\t" + mark + "\n");
 }
 
-TEST(redundancy_table, is_shown_without_tracking_too)
-{
+TEST(redundancy_table, is_shown_without_tracking_too) {
     redundant_listener listener(0, "");
     EXPECT_EQ(traced(1, [&] { listener.request("10.0.0.1"); }),
               "DEBUG: IP-Address\tShutdown\tNotAlive\n");
     EXPECT_EQ(traced(0, [&] { listener.request("10.0.0.1"); }), "");
 }
 
-TEST(redundancy_table, skips_slots_that_are_not_in_use)
-{
+TEST(redundancy_table, skips_slots_that_are_not_in_use) {
     redundancy_record record{};
     record.addr[0] = "10.0.0.1";
     record.addr[29] = "10.0.0.30";
@@ -442,8 +412,7 @@ TEST(redundancy_table, skips_slots_that_are_not_in_use)
     EXPECT_EQ(traced(0, [&] { show_redundancy_table(&record); }), "");
 }
 
-TEST(redundancy_table, entries_are_traced_above_level_5)
-{
+TEST(redundancy_table, entries_are_traced_above_level_5) {
     redundancy_record record{};
     EXPECT_EQ(traced(6, [&] { show_redundancy_table(&record); }),
               "TRACEIN: show_redundancy_table\n"

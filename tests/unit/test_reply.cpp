@@ -3,17 +3,14 @@
 
 #include "tolva2/listen/reply.h"
 
-namespace
-{
+namespace {
 
 const std::string header = "CONNECT TO TOLVA (REPLY)";
 
 /* A client with a reply due, and the sender's end of its connection. */
-class waiting_client
-{
+class waiting_client {
   public:
-    waiting_client(const char *cmdline, int32_t pid, int32_t status)
-    {
+    waiting_client(const char *cmdline, int32_t pid, int32_t status) {
         number = pair.near.release();
         connection *cn = add_record(clients, MODE_LISTEN, ADDR_PEER,
                                     "127.0.0.1", number, EVENT_WRITABLE);
@@ -23,8 +20,7 @@ class waiting_client
         cn->exitstatus = status;
     }
     /* Sends the reply; what the sender gets until the end. */
-    std::string reply()
-    {
+    std::string reply() {
         handle_tcp_reply(clients->head);
         EXPECT_EQ(clients->size, 0u);
         EXPECT_FALSE(is_open(number));
@@ -41,8 +37,7 @@ class waiting_client
 
 } // namespace
 
-TEST(handle_tcp_reply, sends_header_program_pid_and_status)
-{
+TEST(handle_tcp_reply, sends_header_program_pid_and_status) {
     struct row {
         const char *cmdline;
         int32_t pid;
@@ -71,8 +66,7 @@ TEST(handle_tcp_reply, sends_header_program_pid_and_status)
     }
 }
 
-TEST(handle_tcp_reply, is_cut_at_4096_bytes)
-{
+TEST(handle_tcp_reply, is_cut_at_4096_bytes) {
     std::string program(5000, 'p');
     waiting_client client(program.c_str(), 1, 0);
     std::string reply = client.reply();
@@ -81,16 +75,14 @@ TEST(handle_tcp_reply, is_cut_at_4096_bytes)
               (header + " COMMAND=" + program).substr(0, 4095));
 }
 
-TEST(handle_tcp_reply, long_replies_arrive_whole)
-{
+TEST(handle_tcp_reply, long_replies_arrive_whole) {
     std::string program(4000, 'p');
     waiting_client client((program + " parameters").c_str(), 4711, 128);
     EXPECT_EQ(client.reply(),
               header + " COMMAND=" + program + " PID=4711 EXITSTATUS=128");
 }
 
-TEST(handle_tcp_reply, a_sender_that_is_gone_costs_nothing)
-{
+TEST(handle_tcp_reply, a_sender_that_is_gone_costs_nothing) {
     {
         waiting_client client("x", 1, 0);
         client.pair.far.reset();
@@ -108,8 +100,7 @@ TEST(handle_tcp_reply, a_sender_that_is_gone_costs_nothing)
     }
 }
 
-TEST(handle_tcp_reply, sends_nothing_when_an_error_is_pending)
-{
+TEST(handle_tcp_reply, sends_nothing_when_an_error_is_pending) {
     /* Only what is not sent can be seen: both ends are ours, and a datagram
      * socket keeps an error without being closed. */
     session_lists lists;
@@ -130,8 +121,7 @@ TEST(handle_tcp_reply, sends_nothing_when_an_error_is_pending)
     EXPECT_TRUE(is_silent(holder.get()));
 }
 
-TEST(handle_tcp_reply, leaves_other_clients_alone)
-{
+TEST(handle_tcp_reply, leaves_other_clients_alone) {
     waiting_client client("x", 1, 0);
     connection *other =
         add_record(clients, MODE_LISTEN, ADDR_PEER, "127.0.0.2");

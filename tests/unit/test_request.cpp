@@ -5,14 +5,12 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
 const std::string request = "CONNECT TO TOLVA (SEND)";
 const std::string reply = "CONNECT TO TOLVA (REPLY)";
 
-command_request parse(std::string text)
-{
+command_request parse(std::string text) {
     return parse_command(text.data());
 }
 
@@ -70,8 +68,7 @@ const parse_row parse_rows[] = {
 
 } // namespace
 
-TEST(request_texts, are_what_the_other_side_expects)
-{
+TEST(request_texts, are_what_the_other_side_expects) {
     EXPECT_EQ(request, REQUEST_HEADER);
     EXPECT_EQ(REQUEST_HEADER_LENGTH, 23u);
     EXPECT_EQ(REQUEST_TEXT_OFFSET, 24u);
@@ -80,8 +77,7 @@ TEST(request_texts, are_what_the_other_side_expects)
     EXPECT_STREQ(VERB_SCAN, "MSG_SCAN");
 }
 
-TEST(classify_request, tells_bare_requests_from_commands)
-{
+TEST(classify_request, tells_bare_requests_from_commands) {
     struct row {
         std::string text;
         int32_t kind;
@@ -115,8 +111,7 @@ TEST(classify_request, tells_bare_requests_from_commands)
     EXPECT_EQ(REQUEST_V2, 2);
 }
 
-TEST(parse_command, takes_a_text_apart)
-{
+TEST(parse_command, takes_a_text_apart) {
     operator_log log;
     for (const parse_row &row : parse_rows) {
         SCOPED_TRACE("[" + row.text.substr(0, 60) + "]");
@@ -129,8 +124,7 @@ TEST(parse_command, takes_a_text_apart)
     EXPECT_EQ(log.lines(), std::vector<std::string>{}) << "nothing is logged";
 }
 
-TEST(parse_command, without_text_knows_no_command)
-{
+TEST(parse_command, without_text_knows_no_command) {
     const command_request parsed = parse_command(nullptr);
     EXPECT_EQ(parsed.fault, UNKNOWN);
     EXPECT_FALSE(parsed.wants_status);
@@ -138,14 +132,12 @@ TEST(parse_command, without_text_knows_no_command)
     EXPECT_STREQ(parsed.params, "");
 }
 
-TEST(parse_command, needs_no_texts_of_messages)
-{
+TEST(parse_command, needs_no_texts_of_messages) {
     EXPECT_STREQ(parse("MSG_EXECUTE MSG_ID 14").params, "");
     EXPECT_STREQ(parse("MSG_EXECUTE MAIL_ID 14 ops").params, "ops ");
 }
 
-TEST(parse_command, shows_each_step)
-{
+TEST(parse_command, shows_each_step) {
     auto steps = [](const char *text) {
         return traced(1, [&] { static_cast<void>(parse(text)); });
     };
@@ -165,8 +157,7 @@ TEST(parse_command, shows_each_step)
 }
 
 /* What is given to an unknown command is looked at before it is refused. */
-TEST(parse_command, names_the_functions_that_it_asks)
-{
+TEST(parse_command, names_the_functions_that_it_asks) {
     auto entered = [](const char *text) {
         std::string all = traced(6, [&] { static_cast<void>(parse(text)); });
         std::string names;

@@ -6,20 +6,16 @@
 #include "tolva2/base/process_state.h"
 #include "tolva2/files/reserve.h"
 
-namespace
-{
+namespace {
 
 /* Nothing is held, before and after. */
-class no_reserve
-{
+class no_reserve {
   public:
-    explicit no_reserve(int32_t budget = 256) : before(max_fds)
-    {
+    explicit no_reserve(int32_t budget = 256) : before(max_fds) {
         max_fds = budget;
         give_up_reserve();
     }
-    ~no_reserve()
-    {
+    ~no_reserve() {
         give_up_reserve();
         max_fds = before;
     }
@@ -32,8 +28,7 @@ class no_reserve
 
 } // namespace
 
-TEST(fill_reserve, takes_two_descriptors_and_no_more)
-{
+TEST(fill_reserve, takes_two_descriptors_and_no_more) {
     no_reserve none;
     int before = descriptors_in_use();
     EXPECT_EQ(fill_reserve(), 0);
@@ -42,8 +37,7 @@ TEST(fill_reserve, takes_two_descriptors_and_no_more)
     EXPECT_EQ(descriptors_in_use(), before + 2);
 }
 
-TEST(fill_reserve, needs_nothing_more_while_it_is_whole)
-{
+TEST(fill_reserve, needs_nothing_more_while_it_is_whole) {
     no_reserve none(200);
     ASSERT_EQ(fill_reserve(), 0);
     {
@@ -54,8 +48,7 @@ TEST(fill_reserve, needs_nothing_more_while_it_is_whole)
     EXPECT_TRUE(is_open(201));
 }
 
-TEST(fill_reserve, leaves_the_low_numbers_to_sockets)
-{
+TEST(fill_reserve, leaves_the_low_numbers_to_sockets) {
     no_reserve none(200);
     int lowest = lowest_free_number();
     ASSERT_LT(lowest, 150);
@@ -65,8 +58,7 @@ TEST(fill_reserve, leaves_the_low_numbers_to_sockets)
     EXPECT_TRUE(is_open(201));
 }
 
-TEST(fill_reserve, stands_at_the_end_of_the_budget_when_nothing_is_behind_it)
-{
+TEST(fill_reserve, stands_at_the_end_of_the_budget_when_nothing_is_behind_it) {
     no_reserve none(200);
     descriptor_limit limit(200);
     ASSERT_EQ(fill_reserve(), 0);
@@ -74,8 +66,7 @@ TEST(fill_reserve, stands_at_the_end_of_the_budget_when_nothing_is_behind_it)
     EXPECT_TRUE(is_open(199));
 }
 
-TEST(fill_reserve, moves_when_the_limit_is_lowered_below_it)
-{
+TEST(fill_reserve, moves_when_the_limit_is_lowered_below_it) {
     no_reserve none(200);
     ASSERT_EQ(fill_reserve(), 0);
     descriptor_limit limit(150);
@@ -86,8 +77,7 @@ TEST(fill_reserve, moves_when_the_limit_is_lowered_below_it)
     EXPECT_TRUE(open_file("/dev/null", "r"));
 }
 
-TEST(fill_reserve, takes_low_numbers_where_there_are_no_others)
-{
+TEST(fill_reserve, takes_low_numbers_where_there_are_no_others) {
     for (int32_t budget : {1 << 30, 1, 0}) {
         no_reserve none(budget);
         int before = descriptors_in_use();
@@ -96,8 +86,7 @@ TEST(fill_reserve, takes_low_numbers_where_there_are_no_others)
     }
 }
 
-TEST(fill_reserve, is_not_inherited_by_scripts)
-{
+TEST(fill_reserve, is_not_inherited_by_scripts) {
     no_reserve none(200);
     ASSERT_EQ(fill_reserve(), 0);
     EXPECT_NE(fcntl(200, F_GETFD) & FD_CLOEXEC, 0);
@@ -109,8 +98,7 @@ TEST(fill_reserve, is_not_inherited_by_scripts)
     EXPECT_NE(fcntl(lowest, F_GETFD) & FD_CLOEXEC, 0);
 }
 
-TEST(fill_reserve, tells_why_it_is_not_whole)
-{
+TEST(fill_reserve, tells_why_it_is_not_whole) {
     no_reserve none;
     for (int spare : {0, 1}) {
         no_descriptors limit(spare);
@@ -121,8 +109,7 @@ TEST(fill_reserve, tells_why_it_is_not_whole)
     EXPECT_EQ(fill_reserve(), ENFILE);
 }
 
-TEST(fill_reserve, completes_what_it_could_get_before)
-{
+TEST(fill_reserve, completes_what_it_could_get_before) {
     no_reserve none;
     int before = descriptors_in_use();
     {
@@ -134,8 +121,7 @@ TEST(fill_reserve, completes_what_it_could_get_before)
     EXPECT_EQ(descriptors_in_use(), before + 2);
 }
 
-TEST(give_up_reserve, closes_both_and_says_whether_there_was_one)
-{
+TEST(give_up_reserve, closes_both_and_says_whether_there_was_one) {
     no_reserve none;
     int before = descriptors_in_use();
     EXPECT_FALSE(give_up_reserve());
@@ -151,8 +137,7 @@ TEST(give_up_reserve, closes_both_and_says_whether_there_was_one)
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
-TEST(open_file, leaves_the_reserve_alone_while_there_are_others)
-{
+TEST(open_file, leaves_the_reserve_alone_while_there_are_others) {
     no_reserve none;
     temp_dir home;
     ASSERT_EQ(fill_reserve(), 0);
@@ -165,8 +150,7 @@ TEST(open_file, leaves_the_reserve_alone_while_there_are_others)
     EXPECT_EQ(read_file(home.path("log")), "line\n");
 }
 
-TEST(open_file, lives_on_the_reserve_when_nothing_else_is_left)
-{
+TEST(open_file, lives_on_the_reserve_when_nothing_else_is_left) {
     no_reserve none(200);
     temp_dir home;
     std::string path = home.file("log", "text\n");
@@ -193,8 +177,7 @@ TEST(open_file, lives_on_the_reserve_when_nothing_else_is_left)
     EXPECT_FALSE(give_up_reserve()) << "it has been given up";
 }
 
-TEST(open_file, keeps_the_reserve_when_that_is_not_what_is_missing)
-{
+TEST(open_file, keeps_the_reserve_when_that_is_not_what_is_missing) {
     no_reserve none;
     ASSERT_EQ(fill_reserve(), 0);
     EXPECT_FALSE(open_file("/no/such/directory/log", "r"));

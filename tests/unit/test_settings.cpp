@@ -13,22 +13,18 @@
 #include <string>
 #include <vector>
 
-namespace
-{
+namespace {
 
 const char *const HEADER = "#\n# TOLVA Configuration (v-3.00.0-1)\n#\n";
 
-class settings_test : public testing::Test
-{
+class settings_test : public testing::Test {
   protected:
-    void TearDown() override
-    {
+    void TearDown() override {
         free_receiver_config();
         umask(mask_before);
     }
     /* The settings of a file of that content, with /home/tolva as home. */
-    receiver_params *read(const std::string &content)
-    {
+    receiver_params *read(const std::string &content) {
         write_file(path, content);
         return read_receiver_config(path.c_str(), "/home/tolva", 0);
     }
@@ -86,8 +82,7 @@ const std::vector<text_key> FILE_KEYS = {
      "ShutdownSuppressed.sh"},
 };
 
-void expect_defaults(const receiver_params *p, const std::string &home)
-{
+void expect_defaults(const receiver_params *p, const std::string &home) {
     ASSERT_NE(p, nullptr);
     for (const integer_key &k : INTEGER_KEYS) {
         EXPECT_EQ(p->*k.field, k.default_value) << k.key;
@@ -100,30 +95,27 @@ void expect_defaults(const receiver_params *p, const std::string &home)
     }
 }
 
-TEST_F(settings_test, an_absent_file_gives_every_default)
-{
+TEST_F(settings_test, an_absent_file_gives_every_default) {
     const receiver_params *p =
         read_receiver_config(dir.path("absent.cfg").c_str(), "/home/tolva", 1);
     expect_defaults(p, "/home/tolva/");
 }
 
-TEST_F(settings_test, an_empty_file_gives_every_default_when_it_may_be_missing)
-{
+TEST_F(settings_test,
+       an_empty_file_gives_every_default_when_it_may_be_missing) {
     write_file(path, "");
     expect_defaults(read_receiver_config(path.c_str(), "/home/tolva", 1),
                     "/home/tolva/");
 }
 
-TEST_F(settings_test, an_absent_or_empty_file_is_an_error_when_it_was_named)
-{
+TEST_F(settings_test, an_absent_or_empty_file_is_an_error_when_it_was_named) {
     EXPECT_EQ(read_receiver_config(dir.path("absent.cfg").c_str(), "/h", 0),
               nullptr);
     EXPECT_EQ(read(""), nullptr);
     EXPECT_EQ(read_receiver_config(dir.path().c_str(), "/h", 0), nullptr);
 }
 
-TEST_F(settings_test, keys_without_value_take_their_defaults)
-{
+TEST_F(settings_test, keys_without_value_take_their_defaults) {
     std::string content;
     for (const integer_key &k : INTEGER_KEYS) {
         content += std::string(k.key) + "=\n";
@@ -136,8 +128,7 @@ TEST_F(settings_test, keys_without_value_take_their_defaults)
     expect_defaults(read(content), "/home/tolva/");
 }
 
-TEST_F(settings_test, the_two_records_are_known_to_everybody)
-{
+TEST_F(settings_test, the_two_records_are_known_to_everybody) {
     receiver_params *p = read("ListenPort=7\nListenAddress=127.0.0.9\n");
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(rp, p);
@@ -151,8 +142,7 @@ TEST_F(settings_test, the_two_records_are_known_to_everybody)
     EXPECT_NE(p->listen_udp, rp_defaults->listen_udp);
 }
 
-TEST_F(settings_test, every_key_sets_its_own_field)
-{
+TEST_F(settings_test, every_key_sets_its_own_field) {
     for (const integer_key &k : INTEGER_KEYS) {
         const receiver_params *p = read(std::string(k.key) + " = 4711\n");
         ASSERT_NE(p, nullptr);
@@ -178,14 +168,12 @@ TEST_F(settings_test, every_key_sets_its_own_field)
     }
 }
 
-TEST_F(settings_test, keys_are_known_by_their_case)
-{
+TEST_F(settings_test, keys_are_known_by_their_case) {
     expect_defaults(read("listenport=7\nLISTENPORT=8\nlistenPort=9\n"),
                     "/home/tolva/");
 }
 
-TEST_F(settings_test, unknown_keys_and_malformed_lines_are_ignored)
-{
+TEST_F(settings_test, unknown_keys_and_malformed_lines_are_ignored) {
     const receiver_params *p =
         read("Unknown=1\njunk\n=3\nx=4\nListenPort\nAliveRetries=3\n");
     ASSERT_NE(p, nullptr);
@@ -193,8 +181,7 @@ TEST_F(settings_test, unknown_keys_and_malformed_lines_are_ignored)
     EXPECT_EQ(p->listenport, 6003);
 }
 
-TEST_F(settings_test, integers_are_read_by_their_decimal_prefix)
-{
+TEST_F(settings_test, integers_are_read_by_their_decimal_prefix) {
     const struct {
         const char *text;
         int32_t expected;
@@ -210,8 +197,7 @@ TEST_F(settings_test, integers_are_read_by_their_decimal_prefix)
     }
 }
 
-TEST_F(settings_test, there_is_no_range_check)
-{
+TEST_F(settings_test, there_is_no_range_check) {
     const receiver_params *p =
         read("AliveInterval=1\nLogfileSize=-5\nListenTimeout=0\n");
     ASSERT_NE(p, nullptr);
@@ -220,8 +206,7 @@ TEST_F(settings_test, there_is_no_range_check)
     EXPECT_EQ(p->listen_timeout, 0);
 }
 
-TEST_F(settings_test, quotes_and_8_bit_characters_belong_to_a_text)
-{
+TEST_F(settings_test, quotes_and_8_bit_characters_belong_to_a_text) {
     const receiver_params *p =
         read("ExecProg=\"/opt/a # b.sh\" # c\nMsgProg=/\xfc\xe9.sh\n");
     ASSERT_NE(p, nullptr);
@@ -229,14 +214,12 @@ TEST_F(settings_test, quotes_and_8_bit_characters_belong_to_a_text)
     EXPECT_STREQ(p->msg_prog.get(), "/\xfc\xe9.sh");
 }
 
-TEST_F(settings_test, without_a_home_the_file_names_stand_alone)
-{
+TEST_F(settings_test, without_a_home_the_file_names_stand_alone) {
     expect_defaults(read_receiver_config("/nonexistent/x.cfg", "", 1), "");
     expect_defaults(read_receiver_config("/nonexistent/x.cfg", nullptr, 1), "");
 }
 
-TEST_F(settings_test, a_slash_always_stands_between_home_and_file)
-{
+TEST_F(settings_test, a_slash_always_stands_between_home_and_file) {
     expect_defaults(read_receiver_config("/nonexistent/x.cfg", "/", 1), "//");
     expect_defaults(read_receiver_config("/nonexistent/x.cfg", "/h/", 1),
                     "/h//");
@@ -247,16 +230,14 @@ TEST_F(settings_test, a_slash_always_stands_between_home_and_file)
                     deep + "/");
 }
 
-TEST_F(settings_test, nothing_of_an_earlier_reading_is_left)
-{
+TEST_F(settings_test, nothing_of_an_earlier_reading_is_left) {
     ASSERT_NE(read("AllowedAddresses=127.0.0.1\nListenPort=9\n"), nullptr);
     const receiver_params *p = read("# empty\n");
     ASSERT_NE(p, nullptr);
     expect_defaults(p, "/home/tolva/");
 }
 
-TEST_F(settings_test, free_gives_every_text_back)
-{
+TEST_F(settings_test, free_gives_every_text_back) {
     receiver_params *p = read("AllowedAddresses=127.0.0.1\n");
     ASSERT_NE(p, nullptr);
     const receiver_params *defaults = rp_defaults;
@@ -269,8 +250,7 @@ TEST_F(settings_test, free_gives_every_text_back)
     expect_defaults(read("# again\n"), "/home/tolva/");
 }
 
-TEST_F(settings_test, a_reading_that_fails_leaves_the_settings_in_force)
-{
+TEST_F(settings_test, a_reading_that_fails_leaves_the_settings_in_force) {
     receiver_params *p = read("AllowedAddresses=127.0.0.1\nListenPort=9\n");
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(read(""), nullptr);
@@ -289,8 +269,7 @@ TEST_F(settings_test, a_reading_that_fails_leaves_the_settings_in_force)
 /* Memory */
 
 /* The record as one text. */
-std::string as_text(const receiver_params *p)
-{
+std::string as_text(const receiver_params *p) {
     std::string all;
     for (const integer_key &k : INTEGER_KEYS) {
         all += std::string(k.key) + "=" + std::to_string(p->*k.field) + "\n";
@@ -308,8 +287,7 @@ std::string as_text(const receiver_params *p)
  * A list of senders that is lost would admit everybody: with too little memory
  * there are no settings at all, never some of them.
  */
-TEST_F(settings_test, there_are_all_settings_or_none_whatever_memory_is_left)
-{
+TEST_F(settings_test, there_are_all_settings_or_none_whatever_memory_is_left) {
     const std::string content = "AllowedAddresses=127.0.0.1 # mine\n"
                                 "ListenPort=7\nShutdownProg=/s.sh\n"
                                 "AllowedAddresses=127.0.0.2\n";
@@ -334,8 +312,7 @@ TEST_F(settings_test, there_are_all_settings_or_none_whatever_memory_is_left)
     }
 }
 
-TEST_F(settings_test, one_allocation_that_fails_is_enough_for_no_settings)
-{
+TEST_F(settings_test, one_allocation_that_fails_is_enough_for_no_settings) {
     const std::string content = "AllowedAddresses=127.0.0.1\n"
                                 "RedundancyAddresses=127.0.0.2 # last\n";
     const receiver_params *whole = read(content);
@@ -359,8 +336,7 @@ TEST_F(settings_test, one_allocation_that_fails_is_enough_for_no_settings)
     }
 }
 
-TEST_F(settings_test, the_same_holds_for_a_file_that_was_named)
-{
+TEST_F(settings_test, the_same_holds_for_a_file_that_was_named) {
     const receiver_params *whole = read("AllowedAddresses=127.0.0.1\n");
     ASSERT_NE(whole, nullptr);
     const std::string expected = as_text(whole);
@@ -375,8 +351,7 @@ TEST_F(settings_test, the_same_holds_for_a_file_that_was_named)
 
 /* Truth values */
 
-TEST(setting_is_on_test, only_true_in_any_case_is_on)
-{
+TEST(setting_is_on_test, only_true_in_any_case_is_on) {
     for (const char *on : {"TRUE", "true", "True", "tRuE"}) {
         EXPECT_EQ(setting_is_on(on), 1) << on;
     }
@@ -389,8 +364,7 @@ TEST(setting_is_on_test, only_true_in_any_case_is_on)
     EXPECT_EQ(setting_is_on(nullptr), 0);
 }
 
-TEST_F(settings_test, truth_values_from_a_file)
-{
+TEST_F(settings_test, truth_values_from_a_file) {
     for (const char *line :
          {"LogfileEnabled=TRUE", "LogfileEnabled=true", "LogfileEnabled=tRuE",
           "LogfileEnabled=", "LogfileEnabled = true # comment\r"}) {
@@ -416,8 +390,7 @@ struct redundancy_case {
     int32_t expected;
 };
 
-TEST(check_redundancy_config_test, needs_batch_file_and_addresses_when_on)
-{
+TEST(check_redundancy_config_test, needs_batch_file_and_addresses_when_on) {
     const redundancy_case cases[] = {
         {"true", "/b.sh", "127.0.0.1", 1}, {"TRUE", "b", "x", 1},
         {"true", "/b.sh", "", 0},          {"true", "/b.sh", nullptr, 0},
@@ -439,8 +412,7 @@ TEST(check_redundancy_config_test, needs_batch_file_and_addresses_when_on)
     }
 }
 
-TEST_F(settings_test, redundancy_without_addresses_is_refused)
-{
+TEST_F(settings_test, redundancy_without_addresses_is_refused) {
     EXPECT_EQ(check_redundancy_config(read("RedundancyEnabled=true\n")), 0);
     EXPECT_EQ(check_redundancy_config(
                   read("RedundancyEnabled=true\n"
@@ -451,8 +423,7 @@ TEST_F(settings_test, redundancy_without_addresses_is_refused)
 
 /* Writing */
 
-TEST_F(settings_test, a_fresh_file_holds_the_header_and_every_key)
-{
+TEST_F(settings_test, a_fresh_file_holds_the_header_and_every_key) {
     ASSERT_NE(read("ListenPort=7000\nAllowedAddresses=127.0.0.1 127.0.0.2\n"),
               nullptr);
     std::string fresh = dir.path("fresh.cfg");
@@ -488,8 +459,7 @@ TEST_F(settings_test, a_fresh_file_holds_the_header_and_every_key)
     EXPECT_EQ(status.st_mode & 07777, static_cast<mode_t>(0640));
 }
 
-TEST_F(settings_test, a_fresh_file_reads_back_the_same)
-{
+TEST_F(settings_test, a_fresh_file_reads_back_the_same) {
     ASSERT_NE(read("ListenPort=7000\nAlivePort=1\nExecProg=/x y.sh\n"),
               nullptr);
     EXPECT_EQ(write_receiver_config(path.c_str(), 1), 1);
@@ -502,8 +472,7 @@ TEST_F(settings_test, a_fresh_file_reads_back_the_same)
     EXPECT_EQ(read_file(path), first);
 }
 
-TEST_F(settings_test, an_existing_file_keeps_its_comments_and_order)
-{
+TEST_F(settings_test, an_existing_file_keeps_its_comments_and_order) {
     receiver_params *p =
         read("# mine\nMsgProg=/m.sh # note\n\nListenPort=7000\nbad\n");
     ASSERT_NE(p, nullptr);
@@ -537,8 +506,7 @@ TEST_F(settings_test, an_existing_file_keeps_its_comments_and_order)
               "RedundancyAddresses=\n");
 }
 
-TEST_F(settings_test, a_file_that_cannot_be_written_gives_0)
-{
+TEST_F(settings_test, a_file_that_cannot_be_written_gives_0) {
     ASSERT_NE(read("ListenPort=1\n"), nullptr);
     EXPECT_EQ(write_receiver_config(dir.path("no/dir.cfg").c_str(), 1), 0);
     std::string link = dir.path("full.cfg");
@@ -549,8 +517,7 @@ TEST_F(settings_test, a_file_that_cannot_be_written_gives_0)
 
 /* Trace */
 
-TEST_F(settings_test, names_its_functions_above_trace_level_5_only)
-{
+TEST_F(settings_test, names_its_functions_above_trace_level_5_only) {
     auto all = [this] {
         (void)read("ListenPort=1\n");
         (void)check_redundancy_config(rp);

@@ -10,11 +10,9 @@
 #include <csignal>
 #include <fcntl.h>
 
-namespace
-{
+namespace {
 
-int socket_option(int fd, int option)
-{
+int socket_option(int fd, int option) {
     int value = -1;
     socklen_t length = sizeof value;
     EXPECT_EQ(getsockopt(fd, SOL_SOCKET, option, &value, &length), 0);
@@ -41,8 +39,7 @@ const creator creators[] = {
 
 } // namespace
 
-TEST(socket_creators, give_the_kind_of_socket_they_are_named_after)
-{
+TEST(socket_creators, give_the_kind_of_socket_they_are_named_after) {
     for (const creator &row : creators) {
         SCOPED_TRACE(row.name);
         ux_fd fd = row.create();
@@ -56,8 +53,7 @@ TEST(socket_creators, give_the_kind_of_socket_they_are_named_after)
     }
 }
 
-TEST(socket_creators, give_none_when_no_descriptor_is_left)
-{
+TEST(socket_creators, give_none_when_no_descriptor_is_left) {
     int before = descriptors_in_use();
     for (const creator &row : creators) {
         SCOPED_TRACE(row.name);
@@ -69,8 +65,7 @@ TEST(socket_creators, give_none_when_no_descriptor_is_left)
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
-TEST(socket_creators, leave_nothing_open_when_a_flag_cannot_be_set)
-{
+TEST(socket_creators, leave_nothing_open_when_a_flag_cannot_be_set) {
     int before = descriptors_in_use();
     for (const creator &row : creators) {
         SCOPED_TRACE(row.name);
@@ -90,8 +85,7 @@ TEST(socket_creators, leave_nothing_open_when_a_flag_cannot_be_set)
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
-TEST(socket_creators, trace_their_entry_above_level_5)
-{
+TEST(socket_creators, trace_their_entry_above_level_5) {
     for (const creator &row : creators) {
         std::string line = std::string("TRACEIN: ") + row.name + "\n";
         std::string seen = traced(6, [&] { row.create(); });
@@ -100,8 +94,7 @@ TEST(socket_creators, trace_their_entry_above_level_5)
     }
 }
 
-TEST(descriptor_flags, close_on_exec_is_added)
-{
+TEST(descriptor_flags, close_on_exec_is_added) {
     ux_fd fd = tcp_socket();
     EXPECT_EQ(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_TRUE(set_close_on_exec(fd.get()));
@@ -109,8 +102,7 @@ TEST(descriptor_flags, close_on_exec_is_added)
     EXPECT_FALSE(set_close_on_exec(-1));
 }
 
-TEST(shutdown_helpers, close_one_direction)
-{
+TEST(shutdown_helpers, close_one_direction) {
     tcp_pair pair;
     EXPECT_TRUE(sock_shutdown_write(pair.near.get()));
     EXPECT_TRUE(is_closed(pair.far.get()));
@@ -121,8 +113,7 @@ TEST(shutdown_helpers, close_one_direction)
     EXPECT_TRUE(is_open(pair.near.get()));
 }
 
-TEST(shutdown_helpers, fail_without_a_connection)
-{
+TEST(shutdown_helpers, fail_without_a_connection) {
     ux_fd fd = tcp_socket();
     EXPECT_FALSE(sock_shutdown_read(fd.get()));
     EXPECT_FALSE(sock_shutdown_write(fd.get()));
@@ -130,8 +121,7 @@ TEST(shutdown_helpers, fail_without_a_connection)
     EXPECT_FALSE(sock_shutdown_write(-1));
 }
 
-TEST(sock_connect, reaches_a_listener)
-{
+TEST(sock_connect, reaches_a_listener) {
     ux_fd listener(listening_socket());
     sockaddr_in address = loopback("127.0.0.1", local_port(listener.get()));
     ux_fd first = tcp_socket();
@@ -146,8 +136,7 @@ TEST(sock_connect, reaches_a_listener)
     }
 }
 
-TEST(sock_connect, under_way_counts_as_success)
-{
+TEST(sock_connect, under_way_counts_as_success) {
     ux_fd listener(listening_socket());
     sockaddr_in address = loopback("127.0.0.1", local_port(listener.get()));
     ux_fd fd = tcp_socket_nonblock();
@@ -156,8 +145,7 @@ TEST(sock_connect, under_way_counts_as_success)
     EXPECT_EQ(sock_pending_error(fd.get()), 0);
 }
 
-TEST(sock_connect, refusal_is_failure_or_shows_as_pending_error)
-{
+TEST(sock_connect, refusal_is_failure_or_shows_as_pending_error) {
     ux_fd holder;
     uint16_t port = refusing_port(&holder);
     ux_fd blocking = tcp_socket();
@@ -174,16 +162,14 @@ TEST(sock_connect, refusal_is_failure_or_shows_as_pending_error)
     }
 }
 
-TEST(sock_connect, an_older_errno_is_not_taken_for_progress)
-{
+TEST(sock_connect, an_older_errno_is_not_taken_for_progress) {
     sockaddr_in address = loopback("127.0.0.1", 1);
     errno = EINPROGRESS;
     EXPECT_FALSE(sock_connect(-1, &address));
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST(bind_helpers, bind_to_the_address_they_are_given)
-{
+TEST(bind_helpers, bind_to_the_address_they_are_given) {
     ux_fd any = tcp_socket();
     EXPECT_TRUE(sock_bind_any(any.get(), 0));
     EXPECT_EQ(local_name(any.get()).sin_addr.s_addr, INADDR_ANY);
@@ -199,15 +185,13 @@ TEST(bind_helpers, bind_to_the_address_they_are_given)
     EXPECT_FALSE(sock_bind_any(-1, 0));
 }
 
-TEST(bind_helpers, an_address_that_does_not_convert_means_any)
-{
+TEST(bind_helpers, an_address_that_does_not_convert_means_any) {
     ux_fd fd = tcp_socket();
     EXPECT_TRUE(sock_bind_to(fd.get(), 0, "no address"));
     EXPECT_EQ(local_name(fd.get()).sin_addr.s_addr, INADDR_ANY);
 }
 
-TEST(listen_helpers, make_a_listener)
-{
+TEST(listen_helpers, make_a_listener) {
     ux_fd any = tcp_socket();
     EXPECT_TRUE(sock_listen_any(any.get(), 0));
     EXPECT_EQ(socket_option(any.get(), SO_ACCEPTCONN), 1);
@@ -221,8 +205,7 @@ TEST(listen_helpers, make_a_listener)
         connected_socket(local_port(one.get()), "127.0.0.1", "127.0.0.6"));
 }
 
-TEST(listen_helpers, fail_on_a_port_in_use_and_on_datagram_sockets)
-{
+TEST(listen_helpers, fail_on_a_port_in_use_and_on_datagram_sockets) {
     ux_fd listener(listening_socket());
     ux_fd second = tcp_socket();
     EXPECT_FALSE(
@@ -234,8 +217,7 @@ TEST(listen_helpers, fail_on_a_port_in_use_and_on_datagram_sockets)
     EXPECT_FALSE(sock_listen_to(datagrams.get(), 0, "127.0.0.1"));
 }
 
-TEST(listen_helpers, a_hundred_and_twenty_connections_wait_in_the_backlog)
-{
+TEST(listen_helpers, a_hundred_and_twenty_connections_wait_in_the_backlog) {
     EXPECT_EQ(LISTEN_BACKLOG, 128);
     for (bool any : {true, false}) {
         ux_fd listener = tcp_socket();
@@ -260,8 +242,7 @@ TEST(listen_helpers, a_hundred_and_twenty_connections_wait_in_the_backlog)
     }
 }
 
-TEST(sock_accept, gives_descriptor_and_peer)
-{
+TEST(sock_accept, gives_descriptor_and_peer) {
     ux_fd listener(listening_socket());
     ux_fd near(connected_socket(local_port(listener.get()), "127.0.0.7"));
     sockaddr_in from = loopback("0.0.0.0", 0);
@@ -273,8 +254,7 @@ TEST(sock_accept, gives_descriptor_and_peer)
     EXPECT_FALSE(sock_accept(-1, &from, &length));
 }
 
-TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer)
-{
+TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer) {
     ux_fd listener(listening_socket());
     struct row {
         size_t size;
@@ -295,8 +275,7 @@ TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer)
     }
 }
 
-TEST(sock_accept_peer, gives_zero_on_failure)
-{
+TEST(sock_accept_peer, gives_zero_on_failure) {
     char buffer[16] = "untouched";
     EXPECT_EQ(sock_accept_peer(-1, buffer, sizeof buffer), 0);
     ux_fd listener(listening_socket());
@@ -304,8 +283,7 @@ TEST(sock_accept_peer, gives_zero_on_failure)
     EXPECT_EQ(sock_accept_peer(listener.get(), buffer, sizeof buffer), 0);
 }
 
-TEST(sock_pending_error, tells_why_it_could_not_ask)
-{
+TEST(sock_pending_error, tells_why_it_could_not_ask) {
     EXPECT_EQ(sock_pending_error(-1), EBADF);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -314,16 +292,14 @@ TEST(sock_pending_error, tells_why_it_could_not_ask)
     close(ends[1]);
 }
 
-TEST(sock_pending_error, is_zero_on_a_good_socket_and_clears_errno)
-{
+TEST(sock_pending_error, is_zero_on_a_good_socket_and_clears_errno) {
     tcp_pair pair;
     errno = EPERM;
     EXPECT_EQ(sock_pending_error(pair.near.get()), 0);
     EXPECT_EQ(errno, 0);
 }
 
-TEST(sock_pending_error, tells_a_reset_once)
-{
+TEST(sock_pending_error, tells_a_reset_once) {
     tcp_pair pair;
     reset_connection(&pair.far);
     ASSERT_TRUE(wait_for(pair.near.get(), POLLIN));
@@ -331,8 +307,7 @@ TEST(sock_pending_error, tells_a_reset_once)
     EXPECT_EQ(sock_pending_error(pair.near.get()), 0);
 }
 
-TEST(is_dotted_address, follows_inet_aton)
-{
+TEST(is_dotted_address, follows_inet_aton) {
     for (const char *valid :
          {"1.2.3.4", "0.0.0.0", "255.255.255.255", "10.1", "127", "0x7f.1",
           "010.0.0.1", "127.0.0.1 trailing"}) {
@@ -345,8 +320,7 @@ TEST(is_dotted_address, follows_inet_aton)
     }
 }
 
-TEST(same_address, compares_what_inet_addr_reads)
-{
+TEST(same_address, compares_what_inet_addr_reads) {
     EXPECT_TRUE(same_address("10.0.0.1", "10.0.0.1"));
     EXPECT_TRUE(same_address("10.0.0.1", "10.0.0.01"));
     EXPECT_TRUE(same_address("10.0.0.1", "10.1"));

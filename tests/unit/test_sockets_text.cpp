@@ -5,8 +5,7 @@
 
 #include <csignal>
 
-TEST(sock_send_text, sends_the_characters_without_terminator)
-{
+TEST(sock_send_text, sends_the_characters_without_terminator) {
     tcp_pair pair;
     EXPECT_EQ(sock_send_text(pair.near.get(), "x"), 1);
     EXPECT_EQ(sock_send_text(pair.near.get(), "\xff\xc3\xa4 y"), 5);
@@ -14,16 +13,14 @@ TEST(sock_send_text, sends_the_characters_without_terminator)
     EXPECT_EQ(receive_all(pair.far.get()), "x\xff\xc3\xa4 y");
 }
 
-TEST(sock_send_text0, sends_the_terminator_too)
-{
+TEST(sock_send_text0, sends_the_terminator_too) {
     tcp_pair pair;
     EXPECT_EQ(sock_send_text0(pair.near.get(), "abc"), 4);
     pair.near.reset();
     EXPECT_EQ(receive_all(pair.far.get()), std::string("abc\0", 4));
 }
 
-TEST(stream_senders, refuse_what_is_null_empty_or_too_long)
-{
+TEST(stream_senders, refuse_what_is_null_empty_or_too_long) {
     tcp_pair pair;
     std::string full(4095, 'f');
     std::string over(4096, 'o');
@@ -41,8 +38,7 @@ TEST(stream_senders, refuse_what_is_null_empty_or_too_long)
     EXPECT_TRUE(is_silent(pair.far.get()));
 }
 
-TEST(stream_senders, a_closed_peer_is_a_failure_not_a_signal)
-{
+TEST(stream_senders, a_closed_peer_is_a_failure_not_a_signal) {
     for (auto *send_text : {sock_send_text, sock_send_text0}) {
         tcp_pair pair;
         reset_connection(&pair.far);
@@ -56,8 +52,7 @@ TEST(stream_senders, a_closed_peer_is_a_failure_not_a_signal)
     EXPECT_EQ(sock_send_text0(-1, "text"), 0);
 }
 
-TEST(stream_senders, a_part_of_the_text_is_a_failure)
-{
+TEST(stream_senders, a_part_of_the_text_is_a_failure) {
     tcp_pair pair;
     set_nonblocking(pair.near.get());
     std::string text(4095, 't');
@@ -68,8 +63,7 @@ TEST(stream_senders, a_part_of_the_text_is_a_failure)
     EXPECT_EQ(sock_send_text0(pair.near.get(), text.c_str()), 0);
 }
 
-TEST(udp_send_text, sends_one_datagram_to_the_address)
-{
+TEST(udp_send_text, sends_one_datagram_to_the_address) {
     ux_fd receiver(bound_socket(SOCK_DGRAM, "127.0.0.9"));
     ux_fd fd = udp_socket();
     uint16_t port = local_port(receiver.get());
@@ -78,8 +72,7 @@ TEST(udp_send_text, sends_one_datagram_to_the_address)
     EXPECT_TRUE(is_silent(receiver.get()));
 }
 
-TEST(udp_send_text, takes_up_to_1472_characters)
-{
+TEST(udp_send_text, takes_up_to_1472_characters) {
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     ux_fd fd = udp_socket();
     uint16_t port = local_port(receiver.get());
@@ -94,8 +87,7 @@ TEST(udp_send_text, takes_up_to_1472_characters)
     EXPECT_TRUE(is_silent(receiver.get()));
 }
 
-TEST(sock_recv_text, gives_one_terminated_text)
-{
+TEST(sock_recv_text, gives_one_terminated_text) {
     tcp_pair pair;
     char buffer[4096];
     memset(buffer, '#', sizeof buffer);
@@ -106,8 +98,7 @@ TEST(sock_recv_text, gives_one_terminated_text)
     EXPECT_EQ(buffer[6], '#');
 }
 
-TEST(sock_recv_text, keeps_nul_bytes_and_counts_them)
-{
+TEST(sock_recv_text, keeps_nul_bytes_and_counts_them) {
     tcp_pair pair;
     char buffer[16];
     send_bytes_to(pair.far.get(), std::string("a\0b\0", 4));
@@ -116,8 +107,7 @@ TEST(sock_recv_text, keeps_nul_bytes_and_counts_them)
     EXPECT_EQ(std::string(buffer, 5), std::string("a\0b\0\0", 5));
 }
 
-TEST(sock_recv_text, reads_at_most_4095_bytes_and_leaves_the_rest)
-{
+TEST(sock_recv_text, reads_at_most_4095_bytes_and_leaves_the_rest) {
     tcp_pair pair;
     char buffer[4096];
     memset(buffer, '#', sizeof buffer);
@@ -136,8 +126,7 @@ TEST(sock_recv_text, reads_at_most_4095_bytes_and_leaves_the_rest)
     EXPECT_TRUE(is_silent(pair.near.get()));
 }
 
-TEST(sock_recv_text, refuses_a_larger_buffer_without_reading)
-{
+TEST(sock_recv_text, refuses_a_larger_buffer_without_reading) {
     tcp_pair pair;
     std::vector<char> buffer(5000, '#');
     send_bytes_to(pair.far.get(), "kept");
@@ -147,8 +136,7 @@ TEST(sock_recv_text, refuses_a_larger_buffer_without_reading)
     EXPECT_EQ(receive(pair.near.get(), 4), "kept");
 }
 
-TEST(sock_recv_text, end_and_error_give_zero_and_an_empty_text)
-{
+TEST(sock_recv_text, end_and_error_give_zero_and_an_empty_text) {
     tcp_pair pair;
     char buffer[8] = "old";
     pair.far.reset();
@@ -160,8 +148,7 @@ TEST(sock_recv_text, end_and_error_give_zero_and_an_empty_text)
     EXPECT_STREQ(buffer, "");
 }
 
-TEST(udp_recv_text, gives_text_and_sender)
-{
+TEST(udp_recv_text, gives_text_and_sender) {
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     ux_fd sender(bound_socket(SOCK_DGRAM, "127.0.0.10"));
     sockaddr_in to = local_name(receiver.get());
@@ -181,8 +168,7 @@ TEST(udp_recv_text, gives_text_and_sender)
     EXPECT_EQ(ntohs(from.sin_port), local_port(sender.get()));
 }
 
-TEST(udp_recv_text, cuts_a_datagram_that_is_longer)
-{
+TEST(udp_recv_text, cuts_a_datagram_that_is_longer) {
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     ux_fd sender = udp_socket();
     ASSERT_EQ(udp_send_text(sender.get(), local_port(receiver.get()),
@@ -197,8 +183,7 @@ TEST(udp_recv_text, cuts_a_datagram_that_is_longer)
     EXPECT_TRUE(is_silent(receiver.get()));
 }
 
-TEST(udp_recv_text, error_gives_zero_and_an_empty_text)
-{
+TEST(udp_recv_text, error_gives_zero_and_an_empty_text) {
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     set_nonblocking(receiver.get());
     sockaddr_in from;

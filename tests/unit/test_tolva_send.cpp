@@ -6,16 +6,13 @@
 #include <sys/time.h>
 #include <thread>
 
-namespace
-{
+namespace {
 
 /* A peer that plays its part in a thread, for one connection. */
-template <typename part_type> class scripted_peer
-{
+template <typename part_type> class scripted_peer {
   public:
     explicit scripted_peer(part_type part, const char *address = "127.0.0.1")
-        : listening(listening_socket(address))
-    {
+        : listening(listening_socket(address)) {
         thread = std::thread([this, part] {
             if (wait_for(listening.get(), POLLIN)) {
                 ux_fd peer(accept(listening.get(), nullptr, nullptr));
@@ -23,16 +20,10 @@ template <typename part_type> class scripted_peer
             }
         });
     }
-    ~scripted_peer()
-    {
-        thread.join();
-    }
+    ~scripted_peer() { thread.join(); }
     scripted_peer(const scripted_peer &) = delete;
     scripted_peer &operator=(const scripted_peer &) = delete;
-    uint16_t port() const
-    {
-        return local_port(listening.get());
-    }
+    uint16_t port() const { return local_port(listening.get()); }
 
   private:
     ux_fd listening;
@@ -40,8 +31,7 @@ template <typename part_type> class scripted_peer
 };
 
 /* A listener that answers a request with that reply, and closes. */
-auto answering(const std::string &reply)
-{
+auto answering(const std::string &reply) {
     return [reply](int fd) {
         receive(fd, request_header.size());
         if (!reply.empty()) {
@@ -55,8 +45,7 @@ auto answering(const std::string &reply)
 
 /* One whole run with the state of a new process. */
 int32_t whole_run(const address_list &addresses, int32_t port, int32_t timeout,
-                  const char *text)
-{
+                  const char *text) {
     sender::run = {};
     int32_t budget = max_fds;
     max_fds = budget > 0 ? budget : 256;
@@ -69,8 +58,7 @@ int32_t whole_run(const address_list &addresses, int32_t port, int32_t timeout,
 }
 
 /* What one listener was sent. */
-std::string sent_to(int listener)
-{
+std::string sent_to(int listener) {
     if (!wait_for(listener, POLLIN)) {
         return "(nobody came)";
     }
@@ -80,8 +68,7 @@ std::string sent_to(int listener)
 
 } // namespace
 
-TEST(send_mode, sends_to_every_listener)
-{
+TEST(send_mode, sends_to_every_listener) {
     operator_log log;
     ux_fd one(listening_socket());
     ux_fd two(listening_socket("127.0.0.2"));
@@ -99,8 +86,7 @@ TEST(send_mode, sends_to_every_listener)
     EXPECT_EQ(seen[1], message(785, {"127.0.0.2"}));
 }
 
-TEST(send_mode, uses_the_default_port)
-{
+TEST(send_mode, uses_the_default_port) {
     operator_log log;
     ux_fd listener(listening_socket());
     address_list to;
@@ -109,8 +95,7 @@ TEST(send_mode, uses_the_default_port)
     EXPECT_EQ(sent_to(listener.get()), request_header);
 }
 
-TEST(send_mode, one_unreachable_listener_stops_no_other)
-{
+TEST(send_mode, one_unreachable_listener_stops_no_other) {
     operator_log log;
     ux_fd holder;
     ux_fd listener(listening_socket());
@@ -121,8 +106,7 @@ TEST(send_mode, one_unreachable_listener_stops_no_other)
     EXPECT_EQ(sent_to(listener.get()), request_header);
 }
 
-TEST(send_mode, gives_the_mapped_status_of_the_reply)
-{
+TEST(send_mode, gives_the_mapped_status_of_the_reply) {
     struct row {
         int sent;
         int32_t status;
@@ -143,8 +127,7 @@ TEST(send_mode, gives_the_mapped_status_of_the_reply)
     }
 }
 
-TEST(send_mode, a_failure_outweighs_a_status)
-{
+TEST(send_mode, a_failure_outweighs_a_status) {
     operator_log log;
     ux_fd holder;
     scripted_peer listener(answering(status_reply(200)));
@@ -154,8 +137,7 @@ TEST(send_mode, a_failure_outweighs_a_status)
     EXPECT_EQ(whole_run(to, 6003, 10, "MSG_EXECSTATUS EXECUTE x"), 1);
 }
 
-TEST(send_mode, a_listener_that_closes_without_reply_is_a_failure)
-{
+TEST(send_mode, a_listener_that_closes_without_reply_is_a_failure) {
     operator_log log;
     scripted_peer listener(answering(""));
     address_list to;
@@ -165,8 +147,7 @@ TEST(send_mode, a_listener_that_closes_without_reply_is_a_failure)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(send_mode, gives_up_when_the_time_is_over)
-{
+TEST(send_mode, gives_up_when_the_time_is_over) {
     operator_log log;
     ux_fd listener(listening_socket());
     address_list to;
@@ -184,8 +165,7 @@ TEST(send_mode, gives_up_when_the_time_is_over)
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
-TEST(send_mode, waits_without_limit_for_a_time_of_0)
-{
+TEST(send_mode, waits_without_limit_for_a_time_of_0) {
     operator_log log;
     scripted_peer listener([](int fd) {
         receive(fd, request_header.size());
@@ -199,11 +179,9 @@ TEST(send_mode, waits_without_limit_for_a_time_of_0)
     EXPECT_EQ(whole_run(to, 6003, 0, nullptr), 134);
 }
 
-TEST(send_mode, an_interrupted_wait_goes_on)
-{
+TEST(send_mode, an_interrupted_wait_goes_on) {
     operator_log log;
-    struct sigaction action {
-    };
+    struct sigaction action {};
     struct sigaction before;
     action.sa_handler = [](int) {};
     sigaction(SIGALRM, &action, &before);
@@ -228,8 +206,7 @@ TEST(send_mode, an_interrupted_wait_goes_on)
     sigaction(SIGALRM, &before, nullptr);
 }
 
-TEST(send_mode, a_wait_that_fails_ends_the_run)
-{
+TEST(send_mode, a_wait_that_fails_ends_the_run) {
     operator_log log;
     ux_fd listener(listening_socket());
     address_list to;
@@ -243,8 +220,7 @@ TEST(send_mode, a_wait_that_fails_ends_the_run)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(send_mode, sends_a_broadcast_once_and_awaits_nothing)
-{
+TEST(send_mode, sends_a_broadcast_once_and_awaits_nothing) {
     operator_log log;
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     address_list to;
@@ -258,8 +234,7 @@ TEST(send_mode, sends_a_broadcast_once_and_awaits_nothing)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(send_mode, checks_a_server_by_logon_and_logoff)
-{
+TEST(send_mode, checks_a_server_by_logon_and_logoff) {
     operator_log log;
     std::string lines;
     int32_t status = -1;
@@ -284,8 +259,7 @@ TEST(send_mode, checks_a_server_by_logon_and_logoff)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(send_mode, a_server_that_answers_badly_is_not_alive)
-{
+TEST(send_mode, a_server_that_answers_badly_is_not_alive) {
     operator_log log;
     scripted_peer server([](int fd) {
         receive(fd, 22);
@@ -300,8 +274,7 @@ TEST(send_mode, a_server_that_answers_badly_is_not_alive)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(send_mode, fails_when_nothing_can_be_started)
-{
+TEST(send_mode, fails_when_nothing_can_be_started) {
     operator_log log;
     address_list none;
     EXPECT_EQ(whole_run(none, 6003, 10, nullptr), 1);
@@ -318,8 +291,7 @@ TEST(send_mode, fails_when_nothing_can_be_started)
     EXPECT_EQ(log.lines(), log_lines{error_line(EMFILE)});
 }
 
-TEST(send_mode, connections_beyond_the_budget_are_failures)
-{
+TEST(send_mode, connections_beyond_the_budget_are_failures) {
     operator_log log;
     ux_fd listener(listening_socket());
     address_list to;
@@ -337,8 +309,7 @@ TEST(send_mode, connections_beyond_the_budget_are_failures)
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(send_mode, ignores_hangup_and_broken_pipes)
-{
+TEST(send_mode, ignores_hangup_and_broken_pipes) {
     operator_log log;
     address_list none;
     sender::run = {};

@@ -3,8 +3,7 @@
 
 using namespace sender;
 
-TEST(do_rcv_tolva, takes_the_status_of_a_reply)
-{
+TEST(do_rcv_tolva, takes_the_status_of_a_reply) {
     struct row {
         const char *text; /* behind the header */
         int32_t status;
@@ -42,8 +41,7 @@ TEST(do_rcv_tolva, takes_the_status_of_a_reply)
     }
 }
 
-TEST(do_rcv_tolva, reads_a_header_in_any_case)
-{
+TEST(do_rcv_tolva, reads_a_header_in_any_case) {
     conversation talk("x", MODE_SEND_STATUS);
     talk.await_reply();
     talk.reply("connect to tolva (reply)|EXITSTATUS=7");
@@ -53,8 +51,7 @@ TEST(do_rcv_tolva, reads_a_header_in_any_case)
     EXPECT_EQ(run.remote_status, 134);
 }
 
-TEST(do_rcv_tolva, the_last_reply_counts)
-{
+TEST(do_rcv_tolva, the_last_reply_counts) {
     struct row {
         int32_t before;
         std::string reply;
@@ -71,8 +68,7 @@ TEST(do_rcv_tolva, the_last_reply_counts)
     }
 }
 
-TEST(do_rcv_tolva, anything_but_a_reply_is_a_failure)
-{
+TEST(do_rcv_tolva, anything_but_a_reply_is_a_failure) {
     for (const char *bad :
          {"CONNECT TO TOLVA (SEND)", "x", "CONNECT TO TOLVA (REPLY", "\n"}) {
         conversation talk("x", MODE_SEND_STATUS);
@@ -85,8 +81,7 @@ TEST(do_rcv_tolva, anything_but_a_reply_is_a_failure)
     }
 }
 
-TEST(do_rcv_tolva, a_listener_that_closes_is_a_failure)
-{
+TEST(do_rcv_tolva, a_listener_that_closes_is_a_failure) {
     conversation talk("x", MODE_SEND_STATUS);
     talk.await_reply();
     talk.pair.far.reset();
@@ -97,8 +92,7 @@ TEST(do_rcv_tolva, a_listener_that_closes_is_a_failure)
     EXPECT_EQ(talk.log.lines(), log_lines{message(819, {})});
 }
 
-TEST(do_rcv_tolva, a_socket_error_is_logged)
-{
+TEST(do_rcv_tolva, a_socket_error_is_logged) {
     conversation talk("x", MODE_SEND_STATUS);
     talk.await_reply();
     reset_connection(&talk.pair.far);
@@ -109,8 +103,7 @@ TEST(do_rcv_tolva, a_socket_error_is_logged)
     EXPECT_EQ(talk.log.lines(), log_lines{system_line(ECONNRESET)});
 }
 
-TEST(do_rcv_tolva, a_receive_that_fails_is_logged)
-{
+TEST(do_rcv_tolva, a_receive_that_fails_is_logged) {
     conversation talk("x", MODE_SEND_STATUS);
     talk.await_reply();
     do_rcv_tolva(connections->head, EVENT_READABLE);
@@ -119,8 +112,7 @@ TEST(do_rcv_tolva, a_receive_that_fails_is_logged)
     EXPECT_EQ(talk.log.lines(), log_lines{system_line(EAGAIN)});
 }
 
-TEST(do_rcv_tolva, needs_a_readable_socket_of_the_right_kind)
-{
+TEST(do_rcv_tolva, needs_a_readable_socket_of_the_right_kind) {
     struct row {
         mode_code mode;
         address_kind type;
@@ -147,8 +139,7 @@ TEST(do_rcv_tolva, needs_a_readable_socket_of_the_right_kind)
     }
 }
 
-TEST(do_rcv_tolva, reads_at_most_4095_bytes)
-{
+TEST(do_rcv_tolva, reads_at_most_4095_bytes) {
     std::string text = reply_header + " COMMAND=" + std::string(4049, 'c');
     struct row {
         const char *end;
@@ -165,8 +156,7 @@ TEST(do_rcv_tolva, reads_at_most_4095_bytes)
     }
 }
 
-TEST(do_rcv_tolva, traces_what_it_sees)
-{
+TEST(do_rcv_tolva, traces_what_it_sees) {
     conversation talk("x", MODE_SEND_STATUS);
     talk.await_reply();
     std::string seen = traced(1, [&] { talk.reply(status_reply(3)); });
@@ -176,14 +166,12 @@ TEST(do_rcv_tolva, traces_what_it_sees)
                     "DEBUG: remote_status = [3]\nDEBUG: nconnections = 0 \n");
 }
 
-TEST(do_rcv_tolva_death, needs_a_record_when_readable)
-{
+TEST(do_rcv_tolva_death, needs_a_record_when_readable) {
     ux_list_element node{nullptr, nullptr, nullptr};
     EXPECT_DEATH(do_rcv_tolva(&node, EVENT_READABLE), "`cn'");
 }
 
-TEST(endings, log_by_type)
-{
+TEST(endings, log_by_type) {
     struct row {
         address_kind type;
         std::string cancelled;

@@ -4,8 +4,7 @@
 
 using namespace sender;
 
-TEST(start_connect, opens_by_type)
-{
+TEST(start_connect, opens_by_type) {
     struct row {
         address_kind type;
         int logged;
@@ -38,8 +37,7 @@ TEST(start_connect, opens_by_type)
     }
 }
 
-TEST(start_connect, an_unknown_type_is_an_error)
-{
+TEST(start_connect, an_unknown_type_is_an_error) {
     fresh_run fresh;
     connection *cn = add_record(connections, MODE_SEND, NO_KIND, "127.0.0.1");
     EXPECT_EQ(start_connect(connections->head), START_FAILED);
@@ -48,8 +46,7 @@ TEST(start_connect, an_unknown_type_is_an_error)
     EXPECT_EQ(fresh.log.lines(), log_lines{error_line(EINVAL)});
 }
 
-TEST(start_connect, what_cannot_connect_is_logged_by_type)
-{
+TEST(start_connect, what_cannot_connect_is_logged_by_type) {
     struct row {
         address_kind type;
         int logged;
@@ -69,8 +66,7 @@ TEST(start_connect, what_cannot_connect_is_logged_by_type)
     }
 }
 
-TEST(start_connect, a_broadcast_without_descriptor_is_logged)
-{
+TEST(start_connect, a_broadcast_without_descriptor_is_logged) {
     fresh_run fresh;
     add_record(connections, MODE_SEND, ADDR_BROADCAST, "127.0.0.1");
     {
@@ -87,8 +83,7 @@ TEST(start_connect, a_broadcast_without_descriptor_is_logged)
     EXPECT_EQ(fresh.log.lines(), log_lines{message(833, {"127.0.0.1"})});
 }
 
-TEST(start_connect, a_broadcast_that_gets_no_socket_says_why)
-{
+TEST(start_connect, a_broadcast_that_gets_no_socket_says_why) {
     struct row {
         const char *call;
         int error;
@@ -106,8 +101,7 @@ TEST(start_connect, a_broadcast_that_gets_no_socket_says_why)
     }
 }
 
-TEST(start_connect, a_broadcast_whose_number_cannot_be_watched_says_why)
-{
+TEST(start_connect, a_broadcast_whose_number_cannot_be_watched_says_why) {
     if (most_descriptors() < FD_SETSIZE + 100) {
         GTEST_SKIP() << "the system allows no such number";
     }
@@ -123,8 +117,7 @@ TEST(start_connect, a_broadcast_whose_number_cannot_be_watched_says_why)
     EXPECT_EQ(fresh.log.lines(), expected);
 }
 
-TEST(start_connect, the_descriptor_budget_is_kept)
-{
+TEST(start_connect, the_descriptor_budget_is_kept) {
     fresh_run fresh;
     add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1");
     watched_fd other(tcp_socket(), EVENT_READABLE);
@@ -134,8 +127,7 @@ TEST(start_connect, the_descriptor_budget_is_kept)
     EXPECT_EQ(open_descriptors(), 1);
 }
 
-TEST(start_connect, a_record_in_use_or_none_is_an_error)
-{
+TEST(start_connect, a_record_in_use_or_none_is_an_error) {
     fresh_run fresh;
     int fd = bound_socket(SOCK_STREAM);
     add_record(connections, MODE_SEND, ADDR_PEER, "127.0.0.1", fd,
@@ -148,8 +140,7 @@ TEST(start_connect, a_record_in_use_or_none_is_an_error)
     EXPECT_EQ(open_descriptors(), 1);
 }
 
-TEST(start_connections, leaves_out_what_does_not_start)
-{
+TEST(start_connections, leaves_out_what_does_not_start) {
     fresh_run fresh;
     ux_fd listener(listening_socket());
     add_record(connections, MODE_SEND, NO_KIND, "127.0.0.2");
@@ -163,8 +154,7 @@ TEST(start_connections, leaves_out_what_does_not_start)
     EXPECT_EQ(connections->head->data, good);
 }
 
-TEST(start_connections, all_that_start_are_no_failure)
-{
+TEST(start_connections, all_that_start_are_no_failure) {
     fresh_run fresh;
     ux_fd listener(listening_socket());
     for (int i = 0; i < 3; i++) {
@@ -177,16 +167,14 @@ TEST(start_connections, all_that_start_are_no_failure)
     EXPECT_EQ(open_descriptors(), 3);
 }
 
-TEST(start_connections_death, needs_the_list)
-{
+TEST(start_connections_death, needs_the_list) {
     ux_list *kept = connections;
     connections = nullptr;
     EXPECT_DEATH(start_connections(), "`connections'");
     connections = kept;
 }
 
-TEST(do_send_tolva, sends_the_request_and_ends)
-{
+TEST(do_send_tolva, sends_the_request_and_ends) {
     struct row {
         const char *text;
         std::string sent;
@@ -208,8 +196,7 @@ TEST(do_send_tolva, sends_the_request_and_ends)
     }
 }
 
-TEST(do_send_tolva, with_status_waits_for_the_reply)
-{
+TEST(do_send_tolva, with_status_waits_for_the_reply) {
     conversation talk("MSG_EXECSTATUS EXECUTE x", MODE_SEND_STATUS);
     do_send_tolva(connections->head, EVENT_READABLE | EVENT_WRITABLE);
     ASSERT_EQ(connections->size, 1u);
@@ -222,8 +209,7 @@ TEST(do_send_tolva, with_status_waits_for_the_reply)
     EXPECT_EQ(talk.log.lines(), log_lines{});
 }
 
-TEST(do_send_tolva, needs_a_writable_socket)
-{
+TEST(do_send_tolva, needs_a_writable_socket) {
     for (event_bits events : {EVENT_NONE, EVENT_READABLE}) {
         conversation talk("MSG_EXECUTE x");
         do_send_tolva(connections->head, events);
@@ -234,8 +220,7 @@ TEST(do_send_tolva, needs_a_writable_socket)
     }
 }
 
-TEST(do_send_tolva, a_socket_error_is_logged)
-{
+TEST(do_send_tolva, a_socket_error_is_logged) {
     conversation talk("MSG_EXECUTE x");
     reset_connection(&talk.pair.far);
     ASSERT_TRUE(wait_for(talk.number, POLLIN));
@@ -247,8 +232,7 @@ TEST(do_send_tolva, a_socket_error_is_logged)
     EXPECT_EQ(talk.log.lines(), expected);
 }
 
-TEST(do_send_tolva, a_request_that_does_not_fit_fails_unsent)
-{
+TEST(do_send_tolva, a_request_that_does_not_fit_fails_unsent) {
     std::string text(4072, 'x');
     conversation talk(text.c_str());
     do_send_tolva(connections->head, EVENT_WRITABLE);
@@ -258,8 +242,7 @@ TEST(do_send_tolva, a_request_that_does_not_fit_fails_unsent)
     EXPECT_EQ(talk.log.lines(), log_lines{message(753, {"127.0.0.1"})});
 }
 
-TEST(do_send_tolva, sends_a_datagram_to_the_runs_port)
-{
+TEST(do_send_tolva, sends_a_datagram_to_the_runs_port) {
     fresh_run fresh("MSG_EXECUTE SHUTDOWN");
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     int fd = bound_socket(SOCK_DGRAM);
@@ -277,8 +260,7 @@ TEST(do_send_tolva, sends_a_datagram_to_the_runs_port)
     EXPECT_EQ(fresh.log.lines(), log_lines{message(787, {"127.0.0.1"})});
 }
 
-TEST(do_send_tolva, a_datagram_that_does_not_fit_fails_unsent)
-{
+TEST(do_send_tolva, a_datagram_that_does_not_fit_fails_unsent) {
     std::string text(1448, 'x');
     fresh_run fresh(text.c_str());
     ux_fd receiver(bound_socket(SOCK_DGRAM));
@@ -293,8 +275,7 @@ TEST(do_send_tolva, a_datagram_that_does_not_fit_fails_unsent)
     EXPECT_EQ(fresh.log.lines(), log_lines{message(810, {})});
 }
 
-TEST(do_send_tolva, any_other_type_counts_as_sent)
-{
+TEST(do_send_tolva, any_other_type_counts_as_sent) {
     conversation talk("MSG_EXECUTE x", MODE_SEND, NO_KIND);
     do_send_tolva(connections->head, EVENT_WRITABLE);
     EXPECT_TRUE(talk.is_gone());
@@ -303,8 +284,7 @@ TEST(do_send_tolva, any_other_type_counts_as_sent)
     EXPECT_EQ(talk.log.lines(), log_lines{message(787, {"127.0.0.1"})});
 }
 
-TEST(do_send_tolva_death, needs_a_record)
-{
+TEST(do_send_tolva_death, needs_a_record) {
     ux_list_element node{nullptr, nullptr, nullptr};
     EXPECT_DEATH(do_send_tolva(&node, EVENT_WRITABLE), "`cn'");
     EXPECT_DEATH(cancel_connect(&node), "tolva_send\\.cpp:.*`cn'");

@@ -18,30 +18,25 @@
 #include <string>
 #include <vector>
 
-namespace
-{
+namespace {
 
 /* Standard output as a socket that keeps every write apart. */
-class writes
-{
+class writes {
   public:
-    writes()
-    {
+    writes() {
         fflush(stdout);
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
         saved = dup(STDOUT_FILENO);
         EXPECT_GE(dup2(ends[1], STDOUT_FILENO), 0);
     }
-    ~writes()
-    {
+    ~writes() {
         stop();
         close(ends[0]);
     }
     writes(const writes &) = delete;
     writes &operator=(const writes &) = delete;
     /* One text for each write. */
-    std::vector<std::string> all()
-    {
+    std::vector<std::string> all() {
         stop();
         std::vector<std::string> texts;
         char text[8192];
@@ -53,8 +48,7 @@ class writes
     }
 
   private:
-    void stop()
-    {
+    void stop() {
         if (saved >= 0) {
             dup2(saved, STDOUT_FILENO);
             close(saved);
@@ -69,8 +63,7 @@ class writes
 
 using texts = std::vector<std::string>;
 
-TEST(trace_printf_test, formats_one_text_with_one_write)
-{
+TEST(trace_printf_test, formats_one_text_with_one_write) {
     writes output;
     trace_printf("TRACEIN: %s\n", "some_function");
     trace_printf("%d %s %05u\nsecond line\n", -1, "\xe4", 42u);
@@ -80,8 +73,7 @@ TEST(trace_printf_test, formats_one_text_with_one_write)
                      "no line end"}));
 }
 
-TEST(trace_printf_test, cuts_a_text_to_1023_characters)
-{
+TEST(trace_printf_test, cuts_a_text_to_1023_characters) {
     for (size_t length : {1022u, 1023u, 1024u, 1025u, 4096u, 100000u}) {
         std::string text(length, 'x');
         writes output;
@@ -93,8 +85,7 @@ TEST(trace_printf_test, cuts_a_text_to_1023_characters)
     EXPECT_EQ(output.all(), texts({std::string(1023, 'x')}));
 }
 
-TEST(trace_printf_test, nothing_writes_nothing)
-{
+TEST(trace_printf_test, nothing_writes_nothing) {
     /* Not literals, which the compiler would complain about. */
     const char *volatile none = nullptr;
     const char *volatile empty = "";
@@ -115,8 +106,7 @@ TEST(trace_printf_test, nothing_writes_nothing)
     EXPECT_STREQ(text, "%s");
 }
 
-TEST(trace_printf_test, goes_past_the_buffered_stream)
-{
+TEST(trace_printf_test, goes_past_the_buffered_stream) {
     capture output;
     fputs("buffered ", stdout);
     trace_printf("traced ");
@@ -124,15 +114,13 @@ TEST(trace_printf_test, goes_past_the_buffered_stream)
     EXPECT_EQ(output.text(), "traced buffered ");
 }
 
-TEST(trace_printf_test, does_not_look_at_the_trace_level)
-{
+TEST(trace_printf_test, does_not_look_at_the_trace_level) {
     for (int32_t level : {-1, 0, 10}) {
         EXPECT_EQ(traced(level, [] { trace_printf("x"); }), "x");
     }
 }
 
-TEST(trace_printf_test, keeps_errno_even_when_nobody_reads)
-{
+TEST(trace_printf_test, keeps_errno_even_when_nobody_reads) {
     writes output;
     errno = ETIMEDOUT;
     trace_printf("x");
@@ -149,15 +137,13 @@ TEST(trace_printf_test, keeps_errno_even_when_nobody_reads)
     EXPECT_EQ(after, ETIMEDOUT);
 }
 
-void traced_function()
-{
+void traced_function() {
     trace_in();
     debug_printf("DEBUG: number = %d\n", 7);
     trace_out();
 }
 
-TEST(trace_level_test, decides_what_is_traced)
-{
+TEST(trace_level_test, decides_what_is_traced) {
     const std::string in = "TRACEIN: traced_function\n";
     const std::string detail = "DEBUG: number = 7\n";
     const std::string out = "TRACEOUT: traced_function\n";
@@ -178,13 +164,11 @@ TEST(trace_level_test, decides_what_is_traced)
     }
 }
 
-TEST(trace_level_test, starts_at_minus_1)
-{
+TEST(trace_level_test, starts_at_minus_1) {
     EXPECT_EQ(debug_level, -1);
 }
 
-TEST(trace_level_test, every_line_is_a_write_of_its_own)
-{
+TEST(trace_level_test, every_line_is_a_write_of_its_own) {
     writes output;
     {
         trace_level at(10);
@@ -195,8 +179,7 @@ TEST(trace_level_test, every_line_is_a_write_of_its_own)
                      "TRACEOUT: traced_function\n"}));
 }
 
-TEST(process_state_test, starts_with_nothing_settled)
-{
+TEST(process_state_test, starts_with_nothing_settled) {
     EXPECT_EQ(progname, nullptr);
     EXPECT_EQ(home_dir, nullptr);
     EXPECT_EQ(daemonized, 0);
@@ -208,8 +191,7 @@ FILE *hook_stream;
 std::string hook_text;
 int32_t hook_calls;
 
-int note_error(FILE *stream, const char *format, va_list args)
-{
+int note_error(FILE *stream, const char *format, va_list args) {
     char text[256];
     hook_calls++;
     hook_stream = stream;
@@ -218,28 +200,21 @@ int note_error(FILE *stream, const char *format, va_list args)
     return 42;
 }
 
-int say_zero(FILE *, const char *, va_list)
-{
+int say_zero(FILE *, const char *, va_list) {
     return 0;
 }
 
-class error_printf_test : public testing::Test
-{
+class error_printf_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         hook_stream = nullptr;
         hook_text.clear();
         hook_calls = 0;
     }
-    void TearDown() override
-    {
-        error_output_hook = vfprintf;
-    }
+    void TearDown() override { error_output_hook = vfprintf; }
 };
 
-TEST_F(error_printf_test, prints_to_its_stream_and_returns)
-{
+TEST_F(error_printf_test, prints_to_its_stream_and_returns) {
     capture errors(STDERR_FILENO);
     capture output;
     EXPECT_EQ(error_printf(stderr, 0, "%s: %s\n", "tolva", "a warning"), 17);
@@ -248,16 +223,14 @@ TEST_F(error_printf_test, prints_to_its_stream_and_returns)
     EXPECT_EQ(output.text(), "to stdout");
 }
 
-TEST_F(error_printf_test, does_not_cut_its_text)
-{
+TEST_F(error_printf_test, does_not_cut_its_text) {
     const std::string text(10000, 'x');
     capture errors(STDERR_FILENO);
     EXPECT_EQ(error_printf(stderr, 0, "%s", text.c_str()), 10000);
     EXPECT_EQ(errors.text(), text);
 }
 
-TEST_F(error_printf_test, ends_the_process_with_the_code_less_1)
-{
+TEST_F(error_printf_test, ends_the_process_with_the_code_less_1) {
     EXPECT_EXIT(error_printf(stderr, 2, "%s: fatal\n", "tolva"),
                 testing::ExitedWithCode(1), "^tolva: fatal\n$");
     EXPECT_EXIT(error_printf(stderr, 1, "%s: done\n", "tolva"),
@@ -266,8 +239,7 @@ TEST_F(error_printf_test, ends_the_process_with_the_code_less_1)
                 "^x\n$");
 }
 
-TEST_F(error_printf_test, ends_the_process_in_order)
-{
+TEST_F(error_printf_test, ends_the_process_in_order) {
     EXPECT_EXIT(
         {
             atexit([] { fputs("handlers run\n", stderr); });
@@ -276,8 +248,7 @@ TEST_F(error_printf_test, ends_the_process_in_order)
         testing::ExitedWithCode(1), "^fatal\nhandlers run\n$");
 }
 
-TEST_F(error_printf_test, hands_everything_to_the_hook)
-{
+TEST_F(error_printf_test, hands_everything_to_the_hook) {
     error_output_hook = note_error;
     capture errors(STDERR_FILENO);
     EXPECT_EQ(error_printf(stdout, ERROR_CONTINUE, "%s: %d", "tolva", 5), 42);
@@ -289,8 +260,7 @@ TEST_F(error_printf_test, hands_everything_to_the_hook)
     EXPECT_EQ(error_printf(stderr, 0, "x"), 0);
 }
 
-TEST_F(error_printf_test, the_hook_does_not_keep_the_process)
-{
+TEST_F(error_printf_test, the_hook_does_not_keep_the_process) {
     EXPECT_EXIT(
         {
             error_output_hook = [](FILE *, const char *, va_list) -> int {
@@ -302,8 +272,7 @@ TEST_F(error_printf_test, the_hook_does_not_keep_the_process)
         testing::ExitedWithCode(1), "^hook\n$");
 }
 
-TEST_F(error_printf_test, without_a_hook_the_text_is_dropped)
-{
+TEST_F(error_printf_test, without_a_hook_the_text_is_dropped) {
     error_output_hook = nullptr;
     capture errors(STDERR_FILENO);
     EXPECT_EQ(error_printf(stderr, 0, "x"), 1);
@@ -313,25 +282,21 @@ TEST_F(error_printf_test, without_a_hook_the_text_is_dropped)
 
 /* The debug file */
 
-class debug_file_test : public testing::Test
-{
+class debug_file_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         before = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         ASSERT_EQ(chdir(dir.path().c_str()), 0);
         mask = umask(0);
     }
-    void TearDown() override
-    {
+    void TearDown() override {
         close_debug_file();
         umask(mask);
         EXPECT_EQ(fchdir(before), 0);
         close(before);
     }
     /* The descriptor that is open on a file of the directory, or -1. */
-    int descriptor_of(const std::string &name) const
-    {
+    int descriptor_of(const std::string &name) const {
         struct stat file;
         if (stat(dir.path(name).c_str(), &file) != 0) {
             return -1;
@@ -351,8 +316,7 @@ class debug_file_test : public testing::Test
     mode_t mask;
 };
 
-TEST_F(debug_file_test, has_a_name_of_its_own)
-{
+TEST_F(debug_file_test, has_a_name_of_its_own) {
     EXPECT_EQ(open_debug_file(nullptr), 1);
     EXPECT_GE(descriptor_of("upsdebug.out"), 0);
     struct stat status;
@@ -362,8 +326,7 @@ TEST_F(debug_file_test, has_a_name_of_its_own)
     EXPECT_EQ(descriptor_of("upsdebug.out"), -1);
 }
 
-TEST_F(debug_file_test, is_read_and_appended)
-{
+TEST_F(debug_file_test, is_read_and_appended) {
     write_file(dir.path("debug"), "old\n");
     EXPECT_EQ(open_debug_file("debug"), 1);
     int fd = descriptor_of("debug");
@@ -373,8 +336,7 @@ TEST_F(debug_file_test, is_read_and_appended)
     EXPECT_EQ(read_file(dir.path("debug")), "old\nnew\n");
 }
 
-TEST_F(debug_file_test, an_open_one_is_kept)
-{
+TEST_F(debug_file_test, an_open_one_is_kept) {
     EXPECT_EQ(open_debug_file("first"), 1);
     EXPECT_EQ(open_debug_file("second"), 1);
     EXPECT_EQ(open_debug_file("no/such/dir"), 1);
@@ -387,8 +349,7 @@ TEST_F(debug_file_test, an_open_one_is_kept)
     EXPECT_EQ(descriptor_of("first"), -1);
 }
 
-TEST_F(debug_file_test, one_that_cannot_be_opened_gives_0)
-{
+TEST_F(debug_file_test, one_that_cannot_be_opened_gives_0) {
     EXPECT_EQ(open_debug_file("no/such/dir"), 0);
     EXPECT_EQ(open_debug_file(dir.path().c_str()), 0);
     EXPECT_EQ(open_debug_file("good"), 1);

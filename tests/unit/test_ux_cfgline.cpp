@@ -6,20 +6,17 @@
 #include <optional>
 #include <string>
 
-namespace
-{
+namespace {
 
 using std::nullopt;
 using text_or_null = std::optional<std::string>;
 
-text_or_null text_of(const char *text)
-{
+text_or_null text_of(const char *text) {
     return text ? text_or_null(text) : nullopt;
 }
 
 /* A piece of a line, which must end with a NUL where it ends as a view. */
-text_or_null text_of(std::string_view piece)
-{
+text_or_null text_of(std::string_view piece) {
     EXPECT_TRUE(!piece.data() || strlen(piece.data()) == piece.size());
     return piece.data() ? text_or_null(piece) : nullopt;
 }
@@ -30,14 +27,12 @@ struct strip_case {
     text_or_null without_line_end;
 };
 
-class strip_test : public testing::Test
-{
+class strip_test : public testing::Test {
   protected:
     void check(const strip_case &c);
 };
 
-void strip_test::check(const strip_case &c)
-{
+void strip_test::check(const strip_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.text));
     {
         std::string text = c.text;
@@ -53,8 +48,7 @@ void strip_test::check(const strip_case &c)
     }
 }
 
-TEST_F(strip_test, texts)
-{
+TEST_F(strip_test, texts) {
     for (const strip_case &c :
          {strip_case{"", nullopt, nullopt}, strip_case{" ", nullopt, " "},
           strip_case{" \t \t", nullopt, " \t \t"},
@@ -81,14 +75,12 @@ struct line_case {
     text_or_null comment;
 };
 
-class parse_line_test : public testing::Test
-{
+class parse_line_test : public testing::Test {
   protected:
     void check(const line_case &c);
 };
 
-void parse_line_test::check(const line_case &c)
-{
+void parse_line_test::check(const line_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.line));
     const line_case &expected = c;
     std::string line = expected.line;
@@ -106,8 +98,7 @@ void parse_line_test::check(const line_case &c)
     EXPECT_NE(parsed.comment.data(), stale);
 }
 
-TEST_F(parse_line_test, without_key)
-{
+TEST_F(parse_line_test, without_key) {
     for (const line_case &c :
          {line_case{"\n", 1, nullopt, nullopt, nullopt},
           line_case{" \t \n", 1, nullopt, nullopt, nullopt},
@@ -129,8 +120,7 @@ TEST_F(parse_line_test, without_key)
     }
 }
 
-TEST_F(parse_line_test, keys)
-{
+TEST_F(parse_line_test, keys) {
     for (const line_case &c :
          {line_case{"key\n", 0, nullopt, nullopt, nullopt},
           line_case{"key", 0, nullopt, nullopt, nullopt},
@@ -156,8 +146,7 @@ TEST_F(parse_line_test, keys)
     }
 }
 
-TEST_F(parse_line_test, values)
-{
+TEST_F(parse_line_test, values) {
     for (const line_case &c :
          {line_case{"ab=x\nbehind", 1, "ab", "x", nullopt},
           line_case{"key=value", 1, "key", "value", nullopt},
@@ -177,8 +166,7 @@ TEST_F(parse_line_test, values)
     }
 }
 
-TEST_F(parse_line_test, comments)
-{
+TEST_F(parse_line_test, comments) {
     for (const line_case &c :
          {line_case{"key = value # note\n", 1, "key", "value", " note"},
           line_case{"key=value#note\r\n", 1, "key", "value", "note"},
@@ -193,8 +181,7 @@ TEST_F(parse_line_test, comments)
     }
 }
 
-TEST_F(parse_line_test, quotes_and_backslashes)
-{
+TEST_F(parse_line_test, quotes_and_backslashes) {
     for (const line_case &c :
          {line_case{"key=\"\"\n", 1, "key", "\"\"", nullopt},
           line_case{"key=\"a # b\" # c\n", 1, "key", "\"a # b\"", " c"},
@@ -220,8 +207,7 @@ TEST_F(parse_line_test, quotes_and_backslashes)
 }
 
 /* Nothing is copied. */
-TEST_F(parse_line_test, pieces_are_in_the_line)
-{
+TEST_F(parse_line_test, pieces_are_in_the_line) {
     char text[] = " key = value # note\n";
     config_line parsed;
     ASSERT_EQ(parse_line(text, &parsed), 1);
@@ -230,8 +216,7 @@ TEST_F(parse_line_test, pieces_are_in_the_line)
     EXPECT_EQ(parsed.comment.data(), text + 14);
 }
 
-TEST(cfgline_trace, names_what_takes_the_line_apart)
-{
+TEST(cfgline_trace, names_what_takes_the_line_apart) {
     EXPECT_EQ(traced(6,
                      [] {
                          char text[] = "key=value # note\n";

@@ -10,14 +10,11 @@
 
 #include <string>
 
-namespace
-{
+namespace {
 
-class cfgmerge_test : public testing::Test
-{
+class cfgmerge_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_EQ(ux_hashtable_init(&table, 4, hash_cfgmodule, match_cfgmodule,
                                     destroy_cfgmodule),
                   0);
@@ -26,18 +23,13 @@ class cfgmerge_test : public testing::Test
             ASSERT_EQ(ux_hashtable_insert(&table, record), 0);
         }
     }
-    void TearDown() override
-    {
-        ux_hashtable_destroy(&table);
-    }
+    void TearDown() override { ux_hashtable_destroy(&table); }
     /* What has been merged so far. */
-    std::string text()
-    {
+    std::string text() {
         fflush(merged.get());
         return read_file(dir.path("merged"));
     }
-    bool merge(const std::string &content)
-    {
+    bool merge(const std::string &content) {
         ux_file config(fopen(dir.file("config", content).c_str(), "r"));
         return merge_lines(config.get(), merged.get(), &table);
     }
@@ -47,8 +39,7 @@ class cfgmerge_test : public testing::Test
     ux_file merged{fopen(dir.path("merged").c_str(), "w+")};
 };
 
-TEST_F(cfgmerge_test, a_setting_is_written_once_with_the_comment_of_its_line)
-{
+TEST_F(cfgmerge_test, a_setting_is_written_once_with_the_comment_of_its_line) {
     EXPECT_TRUE(merge_setting("port", " line", &table, merged.get()));
     EXPECT_TRUE(merge_setting("port", " again", &table, merged.get()));
     EXPECT_TRUE(merge_setting("other", {}, &table, merged.get()));
@@ -57,8 +48,7 @@ TEST_F(cfgmerge_test, a_setting_is_written_once_with_the_comment_of_its_line)
     EXPECT_EQ(table.size, 0u);
 }
 
-TEST_F(cfgmerge_test, a_record_is_destroyed_without_the_comment_of_the_line)
-{
+TEST_F(cfgmerge_test, a_record_is_destroyed_without_the_comment_of_the_line) {
     EXPECT_NE(traced(1,
                      [this] {
                          EXPECT_TRUE(merge_setting("port", " line", &table,
@@ -68,29 +58,25 @@ TEST_F(cfgmerge_test, a_record_is_destroyed_without_the_comment_of_the_line)
               std::string::npos);
 }
 
-TEST_F(cfgmerge_test, lines_stay_in_their_order)
-{
+TEST_F(cfgmerge_test, lines_stay_in_their_order) {
     EXPECT_TRUE(merge("# c\n\nname=old # x\njunk\nother=1\nname=2\n"));
     EXPECT_EQ(text(), "# c\n\nname=new # x\n");
     EXPECT_EQ(table.size, 1u);
 }
 
-TEST_F(cfgmerge_test, without_memory_for_a_key_nothing_is_used_up)
-{
+TEST_F(cfgmerge_test, without_memory_for_a_key_nothing_is_used_up) {
     failing_heap none;
     EXPECT_FALSE(merge("# c\nname=old\nport=1\n"));
     EXPECT_EQ(text(), "# c\n");
     EXPECT_EQ(table.size, 2u);
 }
 
-TEST_F(cfgmerge_test, lines_that_break_off_are_not_all)
-{
+TEST_F(cfgmerge_test, lines_that_break_off_are_not_all) {
     failing_call broken("fgets", EIO, 1);
     EXPECT_FALSE(merge("# c\nname=old\n"));
 }
 
-TEST_F(cfgmerge_test, what_cannot_be_written_is_told)
-{
+TEST_F(cfgmerge_test, what_cannot_be_written_is_told) {
     merged.reset(fopen("/dev/full", "w"));
     setvbuf(merged.get(), nullptr, _IONBF, 0);
     EXPECT_FALSE(merge("# c\n"));
@@ -98,8 +84,7 @@ TEST_F(cfgmerge_test, what_cannot_be_written_is_told)
     EXPECT_EQ(table.size, 1u);
 }
 
-TEST_F(cfgmerge_test, the_old_file_is_replaced_by_all_that_was_merged)
-{
+TEST_F(cfgmerge_test, the_old_file_is_replaced_by_all_that_was_merged) {
     const std::string lines = std::string(10000, 'x') + "\n";
     const std::string path = dir.file("config", lines + lines);
     fputs(lines.c_str(), merged.get());

@@ -6,11 +6,9 @@
 
 #include <string>
 
-namespace
-{
+namespace {
 
-TEST(cfgmodule_test, new_copies_what_is_not_null)
-{
+TEST(cfgmodule_test, new_copies_what_is_not_null) {
     char ident[] = "ident";
     char value[] = "value";
     char comment[] = "comment";
@@ -35,8 +33,7 @@ TEST(cfgmodule_test, new_copies_what_is_not_null)
     destroy_cfgmodule(record);
 }
 
-TEST(cfgmodule_test, new_without_memory_leaves_nothing_behind)
-{
+TEST(cfgmodule_test, new_without_memory_leaves_nothing_behind) {
     for (int left = 0; left < 4; left++) {
         failing_heap limit(left);
         EXPECT_EQ(new_cfgmodule("ident", "value", "comment"), nullptr) << left;
@@ -47,16 +44,14 @@ TEST(cfgmodule_test, new_without_memory_leaves_nothing_behind)
     destroy_cfgmodule(record);
 }
 
-std::string shown(const char *function, const char *name, const char *text)
-{
+std::string shown(const char *function, const char *name, const char *text) {
     char line[200];
     snprintf(line, sizeof line, "DEBUG: %s(): %s: [%s] at: 0x%08lx\n", function,
              name, text, reinterpret_cast<unsigned long>(text));
     return line;
 }
 
-TEST(cfgmodule_test, new_and_destroy_show_texts_and_addresses_at_level_1)
-{
+TEST(cfgmodule_test, new_and_destroy_show_texts_and_addresses_at_level_1) {
     cfgmodule *record = nullptr;
     std::string output =
         traced(1, [&] { record = new_cfgmodule("key", "1", " note"); });
@@ -76,8 +71,7 @@ TEST(cfgmodule_test, new_and_destroy_show_texts_and_addresses_at_level_1)
     EXPECT_EQ(traced(1, [&] { destroy_cfgmodule(record); }), expected);
 }
 
-TEST(cfgmodule_test, records_are_silent_at_levels_0_and_below)
-{
+TEST(cfgmodule_test, records_are_silent_at_levels_0_and_below) {
     for (int32_t level : {-1, 0}) {
         EXPECT_EQ(traced(level,
                          [] {
@@ -90,8 +84,7 @@ TEST(cfgmodule_test, records_are_silent_at_levels_0_and_below)
     }
 }
 
-TEST(cfgmodule_test, hash_is_that_of_the_identifier_alone)
-{
+TEST(cfgmodule_test, hash_is_that_of_the_identifier_alone) {
     cfgmodule *record = new_cfgmodule("a", "value", "comment");
     EXPECT_EQ(hash_cfgmodule(record), 177670u);
     EXPECT_EQ(traced(1, [&] { (void)hash_cfgmodule(record); }),
@@ -99,8 +92,7 @@ TEST(cfgmodule_test, hash_is_that_of_the_identifier_alone)
     destroy_cfgmodule(record);
 }
 
-TEST(cfgmodule_test, match_compares_identifiers_byte_for_byte)
-{
+TEST(cfgmodule_test, match_compares_identifiers_byte_for_byte) {
     cfgmodule *key = new_cfgmodule("key", "1", nullptr);
     cfgmodule *same = new_cfgmodule("key", "2", "x");
     cfgmodule *upper = new_cfgmodule("Key", "1", nullptr);
@@ -121,8 +113,7 @@ TEST(cfgmodule_test, match_compares_identifiers_byte_for_byte)
     }
 }
 
-TEST(cfgmodule_test, a_view_shows_the_texts_that_there_are)
-{
+TEST(cfgmodule_test, a_view_shows_the_texts_that_there_are) {
     cfgmodule *record = new_cfgmodule("key", nullptr, "");
     config_line texts = view_cfgmodule(record);
     EXPECT_EQ(texts.ident.data(), record->ident.get());
@@ -140,8 +131,7 @@ struct write_case {
     const char *line;
 };
 
-TEST(cfgmodule_test, write_makes_a_line_of_what_there_is)
-{
+TEST(cfgmodule_test, write_makes_a_line_of_what_there_is) {
     const write_case cases[] = {
         {"key", "value", " note", "key=value # note\n"},
         {"key", "value", nullptr, "key=value\n"},
@@ -169,8 +159,7 @@ TEST(cfgmodule_test, write_makes_a_line_of_what_there_is)
     }
 }
 
-TEST(cfgmodule_test, write_fails_at_the_first_failed_write)
-{
+TEST(cfgmodule_test, write_fails_at_the_first_failed_write) {
     FILE *full = fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);
     setvbuf(full, nullptr, _IONBF, 0);

@@ -7,14 +7,11 @@
 #include <cstddef>
 #include <string>
 
-namespace
-{
+namespace {
 
-class set_option_value_test : public testing::Test
-{
+class set_option_value_test : public testing::Test {
   protected:
-    ux_option_result set_number(const char *value)
-    {
+    ux_option_result set_number(const char *value) {
         return set_option_value(&number_row, value);
     }
 
@@ -28,8 +25,7 @@ class set_option_value_test : public testing::Test
         UX_OPTION_STRING, "text", {nullptr, &text}, {nullptr, &text_default}};
 };
 
-TEST_F(set_option_value_test, reads_integers_by_their_decimal_prefix)
-{
+TEST_F(set_option_value_test, reads_integers_by_their_decimal_prefix) {
     const struct {
         const char *text;
         int32_t expected;
@@ -53,8 +49,7 @@ TEST_F(set_option_value_test, reads_integers_by_their_decimal_prefix)
     }
 }
 
-TEST_F(set_option_value_test, an_integer_without_text_takes_its_default)
-{
+TEST_F(set_option_value_test, an_integer_without_text_takes_its_default) {
     EXPECT_EQ(set_number(nullptr), 1);
     EXPECT_EQ(number, 6003);
     number_row.default_value = {};
@@ -63,8 +58,7 @@ TEST_F(set_option_value_test, an_integer_without_text_takes_its_default)
     EXPECT_EQ(number, -1);
 }
 
-TEST_F(set_option_value_test, copies_texts_of_both_types)
-{
+TEST_F(set_option_value_test, copies_texts_of_both_types) {
     for (ux_option_type type : {UX_OPTION_STRING, UX_OPTION_TEXT}) {
         text_row.type = type;
         char value[] = "\"a\\b\" ";
@@ -79,8 +73,7 @@ TEST_F(set_option_value_test, copies_texts_of_both_types)
     }
 }
 
-TEST_F(set_option_value_test, a_text_without_default_is_left_alone)
-{
+TEST_F(set_option_value_test, a_text_without_default_is_left_alone) {
     text = ux_copy("before");
     const char *before = text.get();
     text_default = nullptr;
@@ -96,15 +89,13 @@ TEST_F(set_option_value_test, a_text_without_default_is_left_alone)
 }
 
 /* It is freed: the storage owns it. */
-TEST_F(set_option_value_test, what_was_stored_before_gives_way)
-{
+TEST_F(set_option_value_test, what_was_stored_before_gives_way) {
     text = ux_copy("before");
     EXPECT_EQ(set_option_value(&text_row, "new"), 1);
     EXPECT_STREQ(text.get(), "new");
 }
 
-TEST_F(set_option_value_test, without_memory_is_not_without_default)
-{
+TEST_F(set_option_value_test, without_memory_is_not_without_default) {
     text = ux_copy("before");
     for (const char *value : {"new", static_cast<const char *>(nullptr)}) {
         failing_heap none;
@@ -117,15 +108,14 @@ TEST_F(set_option_value_test, without_memory_is_not_without_default)
     EXPECT_EQ(set_option_value(&text_row, nullptr), UX_OPTION_NO_DEFAULT);
 }
 
-TEST_F(set_option_value_test, the_results_are_numbers_that_callers_know)
-{
+TEST_F(set_option_value_test, the_results_are_numbers_that_callers_know) {
     EXPECT_EQ(UX_OPTION_DONE, 1);
     EXPECT_EQ(UX_OPTION_NO_DEFAULT, 0);
     EXPECT_EQ(UX_OPTION_NO_MEMORY, -1);
 }
 
-TEST_F(set_option_value_test, passes_over_rows_without_storage_and_other_types)
-{
+TEST_F(set_option_value_test,
+       passes_over_rows_without_storage_and_other_types) {
     number_row.value = {};
     text_row.value = {};
     EXPECT_EQ(set_number("1"), 1);
@@ -143,8 +133,7 @@ TEST_F(set_option_value_test, passes_over_rows_without_storage_and_other_types)
     }
 }
 
-TEST_F(set_option_value_test, tells_type_value_and_what_it_stored)
-{
+TEST_F(set_option_value_test, tells_type_value_and_what_it_stored) {
     EXPECT_EQ(traced(1, [this] { (void)set_number("12x"); }),
               "DEBUG: type=  [1]\nDEBUG: value=  [12x]\n"
               "DEBUG: found [12]\n");
@@ -159,8 +148,7 @@ TEST_F(set_option_value_test, tells_type_value_and_what_it_stored)
               "DEBUG: type=  [4]\nDEBUG: value=  [v]\n");
 }
 
-TEST_F(set_option_value_test, traces_entry_above_5_and_exit_above_9)
-{
+TEST_F(set_option_value_test, traces_entry_above_5_and_exit_above_9) {
     auto set = [this] { (void)set_number("3"); };
     const std::string details =
         "DEBUG: type=  [1]\nDEBUG: value=  [3]\nDEBUG: found [3]\n";
@@ -174,8 +162,7 @@ TEST_F(set_option_value_test, traces_entry_above_5_and_exit_above_9)
     EXPECT_EQ(traced(10, set), in + details + out);
 }
 
-TEST_F(set_option_value_test, needs_a_row_with_type_and_key)
-{
+TEST_F(set_option_value_test, needs_a_row_with_type_and_key) {
     const char *condition = "op && op->type && op->ident";
     EXPECT_ASSERTION((void)set_option_value(nullptr, "1"), "ux_configfile",
                      condition);
@@ -185,8 +172,7 @@ TEST_F(set_option_value_test, needs_a_row_with_type_and_key)
                      "ux_configfile", condition);
 }
 
-TEST(ux_option_layout, has_its_fields_in_order)
-{
+TEST(ux_option_layout, has_its_fields_in_order) {
     EXPECT_EQ(offsetof(ux_option, type), 0u);
     EXPECT_LT(offsetof(ux_option, type), offsetof(ux_option, ident));
     EXPECT_LT(offsetof(ux_option, ident), offsetof(ux_option, value));

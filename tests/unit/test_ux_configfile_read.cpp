@@ -7,25 +7,21 @@
 
 #include <optional>
 
-namespace
-{
+namespace {
 
 /* "-" for null. */
-std::string text_or_dash(const ux_text &text)
-{
+std::string text_or_dash(const ux_text &text) {
     return text ? text.get() : "-";
 }
 
-TEST_F(config_test, read_fills_the_storage)
-{
+TEST_F(config_test, read_fills_the_storage) {
     EXPECT_EQ(read("port=77\nname = a b # x\n# c\n\ntext=\"q # q\"\n"), 1);
     EXPECT_EQ(port, 77);
     EXPECT_STREQ(name.get(), "a b");
     EXPECT_STREQ(text.get(), "\"q # q\"");
 }
 
-TEST_F(config_test, read_gives_defaults_to_absent_and_empty_settings)
-{
+TEST_F(config_test, read_gives_defaults_to_absent_and_empty_settings) {
     for (const char *content :
          {"# nothing\n", "port=\nname=\ntext=\n",
           "port=   \nname= # x\ntext=\t\r\n", "port\nname\ntext\n", "\n"}) {
@@ -36,14 +32,12 @@ TEST_F(config_test, read_gives_defaults_to_absent_and_empty_settings)
     }
 }
 
-TEST_F(config_test, read_keeps_two_quotes_as_a_value)
-{
+TEST_F(config_test, read_keeps_two_quotes_as_a_value) {
     EXPECT_EQ(read("name=\"\"\n"), 1);
     EXPECT_STREQ(name.get(), "\"\"");
 }
 
-TEST_F(config_test, read_takes_the_last_of_a_key)
-{
+TEST_F(config_test, read_takes_the_last_of_a_key) {
     EXPECT_EQ(read("port=1\nname=x\nport=2\nname=y\nport=3 # last\n"), 1);
     EXPECT_EQ(port, 3);
     EXPECT_STREQ(name.get(), "y");
@@ -51,37 +45,32 @@ TEST_F(config_test, read_takes_the_last_of_a_key)
     EXPECT_EQ(port, 6003);
 }
 
-TEST_F(config_test, read_knows_keys_by_their_case)
-{
+TEST_F(config_test, read_knows_keys_by_their_case) {
     EXPECT_EQ(read("Port=1\nPORT=2\nNAME=x\n"), 1);
     EXPECT_EQ(port, 6003);
     EXPECT_STREQ(name.get(), "none");
 }
 
-TEST_F(config_test, read_passes_over_invalid_lines_and_unknown_keys)
-{
+TEST_F(config_test, read_passes_over_invalid_lines_and_unknown_keys) {
     EXPECT_EQ(read("x=1\n=2\nname\nport#=3\nother=9\nunknown=4\nname=ok"), 1);
     EXPECT_EQ(port, 6003);
     EXPECT_STREQ(name.get(), "ok");
 }
 
-TEST_F(config_test, read_of_nothing_but_invalid_lines_is_a_read)
-{
+TEST_F(config_test, read_of_nothing_but_invalid_lines_is_a_read) {
     EXPECT_EQ(read("junk\n"), 1);
     EXPECT_EQ(read(" "), 1);
     EXPECT_EQ(port, 6003);
 }
 
-TEST_F(config_test, read_drops_the_carriage_return_of_values)
-{
+TEST_F(config_test, read_drops_the_carriage_return_of_values) {
     EXPECT_EQ(read("port=8\r\n\r\nname=x y\r\ntext=t # c\r\n"), 1);
     EXPECT_EQ(port, 8);
     EXPECT_STREQ(name.get(), "x y");
     EXPECT_STREQ(text.get(), "t");
 }
 
-TEST_F(config_test, read_ends_a_line_at_a_nul_byte)
-{
+TEST_F(config_test, read_ends_a_line_at_a_nul_byte) {
     using std::string_literals::operator""s;
     EXPECT_EQ(read("na\0me=x\nport=5\0 # 6\ntext=a\0b\n"s), 1);
     EXPECT_STREQ(name.get(), "none");
@@ -89,8 +78,7 @@ TEST_F(config_test, read_ends_a_line_at_a_nul_byte)
     EXPECT_STREQ(text.get(), "a");
 }
 
-TEST_F(config_test, read_takes_8_bit_characters_as_they_are)
-{
+TEST_F(config_test, read_takes_8_bit_characters_as_they_are) {
     std::string all;
     for (int c = 128; c < 256; c++) {
         all += static_cast<char>(c);
@@ -99,8 +87,7 @@ TEST_F(config_test, read_takes_8_bit_characters_as_they_are)
     EXPECT_EQ(name.get(), all);
 }
 
-TEST_F(config_test, read_cuts_lines_at_4095_characters)
-{
+TEST_F(config_test, read_cuts_lines_at_4095_characters) {
     const std::string key = "name=";
     for (size_t length : {4089u, 4090u, 4091u, 5000u}) {
         std::string value(length, 'v');
@@ -110,15 +97,13 @@ TEST_F(config_test, read_cuts_lines_at_4095_characters)
     }
 }
 
-TEST_F(config_test, read_takes_the_rest_of_a_long_line_as_another_line)
-{
+TEST_F(config_test, read_takes_the_rest_of_a_long_line_as_another_line) {
     EXPECT_EQ(read("name=" + std::string(4090, 'v') + "port=78\n"), 1);
     EXPECT_EQ(port, 78);
     EXPECT_STREQ(name.get(), std::string(4090, 'v').c_str());
 }
 
-TEST_F(config_test, read_of_a_file_without_lines_needs_missing_ok)
-{
+TEST_F(config_test, read_of_a_file_without_lines_needs_missing_ok) {
     EXPECT_EQ(read("", 0), 0);
     EXPECT_EQ(port, -1);
     EXPECT_EQ(name, nullptr);
@@ -127,8 +112,7 @@ TEST_F(config_test, read_of_a_file_without_lines_needs_missing_ok)
     EXPECT_STREQ(name.get(), "none");
 }
 
-TEST_F(config_test, read_of_an_absent_or_unreadable_file_needs_missing_ok)
-{
+TEST_F(config_test, read_of_an_absent_or_unreadable_file_needs_missing_ok) {
     std::string nowhere = dir.path("no/such/file");
     for (const std::string &bad : {nowhere, dir.path(), path + "/below"}) {
         forget();
@@ -140,8 +124,7 @@ TEST_F(config_test, read_of_an_absent_or_unreadable_file_needs_missing_ok)
     }
 }
 
-TEST_F(config_test, read_leaves_rows_of_other_types_alone)
-{
+TEST_F(config_test, read_leaves_rows_of_other_types_alone) {
     int32_t untouched = -3;
     ux_option odd[] = {
         {static_cast<ux_option_type>(9),
@@ -158,8 +141,7 @@ TEST_F(config_test, read_leaves_rows_of_other_types_alone)
     EXPECT_EQ(port, 4);
 }
 
-TEST_F(config_test, read_works_with_one_bucket)
-{
+TEST_F(config_test, read_works_with_one_bucket) {
     write_file(path, "name=x\nport=4\ntext=y\nport=5\n");
     EXPECT_EQ(ux_readconfig(path.c_str(), table, 1, 0), 1);
     EXPECT_EQ(port, 5);
@@ -167,8 +149,7 @@ TEST_F(config_test, read_works_with_one_bucket)
     EXPECT_STREQ(text.get(), "y");
 }
 
-TEST_F(config_test, read_without_memory_fails)
-{
+TEST_F(config_test, read_without_memory_fails) {
     write_file(path, "port=1\nname=x\n");
     {
         failing_heap none;
@@ -185,8 +166,7 @@ TEST_F(config_test, read_without_memory_fails)
 
 /* Each allocation is one that the reading cannot do without: what is not
  * known to be so must not be taken for a default. */
-TEST_F(config_test, read_fails_with_any_one_of_its_allocations)
-{
+TEST_F(config_test, read_fails_with_any_one_of_its_allocations) {
     for (int32_t missing_ok : {0, 1}) {
         int left = 0;
         int32_t result = 0;
@@ -207,8 +187,7 @@ TEST_F(config_test, read_fails_with_any_one_of_its_allocations)
 }
 
 /* It can be opened, and that is all. */
-TEST_F(config_test, read_of_a_broken_file_fails_also_with_missing_ok)
-{
+TEST_F(config_test, read_of_a_broken_file_fails_also_with_missing_ok) {
     const std::string broken = "/proc/self/mem";
     ASSERT_EQ(access(broken.c_str(), R_OK), 0);
     forget();
@@ -219,8 +198,7 @@ TEST_F(config_test, read_of_a_broken_file_fails_also_with_missing_ok)
     }
 }
 
-TEST_F(config_test, read_that_breaks_off_fails_also_with_missing_ok)
-{
+TEST_F(config_test, read_that_breaks_off_fails_also_with_missing_ok) {
     for (int32_t missing_ok : {0, 1}) {
         for (int lines : {0, 1, 2}) {
             failing_call broken("fgets", EIO, lines);
@@ -230,15 +208,13 @@ TEST_F(config_test, read_that_breaks_off_fails_also_with_missing_ok)
     }
 }
 
-TEST_F(config_test, read_without_memory_to_open_the_file_fails)
-{
+TEST_F(config_test, read_without_memory_to_open_the_file_fails) {
     failing_call full("fopen", ENOMEM);
     EXPECT_EQ(ux_readconfig(path.c_str(), table, 64, 1), 0);
     EXPECT_EQ(port, -1);
 }
 
-TEST_F(config_test, read_tells_what_it_inserts_and_searches)
-{
+TEST_F(config_test, read_tells_what_it_inserts_and_searches) {
     std::string output = traced(1, [this] { (void)read("port=1\n"); });
     size_t inserting = output.find("DEBUG: inserting [port]\n");
     size_t head = output.find("DEBUG: searching [# head]\n");
@@ -257,8 +233,7 @@ TEST_F(config_test, read_tells_what_it_inserts_and_searches)
     EXPECT_EQ(traced(-1, [this] { (void)read("port=1\n"); }), "");
 }
 
-TEST_F(config_test, names_its_entry_points_above_level_5)
-{
+TEST_F(config_test, names_its_entry_points_above_level_5) {
     auto begins = [](const std::string &output, const std::string &entry) {
         return output.rfind("TRACEIN: " + entry + "\n", 0) == 0;
     };
@@ -277,26 +252,19 @@ TEST_F(config_test, names_its_entry_points_above_level_5)
 }
 
 /* The table that file_to_hashtable fills. */
-class file_to_hashtable_test : public testing::Test
-{
+class file_to_hashtable_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_EQ(ux_hashtable_init(&table, 1, hash_cfgmodule, match_cfgmodule,
                                     destroy_cfgmodule),
                   0);
     }
-    void TearDown() override
-    {
-        ux_hashtable_destroy(&table);
-    }
-    int32_t load(const std::string &content)
-    {
+    void TearDown() override { ux_hashtable_destroy(&table); }
+    int32_t load(const std::string &content) {
         return file_to_hashtable(dir.file("cfg", content).c_str(), &table);
     }
     /* "ident|value|comment" of every record; "-" for null. */
-    std::string records() const
-    {
+    std::string records() const {
         std::string all;
         for (ux_list_element *e = table.table[0].head; e; e = e->next) {
             const auto *record = static_cast<const cfgmodule *>(e->data);
@@ -311,21 +279,18 @@ class file_to_hashtable_test : public testing::Test
     ux_hashtable table;
 };
 
-TEST_F(file_to_hashtable_test, keeps_settings_with_values_and_comments)
-{
+TEST_F(file_to_hashtable_test, keeps_settings_with_values_and_comments) {
     EXPECT_EQ(load("# c\n\nkey=1 # one\nempty=\na=1\njunk\nlast=\"x\""), 1);
     EXPECT_EQ(records(), "key|1| one\nempty|-|-\nlast|\"x\"|-\n");
 }
 
-TEST_F(file_to_hashtable_test, later_settings_replace_earlier_in_place)
-{
+TEST_F(file_to_hashtable_test, later_settings_replace_earlier_in_place) {
     EXPECT_EQ(load("key=1 # one\nmid=2\nkey=3\n"), 1);
     EXPECT_EQ(records(), "key|3|-\nmid|2|-\n");
     EXPECT_EQ(table.size, 2u);
 }
 
-TEST_F(file_to_hashtable_test, needs_a_line)
-{
+TEST_F(file_to_hashtable_test, needs_a_line) {
     EXPECT_EQ(load(""), 0);
     EXPECT_EQ(load("\n"), 1);
     EXPECT_EQ(load("x"), 1);
@@ -334,8 +299,7 @@ TEST_F(file_to_hashtable_test, needs_a_line)
     EXPECT_EQ(table.size, 0u);
 }
 
-TEST_F(file_to_hashtable_test, stops_without_memory)
-{
+TEST_F(file_to_hashtable_test, stops_without_memory) {
     {
         failing_heap limit(4);
         EXPECT_EQ(load("key=1\nother=2\nthird=3\n"), 0);
@@ -349,8 +313,7 @@ TEST_F(file_to_hashtable_test, stops_without_memory)
 
 using config_death = config_test;
 
-TEST_F(config_death, read_needs_a_table_and_buckets)
-{
+TEST_F(config_death, read_needs_a_table_and_buckets) {
     EXPECT_ASSERTION((void)ux_readconfig(path.c_str(), nullptr, 64, 1),
                      "ux_configfile", "topic_table");
     EXPECT_ASSERTION((void)ux_readconfig(path.c_str(), table, 0, 1),

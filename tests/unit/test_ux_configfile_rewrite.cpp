@@ -5,29 +5,25 @@
 #include "starve.h"
 #include "unixtools/ux_cfgmodule.h"
 
-namespace
-{
+namespace {
 
 struct rewrite_case {
     const char *before;
     const char *after;
 };
 
-class rewrite_test : public config_test
-{
+class rewrite_test : public config_test {
   protected:
     void check(const rewrite_case &c);
 };
 
-void rewrite_test::check(const rewrite_case &c)
-{
+void rewrite_test::check(const rewrite_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.before));
     set(77, "new", nullptr);
     EXPECT_EQ(rewritten(c.before), c.after);
 }
 
-TEST_F(rewrite_test, files)
-{
+TEST_F(rewrite_test, files) {
     for (const rewrite_case &c :
          {rewrite_case{"", "port=77\nname=new\ntext=\n"},
           rewrite_case{"port=1\nname=x\ntext=y\n",
@@ -69,16 +65,14 @@ TEST_F(rewrite_test, files)
     }
 }
 
-TEST_F(config_test, rewrite_writes_integers_in_decimal)
-{
+TEST_F(config_test, rewrite_writes_integers_in_decimal) {
     set(INT32_MIN, nullptr, "");
     EXPECT_EQ(rewritten(""), "port=-2147483648\nname=\ntext=\n");
     set(INT32_MAX, nullptr, "");
     EXPECT_EQ(rewritten(""), "port=2147483647\nname=\ntext=\n");
 }
 
-TEST_F(config_test, rewrite_takes_the_first_of_two_rows_with_a_key)
-{
+TEST_F(config_test, rewrite_takes_the_first_of_two_rows_with_a_key) {
     int32_t first = 1;
     int32_t second = 2;
     ux_option twice[] = {{UX_OPTION_INTEGER, "port", {&first}, {}},
@@ -91,8 +85,7 @@ TEST_F(config_test, rewrite_takes_the_first_of_two_rows_with_a_key)
     EXPECT_EQ(read_file(path), "port=1\nbare=\n");
 }
 
-TEST_F(config_test, rewrite_keeps_files_of_many_blocks)
-{
+TEST_F(config_test, rewrite_keeps_files_of_many_blocks) {
     std::string comments;
     for (int i = 0; i < 3000; i++) {
         comments += "# line " + std::to_string(i) + "\n";
@@ -102,8 +95,7 @@ TEST_F(config_test, rewrite_keeps_files_of_many_blocks)
               comments + "port=1\n" + comments + "name=n\ntext=t\n");
 }
 
-TEST_F(config_test, rewrite_keeps_files_of_just_a_block)
-{
+TEST_F(config_test, rewrite_keeps_files_of_just_a_block) {
     set(1, nullptr, nullptr);
     for (size_t size : {4095u, 4096u, 4097u, 8192u}) {
         const std::string tail = "port=1\nname=\ntext=\n";
@@ -120,8 +112,7 @@ TEST_F(config_test, rewrite_keeps_files_of_just_a_block)
     }
 }
 
-TEST_F(config_test, rewrite_splits_long_lines)
-{
+TEST_F(config_test, rewrite_splits_long_lines) {
     set(1, nullptr, nullptr);
     /* What follows the 4,095th character is a line of its own. */
     EXPECT_EQ(rewritten(std::string("#") + std::string(4094, 'c') + "#rest\n"),
@@ -132,8 +123,7 @@ TEST_F(config_test, rewrite_splits_long_lines)
                   "\nport=1\nname=\ntext=\n");
 }
 
-TEST_F(config_test, rewrite_keeps_mask_and_rights)
-{
+TEST_F(config_test, rewrite_keeps_mask_and_rights) {
     set(1, nullptr, nullptr);
     write_file(path, "port=2\n");
     ASSERT_EQ(chmod(path.c_str(), 0604), 0);
@@ -144,8 +134,7 @@ TEST_F(config_test, rewrite_keeps_mask_and_rights)
     EXPECT_EQ(status.st_mode & 07777, static_cast<mode_t>(0604));
 }
 
-TEST_F(config_test, rewrite_without_memory_leaves_the_file)
-{
+TEST_F(config_test, rewrite_without_memory_leaves_the_file) {
     set(1, "n", "t");
     write_file(path, "port=2\n");
     /* Table; record, key, value and element of three rows. */
@@ -156,8 +145,7 @@ TEST_F(config_test, rewrite_without_memory_leaves_the_file)
     EXPECT_EQ(read_file(path), "port=2\n");
 }
 
-TEST_F(config_test, rewrite_without_temporary_file_leaves_the_file)
-{
+TEST_F(config_test, rewrite_without_temporary_file_leaves_the_file) {
     write_file(path, "port=2\n");
     EXPECT_EXIT(
         {
@@ -168,8 +156,7 @@ TEST_F(config_test, rewrite_without_temporary_file_leaves_the_file)
     EXPECT_EQ(read_file(path), "port=2\n");
 }
 
-TEST_F(config_test, hashtable_to_file_uses_the_records_up)
-{
+TEST_F(config_test, hashtable_to_file_uses_the_records_up) {
     ux_hashtable records;
     ASSERT_EQ(ux_hashtable_init(&records, 4, hash_cfgmodule, match_cfgmodule,
                                 destroy_cfgmodule),
@@ -187,14 +174,12 @@ TEST_F(config_test, hashtable_to_file_uses_the_records_up)
 
 using config_death = config_test;
 
-TEST_F(config_death, rewrite_needs_a_table)
-{
+TEST_F(config_death, rewrite_needs_a_table) {
     EXPECT_ASSERTION((void)ux_rewriteconfig(path.c_str(), nullptr, 64),
                      "ux_configfile", "topic_table");
 }
 
-TEST_F(config_death, rewrite_of_a_file_that_cannot_be_read_aborts)
-{
+TEST_F(config_death, rewrite_of_a_file_that_cannot_be_read_aborts) {
     EXPECT_ASSERTION((void)ux_rewriteconfig(path.c_str(), table, 64),
                      "ux_configfile", "ret");
     EXPECT_FALSE(file_exists(path));
@@ -202,8 +187,7 @@ TEST_F(config_death, rewrite_of_a_file_that_cannot_be_read_aborts)
                      "ux_configfile", "ret");
 }
 
-TEST_F(config_death, rewrite_of_a_file_that_cannot_be_written_aborts)
-{
+TEST_F(config_death, rewrite_of_a_file_that_cannot_be_written_aborts) {
     write_file(path, "port=2\n");
     ASSERT_EQ(chmod(path.c_str(), 0444), 0);
     ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
@@ -213,8 +197,7 @@ TEST_F(config_death, rewrite_of_a_file_that_cannot_be_written_aborts)
     EXPECT_EQ(read_file(path), "port=2\n");
 }
 
-TEST_F(config_death, rewrite_aborts_before_the_file_is_touched_on_a_full_disk)
-{
+TEST_F(config_death, rewrite_aborts_before_the_file_is_touched_on_a_full_disk) {
     /* A file that fills buffers, and one that fails at the last moment. */
     for (int lines : {1000, 100}) {
         std::string before;
@@ -230,8 +213,7 @@ TEST_F(config_death, rewrite_aborts_before_the_file_is_touched_on_a_full_disk)
     }
 }
 
-TEST_F(config_death, rewrite_that_runs_out_of_memory_aborts_before_the_file)
-{
+TEST_F(config_death, rewrite_that_runs_out_of_memory_aborts_before_the_file) {
     set(1, "n", "t");
     write_file(path, "port=2\n");
     EXPECT_ASSERTION(

@@ -4,34 +4,29 @@
 
 #include <cerrno>
 
-namespace
-{
+namespace {
 
-TEST_F(config_test, write_makes_a_line_of_every_row)
-{
+TEST_F(config_test, write_makes_a_line_of_every_row) {
     set(-12, "a # \"b\"", nullptr);
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 1);
     EXPECT_EQ(read_file(path), "# head\nport=-12\nname=a # \"b\"\ntext=\n");
 }
 
-TEST_F(config_test, write_replaces_an_old_file)
-{
+TEST_F(config_test, write_replaces_an_old_file) {
     set(1, "n", "t");
     write_file(path, std::string(10000, 'x'));
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 1);
     EXPECT_EQ(read_file(path), "# head\nport=1\nname=n\ntext=t\n");
 }
 
-TEST_F(config_test, write_ends_at_an_empty_key_too)
-{
+TEST_F(config_test, write_ends_at_an_empty_key_too) {
     table[2].ident = "";
     port = 5;
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 1);
     EXPECT_EQ(read_file(path), "# head\nport=5\n");
 }
 
-TEST_F(config_test, write_ends_no_line_of_an_unknown_type_with_storage)
-{
+TEST_F(config_test, write_ends_no_line_of_an_unknown_type_with_storage) {
     set(5, "n", "t");
     table[1].type = static_cast<ux_option_type>(9);
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 1);
@@ -41,8 +36,7 @@ TEST_F(config_test, write_ends_no_line_of_an_unknown_type_with_storage)
     EXPECT_EQ(read_file(path), "# head\nportname=n\ntext=t\n");
 }
 
-TEST_F(config_test, write_of_rows_without_storage_ends_the_line)
-{
+TEST_F(config_test, write_of_rows_without_storage_ends_the_line) {
     for (int32_t type : {1, 2, 3, 9}) {
         ux_option bare[] = {{static_cast<ux_option_type>(type), "key"}, {}};
         EXPECT_EQ(ux_writeconfig(path.c_str(), bare), 1);
@@ -50,8 +44,7 @@ TEST_F(config_test, write_of_rows_without_storage_ends_the_line)
     }
 }
 
-TEST_F(config_test, write_sets_the_mask_for_good)
-{
+TEST_F(config_test, write_sets_the_mask_for_good) {
     set(1, "n", "t");
     umask(0);
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 1);
@@ -61,15 +54,13 @@ TEST_F(config_test, write_sets_the_mask_for_good)
     EXPECT_EQ(status.st_mode & 07777, static_cast<mode_t>(0640));
 }
 
-TEST_F(config_test, write_sets_the_mask_even_when_it_fails)
-{
+TEST_F(config_test, write_sets_the_mask_even_when_it_fails) {
     umask(0);
     EXPECT_EQ(ux_writeconfig(dir.path("no/dir").c_str(), table), 0);
     EXPECT_EQ(umask(0), static_cast<mode_t>(026));
 }
 
-TEST_F(config_test, write_of_an_empty_table_leaves_no_file)
-{
+TEST_F(config_test, write_of_an_empty_table_leaves_no_file) {
     EXPECT_EQ(ux_writeconfig(path.c_str(), &table[4]), 0);
     EXPECT_FALSE(file_exists(path));
     write_file(path, "old\n");
@@ -77,16 +68,14 @@ TEST_F(config_test, write_of_an_empty_table_leaves_no_file)
     EXPECT_FALSE(file_exists(path));
 }
 
-TEST_F(config_test, write_to_a_place_that_is_none_fails)
-{
+TEST_F(config_test, write_to_a_place_that_is_none_fails) {
     EXPECT_EQ(ux_writeconfig(dir.path("no/dir").c_str(), table), 0);
     EXPECT_EQ(ux_writeconfig(dir.path().c_str(), table), 0);
     EXPECT_TRUE(file_exists(dir.path()));
 }
 
 /* A link, since what cannot be written is removed. */
-TEST_F(config_test, write_to_a_full_disk_leaves_no_file)
-{
+TEST_F(config_test, write_to_a_full_disk_leaves_no_file) {
     set(1, "n", "t");
     ASSERT_EQ(symlink("/dev/full", path.c_str()), 0);
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 0);
@@ -100,8 +89,7 @@ TEST_F(config_test, write_to_a_full_disk_leaves_no_file)
     EXPECT_TRUE(file_exists("/dev/full"));
 }
 
-TEST_F(config_test, what_was_written_reads_back)
-{
+TEST_F(config_test, what_was_written_reads_back) {
     set(-7, "\"a # b\" \\\\", "x=y");
     EXPECT_EQ(ux_writeconfig(path.c_str(), table), 1);
     forget();
@@ -113,8 +101,7 @@ TEST_F(config_test, what_was_written_reads_back)
 
 using config_death = config_test;
 
-TEST_F(config_death, write_needs_a_table)
-{
+TEST_F(config_death, write_needs_a_table) {
     EXPECT_ASSERTION((void)ux_writeconfig(path.c_str(), nullptr),
                      "ux_configfile", "topic_table");
 }

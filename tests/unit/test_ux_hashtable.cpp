@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace
-{
+namespace {
 
 /* A datum: its key, and a mark that tells two with the same key apart. */
 struct datum {
@@ -20,47 +19,36 @@ struct datum {
 
 std::vector<int> destroyed;
 
-uint32_t hash_datum(const void *data)
-{
+uint32_t hash_datum(const void *data) {
     return static_cast<const datum *>(data)->key;
 }
 
-int32_t match_datum(const void *left, const void *right)
-{
+int32_t match_datum(const void *left, const void *right) {
     /* Any non-zero answer means a match. */
     return hash_datum(left) == hash_datum(right) ? -7 : 0;
 }
 
-void destroy_datum(void *data)
-{
+void destroy_datum(void *data) {
     destroyed.push_back(static_cast<datum *>(data)->mark);
 }
 
-class ux_hashtable_test : public testing::Test
-{
+class ux_hashtable_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         destroyed.clear();
         ASSERT_EQ(start(5), 0);
     }
-    void TearDown() override
-    {
-        ux_hashtable_destroy(&ht);
-    }
-    int32_t start(uint32_t buckets)
-    {
+    void TearDown() override { ux_hashtable_destroy(&ht); }
+    int32_t start(uint32_t buckets) {
         return ux_hashtable_init(&ht, buckets, hash_datum, match_datum,
                                  destroy_datum);
     }
-    void restart(uint32_t buckets)
-    {
+    void restart(uint32_t buckets) {
         ux_hashtable_destroy(&ht);
         destroyed.clear();
         ASSERT_EQ(start(buckets), 0);
     }
-    std::vector<int> marks(uint32_t bucket) const
-    {
+    std::vector<int> marks(uint32_t bucket) const {
         std::vector<int> found;
         for (ux_list_element *e = ht.table[bucket].head; e; e = e->next) {
             found.push_back(static_cast<datum *>(e->data)->mark);
@@ -84,20 +72,17 @@ struct hash_case {
     uint32_t expected;
 };
 
-class ux_hash_string_test : public testing::Test
-{
+class ux_hash_string_test : public testing::Test {
   protected:
     void check(const hash_case &c);
 };
 
-void ux_hash_string_test::check(const hash_case &c)
-{
+void ux_hash_string_test::check(const hash_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.text));
     EXPECT_EQ(ux_hash_string(c.text), c.expected) << c.text;
 }
 
-TEST_F(ux_hash_string_test, texts)
-{
+TEST_F(ux_hash_string_test, texts) {
     for (const hash_case &c :
          {hash_case{"", 5381u}, hash_case{"a", 177670u},
           hash_case{"ab", 5863208u}, hash_case{"ba", 5863240u},
@@ -110,8 +95,7 @@ TEST_F(ux_hash_string_test, texts)
     }
 }
 
-TEST_F(ux_hashtable_test, record_has_its_fields_in_order)
-{
+TEST_F(ux_hashtable_test, record_has_its_fields_in_order) {
     EXPECT_EQ(offsetof(ux_hashtable, buckets), 0u);
     EXPECT_LT(offsetof(ux_hashtable, buckets), offsetof(ux_hashtable, hash));
     EXPECT_LT(offsetof(ux_hashtable, hash), offsetof(ux_hashtable, match));
@@ -120,8 +104,7 @@ TEST_F(ux_hashtable_test, record_has_its_fields_in_order)
     EXPECT_LT(offsetof(ux_hashtable, size), offsetof(ux_hashtable, table));
 }
 
-TEST_F(ux_hashtable_test, init_prepares_every_bucket)
-{
+TEST_F(ux_hashtable_test, init_prepares_every_bucket) {
     EXPECT_EQ(ht.buckets, 5u);
     EXPECT_EQ(ht.size, 0u);
     EXPECT_EQ(ht.hash, hash_datum);
@@ -135,8 +118,7 @@ TEST_F(ux_hashtable_test, init_prepares_every_bucket)
     }
 }
 
-TEST_F(ux_hashtable_test, init_without_memory_leaves_the_record_alone)
-{
+TEST_F(ux_hashtable_test, init_without_memory_leaves_the_record_alone) {
     ux_hashtable fresh;
     memset(static_cast<void *>(&fresh), 0x5a, sizeof fresh);
     ux_hashtable before = fresh;
@@ -147,8 +129,7 @@ TEST_F(ux_hashtable_test, init_without_memory_leaves_the_record_alone)
     EXPECT_EQ(memcmp(&fresh, &before, sizeof fresh), 0);
 }
 
-TEST_F(ux_hashtable_test, destroy_goes_through_the_buckets_in_order)
-{
+TEST_F(ux_hashtable_test, destroy_goes_through_the_buckets_in_order) {
     for (datum *d : {&two, &one, &six, &eleven}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);
     }
@@ -162,8 +143,7 @@ TEST_F(ux_hashtable_test, destroy_goes_through_the_buckets_in_order)
     EXPECT_EQ(ht.table, nullptr);
 }
 
-TEST_F(ux_hashtable_test, destroy_without_destructor_drops_the_data)
-{
+TEST_F(ux_hashtable_test, destroy_without_destructor_drops_the_data) {
     ux_hashtable plain;
     ASSERT_EQ(ux_hashtable_init(&plain, 2, hash_datum, match_datum, nullptr),
               0);
@@ -172,8 +152,7 @@ TEST_F(ux_hashtable_test, destroy_without_destructor_drops_the_data)
     EXPECT_EQ(destroyed, marks_t{});
 }
 
-TEST_F(ux_hashtable_test, the_bucket_is_the_hash_modulo_the_buckets)
-{
+TEST_F(ux_hashtable_test, the_bucket_is_the_hash_modulo_the_buckets) {
     datum large{UINT32_MAX, 1};
     for (datum *d : {&one, &six, &eleven, &two, &large}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);
@@ -186,8 +165,7 @@ TEST_F(ux_hashtable_test, the_bucket_is_the_hash_modulo_the_buckets)
     EXPECT_EQ(marks(4), marks_t{});
 }
 
-TEST_F(ux_hashtable_test, insert_refuses_a_second_datum_of_a_key)
-{
+TEST_F(ux_hashtable_test, insert_refuses_a_second_datum_of_a_key) {
     ASSERT_EQ(ux_hashtable_insert(&ht, &one), 0);
     ASSERT_EQ(ux_hashtable_insert(&ht, &six), 0);
     EXPECT_EQ(ux_hashtable_insert(&ht, &other_one), 1);
@@ -197,16 +175,14 @@ TEST_F(ux_hashtable_test, insert_refuses_a_second_datum_of_a_key)
     EXPECT_EQ(destroyed, marks_t{});
 }
 
-TEST_F(ux_hashtable_test, insert_without_memory_changes_nothing)
-{
+TEST_F(ux_hashtable_test, insert_without_memory_changes_nothing) {
     failing_heap none;
     EXPECT_EQ(ux_hashtable_insert(&ht, &one), -1);
     EXPECT_EQ(ht.size, 0u);
     EXPECT_EQ(marks(1), marks_t{});
 }
 
-TEST_F(ux_hashtable_test, replace_of_a_new_key_takes_the_datum)
-{
+TEST_F(ux_hashtable_test, replace_of_a_new_key_takes_the_datum) {
     void *data = &one;
     EXPECT_EQ(ux_hashtable_replace(&ht, &data), 0);
     EXPECT_EQ(data, nullptr);
@@ -217,8 +193,7 @@ TEST_F(ux_hashtable_test, replace_of_a_new_key_takes_the_datum)
     EXPECT_EQ(marks(1), marks_t({10, 60}));
 }
 
-TEST_F(ux_hashtable_test, replace_of_a_known_key_hands_the_old_datum_back)
-{
+TEST_F(ux_hashtable_test, replace_of_a_known_key_hands_the_old_datum_back) {
     for (datum *d : {&one, &six}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);
     }
@@ -230,8 +205,8 @@ TEST_F(ux_hashtable_test, replace_of_a_known_key_hands_the_old_datum_back)
     EXPECT_EQ(destroyed, marks_t{});
 }
 
-TEST_F(ux_hashtable_test, replace_without_memory_leaves_the_datum_to_the_caller)
-{
+TEST_F(ux_hashtable_test,
+       replace_without_memory_leaves_the_datum_to_the_caller) {
     void *data = &one;
     failing_heap none;
     EXPECT_EQ(ux_hashtable_replace(&ht, &data), -1);
@@ -239,8 +214,7 @@ TEST_F(ux_hashtable_test, replace_without_memory_leaves_the_datum_to_the_caller)
     EXPECT_EQ(ht.size, 0u);
 }
 
-TEST_F(ux_hashtable_test, remove_hands_the_stored_datum_back)
-{
+TEST_F(ux_hashtable_test, remove_hands_the_stored_datum_back) {
     for (datum *d : {&one, &six, &eleven}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);
     }
@@ -253,8 +227,7 @@ TEST_F(ux_hashtable_test, remove_hands_the_stored_datum_back)
     EXPECT_EQ(destroyed, marks_t{});
 }
 
-TEST_F(ux_hashtable_test, remove_of_an_absent_key_changes_nothing)
-{
+TEST_F(ux_hashtable_test, remove_of_an_absent_key_changes_nothing) {
     ASSERT_EQ(ux_hashtable_insert(&ht, &one), 0);
     for (datum *absent : {&six, &two}) {
         void *data = absent;
@@ -265,8 +238,7 @@ TEST_F(ux_hashtable_test, remove_of_an_absent_key_changes_nothing)
     EXPECT_EQ(marks(1), marks_t({10}));
 }
 
-TEST_F(ux_hashtable_test, lookup_finds_and_keeps)
-{
+TEST_F(ux_hashtable_test, lookup_finds_and_keeps) {
     for (datum *d : {&one, &six}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);
     }
@@ -278,16 +250,14 @@ TEST_F(ux_hashtable_test, lookup_finds_and_keeps)
     EXPECT_EQ(marks(1), marks_t({10, 60}));
 }
 
-TEST_F(ux_hashtable_test, lookup_of_an_absent_key_changes_nothing)
-{
+TEST_F(ux_hashtable_test, lookup_of_an_absent_key_changes_nothing) {
     ASSERT_EQ(ux_hashtable_insert(&ht, &one), 0);
     void *data = &eleven;
     EXPECT_EQ(ux_hashtable_lookup(&ht, &data), -1);
     EXPECT_EQ(data, &eleven);
 }
 
-TEST_F(ux_hashtable_test, one_bucket_is_a_list_in_order_of_insertion)
-{
+TEST_F(ux_hashtable_test, one_bucket_is_a_list_in_order_of_insertion) {
     restart(1);
     for (datum *d : {&eleven, &two, &one, &six}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);
@@ -308,8 +278,7 @@ TEST_F(ux_hashtable_test, one_bucket_is_a_list_in_order_of_insertion)
     EXPECT_EQ(ht.size, 3u);
 }
 
-TEST_F(ux_hashtable_test, many_keys_are_all_found_again)
-{
+TEST_F(ux_hashtable_test, many_keys_are_all_found_again) {
     std::vector<datum> data(2000);
     for (uint32_t i = 0; i < data.size(); i++) {
         data[i] = datum{i * 2654435761u, static_cast<int>(i)};
@@ -324,8 +293,7 @@ TEST_F(ux_hashtable_test, many_keys_are_all_found_again)
     EXPECT_EQ(ht.size, 0u);
 }
 
-TEST_F(ux_hashtable_test, tells_bucket_and_size_at_level_1)
-{
+TEST_F(ux_hashtable_test, tells_bucket_and_size_at_level_1) {
     auto insert = [this] { (void)ux_hashtable_insert(&ht, &six); };
     auto replace = [this] {
         void *data = &eleven;
@@ -346,8 +314,7 @@ TEST_F(ux_hashtable_test, tells_bucket_and_size_at_level_1)
     EXPECT_EQ(traced(1, remove).substr(0, 18), "DEBUG: bucket = 1\n");
 }
 
-TEST_F(ux_hashtable_test, is_silent_at_levels_0_and_below)
-{
+TEST_F(ux_hashtable_test, is_silent_at_levels_0_and_below) {
     for (int32_t level : {-1, 0}) {
         EXPECT_EQ(traced(level,
                          [this] {
@@ -367,8 +334,7 @@ TEST_F(ux_hashtable_test, is_silent_at_levels_0_and_below)
     }
 }
 
-TEST_F(ux_hashtable_test, names_every_entry_point_above_level_5)
-{
+TEST_F(ux_hashtable_test, names_every_entry_point_above_level_5) {
     auto first_line = [](const std::string &text) {
         return text.substr(0, text.find('\n') + 1);
     };
@@ -405,8 +371,7 @@ TEST_F(ux_hashtable_test, names_every_entry_point_above_level_5)
 
 using ux_hashtable_death = ux_hashtable_test;
 
-TEST_F(ux_hashtable_death, init_needs_a_record_and_buckets)
-{
+TEST_F(ux_hashtable_death, init_needs_a_record_and_buckets) {
     ux_hashtable other;
     EXPECT_ASSERTION(
         (void)ux_hashtable_init(nullptr, 1, hash_datum, match_datum, nullptr),
@@ -416,21 +381,18 @@ TEST_F(ux_hashtable_death, init_needs_a_record_and_buckets)
         "ux_hashtable", "buckets");
 }
 
-TEST_F(ux_hashtable_death, destroy_needs_a_record)
-{
+TEST_F(ux_hashtable_death, destroy_needs_a_record) {
     EXPECT_ASSERTION(ux_hashtable_destroy(nullptr), "ux_hashtable", "ht");
 }
 
-TEST_F(ux_hashtable_death, insert_needs_record_and_datum)
-{
+TEST_F(ux_hashtable_death, insert_needs_record_and_datum) {
     EXPECT_ASSERTION((void)ux_hashtable_insert(nullptr, &one), "ux_hashtable",
                      "ht");
     EXPECT_ASSERTION((void)ux_hashtable_insert(&ht, nullptr), "ux_hashtable",
                      "data");
 }
 
-TEST_F(ux_hashtable_death, the_others_need_record_reference_and_datum)
-{
+TEST_F(ux_hashtable_death, the_others_need_record_reference_and_datum) {
     using operation = int32_t (*)(ux_hashtable *, void **);
     for (operation op :
          {ux_hashtable_replace, ux_hashtable_remove, ux_hashtable_lookup}) {
@@ -443,8 +405,7 @@ TEST_F(ux_hashtable_death, the_others_need_record_reference_and_datum)
     }
 }
 
-TEST_F(ux_hashtable_death, stored_null_data_stop_every_walk)
-{
+TEST_F(ux_hashtable_death, stored_null_data_stop_every_walk) {
     ASSERT_EQ(ux_list_ins_next(&ht.table[1], nullptr, nullptr), 0);
     EXPECT_ASSERTION((void)ux_hashtable_insert(&ht, &one), "ux_hashtable",
                      "element->data");

@@ -9,26 +9,22 @@
 #include <type_traits>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using numbers = std::vector<int>;
 
 numbers destroyed;
 
-void note_destroyed(void *data)
-{
+void note_destroyed(void *data) {
     destroyed.push_back(*static_cast<int *>(data));
 }
 
-int value_of(const ux_list_element *element)
-{
+int value_of(const ux_list_element *element) {
     return *static_cast<const int *>(element->data);
 }
 
 /* The data from head to tail; the way back must agree. */
-numbers contents(const ux_list &list)
-{
+numbers contents(const ux_list &list) {
     numbers forward;
     numbers backward;
     for (ux_list_element *e = list.head; e != nullptr; e = e->next) {
@@ -46,27 +42,20 @@ numbers contents(const ux_list &list)
     return forward;
 }
 
-class ux_list_test : public testing::Test
-{
+class ux_list_test : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         destroyed.clear();
         ASSERT_EQ(ux_list_init(&list, nullptr), &list);
     }
-    void TearDown() override
-    {
-        ux_list_destroy(&list);
-    }
+    void TearDown() override { ux_list_destroy(&list); }
     /* Fills the list with 1 to count. */
-    void fill(int count)
-    {
+    void fill(int count) {
         for (int i = 0; i < count; i++) {
             ASSERT_EQ(ux_list_ins_next(&list, list.tail, &values[i]), 0);
         }
     }
-    ux_list_element *at(int index) const
-    {
+    ux_list_element *at(int index) const {
         ux_list_element *element = list.head;
         while (index-- > 0) {
             element = element->next;
@@ -78,8 +67,7 @@ class ux_list_test : public testing::Test
     int values[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
 };
 
-TEST(ux_list_layout, has_its_fields_in_order)
-{
+TEST(ux_list_layout, has_its_fields_in_order) {
     EXPECT_EQ(offsetof(ux_list, size), 0u);
     EXPECT_LT(offsetof(ux_list, size), offsetof(ux_list, destroy));
     EXPECT_LT(offsetof(ux_list, destroy), offsetof(ux_list, head));
@@ -90,8 +78,7 @@ TEST(ux_list_layout, has_its_fields_in_order)
     EXPECT_TRUE((std::is_same_v<decltype(ux_list::size), uint32_t>));
 }
 
-TEST_F(ux_list_test, init_overwrites_whatever_was_there)
-{
+TEST_F(ux_list_test, init_overwrites_whatever_was_there) {
     ux_list garbage;
     memset(static_cast<void *>(&garbage), 0x5a, sizeof garbage);
     EXPECT_EQ(ux_list_init(&garbage, note_destroyed), &garbage);
@@ -101,28 +88,24 @@ TEST_F(ux_list_test, init_overwrites_whatever_was_there)
     EXPECT_EQ(garbage.tail, nullptr);
 }
 
-TEST_F(ux_list_test, init_hands_a_null_list_back)
-{
+TEST_F(ux_list_test, init_hands_a_null_list_back) {
     EXPECT_EQ(ux_list_init(nullptr, note_destroyed), nullptr);
 }
 
-TEST_F(ux_list_test, first_element_is_head_and_tail)
-{
+TEST_F(ux_list_test, first_element_is_head_and_tail) {
     ASSERT_EQ(ux_list_ins_next(&list, nullptr, &values[0]), 0);
     EXPECT_EQ(list.head, list.tail);
     EXPECT_EQ(list.head->data, &values[0]);
     EXPECT_EQ(contents(list), numbers({1}));
 }
 
-TEST_F(ux_list_test, first_element_may_come_by_ins_prev)
-{
+TEST_F(ux_list_test, first_element_may_come_by_ins_prev) {
     ASSERT_EQ(ux_list_ins_prev(&list, nullptr, &values[0]), 0);
     EXPECT_EQ(list.head, list.tail);
     EXPECT_EQ(contents(list), numbers({1}));
 }
 
-TEST_F(ux_list_test, ins_next_inserts_behind_tail_head_and_inner)
-{
+TEST_F(ux_list_test, ins_next_inserts_behind_tail_head_and_inner) {
     fill(2);
     ASSERT_EQ(ux_list_ins_next(&list, list.tail, &values[2]), 0);
     EXPECT_EQ(contents(list), numbers({1, 2, 3}));
@@ -133,8 +116,7 @@ TEST_F(ux_list_test, ins_next_inserts_behind_tail_head_and_inner)
     EXPECT_EQ(value_of(list.tail), 3);
 }
 
-TEST_F(ux_list_test, ins_prev_inserts_before_head_tail_and_inner)
-{
+TEST_F(ux_list_test, ins_prev_inserts_before_head_tail_and_inner) {
     fill(2);
     ASSERT_EQ(ux_list_ins_prev(&list, list.head, &values[2]), 0);
     EXPECT_EQ(contents(list), numbers({3, 1, 2}));
@@ -145,8 +127,7 @@ TEST_F(ux_list_test, ins_prev_inserts_before_head_tail_and_inner)
     EXPECT_EQ(value_of(list.head), 3);
 }
 
-TEST_F(ux_list_test, insertion_into_a_null_list_fails)
-{
+TEST_F(ux_list_test, insertion_into_a_null_list_fails) {
     fill(1);
     EXPECT_EQ(ux_list_ins_next(nullptr, nullptr, &values[0]), -1);
     EXPECT_EQ(ux_list_ins_next(nullptr, list.head, &values[0]), -1);
@@ -155,8 +136,7 @@ TEST_F(ux_list_test, insertion_into_a_null_list_fails)
     EXPECT_EQ(contents(list), numbers({1}));
 }
 
-TEST_F(ux_list_test, insertion_without_memory_changes_nothing)
-{
+TEST_F(ux_list_test, insertion_without_memory_changes_nothing) {
     {
         failing_heap none;
         EXPECT_EQ(ux_list_ins_next(&list, nullptr, &values[0]), -1);
@@ -170,8 +150,7 @@ TEST_F(ux_list_test, insertion_without_memory_changes_nothing)
     EXPECT_EQ(contents(list), numbers({1, 2}));
 }
 
-TEST_F(ux_list_test, may_hold_null_data)
-{
+TEST_F(ux_list_test, may_hold_null_data) {
     ASSERT_EQ(ux_list_ins_next(&list, nullptr, nullptr), 0);
     EXPECT_EQ(list.size, 1u);
     void *out = &list;
@@ -179,8 +158,7 @@ TEST_F(ux_list_test, may_hold_null_data)
     EXPECT_EQ(out, nullptr);
 }
 
-TEST_F(ux_list_test, removing_the_only_element_empties_the_list)
-{
+TEST_F(ux_list_test, removing_the_only_element_empties_the_list) {
     fill(1);
     void *out = nullptr;
     EXPECT_EQ(ux_list_rem(&list, list.head, &out), 0);
@@ -192,8 +170,7 @@ TEST_F(ux_list_test, removing_the_only_element_empties_the_list)
     EXPECT_EQ(contents(list), numbers({1, 2}));
 }
 
-TEST_F(ux_list_test, removing_the_tail_of_two_leaves_the_head_as_tail)
-{
+TEST_F(ux_list_test, removing_the_tail_of_two_leaves_the_head_as_tail) {
     fill(2);
     void *out = nullptr;
     EXPECT_EQ(ux_list_rem(&list, list.tail, &out), 0);
@@ -202,8 +179,7 @@ TEST_F(ux_list_test, removing_the_tail_of_two_leaves_the_head_as_tail)
     EXPECT_EQ(contents(list), numbers({1}));
 }
 
-TEST_F(ux_list_test, removing_the_head_of_two_leaves_the_tail_as_head)
-{
+TEST_F(ux_list_test, removing_the_head_of_two_leaves_the_tail_as_head) {
     fill(2);
     void *out = nullptr;
     EXPECT_EQ(ux_list_rem(&list, list.head, &out), 0);
@@ -212,8 +188,7 @@ TEST_F(ux_list_test, removing_the_head_of_two_leaves_the_tail_as_head)
     EXPECT_EQ(contents(list), numbers({2}));
 }
 
-TEST_F(ux_list_test, removes_inner_elements)
-{
+TEST_F(ux_list_test, removes_inner_elements) {
     fill(4);
     void *out = nullptr;
     EXPECT_EQ(ux_list_rem(&list, at(1), &out), 0);
@@ -224,8 +199,8 @@ TEST_F(ux_list_test, removes_inner_elements)
     EXPECT_EQ(contents(list), numbers({1, 4}));
 }
 
-TEST_F(ux_list_test, rem_without_data_out_neither_frees_nor_destroys_the_datum)
-{
+TEST_F(ux_list_test,
+       rem_without_data_out_neither_frees_nor_destroys_the_datum) {
     list.destroy = note_destroyed;
     fill(3);
     EXPECT_EQ(ux_list_rem(&list, at(1), nullptr), 0);
@@ -234,8 +209,7 @@ TEST_F(ux_list_test, rem_without_data_out_neither_frees_nor_destroys_the_datum)
     EXPECT_EQ(values[1], 2);
 }
 
-TEST_F(ux_list_test, destroy_goes_from_tail_to_head_and_clears_the_record)
-{
+TEST_F(ux_list_test, destroy_goes_from_tail_to_head_and_clears_the_record) {
     list.destroy = note_destroyed;
     fill(4);
     ux_list_destroy(&list);
@@ -248,8 +222,7 @@ TEST_F(ux_list_test, destroy_goes_from_tail_to_head_and_clears_the_record)
     EXPECT_EQ(list.tail, zero.tail);
 }
 
-TEST_F(ux_list_test, destroy_of_an_empty_list_only_clears_the_record)
-{
+TEST_F(ux_list_test, destroy_of_an_empty_list_only_clears_the_record) {
     list.destroy = note_destroyed;
     ux_list_destroy(&list);
     EXPECT_EQ(destroyed, numbers{});
@@ -257,16 +230,14 @@ TEST_F(ux_list_test, destroy_of_an_empty_list_only_clears_the_record)
     EXPECT_EQ(list.size, 0u);
 }
 
-TEST_F(ux_list_test, destroy_without_destructor_drops_the_data)
-{
+TEST_F(ux_list_test, destroy_without_destructor_drops_the_data) {
     fill(3);
     ux_list_destroy(&list);
     EXPECT_EQ(list.size, 0u);
     EXPECT_EQ(values[2], 3);
 }
 
-TEST_F(ux_list_test, destroy_hands_no_null_datum_out)
-{
+TEST_F(ux_list_test, destroy_hands_no_null_datum_out) {
     list.destroy = note_destroyed;
     ASSERT_EQ(ux_list_ins_next(&list, nullptr, &values[0]), 0);
     ASSERT_EQ(ux_list_ins_next(&list, list.tail, nullptr), 0);
@@ -275,8 +246,7 @@ TEST_F(ux_list_test, destroy_hands_no_null_datum_out)
     EXPECT_EQ(destroyed, numbers({3, 1}));
 }
 
-TEST_F(ux_list_test, names_its_functions_above_trace_level_5_only)
-{
+TEST_F(ux_list_test, names_its_functions_above_trace_level_5_only) {
     auto use = [this] {
         ux_list other;
         ux_list_init(&other, nullptr);
@@ -301,13 +271,11 @@ TEST_F(ux_list_test, names_its_functions_above_trace_level_5_only)
 
 using ux_list_death = ux_list_test;
 
-TEST_F(ux_list_death, destroy_needs_a_list)
-{
+TEST_F(ux_list_death, destroy_needs_a_list) {
     EXPECT_ASSERTION(ux_list_destroy(nullptr), "ux_list", "list");
 }
 
-TEST_F(ux_list_death, destroy_checks_the_record_before_each_removal)
-{
+TEST_F(ux_list_death, destroy_checks_the_record_before_each_removal) {
     fill(2);
     EXPECT_ASSERTION((list.size = 0, ux_list_destroy(&list)), "ux_list",
                      "list->size");
@@ -315,8 +283,7 @@ TEST_F(ux_list_death, destroy_checks_the_record_before_each_removal)
                      "list->head");
 }
 
-TEST_F(ux_list_death, destroy_checks_that_everything_is_gone)
-{
+TEST_F(ux_list_death, destroy_checks_that_everything_is_gone) {
     EXPECT_ASSERTION((list.size = 1, ux_list_destroy(&list)), "ux_list",
                      "!list->size");
     ux_list_element stray{};
@@ -324,8 +291,7 @@ TEST_F(ux_list_death, destroy_checks_that_everything_is_gone)
                      "!list->head");
 }
 
-TEST_F(ux_list_death, ins_next_on_an_empty_list_checks_ends_size_and_element)
-{
+TEST_F(ux_list_death, ins_next_on_an_empty_list_checks_ends_size_and_element) {
     ux_list_element stray{};
     EXPECT_ASSERTION((void)ux_list_ins_next(&list, &stray, &values[0]),
                      "ux_list", "!element");
@@ -337,15 +303,13 @@ TEST_F(ux_list_death, ins_next_on_an_empty_list_checks_ends_size_and_element)
         "ux_list", "!list->size");
 }
 
-TEST_F(ux_list_death, ins_next_has_no_form_that_inserts_at_the_head)
-{
+TEST_F(ux_list_death, ins_next_has_no_form_that_inserts_at_the_head) {
     fill(1);
     EXPECT_ASSERTION((void)ux_list_ins_next(&list, nullptr, &values[1]),
                      "ux_list", "0");
 }
 
-TEST_F(ux_list_death, ins_next_checks_the_links_of_a_filled_list)
-{
+TEST_F(ux_list_death, ins_next_checks_the_links_of_a_filled_list) {
     fill(3);
     EXPECT_ASSERTION((list.tail = nullptr,
                       (void)ux_list_ins_next(&list, list.head, &values[3])),
@@ -364,8 +328,7 @@ TEST_F(ux_list_death, ins_next_checks_the_links_of_a_filled_list)
                      "ux_list", "list->tail == element");
 }
 
-TEST_F(ux_list_death, ins_prev_on_an_empty_list_checks_ends_and_element)
-{
+TEST_F(ux_list_death, ins_prev_on_an_empty_list_checks_ends_and_element) {
     ux_list_element stray{};
     EXPECT_ASSERTION((void)ux_list_ins_prev(&list, &stray, &values[0]),
                      "ux_list", "!element");
@@ -377,15 +340,13 @@ TEST_F(ux_list_death, ins_prev_on_an_empty_list_checks_ends_and_element)
                      "ux_list", "!list->tail");
 }
 
-TEST_F(ux_list_death, ins_prev_has_no_form_that_inserts_at_the_tail)
-{
+TEST_F(ux_list_death, ins_prev_has_no_form_that_inserts_at_the_tail) {
     fill(1);
     EXPECT_ASSERTION((void)ux_list_ins_prev(&list, nullptr, &values[1]),
                      "ux_list", "0");
 }
 
-TEST_F(ux_list_death, ins_prev_decides_emptiness_by_size)
-{
+TEST_F(ux_list_death, ins_prev_decides_emptiness_by_size) {
     fill(2);
     EXPECT_ASSERTION(
         (list.size = 0, (void)ux_list_ins_prev(&list, list.head, &values[3])),
@@ -395,8 +356,7 @@ TEST_F(ux_list_death, ins_prev_decides_emptiness_by_size)
                      "ux_list", "list->head");
 }
 
-TEST_F(ux_list_death, ins_prev_checks_the_links_of_a_filled_list)
-{
+TEST_F(ux_list_death, ins_prev_checks_the_links_of_a_filled_list) {
     fill(3);
     EXPECT_ASSERTION((list.tail = nullptr,
                       (void)ux_list_ins_prev(&list, list.head, &values[3])),
@@ -412,8 +372,7 @@ TEST_F(ux_list_death, ins_prev_checks_the_links_of_a_filled_list)
                      "ux_list", "list->head == element");
 }
 
-TEST_F(ux_list_death, rem_needs_list_and_element)
-{
+TEST_F(ux_list_death, rem_needs_list_and_element) {
     fill(1);
     EXPECT_ASSERTION(ux_list_rem(nullptr, list.head, nullptr), "ux_list",
                      "list");
@@ -422,8 +381,7 @@ TEST_F(ux_list_death, rem_needs_list_and_element)
     EXPECT_ASSERTION(ux_list_rem(nullptr, nullptr, nullptr), "ux_list", "list");
 }
 
-TEST_F(ux_list_death, rem_checks_the_record)
-{
+TEST_F(ux_list_death, rem_checks_the_record) {
     fill(3);
     EXPECT_ASSERTION(
         (list.head = nullptr, ux_list_rem(&list, list.tail, nullptr)),
@@ -435,8 +393,7 @@ TEST_F(ux_list_death, rem_checks_the_record)
                      "ux_list", "list->size > 0");
 }
 
-TEST_F(ux_list_death, rem_checks_the_only_element)
-{
+TEST_F(ux_list_death, rem_checks_the_only_element) {
     fill(1);
     ux_list_element stray{};
     EXPECT_ASSERTION(
@@ -449,8 +406,7 @@ TEST_F(ux_list_death, rem_checks_the_only_element)
                      "ux_list", "list->size == 1");
 }
 
-TEST_F(ux_list_death, rem_checks_the_head)
-{
+TEST_F(ux_list_death, rem_checks_the_head) {
     fill(2);
     EXPECT_ASSERTION(
         (list.head->next = nullptr, ux_list_rem(&list, list.head, nullptr)),
@@ -459,8 +415,7 @@ TEST_F(ux_list_death, rem_checks_the_head)
                      "ux_list", "list->size > 1");
 }
 
-TEST_F(ux_list_death, rem_checks_the_tail)
-{
+TEST_F(ux_list_death, rem_checks_the_tail) {
     fill(2);
     ux_list_element stray{};
     EXPECT_ASSERTION(
@@ -473,8 +428,7 @@ TEST_F(ux_list_death, rem_checks_the_tail)
         "ux_list", "!element->next");
 }
 
-TEST_F(ux_list_death, rem_checks_an_inner_element)
-{
+TEST_F(ux_list_death, rem_checks_an_inner_element) {
     fill(3);
     EXPECT_ASSERTION((list.size = 2, ux_list_rem(&list, at(1), nullptr)),
                      "ux_list", "list->size > 2");

@@ -5,39 +5,30 @@
 
 #include <string>
 
-namespace
-{
+namespace {
 
 /* A list of letters; each datum is a place in the alphabet. */
-class letters
-{
+class letters {
   public:
-    explicit letters(const std::string &text)
-    {
+    explicit letters(const std::string &text) {
         ux_list_init(&list, nullptr);
         for (char one : text) {
             append(one);
         }
     }
-    ~letters()
-    {
-        ux_list_destroy(&list);
-    }
+    ~letters() { ux_list_destroy(&list); }
     letters(const letters &) = delete;
     letters &operator=(const letters &) = delete;
 
-    void append(char one)
-    {
+    void append(char one) {
         /* "-" is a node without data. */
         char *data = one == '-' ? nullptr : &alphabet[one - 'a'];
         ASSERT_EQ(ux_list_ins_next(&list, list.tail, data), 0);
     }
-    void remove(ux_list_element *node)
-    {
+    void remove(ux_list_element *node) {
         ASSERT_EQ(ux_list_rem(&list, node, nullptr), 0);
     }
-    std::string text() const
-    {
+    std::string text() const {
         std::string all;
         for (const char *one : ux_records<char>(&list)) {
             all += one == nullptr ? '-' : *one;
@@ -50,16 +41,14 @@ class letters
     char alphabet[27] = "abcdefghijklmnopqrstuvwxyz";
 };
 
-char letter_of(ux_list_element *node)
-{
+char letter_of(ux_list_element *node) {
     const char *one = ux_record<char>(node);
     return one == nullptr ? '-' : *one;
 }
 
 } // namespace
 
-TEST(ux_nodes, go_from_head_to_tail)
-{
+TEST(ux_nodes, go_from_head_to_tail) {
     letters three("abc");
     std::string seen;
     const ux_list_element *last = nullptr;
@@ -72,8 +61,7 @@ TEST(ux_nodes, go_from_head_to_tail)
     EXPECT_EQ(last, three.list.tail);
 }
 
-TEST(ux_nodes, of_an_empty_list_are_none)
-{
+TEST(ux_nodes, of_an_empty_list_are_none) {
     letters none("");
     for (ux_list_element *node : ux_nodes(&none.list)) {
         ADD_FAILURE() << letter_of(node);
@@ -83,8 +71,7 @@ TEST(ux_nodes, of_an_empty_list_are_none)
     }
 }
 
-TEST(ux_nodes, without_data_are_visited_too)
-{
+TEST(ux_nodes, without_data_are_visited_too) {
     letters some("-a--b-");
     std::string seen;
     for (ux_list_element *node : ux_nodes(&some.list)) {
@@ -94,8 +81,7 @@ TEST(ux_nodes, without_data_are_visited_too)
     EXPECT_EQ(some.text(), "-a--b-") << "their record is null";
 }
 
-TEST(ux_nodes, the_one_a_walk_is_at_may_be_removed)
-{
+TEST(ux_nodes, the_one_a_walk_is_at_may_be_removed) {
     for (const char *gone : {"a", "b", "c", "ab", "bc", "ac", "abc"}) {
         letters three("abc");
         std::string seen;
@@ -113,8 +99,7 @@ TEST(ux_nodes, the_one_a_walk_is_at_may_be_removed)
     }
 }
 
-TEST(ux_nodes, those_behind_a_walk_may_be_removed)
-{
+TEST(ux_nodes, those_behind_a_walk_may_be_removed) {
     letters three("abc");
     std::string seen;
     for (ux_list_element *node : ux_nodes(&three.list)) {
@@ -127,8 +112,7 @@ TEST(ux_nodes, those_behind_a_walk_may_be_removed)
     EXPECT_EQ(three.text(), "c");
 }
 
-TEST(ux_nodes, what_is_appended_is_visited_unless_the_walk_is_at_its_end)
-{
+TEST(ux_nodes, what_is_appended_is_visited_unless_the_walk_is_at_its_end) {
     letters early("ab");
     std::string seen;
     for (ux_list_element *node : ux_nodes(&early.list)) {
@@ -151,8 +135,7 @@ TEST(ux_nodes, what_is_appended_is_visited_unless_the_walk_is_at_its_end)
     EXPECT_EQ(late.text(), "abc");
 }
 
-TEST(ux_nodes, a_walk_can_be_left)
-{
+TEST(ux_nodes, a_walk_can_be_left) {
     letters three("abc");
     std::string seen;
     for (ux_list_element *node : ux_nodes(&three.list)) {
@@ -165,8 +148,7 @@ TEST(ux_nodes, a_walk_can_be_left)
     EXPECT_EQ(three.text(), "abc");
 }
 
-TEST(ux_records, are_the_data_themselves)
-{
+TEST(ux_records, are_the_data_themselves) {
     letters two("ab");
     for (char *one : ux_records<char>(&two.list)) {
         *one = static_cast<char>(*one + 1);

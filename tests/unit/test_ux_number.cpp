@@ -5,28 +5,24 @@
 #include <cstdint>
 #include <string>
 
-namespace
-{
+namespace {
 
 struct number_case {
     const char *text;
     int32_t expected;
 };
 
-class ux_number : public testing::Test
-{
+class ux_number : public testing::Test {
   protected:
     void check(const number_case &c);
 };
 
-void ux_number::check(const number_case &c)
-{
+void ux_number::check(const number_case &c) {
     SCOPED_TRACE(testing::PrintToString(c.text));
     EXPECT_EQ(ux_atoi(c.text), c.expected) << "of >" << c.text << "<";
 }
 
-TEST_F(ux_number, texts)
-{
+TEST_F(ux_number, texts) {
     for (const number_case &c : {number_case{"", 0},
                                  number_case{"0", 0},
                                  number_case{"-0", 0},
@@ -58,8 +54,7 @@ TEST_F(ux_number, texts)
     }
 }
 
-TEST_F(ux_number, past_32_bits)
-{
+TEST_F(ux_number, past_32_bits) {
     for (const number_case &c :
          {number_case{"2147483646", 2147483646},
           number_case{"2147483647", INT32_MAX},
@@ -82,8 +77,7 @@ TEST_F(ux_number, past_32_bits)
     }
 }
 
-TEST(ux_number_long, many_digits_neither_wrap_nor_overrun)
-{
+TEST(ux_number_long, many_digits_neither_wrap_nor_overrun) {
     EXPECT_EQ(ux_atoi(std::string(5000, '9').c_str()), INT32_MAX);
     EXPECT_EQ(ux_atoi(('-' + std::string(5000, '9')).c_str()), INT32_MIN);
     EXPECT_EQ(ux_atoi((std::string(5000, '0') + "7").c_str()), 7);

@@ -10,19 +10,16 @@
 #include <string>
 #include <type_traits>
 
-namespace
-{
+namespace {
 
-int open_number()
-{
+int open_number() {
     int number = dup(STDIN_FILENO);
     EXPECT_GE(number, 0);
     return number;
 }
 
 /* A stream with text that no disk has room for. */
-ux_file unwritable()
-{
+ux_file unwritable() {
     ux_file stream(fopen("/dev/full", "w"));
     EXPECT_TRUE(stream);
     EXPECT_GT(fputs("text", stream.get()), 0);
@@ -35,8 +32,7 @@ struct noted {
     bool flag = false;
     int *gone = nullptr;
     ux_text text;
-    ~noted()
-    {
+    ~noted() {
         if (gone != nullptr) {
             (*gone)++;
         }
@@ -45,8 +41,7 @@ struct noted {
 
 } // namespace
 
-TEST(ux_fd, is_none_at_first)
-{
+TEST(ux_fd, is_none_at_first) {
     ux_fd fd;
     EXPECT_FALSE(fd);
     EXPECT_EQ(fd.get(), -1);
@@ -56,8 +51,7 @@ TEST(ux_fd, is_none_at_first)
     EXPECT_FALSE(std::is_copy_assignable_v<ux_fd>);
 }
 
-TEST(ux_fd, number_0_is_a_descriptor)
-{
+TEST(ux_fd, number_0_is_a_descriptor) {
     descriptor_on_loan zero(STDIN_FILENO);
     ux_fd fd = zero.take();
     EXPECT_TRUE(fd);
@@ -66,8 +60,7 @@ TEST(ux_fd, number_0_is_a_descriptor)
     EXPECT_FALSE(is_open(STDIN_FILENO));
 }
 
-TEST(ux_fd, closes_when_it_goes)
-{
+TEST(ux_fd, closes_when_it_goes) {
     int number = open_number();
     {
         ux_fd fd(number);
@@ -78,8 +71,7 @@ TEST(ux_fd, closes_when_it_goes)
     EXPECT_FALSE(is_open(number));
 }
 
-TEST(ux_fd, closes_once)
-{
+TEST(ux_fd, closes_once) {
     ux_fd fd(open_number());
     int number = fd.get();
     fd.reset();
@@ -90,8 +82,7 @@ TEST(ux_fd, closes_once)
     EXPECT_TRUE(is_open(number)) << "it belongs to another by now";
 }
 
-TEST(ux_fd, what_is_released_stays_open)
-{
+TEST(ux_fd, what_is_released_stays_open) {
     ux_fd fd(open_number());
     int number = fd.get();
     EXPECT_EQ(fd.release(), number);
@@ -101,8 +92,7 @@ TEST(ux_fd, what_is_released_stays_open)
     close(number);
 }
 
-TEST(ux_fd, takes_another_and_closes_what_it_had)
-{
+TEST(ux_fd, takes_another_and_closes_what_it_had) {
     ux_fd fd(open_number());
     int first = fd.get();
     int second = open_number();
@@ -112,8 +102,7 @@ TEST(ux_fd, takes_another_and_closes_what_it_had)
     EXPECT_TRUE(is_open(second));
 }
 
-TEST(ux_fd, moves)
-{
+TEST(ux_fd, moves) {
     ux_fd first(open_number());
     int number = first.get();
     ux_fd second = std::move(first);
@@ -131,8 +120,7 @@ TEST(ux_fd, moves)
     EXPECT_FALSE(is_open(number));
 }
 
-TEST(ux_fd, a_move_to_itself_changes_nothing)
-{
+TEST(ux_fd, a_move_to_itself_changes_nothing) {
     ux_fd fd(open_number());
     int number = fd.get();
     ux_fd *same = &fd;
@@ -141,8 +129,7 @@ TEST(ux_fd, a_move_to_itself_changes_nothing)
     EXPECT_TRUE(is_open(number));
 }
 
-TEST(ux_fd, keeps_errno)
-{
+TEST(ux_fd, keeps_errno) {
     ux_fd fd(open_number());
     close(fd.get());
     errno = EPERM;
@@ -150,8 +137,7 @@ TEST(ux_fd, keeps_errno)
     EXPECT_EQ(errno, EPERM) << "not that of the close";
 }
 
-TEST(ux_file, closes_when_it_goes_and_writes_what_is_buffered)
-{
+TEST(ux_file, closes_when_it_goes_and_writes_what_is_buffered) {
     temp_dir home;
     int number = -1;
     {
@@ -165,16 +151,14 @@ TEST(ux_file, closes_when_it_goes_and_writes_what_is_buffered)
     EXPECT_EQ(read_file(home.path("file")), "text");
 }
 
-TEST(ux_file, keeps_errno)
-{
+TEST(ux_file, keeps_errno) {
     ux_file stream = unwritable();
     errno = EPERM;
     stream.reset();
     EXPECT_EQ(errno, EPERM) << "not that of the write";
 }
 
-TEST(ux_close, tells_whether_all_was_written)
-{
+TEST(ux_close, tells_whether_all_was_written) {
     temp_dir home;
     ux_file stream(fopen(home.path("file").c_str(), "w"));
     ASSERT_TRUE(stream);
@@ -190,8 +174,7 @@ TEST(ux_close, tells_whether_all_was_written)
     EXPECT_FALSE(is_open(number)) << "closed all the same";
 }
 
-TEST(ux_copy, is_a_text_of_its_own)
-{
+TEST(ux_copy, is_a_text_of_its_own) {
     char text[] = "one \xe4";
     ux_text copy = ux_copy(text);
     ASSERT_TRUE(copy);
@@ -201,15 +184,13 @@ TEST(ux_copy, is_a_text_of_its_own)
     EXPECT_FALSE(ux_copy(nullptr));
 }
 
-TEST(ux_copy, is_null_when_memory_is_exhausted)
-{
+TEST(ux_copy, is_null_when_memory_is_exhausted) {
     failing_heap exhausted;
     EXPECT_FALSE(ux_copy("text"));
     EXPECT_FALSE(ux_copy(""));
 }
 
-TEST(ux_join, puts_one_part_behind_the_other)
-{
+TEST(ux_join, puts_one_part_behind_the_other) {
     EXPECT_STREQ(ux_join({"one", " ", "two"}).get(), "one two");
     EXPECT_STREQ(ux_join({"", "x", ""}).get(), "x");
     EXPECT_STREQ(ux_join({"alone"}).get(), "alone");
@@ -224,23 +205,20 @@ TEST(ux_join, puts_one_part_behind_the_other)
     EXPECT_EQ(std::string(ux_join({part, part}).get()), part + part);
 }
 
-TEST(ux_join, is_null_when_memory_is_exhausted)
-{
+TEST(ux_join, is_null_when_memory_is_exhausted) {
     failing_heap exhausted;
     EXPECT_FALSE(ux_join({"one", "two"}));
     EXPECT_FALSE(ux_join({}));
 }
 
-TEST(ux_is_empty, for_null_and_no_characters)
-{
+TEST(ux_is_empty, for_null_and_no_characters) {
     EXPECT_TRUE(ux_is_empty(nullptr));
     EXPECT_TRUE(ux_is_empty(""));
     EXPECT_FALSE(ux_is_empty(" "));
     EXPECT_FALSE(ux_is_empty("\xff"));
 }
 
-TEST(ux_new, begins_as_its_type_says)
-{
+TEST(ux_new, begins_as_its_type_says) {
     ux_owner<noted> one(ux_new<noted>());
     ASSERT_TRUE(one);
     EXPECT_EQ(one->number, -1);
@@ -260,16 +238,14 @@ TEST(ux_new, begins_as_its_type_says)
     }
 }
 
-TEST(ux_new, is_null_when_memory_is_exhausted)
-{
+TEST(ux_new, is_null_when_memory_is_exhausted) {
     failing_heap limit(1);
     ux_owner<noted> first(ux_new<noted>());
     EXPECT_TRUE(first);
     EXPECT_FALSE(ux_owner<noted>(ux_new<noted>()));
 }
 
-TEST(ux_delete, ends_the_record_with_what_it_owns)
-{
+TEST(ux_delete, ends_the_record_with_what_it_owns) {
     int gone = 0;
     noted *one = ux_new<noted>();
     ASSERT_NE(one, nullptr);
@@ -280,8 +256,7 @@ TEST(ux_delete, ends_the_record_with_what_it_owns)
     ux_delete<noted>(nullptr);
 }
 
-TEST(ux_owner, deletes_once)
-{
+TEST(ux_owner, deletes_once) {
     int gone = 0;
     {
         ux_owner<noted> one(ux_new<noted>());

@@ -7,16 +7,14 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
 const std::string request = "CONNECT TO TOLVA (SEND)";
 const std::string reply = "CONNECT TO TOLVA (REPLY)";
 
 /* What arrives at the other end when send_text is called. */
 template <typename sender_type>
-std::string arriving(int32_t *result, sender_type send_text)
-{
+std::string arriving(int32_t *result, sender_type send_text) {
     tcp_pair pair;
     *result = send_text(pair.near.get());
     pair.near.reset();
@@ -24,8 +22,7 @@ std::string arriving(int32_t *result, sender_type send_text)
 }
 
 /* What recv_kesdal says to an answer. */
-int32_t judge(const std::string &answer)
-{
+int32_t judge(const std::string &answer) {
     tcp_pair pair;
     if (!answer.empty()) {
         send_bytes_to(pair.far.get(), answer);
@@ -36,8 +33,7 @@ int32_t judge(const std::string &answer)
 }
 
 /* get_key_value with a buffer of exactly size bytes. */
-std::string value_of(const char *text, const char *key, size_t size = 16)
-{
+std::string value_of(const char *text, const char *key, size_t size = 16) {
     std::vector<char> out(size, '~');
     const char *found = get_key_value(text, key, out.data(), size);
     if (found == nullptr) {
@@ -50,8 +46,7 @@ std::string value_of(const char *text, const char *key, size_t size = 16)
 
 } // namespace
 
-TEST(fixed_texts, are_what_the_other_side_expects)
-{
+TEST(fixed_texts, are_what_the_other_side_expects) {
     EXPECT_EQ(request, REQUEST_HEADER);
     EXPECT_EQ(reply, REPLY_HEADER);
     EXPECT_EQ(REQUEST_HEADER_LENGTH, 23u);
@@ -67,8 +62,7 @@ TEST(fixed_texts, are_what_the_other_side_expects)
     EXPECT_EQ(TEXT_BUFFER, 4096u);
 }
 
-TEST(send_ok, sends_the_bare_header_without_a_command)
-{
+TEST(send_ok, sends_the_bare_header_without_a_command) {
     int32_t sent = 0;
     EXPECT_EQ(arriving(&sent, [](int fd) { return send_ok(fd, nullptr); }),
               request);
@@ -77,8 +71,7 @@ TEST(send_ok, sends_the_bare_header_without_a_command)
     EXPECT_EQ(sent, 23);
 }
 
-TEST(send_ok, sends_header_blank_and_command)
-{
+TEST(send_ok, sends_header_blank_and_command) {
     int32_t sent = 0;
     EXPECT_EQ(arriving(&sent,
                        [](int fd) {
@@ -92,8 +85,7 @@ TEST(send_ok, sends_header_blank_and_command)
         request + "  %s\xe4\xff\n");
 }
 
-TEST(send_ok, sends_up_to_4095_bytes_and_never_a_cut_command)
-{
+TEST(send_ok, sends_up_to_4095_bytes_and_never_a_cut_command) {
     int32_t sent = 0;
     std::string fits(4095 - 24, 'c');
     EXPECT_EQ(
@@ -109,14 +101,12 @@ TEST(send_ok, sends_up_to_4095_bytes_and_never_a_cut_command)
     }
 }
 
-TEST(send_ok, fails_on_a_bad_descriptor)
-{
+TEST(send_ok, fails_on_a_bad_descriptor) {
     EXPECT_EQ(send_ok(-1, nullptr), 0);
     EXPECT_EQ(send_ok(-1, "MSG_EXECUTE SHUTDOWN"), 0);
 }
 
-TEST(udp_send_ok, sends_one_datagram)
-{
+TEST(udp_send_ok, sends_one_datagram) {
     ux_fd receiver(bound_socket(SOCK_DGRAM, "127.0.0.11"));
     ux_fd fd(bound_socket(SOCK_DGRAM));
     uint16_t port = local_port(receiver.get());
@@ -129,8 +119,7 @@ TEST(udp_send_ok, sends_one_datagram)
     EXPECT_TRUE(is_silent(receiver.get()));
 }
 
-TEST(udp_send_ok, sends_up_to_1471_bytes_and_never_a_cut_command)
-{
+TEST(udp_send_ok, sends_up_to_1471_bytes_and_never_a_cut_command) {
     ux_fd receiver(bound_socket(SOCK_DGRAM));
     ux_fd fd(bound_socket(SOCK_DGRAM));
     uint16_t port = local_port(receiver.get());
@@ -144,8 +133,7 @@ TEST(udp_send_ok, sends_up_to_1471_bytes_and_never_a_cut_command)
     EXPECT_TRUE(is_silent(receiver.get()));
 }
 
-TEST(send_kesdal, lines_carry_the_descriptor_and_a_terminator)
-{
+TEST(send_kesdal, lines_carry_the_descriptor_and_a_terminator) {
     struct row {
         int number;
         const char *field;
@@ -179,14 +167,12 @@ TEST(send_kesdal, lines_carry_the_descriptor_and_a_terminator)
     }
 }
 
-TEST(send_kesdal, fails_on_a_bad_descriptor)
-{
+TEST(send_kesdal, fails_on_a_bad_descriptor) {
     EXPECT_EQ(send_kesdal_logon(-1), 0);
     EXPECT_EQ(send_kesdal_logoff(-1), 0);
 }
 
-TEST(recv_kesdal, judges_the_first_three_bytes)
-{
+TEST(recv_kesdal, judges_the_first_three_bytes) {
     EXPECT_EQ(judge("0|0"), 3);
     EXPECT_EQ(judge("1|0"), 3);
     EXPECT_EQ(judge("9|9 anything\r\n"), 14);
@@ -202,15 +188,13 @@ TEST(recv_kesdal, judges_the_first_three_bytes)
     EXPECT_EQ(judge(""), 0);
 }
 
-TEST(recv_kesdal, an_old_answer_does_not_complete_a_short_one)
-{
+TEST(recv_kesdal, an_old_answer_does_not_complete_a_short_one) {
     EXPECT_EQ(judge("5|5"), 3);
     EXPECT_EQ(judge("5"), 0);
     EXPECT_EQ(judge("5|"), 0);
 }
 
-TEST(recv_kesdal, reads_at_most_4095_bytes_once)
-{
+TEST(recv_kesdal, reads_at_most_4095_bytes_once) {
     tcp_pair pair;
     send_bytes_to(pair.far.get(), "0|1" + std::string(5000, 'x'));
     ASSERT_TRUE(wait_until([&] {
@@ -222,16 +206,14 @@ TEST(recv_kesdal, reads_at_most_4095_bytes_once)
     EXPECT_EQ(receive(pair.near.get(), 908).size(), 908u);
 }
 
-TEST(recv_kesdal, an_error_is_no_answer)
-{
+TEST(recv_kesdal, an_error_is_no_answer) {
     EXPECT_EQ(recv_kesdal(-1), 0);
     tcp_pair pair;
     set_nonblocking(pair.near.get());
     EXPECT_EQ(recv_kesdal(pair.near.get()), 0);
 }
 
-TEST(send_reply, formats_and_sends_without_terminator)
-{
+TEST(send_reply, formats_and_sends_without_terminator) {
     int32_t sent = 0;
     EXPECT_EQ(arriving(&sent,
                        [](int fd) {
@@ -242,8 +224,7 @@ TEST(send_reply, formats_and_sends_without_terminator)
     EXPECT_EQ(sent, 41);
 }
 
-TEST(send_reply, holds_up_to_4095_bytes)
-{
+TEST(send_reply, holds_up_to_4095_bytes) {
     int32_t sent = 0;
     std::string full(4095, 'r');
     EXPECT_EQ(
@@ -254,8 +235,7 @@ TEST(send_reply, holds_up_to_4095_bytes)
     EXPECT_EQ(send_reply(-1, "%s", "text"), 0);
 }
 
-TEST(is_reply_header, compares_24_characters_in_any_case)
-{
+TEST(is_reply_header, compares_24_characters_in_any_case) {
     EXPECT_TRUE(is_reply_header(reply.c_str()));
     EXPECT_TRUE(is_reply_header((reply + " COMMAND=").c_str()));
     EXPECT_TRUE(is_reply_header((reply + "x").c_str()));
@@ -266,8 +246,7 @@ TEST(is_reply_header, compares_24_characters_in_any_case)
     EXPECT_FALSE(is_reply_header(""));
 }
 
-TEST(get_key_value, finds_the_value_of_a_word)
-{
+TEST(get_key_value, finds_the_value_of_a_word) {
     struct row {
         const char *text;
         const char *value;
@@ -302,8 +281,7 @@ TEST(get_key_value, finds_the_value_of_a_word)
     }
 }
 
-TEST(get_key_value, cuts_the_value_to_the_buffer)
-{
+TEST(get_key_value, cuts_the_value_to_the_buffer) {
     EXPECT_EQ(value_of("K=0123456789012345", "K"), "012345678901234");
     EXPECT_EQ(value_of("K=012345678901234", "K"), "012345678901234");
     EXPECT_EQ(value_of("K=abc", "K", 4), "abc");
@@ -313,8 +291,7 @@ TEST(get_key_value, cuts_the_value_to_the_buffer)
               std::string(4095, 'v'));
 }
 
-TEST(get_key_value, fails_without_buffer_or_text)
-{
+TEST(get_key_value, fails_without_buffer_or_text) {
     char out[4] = "old";
     EXPECT_EQ(get_key_value("K=1", "K", nullptr, 4), nullptr);
     EXPECT_EQ(get_key_value("K=1", "K", out, 0), nullptr);
@@ -323,8 +300,7 @@ TEST(get_key_value, fails_without_buffer_or_text)
     EXPECT_STREQ(out, "");
 }
 
-TEST(map_remote_status, moves_failures_above_127)
-{
+TEST(map_remote_status, moves_failures_above_127) {
     struct row {
         int32_t status;
         int32_t mapped;

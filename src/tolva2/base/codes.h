@@ -32,8 +32,7 @@ enum event_bits : int32_t {
     EVENT_WRITABLE = 4,
 };
 
-constexpr event_bits operator|(event_bits a, event_bits b)
-{
+constexpr event_bits operator|(event_bits a, event_bits b) {
     return static_cast<event_bits>(static_cast<int32_t>(a) |
                                    static_cast<int32_t>(b));
 }

@@ -13,8 +13,7 @@
  * "%s", or "%s" and "%c", or these and another "%s". No width, no "%%".
  */
 [[nodiscard]] constexpr bool converts_only(std::string_view text,
-                                           std::string_view order)
-{
+                                           std::string_view order) {
     for (size_t at = text.find('%'); at != text.npos; at = text.find('%', at)) {
         at++;
         if (order.empty() || at == text.size() || text[at] != order[0]) {

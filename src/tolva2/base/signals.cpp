@@ -4,10 +4,8 @@
  */
 #include "tolva2/base/signals.h"
 
-bool set_signal(int number, void (*handler)(int), int flags)
-{
-    struct sigaction action {
-    };
+bool set_signal(int number, void (*handler)(int), int flags) {
+    struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);

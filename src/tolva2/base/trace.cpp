@@ -18,8 +18,7 @@
 int32_t debug_level = -1;
 error_hook error_output_hook = vfprintf;
 
-namespace
-{
+namespace {
 
 constexpr size_t TRACE_LINE = 1024;
 constexpr int32_t ENTRIES_ABOVE = 5;
@@ -27,8 +26,8 @@ constexpr int32_t EXITS_ABOVE = 9;
 
 int32_t debug_fd = -1;
 
-[[gnu::format(printf, 1, 0)]] void write_trace(const char *format, va_list args)
-{
+[[gnu::format(printf, 1, 0)]] void write_trace(const char *format,
+                                               va_list args) {
     char line[TRACE_LINE];
     int saved = errno;
     int length = vsnprintf(line, sizeof line, format, args);
@@ -41,15 +40,13 @@ int32_t debug_fd = -1;
 }
 
 [[gnu::format(printf, 2, 0)]] int32_t
-call_hook(FILE *stream, const char *format, va_list args)
-{
+call_hook(FILE *stream, const char *format, va_list args) {
     return error_output_hook ? error_output_hook(stream, format, args) : 1;
 }
 
 } // namespace
 
-void trace_printf(const char *format, ...)
-{
+void trace_printf(const char *format, ...) {
     if (!format || !*format) {
         return;
     }
@@ -59,8 +56,7 @@ void trace_printf(const char *format, ...)
     va_end(args);
 }
 
-void debug_printf(const char *format, ...)
-{
+void debug_printf(const char *format, ...) {
     if (debug_level <= 0 || !format || !*format) {
         return;
     }
@@ -70,22 +66,19 @@ void debug_printf(const char *format, ...)
     va_end(args);
 }
 
-void trace_in(const char *function)
-{
+void trace_in(const char *function) {
     if (debug_level > ENTRIES_ABOVE) {
         trace_printf("TRACEIN: %s\n", function);
     }
 }
 
-void trace_out(const char *function)
-{
+void trace_out(const char *function) {
     if (debug_level > EXITS_ABOVE) {
         trace_printf("TRACEOUT: %s\n", function);
     }
 }
 
-int32_t error_printf(FILE *stream, int32_t exit_code, const char *format, ...)
-{
+int32_t error_printf(FILE *stream, int32_t exit_code, const char *format, ...) {
     va_list args;
     va_start(args, format);
     int32_t result = call_hook(stream, format, args);
@@ -96,8 +89,7 @@ int32_t error_printf(FILE *stream, int32_t exit_code, const char *format, ...)
     return result;
 }
 
-void fatal(const char *format, ...)
-{
+void fatal(const char *format, ...) {
     va_list args;
     va_start(args, format);
     call_hook(stderr, format, args);
@@ -105,8 +97,7 @@ void fatal(const char *format, ...)
     exit(ERROR_EXIT - 1);
 }
 
-bool open_debug_file(const char *path)
-{
+bool open_debug_file(const char *path) {
     if (debug_fd < 0) {
         debug_fd = open(path ? path : "upsdebug.out",
                         O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0664);
@@ -114,8 +105,7 @@ bool open_debug_file(const char *path)
     return debug_fd >= 0;
 }
 
-void close_debug_file()
-{
+void close_debug_file() {
     if (debug_fd >= 0) {
         /* By hand: the owners of descriptors stand on a floor above. */
         close(debug_fd);

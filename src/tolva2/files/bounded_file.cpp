@@ -13,8 +13,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t FILE_BLOCK = 8192;
 
@@ -24,8 +23,7 @@ constexpr size_t FILE_BLOCK = 8192;
  * number of them: the line that caused the cut is then lost, and the next one
  * finds room.
  */
-bool write_back(FILE *from, const char *path)
-{
+bool write_back(FILE *from, const char *path) {
     ux_file file = open_file(path, "we");
     if (!file) {
         return false;
@@ -44,8 +42,7 @@ bool write_back(FILE *from, const char *path)
 }
 
 /* Copies the file from the first line behind offset on to another one. */
-bool save_tail(const char *path, off_t offset, FILE *to)
-{
+bool save_tail(const char *path, off_t offset, FILE *to) {
     ux_file file = open_file(path, "re");
     if (!file || fseeko(file.get(), offset, SEEK_SET) != 0) {
         return false;
@@ -64,8 +61,7 @@ bool save_tail(const char *path, off_t offset, FILE *to)
 }
 
 /* A new file in a directory, which ends in a slash, and without a name. */
-ux_fd unnamed_file(const char *directory)
-{
+ux_fd unnamed_file(const char *directory) {
 #ifdef O_TMPFILE
     /* Not every file system can do that. */
     ux_fd unnamed(open(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
@@ -83,8 +79,7 @@ ux_fd unnamed_file(const char *directory)
 
 /* A stream on an anonymous file in the directory where path leads to; null
  * where there can be none. */
-ux_file stream_beside(const char *path)
-{
+ux_file stream_beside(const char *path) {
     ux_text directory(realpath(path, nullptr));
     char *slash = directory ? strrchr(directory.get(), '/') : nullptr;
     if (!slash) {
@@ -104,8 +99,7 @@ ux_file stream_beside(const char *path)
  * does no harm, or else among the temporary files, where a full log disk does
  * none. Null when it fits neither.
  */
-ux_file kept_part(const char *path, off_t offset)
-{
+ux_file kept_part(const char *path, off_t offset) {
     ux_file copy = stream_beside(path);
     if (copy && save_tail(path, offset, copy.get())) {
         return copy;
@@ -118,8 +112,7 @@ ux_file kept_part(const char *path, off_t offset)
 }
 
 /* Cuts the head of the file; for the result see write_back. */
-bool cut_head(const char *path, int64_t offset)
-{
+bool cut_head(const char *path, int64_t offset) {
     ux_file kept = kept_part(path, static_cast<off_t>(offset));
     if (!kept && give_up_reserve()) {
         kept = kept_part(path, static_cast<off_t>(offset));
@@ -136,8 +129,7 @@ bool cut_head(const char *path, int64_t offset)
  * one would continue it. Scripts may write here too: nothing is taken back
  * when more than the line stands behind the former end.
  */
-void take_back(const char *path, off_t former_size, size_t length)
-{
+void take_back(const char *path, off_t former_size, size_t length) {
     struct stat status;
     if (stat(path, &status) < 0 || status.st_size <= former_size) {
         return;
@@ -149,8 +141,7 @@ void take_back(const char *path, off_t former_size, size_t length)
 
 } // namespace
 
-bool check_size(const char *path, int64_t limit, int64_t allowed)
-{
+bool check_size(const char *path, int64_t limit, int64_t allowed) {
     struct stat status;
     if (stat(path, &status) < 0) {
         return true;
@@ -163,8 +154,7 @@ bool check_size(const char *path, int64_t limit, int64_t allowed)
     return cut_head(path, limit / 10 + excess);
 }
 
-bool append_bounded(const char *path, int64_t limit, std::string_view line)
-{
+bool append_bounded(const char *path, int64_t limit, std::string_view line) {
     auto length = static_cast<int64_t>(line.size());
     if (limit > 0 && !check_size(path, limit, limit - length)) {
         return false;

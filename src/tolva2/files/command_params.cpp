@@ -18,8 +18,7 @@
 #include <string_view>
 #include <strings.h>
 
-namespace
-{
+namespace {
 
 constexpr const char *RECIPIENT_END = " \t$";
 
@@ -48,19 +47,16 @@ constexpr command_word COMMAND_WORDS[] = {
 constexpr int32_t WORD_COUNT = std::size(COMMAND_WORDS);
 static_assert(WORD_COUNT == COMMAND_LOG_TEXT + 1);
 
-const char *or_null_word(const char *text)
-{
+const char *or_null_word(const char *text) {
     return text ? text : "NULL";
 }
 
-bool is_name_character(char c)
-{
+bool is_name_character(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 /* How long a placeholder at the start of text is; 0 when there is none. */
-size_t placeholder_length(const char *text)
-{
+size_t placeholder_length(const char *text) {
     if (text[0] == '%') {
         bool ends =
             text[1] == 's' && !isalnum(static_cast<unsigned char>(text[2]));
@@ -83,8 +79,7 @@ size_t placeholder_length(const char *text)
  * Takes so many characters, and the one that ends them, off the front of
  * *rest. The result is never null, so that it is some text even when empty.
  */
-std::string_view take_front(std::string_view *rest, size_t length)
-{
+std::string_view take_front(std::string_view *rest, size_t length) {
     std::string_view front(rest->data(), std::min(length, rest->size()));
     rest->remove_prefix(std::min(front.size() + 1, rest->size()));
     return front;
@@ -95,8 +90,7 @@ std::string_view take_front(std::string_view *rest, size_t length)
  * very next character opens a quoted one, so two blanks before a quote make
  * it an ordinary character.
  */
-std::string_view next_parameter(std::string_view *rest)
-{
+std::string_view next_parameter(std::string_view *rest) {
     if (rest->starts_with('"')) {
         rest->remove_prefix(1);
         return take_front(rest, rest->find('"'));
@@ -109,8 +103,7 @@ std::string_view next_parameter(std::string_view *rest)
     return take_front(rest, rest->find_first_of(PARAM_BLANKS));
 }
 
-void trace_parameter(std::string_view parameter)
-{
+void trace_parameter(std::string_view parameter) {
     std::string_view shown = parameter.data() ? parameter : "NULL";
     debug_printf("DEBUG: param = [%.*s]\n", static_cast<int>(shown.size()),
                  shown.data());
@@ -118,8 +111,7 @@ void trace_parameter(std::string_view parameter)
 
 /* Fills the template's placeholders into buffer: the length written. */
 size_t fill_template(char *buffer, size_t size, const char *text,
-                     std::string_view rest)
-{
+                     std::string_view rest) {
     size_t length = 0;
     while (*text && length < size) {
         size_t placeholder = placeholder_length(text);
@@ -143,8 +135,7 @@ size_t fill_template(char *buffer, size_t size, const char *text,
 
 } // namespace
 
-command_index is_V2command(const char *word)
-{
+command_index is_V2command(const char *word) {
     trace_in();
     if (ux_is_empty(word)) {
         return COMMAND_UNKNOWN;
@@ -159,8 +150,7 @@ command_index is_V2command(const char *word)
     return COMMAND_UNKNOWN;
 }
 
-char *split_word(char **rest, const char *delimiters)
-{
+char *split_word(char **rest, const char *delimiters) {
     char *word = *rest;
     if (!word) {
         return nullptr;
@@ -178,8 +168,7 @@ char *split_word(char **rest, const char *delimiters)
     return word;
 }
 
-char *strip_params(char *text)
-{
+char *strip_params(char *text) {
     trace_in();
     if (!text) {
         return nullptr;
@@ -199,8 +188,7 @@ char *strip_params(char *text)
     return words.empty() ? nullptr : text;
 }
 
-int32_t patch_msg_param(char *buffer, size_t size, const char *params)
-{
+int32_t patch_msg_param(char *buffer, size_t size, const char *params) {
     trace_in();
     ux_text text = ux_copy(buffer);
     if (!text) {
@@ -210,18 +198,15 @@ int32_t patch_msg_param(char *buffer, size_t size, const char *params)
     return static_cast<int32_t>(fill_template(buffer, size, text.get(), rest));
 }
 
-namespace
-{
+namespace {
 
 /* The message number in front of *rest; 0 when there is none. */
-int32_t split_number(char **rest)
-{
+int32_t split_number(char **rest) {
     const char *word = split_word(rest, PARAM_BLANKS);
     return word ? ux_atoi(word) : 0;
 }
 
-int32_t free_text(std::span<char> out, char *text)
-{
+int32_t free_text(std::span<char> out, char *text) {
     const char *stripped = strip_params(text);
     debug_printf("DEBUG: ptr3 = [%s]\n", or_null_word(stripped));
     if (stripped) {
@@ -230,8 +215,7 @@ int32_t free_text(std::span<char> out, char *text)
     return 1;
 }
 
-int32_t numbered_text(std::span<char> out, char *text)
-{
+int32_t numbered_text(std::span<char> out, char *text) {
     int32_t number = split_number(&text);
     if (number == 0 || msgdb_get_into(number, out.data(), out.size()) <= 0) {
         return 0;
@@ -243,23 +227,20 @@ int32_t numbered_text(std::span<char> out, char *text)
 }
 
 /* The trace has always shown these parameters for one of the two words. */
-int32_t traced_numbered_text(std::span<char> out, char *text)
-{
+int32_t traced_numbered_text(std::span<char> out, char *text) {
     debug_printf("DEBUG: params = [%s]\n", or_null_word(text));
     return numbered_text(out, text);
 }
 
 /* Appends the text in double quotes behind what out holds. */
-void append_quoted(std::span<char> out, const char *text)
-{
+void append_quoted(std::span<char> out, const char *text) {
     size_t length = strlen(out.data());
     snprintf(out.data() + length, out.size() - length, " \"%s\"", text);
 }
 
 /* Appends the text of a message, filled: false when there is no such text. */
 bool append_message(std::span<char> out, int32_t number, char *text,
-                    char *scratch)
-{
+                    char *scratch) {
     if (msgdb_get_into(number, scratch, out.size()) <= 0) {
         return false;
     }
@@ -272,8 +253,7 @@ bool append_message(std::span<char> out, int32_t number, char *text,
 }
 
 /* Without its text the recipient alone is the argument string. */
-int32_t numbered_mail(std::span<char> out, char *text)
-{
+int32_t numbered_mail(std::span<char> out, char *text) {
     int32_t number = split_number(&text);
     const char *recipient =
         number != 0 ? split_word(&text, RECIPIENT_END) : nullptr;
@@ -289,8 +269,7 @@ int32_t numbered_mail(std::span<char> out, char *text)
                                                                        : length;
 }
 
-int32_t mail_text(std::span<char> out, char *text)
-{
+int32_t mail_text(std::span<char> out, char *text) {
     const char *recipient = split_word(&text, RECIPIENT_END);
     if (!recipient) {
         return 0;
@@ -309,8 +288,7 @@ int32_t mail_text(std::span<char> out, char *text)
 } // namespace
 
 int32_t get_V2command_params(char *out, size_t size, command_index index,
-                             char *text)
-{
+                             char *text) {
     trace_in();
     if (!out || size == 0) {
         return 0;

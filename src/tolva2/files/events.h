@@ -12,9 +12,7 @@
 #include <concepts>
 
 /* A message of the database that is given that many texts. */
-template <int32_t count> struct event_message {
-    int32_t number;
-};
+template <int32_t count> struct event_message { int32_t number; };
 
 /* clang-format off */
 namespace event
@@ -58,8 +56,7 @@ constexpr event_message<1> script_failed{793};    /* its command line */
  * line was written.
  */
 template <std::convertible_to<const char *>... texts>
-bool report(event_message<sizeof...(texts)> what, texts... arguments)
-{
+bool report(event_message<sizeof...(texts)> what, texts... arguments) {
     return log_message(sizeof...(texts), msgdb_get(what.number), arguments...);
 }
 

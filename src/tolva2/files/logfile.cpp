@@ -16,8 +16,7 @@
 #include <string_view>
 #include <strings.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t LOG_TEXT = 1024;
 constexpr size_t DATE_TEXT = 64; /* room for any year */
@@ -37,12 +36,8 @@ struct log_text {
     char text[LOG_TEXT] = "";
     size_t length = 0;
 
-    bool is_full() const
-    {
-        return length == sizeof text - 1;
-    }
-    void add(std::string_view more)
-    {
+    bool is_full() const { return length == sizeof text - 1; }
+    void add(std::string_view more) {
         size_t copied = std::min(more.size(), sizeof text - 1 - length);
         memcpy(text + length, more.data(), copied);
         length += copied;
@@ -50,14 +45,12 @@ struct log_text {
     }
 };
 
-bool append_line(const char *line)
-{
+bool append_line(const char *line) {
     return operator_log.name && !ux_is_empty(line) &&
            append_bounded(operator_log.name.get(), operator_log.limit, line);
 }
 
-bool emit_line(const char *line)
-{
+bool emit_line(const char *line) {
     if (operator_log.into_file) {
         return append_line(line);
     }
@@ -67,8 +60,7 @@ bool emit_line(const char *line)
     return fputs(line, stdout) != EOF && fflush(stdout) == 0;
 }
 
-void skip_space(std::string_view *text)
-{
+void skip_space(std::string_view *text) {
     while (!text->empty() &&
            isspace(static_cast<unsigned char>(text->front()))) {
         text->remove_prefix(1);
@@ -76,8 +68,7 @@ void skip_space(std::string_view *text)
 }
 
 /* Skips the program's own name, in any case, and the space behind it. */
-void skip_name(std::string_view *text)
-{
+void skip_name(std::string_view *text) {
     if (text->size() >= OWN_NAME.size() &&
         strncasecmp(text->data(), OWN_NAME.data(), OWN_NAME.size()) == 0) {
         text->remove_prefix(OWN_NAME.size());
@@ -86,15 +77,13 @@ void skip_name(std::string_view *text)
 }
 
 /* True when text begins with a "%s" that takes a text. */
-bool is_directive(const char *text)
-{
+bool is_directive(const char *text) {
     return text[0] == '%' && text[1] == 's' &&
            !isalnum(static_cast<unsigned char>(text[2]));
 }
 
 /* Fills format into out, with at most count of the texts. */
-void fill_in(log_text *out, int32_t count, const char *format, va_list texts)
-{
+void fill_in(log_text *out, int32_t count, const char *format, va_list texts) {
     while (*format && !out->is_full()) {
         const char *text = nullptr;
         if (count > 0 && is_directive(format)) {
@@ -113,8 +102,7 @@ void fill_in(log_text *out, int32_t count, const char *format, va_list texts)
 
 } // namespace
 
-const char *log_date_text(time_t t)
-{
+const char *log_date_text(time_t t) {
     static char text[DATE_TEXT];
     tm local;
     text[0] = '\0';
@@ -125,8 +113,7 @@ const char *log_date_text(time_t t)
     return text;
 }
 
-const char *log_time_text(time_t t)
-{
+const char *log_time_text(time_t t) {
     static char text[DATE_TEXT];
     tm local;
     text[0] = '\0';
@@ -137,8 +124,7 @@ const char *log_time_text(time_t t)
     return text;
 }
 
-bool logfile_open(const char *name, int32_t size_kib)
-{
+bool logfile_open(const char *name, int32_t size_kib) {
     trace_in();
     if (ux_is_empty(name) || operator_log.name) {
         return false;
@@ -152,25 +138,21 @@ bool logfile_open(const char *name, int32_t size_kib)
     return true;
 }
 
-void logfile_close()
-{
+void logfile_close() {
     trace_in();
     operator_log.name.reset();
     operator_log.limit = 0;
 }
 
-void log_into_file(bool on)
-{
+void log_into_file(bool on) {
     operator_log.into_file = on;
 }
 
-void log_as(int32_t pid)
-{
+void log_as(int32_t pid) {
     operator_log.shown_pid = pid;
 }
 
-bool logfile_trim()
-{
+bool logfile_trim() {
     trace_in();
     if (!operator_log.name) {
         return false;
@@ -179,8 +161,7 @@ bool logfile_trim()
     return limit <= 0 || check_size(operator_log.name.get(), limit, limit);
 }
 
-bool log_write_line(const char *text)
-{
+bool log_write_line(const char *text) {
     trace_in();
     if (ux_is_empty(text)) {
         return false;
@@ -204,8 +185,7 @@ bool log_write_line(const char *text)
     return emit_line(line);
 }
 
-bool log_message(int32_t count, const char *format, ...)
-{
+bool log_message(int32_t count, const char *format, ...) {
     trace_in();
     if (ux_is_empty(format)) {
         return false;
@@ -219,12 +199,10 @@ bool log_message(int32_t count, const char *format, ...)
     return log_write_line(message.text);
 }
 
-void log_system(int32_t error)
-{
+void log_system(int32_t error) {
     log_message(1, "system: %s", strerror(error));
 }
 
-void log_error(int32_t error)
-{
+void log_error(int32_t error) {
     log_message(1, "error: %s", strerror(error));
 }

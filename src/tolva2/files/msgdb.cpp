@@ -14,8 +14,7 @@
 #include <string_view>
 #include <sys/stat.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t SHARED_BUFFER = 1024;
 constexpr size_t KEY_BUFFER = 16;
@@ -27,8 +26,7 @@ struct {
 
 /* What stands behind the first "=" of a line that has the key anywhere in
  * it; null in any other line. */
-const char *text_of(std::string_view line, std::string_view key)
-{
+const char *text_of(std::string_view line, std::string_view key) {
     if (line.find(key) == std::string_view::npos) {
         return nullptr;
     }
@@ -36,8 +34,7 @@ const char *text_of(std::string_view line, std::string_view key)
 }
 
 /* The last character goes when it is part of a line end. */
-void drop_line_end(std::string_view *text)
-{
+void drop_line_end(std::string_view *text) {
     if (text->ends_with('\r') || text->ends_with('\n')) {
         text->remove_suffix(1);
     }
@@ -45,8 +42,7 @@ void drop_line_end(std::string_view *text)
 
 } // namespace
 
-bool msgdb_open(const char *name)
-{
+bool msgdb_open(const char *name) {
     trace_in();
     struct stat status;
     if (ux_is_empty(name) || stat(name, &status) < 0) {
@@ -64,22 +60,19 @@ bool msgdb_open(const char *name)
     return true;
 }
 
-void msgdb_close()
-{
+void msgdb_close() {
     trace_in();
     database.name.reset();
 }
 
-const char *msgdb_get(int32_t number)
-{
+const char *msgdb_get(int32_t number) {
     trace_in();
     int32_t length = msgdb_get_into(number, database.shared_text,
                                     sizeof database.shared_text);
     return length > 0 ? database.shared_text : nullptr;
 }
 
-int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
-{
+int32_t msgdb_get_into(int32_t number, char *buffer, size_t size) {
     trace_in();
     if (!buffer || size == 0) {
         return -1;
@@ -90,8 +83,7 @@ int32_t msgdb_get_into(int32_t number, char *buffer, size_t size)
     return file ? msgdb_find(file.get(), buffer, size, number) : 0;
 }
 
-int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number)
-{
+int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number) {
     trace_in();
     if (!stream || !buffer || size == 0) {
         return -1;

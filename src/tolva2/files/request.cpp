@@ -9,12 +9,10 @@
 
 #include <strings.h>
 
-namespace
-{
+namespace {
 
 /* Reads the verb in front of *rest: true for one of the two there are. */
-bool take_verb(command_request *request, char **rest)
-{
+bool take_verb(command_request *request, char **rest) {
     const char *verb = split_word(rest, PARAM_BLANKS);
     if (!verb) {
         return false;
@@ -26,8 +24,7 @@ bool take_verb(command_request *request, char **rest)
 
 /* Finds the command of that word and builds its argument string. */
 command_fault take_command(command_request *request, const char *word,
-                           char *rest)
-{
+                           char *rest) {
     debug_printf("DEBUG: ptr2 = [%s]\n", word);
     request->index = is_V2command(word);
     if (!get_V2command_params(request->params, sizeof request->params,
@@ -38,8 +35,7 @@ command_fault take_command(command_request *request, const char *word,
                                              : command_fault::none;
 }
 
-command_fault take_apart(command_request *request, char *text)
-{
+command_fault take_apart(command_request *request, char *text) {
     if (ux_is_empty(text)) {
         return command_fault::unknown;
     }
@@ -53,8 +49,7 @@ command_fault take_apart(command_request *request, char *text)
 
 } // namespace
 
-request_class classify_request(const char *text)
-{
+request_class classify_request(const char *text) {
     trace_in();
     if (!text ||
         strncasecmp(text, REQUEST_HEADER, REQUEST_HEADER_LENGTH) != 0) {
@@ -63,8 +58,7 @@ request_class classify_request(const char *text)
     return text[REQUEST_HEADER_LENGTH] == '\0' ? REQUEST_V1 : REQUEST_V2;
 }
 
-command_request parse_command(char *text)
-{
+command_request parse_command(char *text) {
     debug_printf("DEBUG: tolvamsg = [%s]\n", text ? text : "NULL");
     command_request request;
     request.fault = take_apart(&request, text);

@@ -10,8 +10,7 @@
 #include <initializer_list>
 #include <sys/resource.h>
 
-namespace
-{
+namespace {
 
 /* The log, and its copy while its head is cut. */
 constexpr int32_t RESERVE_SIZE = 2;
@@ -20,8 +19,7 @@ ux_fd reserve[RESERVE_SIZE];
 
 /* One more descriptor, at a number above those of the sockets if it can be:
  * behind the budget, or at its end. */
-ux_fd take_descriptor()
-{
+ux_fd take_descriptor() {
     ux_fd low(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!low) {
         return low;
@@ -36,16 +34,14 @@ ux_fd take_descriptor()
 }
 
 /* Numbers that can still be had; the limit may be lowered while we run. */
-rlim_t number_limit()
-{
+rlim_t number_limit() {
     rlimit limit{};
     return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
 }
 
 } // namespace
 
-int32_t fill_reserve()
-{
+int32_t fill_reserve() {
     rlim_t limit = number_limit();
     for (ux_fd &held : reserve) {
         if (held && static_cast<rlim_t>(held.get()) >= limit) {
@@ -61,8 +57,7 @@ int32_t fill_reserve()
     return 0;
 }
 
-bool give_up_reserve()
-{
+bool give_up_reserve() {
     bool any = false;
     for (ux_fd &held : reserve) {
         any = any || held;
@@ -71,13 +66,11 @@ bool give_up_reserve()
     return any;
 }
 
-bool reserve_helps(int32_t error)
-{
+bool reserve_helps(int32_t error) {
     return (error == EMFILE || error == ENFILE) && give_up_reserve();
 }
 
-ux_file open_file(const char *path, const char *mode)
-{
+ux_file open_file(const char *path, const char *mode) {
     ux_file file(fopen(path, mode));
     if (!file && reserve_helps(errno)) {
         file.reset(fopen(path, mode));

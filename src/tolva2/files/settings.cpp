@@ -14,8 +14,7 @@
 receiver_params *rp = nullptr;
 receiver_params *rp_defaults = nullptr;
 
-namespace
-{
+namespace {
 
 constexpr uint32_t SETTINGS_BUCKETS = 64;
 
@@ -31,26 +30,23 @@ struct setting {
 };
 
 /* A line that a fresh file begins with. */
-constexpr setting header(const char *line)
-{
+constexpr setting header(const char *line) {
     return {UX_OPTION_LITERAL, 0, nullptr, line};
 }
 
-constexpr setting number(const char *key, int32_t params::*field, int32_t value)
-{
+constexpr setting number(const char *key, int32_t params::*field,
+                         int32_t value) {
     return {UX_OPTION_INTEGER, value, nullptr, key, field};
 }
 
 constexpr setting text(const char *key, ux_text params::*field,
-                       const char *value)
-{
+                       const char *value) {
     return {UX_OPTION_TEXT, 0, value, key, nullptr, field};
 }
 
 /* Its default is the file of that name in the home directory. */
 constexpr setting file(const char *key, ux_text params::*field,
-                       const char *name)
-{
+                       const char *name) {
     return {UX_OPTION_STRING, 0, name, key, nullptr, field};
 }
 
@@ -112,14 +108,12 @@ struct {
 } state;
 
 /* Where a record holds a setting. */
-ux_storage storage_of(params *record, const setting &one)
-{
+ux_storage storage_of(params *record, const setting &one) {
     return {one.number ? &(record->*one.number) : nullptr,
             one.text ? &(record->*one.text) : nullptr};
 }
 
-option_table make_table(params *values, params *defaults)
-{
+option_table make_table(params *values, params *defaults) {
     option_table table;
     ux_option *row = table.rows;
     for (const setting &one : SETTINGS) {
@@ -134,16 +128,14 @@ option_table make_table(params *values, params *defaults)
 
 /* The default of a text, which for a file is home/file, or file alone without
  * a home. Null when it has none, and when memory is exhausted. */
-ux_text make_default(const setting &one, const char *home)
-{
+ux_text make_default(const setting &one, const char *home) {
     const char *text = one.default_text;
     bool in_home = one.type == UX_OPTION_STRING && !ux_is_empty(home);
     return in_home ? ux_join({home, "/", text}) : ux_copy(text);
 }
 
 /* Gives every field its default: false when memory is exhausted. */
-bool fill_defaults(params *defaults, const char *home)
-{
+bool fill_defaults(params *defaults, const char *home) {
     for (const setting &one : SETTINGS) {
         if (one.number) {
             defaults->*one.number = one.default_number;
@@ -158,8 +150,7 @@ bool fill_defaults(params *defaults, const char *home)
     return true;
 }
 
-void free_texts(params *record)
-{
+void free_texts(params *record) {
     for (const setting &one : SETTINGS) {
         if (one.text) {
             (record->*one.text).reset();
@@ -170,8 +161,7 @@ void free_texts(params *record)
 } // namespace
 
 receiver_params *read_receiver_config(const char *path, const char *home,
-                                      int32_t missing_ok)
-{
+                                      int32_t missing_ok) {
     trace_in();
     params values;
     params defaults;
@@ -189,30 +179,26 @@ receiver_params *read_receiver_config(const char *path, const char *home,
     return rp;
 }
 
-int32_t write_receiver_config(const char *path, int32_t fresh)
-{
+int32_t write_receiver_config(const char *path, int32_t fresh) {
     trace_in();
     const option_table table = make_table(&state.in_force, &state.defaults);
     return fresh ? ux_writeconfig(path, table.rows)
                  : ux_rewriteconfig(path, table.rows, SETTINGS_BUCKETS);
 }
 
-int32_t check_redundancy_config(const receiver_params *settings)
-{
+int32_t check_redundancy_config(const receiver_params *settings) {
     trace_in();
     return !setting_is_on(settings->redundancy_enabled.get()) ||
            !(ux_is_empty(settings->redundancy_batch_file.get()) ||
              ux_is_empty(settings->redundancy_addresses.get()));
 }
 
-void free_receiver_config()
-{
+void free_receiver_config() {
     trace_in();
     free_texts(&state.defaults);
     free_texts(&state.in_force);
 }
 
-bool setting_is_on(const char *text)
-{
+bool setting_is_on(const char *text) {
     return text && strcasecmp(text, "TRUE") == 0;
 }

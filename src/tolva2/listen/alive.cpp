@@ -14,20 +14,16 @@
 #include <cassert>
 #include <cstring>
 
-namespace
-{
+namespace {
 
 constexpr size_t ALIVE_PARAMS = 128;
 
 } // namespace
 
-namespace alive
-{
-namespace
-{
+namespace alive {
+namespace {
 
-void cancel_connect(ux_list_element *node)
-{
+void cancel_connect(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -39,8 +35,7 @@ void cancel_connect(ux_list_element *node)
     check_alive_retries(node);
 }
 
-void end_connect(ux_list_element *node)
-{
+void end_connect(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -51,8 +46,7 @@ void end_connect(ux_list_element *node)
 
 constexpr connect_ends ALIVE_ENDS{cancel_connect, end_connect};
 
-start_result start_connect(ux_list_element *node)
-{
+start_result start_connect(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     start_result startable = may_start(cn);
@@ -70,8 +64,7 @@ start_result start_connect(ux_list_element *node)
 
 } // namespace
 
-int32_t start_connections()
-{
+int32_t start_connections() {
     trace_in();
     assert(connections);
     for (ux_list_element *node : ux_nodes(connections)) {
@@ -85,8 +78,7 @@ int32_t start_connections()
     return static_cast<int32_t>(connections->size);
 }
 
-void cancel_connections()
-{
+void cancel_connections() {
     trace_in();
     for (ux_list_element *node : ux_nodes(connections)) {
         const connection *cn = record_of(node);
@@ -102,8 +94,7 @@ void cancel_connections()
 
 } // namespace alive
 
-void exec_aliveproc(connection *cn)
-{
+void exec_aliveproc(connection *cn) {
     trace_in();
     char params[ALIVE_PARAMS];
     time_t now = time(nullptr);
@@ -112,8 +103,7 @@ void exec_aliveproc(connection *cn)
     fork_and_exec(cn, rp->alive_prog.get(), params);
 }
 
-void check_alive_retries(ux_list_element *node)
-{
+void check_alive_retries(ux_list_element *node) {
     trace_in();
     const connection *cn = record_of(node);
     if (rp->alive_retries > 0 && cn->nerror >= rp->alive_retries && !cn->busy) {
@@ -122,8 +112,7 @@ void check_alive_retries(ux_list_element *node)
     }
 }
 
-bool check_alive_single(const char *address)
-{
+bool check_alive_single(const char *address) {
     trace_in();
     for (const connection *cn : records(connections)) {
         if (cn && strcmp(cn->ipaddr, address) == 0) {

@@ -9,8 +9,7 @@
 #include "tolva2/net/connection.h"
 
 /* The sender has namesakes of these, which start and end differently. */
-namespace alive
-{
+namespace alive {
 
 /* Opens a check at every server; how many records are left. */
 int32_t start_connections();

@@ -11,14 +11,12 @@
 #include <csignal>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr int HANDLED_SIGNALS[] = {SIGTERM, SIGQUIT, SIGINT, SIGCHLD};
 
 /* "program params", or program alone; null without memory. */
-ux_text new_command_line(const char *program, const char *params)
-{
+ux_text new_command_line(const char *program, const char *params) {
     if (ux_is_empty(params)) {
         return ux_copy(program);
     }
@@ -26,8 +24,7 @@ ux_text new_command_line(const char *program, const char *params)
 }
 
 /* Our handlers would swallow a signal that is meant for the script. */
-void drop_handlers()
-{
+void drop_handlers() {
     for (int number : HANDLED_SIGNALS) {
         struct sigaction action;
         if (sigaction(number, nullptr, &action) == 0 &&
@@ -37,8 +34,7 @@ void drop_handlers()
     }
 }
 
-[[noreturn]] void run_shell(const char *line)
-{
+[[noreturn]] void run_shell(const char *line) {
     drop_handlers();
     /* Scripts start with SIGCHLD held back, and nothing else. */
     sigset_t script_mask;
@@ -51,8 +47,7 @@ void drop_handlers()
 
 } // namespace
 
-bool fork_and_exec(connection *cn, const char *program, const char *params)
-{
+bool fork_and_exec(connection *cn, const char *program, const char *params) {
     trace_in();
     if (ux_is_empty(program)) {
         return false;

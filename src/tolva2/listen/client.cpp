@@ -20,29 +20,25 @@
 #include <cstring>
 #include <poll.h>
 
-namespace
-{
+namespace {
 
 /* Listeners alone are never too many: under a limit of a handful, one client
  * at a time is better than none, even without a descriptor for the log. */
 constexpr int32_t LISTENERS_MAX = 2;
 
-void copy_address(char *text, const in_addr *address)
-{
+void copy_address(char *text, const in_addr *address) {
     text[0] = '\0';
     strncat(text, inet_ntoa(*address), ADDRESS_TEXT - 1);
 }
 
 /* The process or the system has run out of descriptors or memory. */
-bool is_shortage(int error)
-{
+bool is_shortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS ||
            error == ENOMEM;
 }
 
 /* One failure may be that of one client; what repeats is a shortage too. */
-void note_refusal(accept_pause *pause, int error)
-{
+void note_refusal(accept_pause *pause, int error) {
     bool repeats = pause->error == error;
     if (!pause->told && !repeats) {
         log_system(error);
@@ -52,8 +48,7 @@ void note_refusal(accept_pause *pause, int error)
 }
 
 /* The shortage is over once nobody is left waiting. */
-void note_accepted(accept_pause *pause, int32_t listener)
-{
+void note_accepted(accept_pause *pause, int32_t listener) {
     pause->waiting = false;
     pause->error = 0;
     if (pause->told) {
@@ -63,8 +58,8 @@ void note_accepted(accept_pause *pause, int32_t listener)
 }
 
 /* One accept: the new socket, or none with the failure dealt with. */
-ux_fd accept_client(int32_t listener, sockaddr_in *address, accept_pause *pause)
-{
+ux_fd accept_client(int32_t listener, sockaddr_in *address,
+                    accept_pause *pause) {
     ux_fd fd;
     int32_t error = fill_reserve();
     bool nobody_in = open_descriptors() <= LISTENERS_MAX;
@@ -87,8 +82,8 @@ ux_fd accept_client(int32_t listener, sockaddr_in *address, accept_pause *pause)
 }
 
 /* A registered record for a peer; null after a log line. */
-connection *add_client(address_kind type, const sockaddr_in *address, ux_fd fd)
-{
+connection *add_client(address_kind type, const sockaddr_in *address,
+                       ux_fd fd) {
     connection_owner owner = new_connection(MODE_LISTEN, type);
     connection *cn = owner.get();
     if (!cn) {
@@ -112,8 +107,7 @@ connection *add_client(address_kind type, const sockaddr_in *address, ux_fd fd)
 }
 
 /* Runs a request of that class. */
-void run_request(connection *cn, request_class kind, char *text)
-{
+void run_request(connection *cn, request_class kind, char *text) {
     if (kind == REQUEST_V1) {
         exec_V1command(cn);
     } else {
@@ -125,8 +119,7 @@ void run_request(connection *cn, request_class kind, char *text)
  * One receive is the whole command: there is no framing. False when there was
  * nothing to receive after all, and the client is waited for as before.
  */
-bool receive_command(connection *cn)
-{
+bool receive_command(connection *cn) {
     char text[TEXT_BUFFER];
     ssize_t length = recv(cn->fd.get(), text, sizeof text - 1, MSG_DONTWAIT);
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -155,8 +148,7 @@ bool receive_command(connection *cn)
 
 } // namespace
 
-bool client_is_allowed(const ux_list *allowed, const in_addr *sin_addr)
-{
+bool client_is_allowed(const ux_list *allowed, const in_addr *sin_addr) {
     trace_in();
     assert(sin_addr && sin_addr->s_addr);
     for (const inetaddr *entry : ux_records<inetaddr>(allowed)) {
@@ -170,8 +162,7 @@ bool client_is_allowed(const ux_list *allowed, const in_addr *sin_addr)
     return false;
 }
 
-accepting accepting_clients(const accept_pause *pause, time_t now)
-{
+accepting accepting_clients(const accept_pause *pause, time_t now) {
     if (!descriptor_left()) {
         return accepting::no;
     }
@@ -184,8 +175,7 @@ accepting accepting_clients(const accept_pause *pause, time_t now)
 }
 
 void handle_tcp_connect(int32_t listener, const ux_list *allowed,
-                        time_t deadline, accept_pause *pause)
-{
+                        time_t deadline, accept_pause *pause) {
     trace_in();
     if (!descriptor_left()) {
         return;
@@ -208,8 +198,7 @@ void handle_tcp_connect(int32_t listener, const ux_list *allowed,
     }
 }
 
-void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
-{
+void handle_udp_connect(int32_t udp_socket, const ux_list *allowed) {
     trace_in();
     char text[TEXT_BUFFER];
     char peer[ADDRESS_TEXT];
@@ -241,8 +230,7 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed)
     }
 }
 
-void handle_tcp_client(ux_list_element *node)
-{
+void handle_tcp_client(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     if (!receive_command(cn)) {
@@ -257,8 +245,7 @@ void handle_tcp_client(ux_list_element *node)
     }
 }
 
-int64_t check_timeout_clients(time_t now, int32_t timeout)
-{
+int64_t check_timeout_clients(time_t now, int32_t timeout) {
     trace_in();
     int64_t result = -1;
     int64_t limit = static_cast<int64_t>(now) + timeout;

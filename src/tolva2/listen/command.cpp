@@ -17,8 +17,7 @@
 #include <span>
 #include <sys/wait.h>
 
-namespace
-{
+namespace {
 
 /* The script of each command word; null: the text goes to the log. */
 constexpr ux_text receiver_params::*COMMAND_SCRIPTS[] = {
@@ -33,8 +32,7 @@ constexpr ux_text receiver_params::*COMMAND_SCRIPTS[] = {
 };
 
 /* Writes the text to the log; a wanted reply goes out without any child. */
-bool exec_log_command(connection *cn, const char *text)
-{
+bool exec_log_command(connection *cn, const char *text) {
     bool logged = *text && log_message(0, text);
     if (cn->want_reply) {
         cn->busy = true;
@@ -44,8 +42,7 @@ bool exec_log_command(connection *cn, const char *text)
 }
 
 /* A script has ended or was stopped: log it and serve who waits for it. */
-void finish_child(ux_list *list, ux_list_element *node, int32_t status)
-{
+void finish_child(ux_list *list, ux_list_element *node, int32_t status) {
     connection *cn = record_of(node);
     if (!WIFSTOPPED(status)) {
         /* The number may belong to another child from now on. */
@@ -82,14 +79,12 @@ struct {
     size_t count;
 } collected;
 
-std::span<ended_child> collected_children()
-{
+std::span<ended_child> collected_children() {
     return {collected.children, collected.count};
 }
 
 /* A child that was stopped and has ended since has only ended. */
-void note_child(pid_t pid, int status)
-{
+void note_child(pid_t pid, int status) {
     for (ended_child &child : collected_children()) {
         if (child.pid == pid) {
             child.status = status;
@@ -100,8 +95,7 @@ void note_child(pid_t pid, int status)
 }
 
 /* True when there may be more than could be noted. */
-bool collect_children()
-{
+bool collect_children() {
     collected.count = 0;
     while (collected.count < std::size(collected.children)) {
         int status = 0;
@@ -115,8 +109,7 @@ bool collect_children()
 }
 
 /* The collected child that the record follows, or null. */
-ended_child *child_of(const connection *cn)
-{
+ended_child *child_of(const connection *cn) {
     if (!cn || !cn->child_owed) {
         return nullptr;
     }
@@ -130,15 +123,13 @@ ended_child *child_of(const connection *cn)
 
 } // namespace
 
-bool exec_V1command(connection *cn)
-{
+bool exec_V1command(connection *cn) {
     trace_in();
     return track_redundant_shutdowns(cn) &&
            fork_and_exec(cn, rp->shutdown_prog.get(), nullptr);
 }
 
-bool exec_V2command(connection *cn, char *text)
-{
+bool exec_V2command(connection *cn, char *text) {
     trace_in();
     const command_request request = parse_command(text);
     if (request.wants_status && cn->type == ADDR_PEER) {
@@ -154,8 +145,7 @@ bool exec_V2command(connection *cn, char *text)
                   : exec_log_command(cn, request.params);
 }
 
-void handle_sigchld(ux_list *list)
-{
+void handle_sigchld(ux_list *list) {
     trace_in();
     for (ux_list_element *node : ux_nodes(list)) {
         ended_child *child = child_of(record_of(node));
@@ -166,8 +156,7 @@ void handle_sigchld(ux_list *list)
     }
 }
 
-void reap_children()
-{
+void reap_children() {
     trace_in();
     bool more = true;
     while (more) {

@@ -11,8 +11,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace
-{
+namespace {
 
 /* Active members are counted no further: only "more than one" matters. */
 constexpr int32_t ACTIVE_CAP = 4;
@@ -20,13 +19,11 @@ constexpr int32_t ACTIVE_CAP = 4;
 redundancy_record redundancy;
 
 /* The same member: both texts non-empty and equal byte for byte. */
-bool same_member(const char *a, const char *b)
-{
+bool same_member(const char *a, const char *b) {
     return *a && *b && strcmp(a, b) == 0;
 }
 
-void copy_batch_file(const char *name)
-{
+void copy_batch_file(const char *name) {
     if (!name) {
         return;
     }
@@ -41,8 +38,7 @@ void copy_batch_file(const char *name)
     memcpy(redundancy.batch_file, name, size);
 }
 
-void fill_members(const ux_list *address_list)
-{
+void fill_members(const ux_list *address_list) {
     int32_t i = 0;
     for (const inetaddr *entry : ux_records<inetaddr>(address_list)) {
         if (i == REDUNDANCY_MEMBERS) {
@@ -62,8 +58,7 @@ void fill_members(const ux_list *address_list)
 }
 
 /* The slot of the member with that address, or -1. */
-int32_t find_member(const char *address)
-{
+int32_t find_member(const char *address) {
     for (int32_t i = 0; i < REDUNDANCY_MEMBERS; i++) {
         if (redundancy.inuse[i] && same_member(redundancy.addr[i], address)) {
             return i;
@@ -73,8 +68,7 @@ int32_t find_member(const char *address)
 }
 
 /* Asks every server anew; who cannot even be asked is not alive. */
-void refresh_members(const char *sender)
-{
+void refresh_members(const char *sender) {
     alive::cancel_connections();
     alive::start_connections();
     for (int32_t i = 0; i < REDUNDANCY_MEMBERS; i++) {
@@ -84,8 +78,7 @@ void refresh_members(const char *sender)
     }
 }
 
-int32_t count_failed()
-{
+int32_t count_failed() {
     int32_t count = 0;
     for (int32_t i = 0; i < REDUNDANCY_MEMBERS; i++) {
         if (redundancy.inuse[i] &&
@@ -96,8 +89,7 @@ int32_t count_failed()
     return count;
 }
 
-void suppress_shutdown(connection *cn, int32_t count)
-{
+void suppress_shutdown(connection *cn, int32_t count) {
     char text[128];
     snprintf(text, sizeof text,
              "Shutdown suppressed, redundancy-level = %d, failure count = %d.",
@@ -109,8 +101,7 @@ void suppress_shutdown(connection *cn, int32_t count)
 }
 
 /* Tracking applies and cn's sender is a member: is its request enough? */
-bool request_completes(connection *cn)
-{
+bool request_completes(connection *cn) {
     if (!redundancy.enabled || redundancy.level <= 0 ||
         redundancy.active <= 1) {
         return true;
@@ -132,8 +123,7 @@ bool request_completes(connection *cn)
 } // namespace
 
 void init_redundant_shutdowns(const receiver_params *settings,
-                              const ux_list *address_list)
-{
+                              const ux_list *address_list) {
     trace_in();
     redundancy = redundancy_record{};
     redundancy.enabled = setting_is_on(settings->redundancy_enabled.get());
@@ -148,8 +138,7 @@ void init_redundant_shutdowns(const receiver_params *settings,
     show_redundancy_table(&redundancy);
 }
 
-bool track_redundant_shutdowns(connection *cn)
-{
+bool track_redundant_shutdowns(connection *cn) {
     trace_in();
     bool result = request_completes(cn);
     show_redundancy_table(&redundancy);
@@ -157,8 +146,7 @@ bool track_redundant_shutdowns(connection *cn)
     return result;
 }
 
-void show_redundancy_table(const redundancy_record *record)
-{
+void show_redundancy_table(const redundancy_record *record) {
     trace_in();
     debug_printf("DEBUG: %s\t%s\t%s\n", "IP-Address", "Shutdown", "NotAlive");
     for (int32_t i = 0; i < REDUNDANCY_MEMBERS; i++) {

@@ -10,12 +10,10 @@
 #include <algorithm>
 #include <cstring>
 
-namespace
-{
+namespace {
 
 /* Only the program is named, never what it was given. */
-void send_status(const connection *cn)
-{
+void send_status(const connection *cn) {
     const char *program = cn->cmdline ? cn->cmdline.get() : "";
     auto program_length = static_cast<int>(strcspn(program, " "));
     char text[TEXT_BUFFER + 1];
@@ -30,14 +28,12 @@ void send_status(const connection *cn)
 
 } // namespace
 
-void expect_reply(connection *cn, int32_t exitstatus)
-{
+void expect_reply(connection *cn, int32_t exitstatus) {
     cn->exitstatus = exitstatus;
     watch(cn->fd, EVENT_WRITABLE);
 }
 
-void handle_tcp_reply(ux_list_element *node)
-{
+void handle_tcp_reply(ux_list_element *node) {
     trace_in();
     const connection *cn = record_of(node);
     if (sock_pending_error(cn->fd.get()) == 0) {

@@ -23,8 +23,7 @@
 #include <initializer_list>
 #include <poll.h>
 
-namespace
-{
+namespace {
 
 constexpr int32_t FIRST_ALIVE_CYCLE = 5; /* seconds after the start */
 constexpr int64_t RETRY_SECONDS = 1;     /* while no descriptor can be had */
@@ -44,8 +43,7 @@ struct listener_state {
     sigset_t wait_mask; /* nothing is */
 };
 
-void handle_signal(int number)
-{
+void handle_signal(int number) {
     switch (number) {
     case SIGINT:
     case SIGQUIT:
@@ -60,8 +58,7 @@ void handle_signal(int number)
     }
 }
 
-void take_signals()
-{
+void take_signals() {
     set_signal(SIGINT, debug_level < 0 ? SIG_IGN : handle_signal, 0);
     set_signal(SIGHUP, SIG_IGN, 0);
     set_signal(SIGPIPE, SIG_IGN, 0);
@@ -77,8 +74,7 @@ void take_signals()
  * Handled signals are held back except while waiting, so that none can slip
  * in between a look at its flag and the wait.
  */
-void hold_signals_back(listener_state *state)
-{
+void hold_signals_back(listener_state *state) {
     /* Whatever our parent held back: we must be able to hear a stop signal. */
     sigemptyset(&state->wait_mask);
     sigemptyset(&state->loop_mask);
@@ -89,14 +85,12 @@ void hold_signals_back(listener_state *state)
 }
 
 /* A wait that finds a descriptor ready lets no signal in: do it here. */
-void let_signals_in(const listener_state *state)
-{
+void let_signals_in(const listener_state *state) {
     sigprocmask(SIG_SETMASK, &state->wait_mask, nullptr);
     sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
-ux_fd open_tcp_socket(int32_t port, const char *address)
-{
+ux_fd open_tcp_socket(int32_t port, const char *address) {
     trace_in();
     ux_fd fd = tcp_socket_nonblock();
     if (int32_t error = why_unwatchable(fd)) {
@@ -116,8 +110,7 @@ ux_fd open_tcp_socket(int32_t port, const char *address)
     return fd;
 }
 
-ux_fd open_udp_socket(int32_t port, const char *address)
-{
+ux_fd open_udp_socket(int32_t port, const char *address) {
     trace_in();
     /* A datagram that the wait reports may be gone when it is received. */
     ux_fd fd = udp_broadcast_socket_nonblock();
@@ -135,21 +128,18 @@ ux_fd open_udp_socket(int32_t port, const char *address)
     return fd;
 }
 
-watched_fd start_tcp_listener(int32_t port, const char *address)
-{
+watched_fd start_tcp_listener(int32_t port, const char *address) {
     trace_in();
     return {open_tcp_socket(port, address), EVENT_READABLE};
 }
 
-watched_fd start_udp_listener(int32_t port, const char *address)
-{
+watched_fd start_udp_listener(int32_t port, const char *address) {
     trace_in();
     return {open_udp_socket(port, address), EVENT_READABLE};
 }
 
 /* Opens what is configured: false when anything of it failed. */
-bool open_listeners(listener_state *state, const ux_list *alive)
-{
+bool open_listeners(listener_state *state, const ux_list *alive) {
     state->tcp = start_tcp_listener(rp->listenport, rp->listen_address.get());
     if (!state->tcp) {
         return false;
@@ -175,8 +165,7 @@ bool open_listeners(listener_state *state, const ux_list *alive)
 }
 
 /* True when clients cannot be accepted while one waits at the door. */
-bool is_crowded(const listener_state *state)
-{
+bool is_crowded(const listener_state *state) {
     if (accepting_clients(&state->pause, state->now) == accepting::yes) {
         return false;
     }
@@ -188,15 +177,13 @@ bool is_crowded(const listener_state *state)
  * Seconds until the next cycle of the watch. A socket that stays readable
  * holds cycles back; so does a client that cannot be let in, without spinning.
  */
-int64_t alive_timeout(const listener_state *state)
-{
+int64_t alive_timeout(const listener_state *state) {
     int64_t left = rp->alive_interval - (state->now - state->last_alive);
     return left > 0 ? left : is_crowded(state) ? RETRY_SECONDS : 0;
 }
 
 /* Seconds to wait at most, -1 for ever; drops clients that are too late. */
-int64_t next_timeout(const listener_state *state)
-{
+int64_t next_timeout(const listener_state *state) {
     int64_t timeout = -1;
     if (clients->size > 0 && rp->listen_timeout != 0) {
         timeout = check_timeout_clients(state->now, rp->listen_timeout);
@@ -212,8 +199,7 @@ int64_t next_timeout(const listener_state *state)
 }
 
 /* Waits until something is ready, a signal comes or time is up. */
-wait_result wait_for_events(listener_state *state)
-{
+wait_result wait_for_events(listener_state *state) {
     int64_t timeout = next_timeout(state);
     accepting clients_may = accepting_clients(&state->pause, state->now);
     watch(state->tcp,
@@ -236,8 +222,7 @@ wait_result wait_for_events(listener_state *state)
 }
 
 /* Time is up: a cycle of the alive watch, when it is due. */
-void run_alive_cycle(listener_state *state)
-{
+void run_alive_cycle(listener_state *state) {
     if (connections->size > 0 &&
         state->now - state->last_alive >= rp->alive_interval &&
         !is_crowded(state)) {
@@ -248,8 +233,7 @@ void run_alive_cycle(listener_state *state)
 }
 
 /* Each returns how many ready descriptors are left to be served. */
-int32_t serve_listeners(listener_state *state, int32_t nready)
-{
+int32_t serve_listeners(listener_state *state, int32_t nready) {
     if (ready(state->tcp)) {
         handle_tcp_connect(state->tcp.get(), state->allowed,
                            state->now + rp->listen_timeout, &state->pause);
@@ -262,8 +246,7 @@ int32_t serve_listeners(listener_state *state, int32_t nready)
     return nready;
 }
 
-int32_t serve_clients(int32_t nready)
-{
+int32_t serve_clients(int32_t nready) {
     for (ux_list_element *node : ux_nodes(clients)) {
         if (nready <= 0) {
             break;
@@ -283,8 +266,7 @@ int32_t serve_clients(int32_t nready)
     return nready;
 }
 
-void serve_connections(int32_t nready)
-{
+void serve_connections(int32_t nready) {
     for (ux_list_element *node : ux_nodes(connections)) {
         if (nready <= 0) {
             break;
@@ -305,8 +287,7 @@ void serve_connections(int32_t nready)
 }
 
 /* One wait and what comes of it: false when the loop must end. */
-bool run_pass(listener_state *state)
-{
+bool run_pass(listener_state *state) {
     wait_result found = wait_for_events(state);
     if (found.ready < 0) {
         if (found.error == EINTR) {
@@ -325,8 +306,7 @@ bool run_pass(listener_state *state)
     return true;
 }
 
-void run_loop(listener_state *state)
-{
+void run_loop(listener_state *state) {
     for (;;) {
         let_signals_in(state);
         if (!running) {
@@ -342,8 +322,7 @@ void run_loop(listener_state *state)
     }
 }
 
-void tear_down(listener_state *state)
-{
+void tear_down(listener_state *state) {
     if (connections->size > 0) {
         ux_list_destroy(connections);
         report(event::watch_stopped);
@@ -365,8 +344,7 @@ void tear_down(listener_state *state)
 } // namespace
 
 int32_t recv_mode(receiver_params *settings, const ux_list *allowed,
-                  const ux_list *alive, const ux_list *redundancy)
-{
+                  const ux_list *alive, const ux_list *redundancy) {
     trace_in();
     listener_state state{};
     state.allowed = allowed;

@@ -22,16 +22,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr int32_t RESOLVE_SECONDS = 10;
 
 volatile sig_atomic_t resolve_timed_out = 0;
 
 /* Once, after that many seconds; 0 disarms. */
-bool arm_timer(int32_t seconds)
-{
+bool arm_timer(int32_t seconds) {
     itimerval timer{};
     timer.it_value.tv_sec = seconds;
     return setitimer(ITIMER_REAL, &timer, nullptr) == 0;
@@ -39,8 +37,7 @@ bool arm_timer(int32_t seconds)
 
 } // namespace
 
-char *split_addr(char **host, int32_t *port, char *text)
-{
+char *split_addr(char **host, int32_t *port, char *text) {
     trace_in();
     if (!text || !*text) {
         return nullptr;
@@ -55,8 +52,7 @@ char *split_addr(char **host, int32_t *port, char *text)
     return *host;
 }
 
-int32_t split_port(char **host, char *text)
-{
+int32_t split_port(char **host, char *text) {
     trace_in();
     if (!text || !*text) {
         return 0;
@@ -71,16 +67,14 @@ int32_t split_port(char **host, char *text)
     return ux_atoi(colon + 1);
 }
 
-void sigalrm_itimer(int32_t)
-{
+void sigalrm_itimer(int32_t) {
     trace_in();
     resolve_timed_out = 1;
     error_printf(stderr, ERROR_CONTINUE, "%s: timeout resolving hostname...\n",
                  progname);
 }
 
-bool start_timeout(int32_t seconds)
-{
+bool start_timeout(int32_t seconds) {
     trace_in();
     if (!set_signal(SIGALRM, sigalrm_itimer, 0)) {
         return false;
@@ -93,8 +87,7 @@ bool start_timeout(int32_t seconds)
     return true;
 }
 
-void stop_timeout()
-{
+void stop_timeout() {
     trace_in();
     /* Disarmed first: the default action of a late alarm would kill us. */
     arm_timer(0);
@@ -102,8 +95,7 @@ void stop_timeout()
     set_signal(SIGALRM, SIG_DFL, 0);
 }
 
-const char *GetHostAddrFromHostName(const char *name)
-{
+const char *GetHostAddrFromHostName(const char *name) {
     trace_in();
     static char text[ADDRESS_TEXT];
     if (!name || !*name) {
@@ -121,8 +113,7 @@ const char *GetHostAddrFromHostName(const char *name)
     return text;
 }
 
-namespace
-{
+namespace {
 
 /*
  * Waits for the resolving child's answer until it comes, the child ends or
@@ -130,8 +121,7 @@ namespace
  * cannot slip through just before and its handler never runs inside other
  * code.
  */
-bool read_answer(int fd, bool armed, char *text)
-{
+bool read_answer(int fd, bool armed, char *text) {
     sigset_t wait_mask;
     sigprocmask(SIG_SETMASK, nullptr, &wait_mask);
     sigdelset(&wait_mask, SIGALRM);
@@ -156,8 +146,7 @@ bool read_answer(int fd, bool armed, char *text)
 }
 
 /* The child's whole life: one look-up, one answer. */
-[[noreturn]] void answer_and_exit(int fd, const char *host)
-{
+[[noreturn]] void answer_and_exit(int fd, const char *host) {
     const char *found = GetHostAddrFromHostName(host);
     if (found) {
         [[maybe_unused]] ssize_t written = write(fd, found, strlen(found));
@@ -171,8 +160,7 @@ struct resolver {
     ux_fd answer;
 };
 
-resolver start_resolver(const char *host)
-{
+resolver start_resolver(const char *host) {
     int ends[2];
     if (pipe(ends) < 0) {
         return {};
@@ -188,8 +176,7 @@ resolver start_resolver(const char *host)
 }
 
 /* Has a child look host up, and waits for it. */
-bool resolve_in_child(const resolver &one, bool armed, char *text)
-{
+bool resolve_in_child(const resolver &one, bool armed, char *text) {
     bool found = read_answer(one.answer.get(), armed, text);
     if (!found) {
         kill(one.child, SIGKILL);
@@ -199,8 +186,7 @@ bool resolve_in_child(const resolver &one, bool armed, char *text)
 }
 
 /* Without a child the alarm can only hope to interrupt the resolver. */
-bool resolve_here(const char *host, const sigset_t *mask, char *text)
-{
+bool resolve_here(const char *host, const sigset_t *mask, char *text) {
     sigprocmask(SIG_SETMASK, mask, nullptr);
     const char *found = GetHostAddrFromHostName(host);
     if (!found || resolve_timed_out) {
@@ -211,8 +197,7 @@ bool resolve_here(const char *host, const sigset_t *mask, char *text)
 }
 
 /* Resolves host within ten seconds into text, which is empty before. */
-bool resolve_host(const char *host, char *text)
-{
+bool resolve_host(const char *host, char *text) {
     sigset_t alarm_set;
     sigset_t old_mask;
     sigemptyset(&alarm_set);
@@ -229,8 +214,7 @@ bool resolve_host(const char *host, char *text)
 }
 
 /* The address of host, resolved if need be: false after a message. */
-bool find_address(const char *host, inetaddr *iaddr)
-{
+bool find_address(const char *host, inetaddr *iaddr) {
     char *text = iaddr->text;
     if (inet_aton(host, &iaddr->addr.sin_addr)) {
         strncat(text, host, ADDRESS_TEXT - 1);
@@ -256,8 +240,7 @@ struct built_inetaddr {
 };
 
 built_inetaddr build_inetaddr(const char *host, uint16_t port,
-                              address_kind kind, mode_code mode)
-{
+                              address_kind kind, mode_code mode) {
     trace_in("new_inetaddr");
     ux_owner<inetaddr> iaddr(ux_new<inetaddr>());
     if (!iaddr) {
@@ -277,27 +260,24 @@ built_inetaddr build_inetaddr(const char *host, uint16_t port,
 }
 
 /* A list that lost a member would mean something else. */
-[[noreturn]] void no_memory()
-{
+[[noreturn]] void no_memory() {
     fatal("%s: malloc(): %s\n", progname, strerror(ENOMEM));
 }
 
 } // namespace
 
 ux_owner<inetaddr> new_inetaddr(const char *host, uint16_t port,
-                                address_kind kind, mode_code mode)
-{
+                                address_kind kind, mode_code mode) {
     return build_inetaddr(host, port, kind, mode).record;
 }
 
-void destroy_inetaddr(void *data)
-{
+void destroy_inetaddr(void *data) {
     trace_in();
     ux_delete(static_cast<inetaddr *>(data));
 }
 
-bool add_inetaddr(ux_list *list, char *text, address_kind kind, mode_code mode)
-{
+bool add_inetaddr(ux_list *list, char *text, address_kind kind,
+                  mode_code mode) {
     trace_in();
     char *host = nullptr;
     int32_t port = 0;
@@ -320,8 +300,7 @@ bool add_inetaddr(ux_list *list, char *text, address_kind kind, mode_code mode)
 }
 
 int32_t get_inetaddr_arr_from_str(ux_list *list, const char *text,
-                                  address_kind kind, mode_code mode)
-{
+                                  address_kind kind, mode_code mode) {
     trace_in();
     if (ux_is_empty(text)) {
         return 0;

@@ -15,8 +15,7 @@
 ux_list *clients = nullptr;
 ux_list *connections = nullptr;
 
-connection_owner new_connection(mode_code mode, address_kind type)
-{
+connection_owner new_connection(mode_code mode, address_kind type) {
     trace_in();
     assert(mode && type);
     connection_owner cn(ux_new<connection>());
@@ -27,20 +26,17 @@ connection_owner new_connection(mode_code mode, address_kind type)
     return cn;
 }
 
-void destroy_connection(void *data)
-{
+void destroy_connection(void *data) {
     trace_in();
     auto *cn = static_cast<connection *>(data);
     assert(cn);
     ux_delete(cn);
 }
 
-namespace
-{
+namespace {
 
 /* The list owns the record from now on, or nobody does. */
-bool append(ux_list *list, connection_owner cn)
-{
+bool append(ux_list *list, connection_owner cn) {
     connection *record = cn.release();
     if (ux_list_ins_next(list, list->tail, record) != 0) {
         destroy_connection(record);
@@ -49,8 +45,7 @@ bool append(ux_list *list, connection_owner cn)
     return true;
 }
 
-void remove_node(ux_list *list, ux_list_element *element)
-{
+void remove_node(ux_list *list, ux_list_element *element) {
     void *data = nullptr;
     if (ux_list_rem(list, element, &data) == 0 && data) {
         destroy_connection(data);
@@ -59,29 +54,25 @@ void remove_node(ux_list *list, ux_list_element *element)
 
 } // namespace
 
-bool register_connection(ux_list *list, connection_owner cn)
-{
+bool register_connection(ux_list *list, connection_owner cn) {
     trace_in();
     assert(list && cn);
     return append(list, std::move(cn));
 }
 
-bool register_connection(connection_owner cn)
-{
+bool register_connection(connection_owner cn) {
     trace_in();
     assert(connections && cn);
     return append(connections, std::move(cn));
 }
 
-void unregister_connection(ux_list *list, ux_list_element *element)
-{
+void unregister_connection(ux_list *list, ux_list_element *element) {
     trace_in();
     assert(list && element);
     remove_node(list, element);
 }
 
-void unregister_connection(ux_list_element *element)
-{
+void unregister_connection(ux_list_element *element) {
     trace_in();
     assert(connections && element);
     remove_node(connections, element);
@@ -89,12 +80,10 @@ void unregister_connection(ux_list_element *element)
                  static_cast<int>(connections->size));
 }
 
-namespace
-{
+namespace {
 
 /* One address becomes one registered record: false after a log line. */
-bool add_connection(inetaddr *entry, uint32_t default_port)
-{
+bool add_connection(inetaddr *entry, uint32_t default_port) {
     connection_owner cn = new_connection(entry->mode, entry->kind);
     if (!cn) {
         log_system(errno);
@@ -118,8 +107,7 @@ bool add_connection(inetaddr *entry, uint32_t default_port)
 
 } // namespace
 
-int32_t set_connections(const ux_list *entries, uint32_t default_port)
-{
+int32_t set_connections(const ux_list *entries, uint32_t default_port) {
     trace_in();
     for (inetaddr *entry : ux_records<inetaddr>(entries)) {
         if (!entry) {
@@ -131,8 +119,7 @@ int32_t set_connections(const ux_list *entries, uint32_t default_port)
     return static_cast<int32_t>(connections->size);
 }
 
-start_result may_start(const connection *cn)
-{
+start_result may_start(const connection *cn) {
     if (!descriptor_left()) {
         log_error(EMFILE);
         return START_FAILED;
@@ -145,27 +132,23 @@ start_result may_start(const connection *cn)
 }
 
 void begin_exchange(connection *cn, ux_fd fd, connection_handler handler,
-                    const connect_ends *ends)
-{
+                    const connect_ends *ends) {
     cn->handler = handler;
     cn->ends = ends;
     cn->fd = watched_fd(std::move(fd), EVENT_WRITABLE);
 }
 
-void wait_in(connection *cn, event_bits events, connection_handler next)
-{
+void wait_in(connection *cn, event_bits events, connection_handler next) {
     watch(cn->fd, events);
     cn->handler = next;
 }
 
-void close_exchange(connection *cn)
-{
+void close_exchange(connection *cn) {
     cn->fd.close();
     cn->handler = nullptr;
 }
 
-ux_fd open_connect_socket(const connection *cn)
-{
+ux_fd open_connect_socket(const connection *cn) {
     trace_in();
     ux_fd fd = tcp_socket_nonblock();
     if (!fd && reserve_helps(errno)) {

@@ -44,14 +44,12 @@ struct connection {
 };
 
 /* The record of a node; may be null. */
-inline connection *record_of(ux_list_element *node)
-{
+inline connection *record_of(ux_list_element *node) {
     return ux_record<connection>(node);
 }
 
 /* for (connection *cn : records(clients)) */
-inline ux_records<connection> records(const ux_list *list)
-{
+inline ux_records<connection> records(const ux_list *list) {
     return ux_records<connection>(list);
 }
 
@@ -63,10 +61,7 @@ extern ux_list *connections; /* outbound: listeners or servers */
 void destroy_connection(void *data);
 
 struct connection_destroyer {
-    void operator()(connection *cn) const
-    {
-        destroy_connection(cn);
-    }
+    void operator()(connection *cn) const { destroy_connection(cn); }
 };
 using connection_owner = std::unique_ptr<connection, connection_destroyer>;
 

@@ -10,8 +10,7 @@
 #include <ctime>
 #include <sys/select.h>
 
-namespace
-{
+namespace {
 
 /* What a wait is for, and what the last one has found. */
 struct {
@@ -23,8 +22,7 @@ struct {
     int32_t nfds;  /* open descriptors */
 } state;
 
-void put(int32_t fd, fd_set *set, bool in)
-{
+void put(int32_t fd, fd_set *set, bool in) {
     if (in) {
         FD_SET(fd, set);
     } else {
@@ -32,14 +30,12 @@ void put(int32_t fd, fd_set *set, bool in)
     }
 }
 
-void watch_number(int32_t fd, event_bits events)
-{
+void watch_number(int32_t fd, event_bits events) {
     put(fd, &state.readfds, events & EVENT_READABLE);
     put(fd, &state.writefds, events & EVENT_WRITABLE);
 }
 
-void add_descriptor(int32_t fd, event_bits events)
-{
+void add_descriptor(int32_t fd, event_bits events) {
     trace_in();
     watch_number(fd, events);
     if (fd > state.maxfd) {
@@ -48,8 +44,7 @@ void add_descriptor(int32_t fd, event_bits events)
     state.nfds++;
 }
 
-void close_descriptor(int32_t fd)
-{
+void close_descriptor(int32_t fd) {
     trace_in();
     ux_fd closes_it(fd);
     watch_number(fd, EVENT_NONE);
@@ -63,8 +58,7 @@ void close_descriptor(int32_t fd)
 }
 
 event_bits found_in(const watched_fd &fd, const fd_set *readable,
-                    const fd_set *writable)
-{
+                    const fd_set *writable) {
     if (!fd) {
         return EVENT_NONE;
     }
@@ -74,20 +68,16 @@ event_bits found_in(const watched_fd &fd, const fd_set *readable,
 
 } // namespace
 
-watched_fd::watched_fd(ux_fd opened, event_bits events) : fd(opened.release())
-{
+watched_fd::watched_fd(ux_fd opened, event_bits events) : fd(opened.release()) {
     if (fd >= 0) {
         add_descriptor(fd, events);
     }
 }
 
 watched_fd::watched_fd(watched_fd &&other) noexcept
-    : fd(std::exchange(other.fd, -1))
-{
-}
+    : fd(std::exchange(other.fd, -1)) {}
 
-watched_fd &watched_fd::operator=(watched_fd &&other) noexcept
-{
+watched_fd &watched_fd::operator=(watched_fd &&other) noexcept {
     if (this != &other) {
         close();
         fd = std::exchange(other.fd, -1);
@@ -95,67 +85,56 @@ watched_fd &watched_fd::operator=(watched_fd &&other) noexcept
     return *this;
 }
 
-watched_fd::~watched_fd()
-{
+watched_fd::~watched_fd() {
     close();
 }
 
-void watched_fd::close()
-{
+void watched_fd::close() {
     if (fd >= 0) {
         close_descriptor(std::exchange(fd, -1));
     }
 }
 
-void watch(const watched_fd &fd, event_bits events)
-{
+void watch(const watched_fd &fd, event_bits events) {
     if (fd) {
         watch_number(fd.get(), events);
     }
 }
 
-event_bits watched(const watched_fd &fd)
-{
+event_bits watched(const watched_fd &fd) {
     return found_in(fd, &state.readfds, &state.writefds);
 }
 
-event_bits ready(const watched_fd &fd)
-{
+event_bits ready(const watched_fd &fd) {
     return found_in(fd, &state.ready_read, &state.ready_write);
 }
 
-void reset_descriptors(int32_t first_maxfd)
-{
+void reset_descriptors(int32_t first_maxfd) {
     trace_in();
     state = {};
     state.maxfd = first_maxfd;
 }
 
-int32_t open_descriptors()
-{
+int32_t open_descriptors() {
     return state.nfds;
 }
 
-int32_t highest_descriptor()
-{
+int32_t highest_descriptor() {
     return state.maxfd;
 }
 
-bool descriptor_left()
-{
+bool descriptor_left() {
     return state.nfds < max_fds;
 }
 
-int32_t why_unwatchable(const ux_fd &fd)
-{
+int32_t why_unwatchable(const ux_fd &fd) {
     if (!fd) {
         return errno;
     }
     return fd.get() < FD_SETSIZE ? 0 : EMFILE;
 }
 
-wait_result wait_for_descriptors(int64_t seconds, const sigset_t *mask)
-{
+wait_result wait_for_descriptors(int64_t seconds, const sigset_t *mask) {
     state.ready_read = state.readfds;
     state.ready_write = state.writefds;
     timespec limit{};

@@ -12,8 +12,7 @@
 #include <csignal>
 
 /* A socket that is counted and may be watched, or none: -1. */
-class watched_fd
-{
+class watched_fd {
   public:
     watched_fd() = default;
     /* Counts a newly opened socket, if it is one, and watches it. */
@@ -22,14 +21,8 @@ class watched_fd
     watched_fd &operator=(watched_fd &&other) noexcept;
     ~watched_fd();
 
-    explicit operator bool() const
-    {
-        return fd >= 0;
-    }
-    int32_t get() const
-    {
-        return fd;
-    }
+    explicit operator bool() const { return fd >= 0; }
+    int32_t get() const { return fd; }
     /*
      * Closes the socket and takes it out of the pass that is running too, so
      * that a number opened again within it starts clean.

@@ -9,19 +9,16 @@
 
 #include <cassert>
 
-namespace
-{
+namespace {
 
 /* The event has come and the socket is in order. */
-bool is_ready(const connection *cn, event_bits events, event_bits wanted)
-{
+bool is_ready(const connection *cn, event_bits events, event_bits wanted) {
     return (events & wanted) && sock_pending_error(cn->fd.get()) == 0;
 }
 
 } // namespace
 
-void do_kesdal_send_logon(ux_list_element *node, event_bits events)
-{
+void do_kesdal_send_logon(ux_list_element *node, event_bits events) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -33,8 +30,7 @@ void do_kesdal_send_logon(ux_list_element *node, event_bits events)
     }
 }
 
-void do_kesdal_recv_logon(ux_list_element *node, event_bits events)
-{
+void do_kesdal_recv_logon(ux_list_element *node, event_bits events) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -45,8 +41,7 @@ void do_kesdal_recv_logon(ux_list_element *node, event_bits events)
     }
 }
 
-void do_kesdal_send_logoff(ux_list_element *node, event_bits events)
-{
+void do_kesdal_send_logoff(ux_list_element *node, event_bits events) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -59,8 +54,7 @@ void do_kesdal_send_logoff(ux_list_element *node, event_bits events)
     }
 }
 
-void do_kesdal_recv_logoff(ux_list_element *node, event_bits events)
-{
+void do_kesdal_recv_logoff(ux_list_element *node, event_bits events) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);

@@ -11,12 +11,10 @@
 #include <cstring>
 #include <fcntl.h>
 
-namespace
-{
+namespace {
 
 /* A socket as it is wanted, or none: what failed to become it is closed. */
-ux_fd make_nonblocking(ux_fd fd)
-{
+ux_fd make_nonblocking(ux_fd fd) {
     int flags = fd ? fcntl(fd.get(), F_GETFL) : -1;
     if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) < 0) {
         fd.reset();
@@ -24,8 +22,7 @@ ux_fd make_nonblocking(ux_fd fd)
     return fd;
 }
 
-ux_fd allow_broadcast(ux_fd fd)
-{
+ux_fd allow_broadcast(ux_fd fd) {
     int on = 1;
     if (fd &&
         setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) < 0) {
@@ -35,8 +32,7 @@ ux_fd allow_broadcast(ux_fd fd)
 }
 
 /* An AF_INET address; false when dotted is none, and the address is any. */
-bool fill_address(sockaddr_in *address, uint16_t port, const char *dotted)
-{
+bool fill_address(sockaddr_in *address, uint16_t port, const char *dotted) {
     *address = sockaddr_in{};
     address->sin_family = AF_INET;
     address->sin_port = htons(port);
@@ -44,15 +40,13 @@ bool fill_address(sockaddr_in *address, uint16_t port, const char *dotted)
 }
 
 /* What a call moved when that was all of it, else 0. */
-int32_t all_or_nothing(ssize_t moved, size_t length)
-{
+int32_t all_or_nothing(ssize_t moved, size_t length) {
     return moved == static_cast<ssize_t>(length) ? static_cast<int32_t>(moved)
                                                  : 0;
 }
 
 /* Sends a text and as many bytes behind it, in one call. */
-int32_t send_text(int32_t fd, const char *text, size_t behind)
-{
+int32_t send_text(int32_t fd, const char *text, size_t behind) {
     size_t length = text ? strlen(text) : 0;
     if (length == 0 || length >= TEXT_BUFFER) {
         return 0;
@@ -62,107 +56,90 @@ int32_t send_text(int32_t fd, const char *text, size_t behind)
 }
 
 /* Terminates what was received: its length, 0 on error. */
-int32_t end_text(char *buffer, ssize_t length)
-{
+int32_t end_text(char *buffer, ssize_t length) {
     buffer[length > 0 ? length : 0] = '\0';
     return length > 0 ? static_cast<int32_t>(length) : 0;
 }
 
 } // namespace
 
-const sockaddr *generic_address(const sockaddr_in *address)
-{
+const sockaddr *generic_address(const sockaddr_in *address) {
     return static_cast<const sockaddr *>(static_cast<const void *>(address));
 }
 
-sockaddr *generic_address(sockaddr_in *address)
-{
+sockaddr *generic_address(sockaddr_in *address) {
     return static_cast<sockaddr *>(static_cast<void *>(address));
 }
 
-bool sock_shutdown_read(int32_t fd)
-{
+bool sock_shutdown_read(int32_t fd) {
     trace_in();
     return shutdown(fd, SHUT_RD) == 0;
 }
 
-bool sock_shutdown_write(int32_t fd)
-{
+bool sock_shutdown_write(int32_t fd) {
     trace_in();
     return shutdown(fd, SHUT_WR) == 0;
 }
 
-ux_fd tcp_socket()
-{
+ux_fd tcp_socket() {
     trace_in();
     return ux_fd(socket(AF_INET, SOCK_STREAM, 0));
 }
 
-ux_fd tcp_socket_nonblock()
-{
+ux_fd tcp_socket_nonblock() {
     trace_in();
     return make_nonblocking(tcp_socket());
 }
 
-ux_fd udp_socket()
-{
+ux_fd udp_socket() {
     trace_in();
     return ux_fd(socket(AF_INET, SOCK_DGRAM, 0));
 }
 
-ux_fd udp_socket_nonblock()
-{
+ux_fd udp_socket_nonblock() {
     trace_in();
     return make_nonblocking(udp_socket());
 }
 
-ux_fd udp_broadcast_socket()
-{
+ux_fd udp_broadcast_socket() {
     trace_in();
     return allow_broadcast(udp_socket());
 }
 
-ux_fd udp_broadcast_socket_nonblock()
-{
+ux_fd udp_broadcast_socket_nonblock() {
     trace_in();
     return allow_broadcast(udp_socket_nonblock());
 }
 
-bool set_close_on_exec(int32_t fd)
-{
+bool set_close_on_exec(int32_t fd) {
     trace_in();
     int flags = fcntl(fd, F_GETFD);
     return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0;
 }
 
-bool set_keep_alive(int32_t fd)
-{
+bool set_keep_alive(int32_t fd) {
     int on = 1;
     return setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0;
 }
 
-bool sock_connect(int32_t fd, const sockaddr_in *address)
-{
+bool sock_connect(int32_t fd, const sockaddr_in *address) {
     trace_in();
     return connect(fd, generic_address(address), sizeof *address) == 0 ||
            errno == EINPROGRESS;
 }
 
-bool sock_connect_to(int32_t fd, uint16_t port, const char *dotted)
-{
+bool sock_connect_to(int32_t fd, uint16_t port, const char *dotted) {
     trace_in();
     sockaddr_in address;
     return fill_address(&address, port, dotted) && sock_connect(fd, &address);
 }
 
-bool sock_bind_any(int32_t fd, uint16_t port)
-{
+bool sock_bind_any(int32_t fd, uint16_t port) {
     trace_in();
     return sock_bind_to(fd, port, "0.0.0.0");
 }
 
-bool sock_bind_to(int32_t fd, uint16_t port, const char *dotted)
-{
+bool sock_bind_to(int32_t fd, uint16_t port, const char *dotted) {
     trace_in();
     sockaddr_in address;
     /* An address that does not convert leaves 0.0.0.0. */
@@ -170,26 +147,22 @@ bool sock_bind_to(int32_t fd, uint16_t port, const char *dotted)
     return bind(fd, generic_address(&address), sizeof address) == 0;
 }
 
-bool sock_listen_any(int32_t fd, uint16_t port)
-{
+bool sock_listen_any(int32_t fd, uint16_t port) {
     trace_in();
     return sock_bind_any(fd, port) && listen(fd, LISTEN_BACKLOG) == 0;
 }
 
-bool sock_listen_to(int32_t fd, uint16_t port, const char *dotted)
-{
+bool sock_listen_to(int32_t fd, uint16_t port, const char *dotted) {
     trace_in();
     return sock_bind_to(fd, port, dotted) && listen(fd, LISTEN_BACKLOG) == 0;
 }
 
-ux_fd sock_accept(int32_t fd, sockaddr_in *address, socklen_t *length)
-{
+ux_fd sock_accept(int32_t fd, sockaddr_in *address, socklen_t *length) {
     trace_in();
     return ux_fd(accept(fd, generic_address(address), length));
 }
 
-int32_t sock_accept_peer(int32_t fd, char *buffer, size_t size)
-{
+int32_t sock_accept_peer(int32_t fd, char *buffer, size_t size) {
     trace_in();
     sockaddr_in address;
     socklen_t length = sizeof address;
@@ -204,21 +177,18 @@ int32_t sock_accept_peer(int32_t fd, char *buffer, size_t size)
     return peer.release();
 }
 
-int32_t sock_send_text(int32_t fd, const char *text)
-{
+int32_t sock_send_text(int32_t fd, const char *text) {
     trace_in();
     return send_text(fd, text, 0);
 }
 
-int32_t sock_send_text0(int32_t fd, const char *text)
-{
+int32_t sock_send_text0(int32_t fd, const char *text) {
     trace_in();
     return send_text(fd, text, 1);
 }
 
 int32_t udp_send_text(int32_t fd, uint16_t port, const char *dotted,
-                      const char *text)
-{
+                      const char *text) {
     trace_in();
     size_t length = text ? strlen(text) : 0;
     sockaddr_in address;
@@ -231,8 +201,7 @@ int32_t udp_send_text(int32_t fd, uint16_t port, const char *dotted,
                           length);
 }
 
-int32_t sock_recv_text(int32_t fd, char *buffer, size_t size)
-{
+int32_t sock_recv_text(int32_t fd, char *buffer, size_t size) {
     trace_in();
     if (!buffer || size == 0 || size > TEXT_BUFFER) {
         return 0;
@@ -241,8 +210,7 @@ int32_t sock_recv_text(int32_t fd, char *buffer, size_t size)
 }
 
 int32_t udp_recv_text(int32_t fd, sockaddr_in *from, socklen_t *fromlen,
-                      char *buffer, size_t size)
-{
+                      char *buffer, size_t size) {
     trace_in();
     if (!buffer || size == 0) {
         return 0;
@@ -251,8 +219,7 @@ int32_t udp_recv_text(int32_t fd, sockaddr_in *from, socklen_t *fromlen,
                                      generic_address(from), fromlen));
 }
 
-int32_t sock_pending_error(int32_t fd)
-{
+int32_t sock_pending_error(int32_t fd) {
     trace_in();
     int error = 0;
     socklen_t length = sizeof error;
@@ -263,15 +230,13 @@ int32_t sock_pending_error(int32_t fd)
     return error;
 }
 
-bool is_dotted_address(const char *text)
-{
+bool is_dotted_address(const char *text) {
     trace_in();
     in_addr address;
     return inet_aton(text, &address) != 0;
 }
 
-bool same_address(const char *a, const char *b)
-{
+bool same_address(const char *a, const char *b) {
     trace_in();
     return inet_addr(a) == inet_addr(b);
 }

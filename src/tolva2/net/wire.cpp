@@ -7,8 +7,7 @@
 #include <cstring>
 #include <strings.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t DATAGRAM_BUFFER = 1472;
 
@@ -17,8 +16,7 @@ constexpr const char *KESDAL_LOGON = "LOGON";
 constexpr const char *KESDAL_LOGOFF = "LOGOFF";
 
 /* Builds a request in buffer: false when it does not fit. */
-bool format_request(char *buffer, size_t size, const char *command)
-{
+bool format_request(char *buffer, size_t size, const char *command) {
     int length = 0;
     if (command && *command) {
         length = snprintf(buffer, size, "%s %s", REQUEST_HEADER, command);
@@ -32,22 +30,19 @@ bool format_request(char *buffer, size_t size, const char *command)
  * The descriptor's own number stands for a client number: no other socket of
  * this host's program has it at that moment.
  */
-int32_t send_kesdal(int32_t fd, const char *verb)
-{
+int32_t send_kesdal(int32_t fd, const char *verb) {
     char buffer[TEXT_BUFFER];
     snprintf(buffer, sizeof buffer, "%s %05d %s", KESDAL_CLIENT, fd, verb);
     return sock_send_text0(fd, buffer);
 }
 
-bool is_digit(char c)
-{
+bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
 } // namespace
 
-int32_t send_ok(int32_t fd, const char *command)
-{
+int32_t send_ok(int32_t fd, const char *command) {
     trace_in();
     char buffer[TEXT_BUFFER];
     if (!format_request(buffer, sizeof buffer, command)) {
@@ -57,8 +52,7 @@ int32_t send_ok(int32_t fd, const char *command)
 }
 
 int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
-                    const char *command)
-{
+                    const char *command) {
     trace_in();
     char buffer[DATAGRAM_BUFFER];
     if (!format_request(buffer, sizeof buffer, command)) {
@@ -67,20 +61,17 @@ int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
     return udp_send_text(fd, port, dotted, buffer);
 }
 
-int32_t send_kesdal_logon(int32_t fd)
-{
+int32_t send_kesdal_logon(int32_t fd) {
     trace_in();
     return send_kesdal(fd, KESDAL_LOGON);
 }
 
-int32_t send_kesdal_logoff(int32_t fd)
-{
+int32_t send_kesdal_logoff(int32_t fd) {
     trace_in();
     return send_kesdal(fd, KESDAL_LOGOFF);
 }
 
-int32_t recv_kesdal(int32_t fd)
-{
+int32_t recv_kesdal(int32_t fd) {
     trace_in();
     char answer[TEXT_BUFFER];
     int32_t length = sock_recv_text(fd, answer, sizeof answer);
@@ -91,8 +82,7 @@ int32_t recv_kesdal(int32_t fd)
     return 0;
 }
 
-int32_t send_reply(int32_t fd, const char *format, ...)
-{
+int32_t send_reply(int32_t fd, const char *format, ...) {
     trace_in();
     char buffer[TEXT_BUFFER];
     va_list args;
@@ -102,14 +92,12 @@ int32_t send_reply(int32_t fd, const char *format, ...)
     return sock_send_text(fd, buffer);
 }
 
-bool is_reply_header(const char *text)
-{
+bool is_reply_header(const char *text) {
     trace_in();
     return text && strncasecmp(text, REPLY_HEADER, REPLY_HEADER_LENGTH) == 0;
 }
 
-char *get_key_value(const char *text, const char *key, char *out, size_t size)
-{
+char *get_key_value(const char *text, const char *key, char *out, size_t size) {
     trace_in();
     if (!out || size == 0) {
         return nullptr;
@@ -134,8 +122,7 @@ char *get_key_value(const char *text, const char *key, char *out, size_t size)
     return out;
 }
 
-int32_t map_remote_status(int32_t status)
-{
+int32_t map_remote_status(int32_t status) {
     trace_in();
     if (status < 0) {
         status = 1;

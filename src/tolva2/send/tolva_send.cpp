@@ -24,10 +24,8 @@
 
 /* Not "send", which is the system's call. The listener has its own ways to
  * start, cancel and end a connection. */
-namespace sender
-{
-namespace
-{
+namespace sender {
+namespace {
 
 constexpr size_t STATUS_TEXT = 16;
 
@@ -39,8 +37,7 @@ struct {
 } run;
 
 /* The message of a type of connection that failed; "%s" is its address. */
-void log_failure(const connection *cn)
-{
+void log_failure(const connection *cn) {
     switch (cn->type) {
     case ADDR_KESDAL:
         report(event::server_not_alive, cn->ipaddr);
@@ -57,8 +54,7 @@ void log_failure(const connection *cn)
     }
 }
 
-void cancel_connect(ux_list_element *node)
-{
+void cancel_connect(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -69,8 +65,7 @@ void cancel_connect(ux_list_element *node)
     run.failed = true;
 }
 
-void end_connect(ux_list_element *node)
-{
+void end_connect(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -85,8 +80,7 @@ constexpr connect_ends SEND_ENDS{cancel_connect, end_connect};
 
 /* A reply has come: its status becomes the run's, seen as our own. The byte
  * behind the header is not looked at. */
-void take_reply(const connection *cn, const char *reply)
-{
+void take_reply(const connection *cn, const char *reply) {
     const char *text = reply + REPLY_HEADER_LENGTH;
     text += *text ? 1 : 0;
     log_message(2, "server[%s]: %s", cn->ipaddr, text);
@@ -100,8 +94,7 @@ void take_reply(const connection *cn, const char *reply)
 }
 
 /* One receive from a listener: true when it was a reply. */
-bool receive_reply(const connection *cn)
-{
+bool receive_reply(const connection *cn) {
     char reply[TEXT_BUFFER];
     ssize_t length = recv(cn->fd.get(), reply, sizeof reply - 1, 0);
     if (length < 0) {
@@ -118,8 +111,7 @@ bool receive_reply(const connection *cn)
 }
 
 /* The socket of a request with status is readable: true for a reply. */
-bool handle_reply(const connection *cn)
-{
+bool handle_reply(const connection *cn) {
     debug_printf("DEBUG: cn->mode = %d \n", cn->mode);
     debug_printf("DEBUG: cn->type = %d \n", cn->type);
     if (cn->mode != MODE_SEND_STATUS || cn->type != ADDR_PEER) {
@@ -135,8 +127,7 @@ bool handle_reply(const connection *cn)
     return receive_reply(cn);
 }
 
-void do_rcv_tolva(ux_list_element *node, event_bits events)
-{
+void do_rcv_tolva(ux_list_element *node, event_bits events) {
     trace_in();
     const connection *cn = record_of(node);
     bool received = false;
@@ -154,8 +145,7 @@ void do_rcv_tolva(ux_list_element *node, event_bits events)
 }
 
 /* Sends the request when the socket is fit for it: false on any failure. */
-bool send_request(const connection *cn, event_bits events)
-{
+bool send_request(const connection *cn, event_bits events) {
     if (!(events & EVENT_WRITABLE)) {
         return false;
     }
@@ -175,8 +165,7 @@ bool send_request(const connection *cn, event_bits events)
     }
 }
 
-void do_send_tolva(ux_list_element *node, event_bits events)
-{
+void do_send_tolva(ux_list_element *node, event_bits events) {
     trace_in();
     connection *cn = record_of(node);
     assert(cn);
@@ -189,8 +178,7 @@ void do_send_tolva(ux_list_element *node, event_bits events)
     }
 }
 
-ux_fd open_connect_socket_bc(const connection *)
-{
+ux_fd open_connect_socket_bc(const connection *) {
     trace_in();
     ux_fd fd = udp_broadcast_socket_nonblock();
     if (int32_t error = why_unwatchable(fd)) {
@@ -201,8 +189,7 @@ ux_fd open_connect_socket_bc(const connection *)
 }
 
 /* Opens the socket of a record's type, with the message before it. */
-ux_fd open_by_type(const connection *cn)
-{
+ux_fd open_by_type(const connection *cn) {
     switch (cn->type) {
     case ADDR_BROADCAST:
         report(event::broadcasting, cn->ipaddr);
@@ -216,8 +203,7 @@ ux_fd open_by_type(const connection *cn)
     }
 }
 
-start_result start_connect(ux_list_element *node)
-{
+start_result start_connect(ux_list_element *node) {
     trace_in();
     connection *cn = record_of(node);
     start_result startable = may_start(cn);
@@ -236,8 +222,7 @@ start_result start_connect(ux_list_element *node)
     return START_DONE;
 }
 
-int32_t start_connections()
-{
+int32_t start_connections() {
     trace_in();
     assert(connections);
     for (ux_list_element *node : ux_nodes(connections)) {
@@ -251,16 +236,14 @@ int32_t start_connections()
 
 /* Whole seconds of a clock that nobody sets, so that no run is cut short or
  * drawn out by a change of the time of day. */
-time_t seconds_now()
-{
+time_t seconds_now() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec;
 }
 
 /* Hands every ready connection to its handler. */
-void serve_connections()
-{
+void serve_connections() {
     for (ux_list_element *node : ux_nodes(connections)) {
         const connection *cn = record_of(node);
         if (!cn) {
@@ -275,8 +258,7 @@ void serve_connections()
 }
 
 /* Seconds that are left of a run; below 0: there is no limit. */
-int64_t seconds_left(time_t start, int32_t timeout)
-{
+int64_t seconds_left(time_t start, int32_t timeout) {
     if (timeout == 0) {
         return -1;
     }
@@ -284,8 +266,7 @@ int64_t seconds_left(time_t start, int32_t timeout)
 }
 
 /* Waits once and serves what is ready: false when the run is over. */
-bool drive_connections(time_t start, int32_t timeout)
-{
+bool drive_connections(time_t start, int32_t timeout) {
     wait_result found =
         wait_for_descriptors(seconds_left(start, timeout), nullptr);
     if (found.ready < 0) {
@@ -305,8 +286,7 @@ bool drive_connections(time_t start, int32_t timeout)
 
 /* Starts all connections and drives them to their ends: false when the run
  * as a whole has failed. */
-bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout)
-{
+bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout) {
     time_t start = seconds_now();
     if (!set_connections(addresses, static_cast<uint32_t>(port)) ||
         !start_connections()) {
@@ -324,8 +304,7 @@ bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout)
 } // namespace sender
 
 int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
-                  const char *command_text)
-{
+                  const char *command_text) {
     trace_in();
     set_signal(SIGHUP, SIG_IGN, SA_RESTART);
     set_signal(SIGPIPE, SIG_IGN, SA_RESTART);

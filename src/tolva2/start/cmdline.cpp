@@ -17,8 +17,7 @@
 
 using namespace std::string_view_literals;
 
-namespace
-{
+namespace {
 
 using argument_span = std::span<char *const>;
 
@@ -55,18 +54,15 @@ constexpr struct {
     {"v", version},
 };
 
-argument_span behind_program(argument_span arguments)
-{
+argument_span behind_program(argument_span arguments) {
     return arguments.empty() ? arguments : arguments.subspan(1);
 }
 
-bool is_option(const char *argument)
-{
+bool is_option(const char *argument) {
     return argument[0] == '-';
 }
 
-void show_text(const typed_option &option)
-{
+void show_text(const typed_option &option) {
     for (const auto &row : TEXT_ROWS) {
         if (is_for(row.letters, option)) {
             row.show();
@@ -76,8 +72,7 @@ void show_text(const typed_option &option)
 }
 
 /* The mode that an option chooses, the one there is for any other option. */
-mode_code scan_option(const typed_option &option, mode_code mode)
-{
+mode_code scan_option(const typed_option &option, mode_code mode) {
     for (const auto &row : MODE_ROWS) {
         if (!is_for(row.letters, option)) {
             continue;
@@ -95,13 +90,11 @@ mode_code scan_option(const typed_option &option, mode_code mode)
     return mode;
 }
 
-[[noreturn]] void refuse_without_mode()
-{
+[[noreturn]] void refuse_without_mode() {
     fatal("%s: missing parameter: `-l' or `-s'! (-? for help).\n", progname);
 }
 
-mode_code choose_mode(argument_span arguments)
-{
+mode_code choose_mode(argument_span arguments) {
     for (const auto &row : NAME_ROWS) {
         if (row.name == progname) {
             return row.mode;
@@ -118,8 +111,7 @@ mode_code choose_mode(argument_span arguments)
 }
 
 /* The words run together without separators; null for none. */
-ux_text join_words(argument_span words)
-{
+ux_text join_words(argument_span words) {
     ux_text text;
     for (const char *word : words) {
         text = ux_join({text ? text.get() : "", word});
@@ -134,8 +126,7 @@ ux_text join_words(argument_span words)
  * The first word is no option: it is skipped, and all that follows is the
  * shutdown script's command line.
  */
-void take_words(cmdline_options *options, argument_span words)
-{
+void take_words(cmdline_options *options, argument_span words) {
     if (options->mode != MODE_LISTEN) {
         fatal("%s: unknown parameter: `%s' (-? for help).\n", progname,
               words[0]);
@@ -147,8 +138,7 @@ void take_words(cmdline_options *options, argument_span words)
     options->shutdown_prog = join_words(words.subspan(1));
 }
 
-void take_arguments(cmdline_options *options, argument_span arguments)
-{
+void take_arguments(cmdline_options *options, argument_span arguments) {
     while (!arguments.empty()) {
         if (!is_option(arguments[0])) {
             take_words(options, arguments);
@@ -162,13 +152,11 @@ void take_arguments(cmdline_options *options, argument_span arguments)
 }
 
 /* The value, or its default when it was not given. */
-int32_t value_or(int32_t value, int32_t least, int32_t default_value)
-{
+int32_t value_or(int32_t value, int32_t least, int32_t default_value) {
     return value >= least ? value : default_value;
 }
 
-int32_t dispatch_send(cmdline_options *o)
-{
+int32_t dispatch_send(cmdline_options *o) {
     if (o->peers.is_empty()) {
         fatal(
             "%s: missing address parameter: `-a <host[:port]>'! (-? for help).\n",
@@ -179,8 +167,7 @@ int32_t dispatch_send(cmdline_options *o)
                        o->command.get());
 }
 
-int32_t dispatch_check(cmdline_options *o)
-{
+int32_t dispatch_check(cmdline_options *o) {
     if (o->servers.is_empty()) {
         fatal(
             "%s: missing address parameter: `-ac <host[:port]>'! (-? for help).\n",
@@ -191,8 +178,7 @@ int32_t dispatch_check(cmdline_options *o)
         value_or(o->timeout, 0, DEFAULT_SEND_TIMEOUT), o->command.get());
 }
 
-int32_t dispatch_listen(cmdline_options *o)
-{
+int32_t dispatch_listen(cmdline_options *o) {
     return init_receiver(std::move(o->cfgfile), o->listen_host, o->port,
                          o->check_port, o->peers.get(), o->servers.get(),
                          o->redundant.get(), o->retries,
@@ -200,8 +186,7 @@ int32_t dispatch_listen(cmdline_options *o)
                          o->timeout, o->check_interval);
 }
 
-int32_t dispatch(cmdline_options *options)
-{
+int32_t dispatch(cmdline_options *options) {
     switch (options->mode) {
     case MODE_LISTEN:
         return dispatch_listen(options);
@@ -217,8 +202,7 @@ int32_t dispatch(cmdline_options *options)
 
 } // namespace
 
-mode_code scan_mode(std::span<char *const> arguments)
-{
+mode_code scan_mode(std::span<char *const> arguments) {
     trace_in();
     mode_code mode = MODE_NONE;
     for (const char *argument : behind_program(arguments)) {
@@ -231,8 +215,7 @@ mode_code scan_mode(std::span<char *const> arguments)
     return mode;
 }
 
-int32_t check_input(std::span<char *const> arguments)
-{
+int32_t check_input(std::span<char *const> arguments) {
     trace_in();
     /* The mode is found before the lists are made. */
     cmdline_options options{.mode = choose_mode(arguments)};

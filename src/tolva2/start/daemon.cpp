@@ -11,12 +11,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 /* Goes on in a child; false when there is none. The parent never returns. */
-bool leave_parent()
-{
+bool leave_parent() {
     pid_t child = fork();
     if (child > 0) {
         _exit(0);
@@ -28,8 +26,7 @@ bool leave_parent()
  * None of the three is ever closed: a socket would take its number, and then
  * the log would go there. One that cannot be replaced stays as it is.
  */
-void redirect_standard_descriptors()
-{
+void redirect_standard_descriptors() {
     ux_fd null_device(open("/dev/null", O_RDWR));
     if (!null_device) {
         return;
@@ -44,8 +41,7 @@ void redirect_standard_descriptors()
 
 } // namespace
 
-int32_t daemonize(int32_t change_dir, int32_t redirect_std)
-{
+int32_t daemonize(int32_t change_dir, int32_t redirect_std) {
     trace_in();
     /* What is buffered now would otherwise be lost with the parents. */
     fflush(nullptr);

@@ -8,8 +8,7 @@
 
 #include <cstdio>
 
-namespace
-{
+namespace {
 
 /* "%s" stands for the program's word. */
 constexpr const char *HELP_LINES[] = {
@@ -58,8 +57,7 @@ constexpr const char *COPYRIGHT =
     "Free software under the MIT license, without any warranty.";
 
 /* Each line is printed with the program's word, whether it uses it or not. */
-constexpr bool all_are_printable()
-{
+constexpr bool all_are_printable() {
     for (const char *line : HELP_LINES) {
         if (!converts_only(line, "s")) {
             return false;
@@ -72,16 +70,14 @@ static_assert(all_are_printable());
 
 } // namespace
 
-void help()
-{
+void help() {
     trace_in();
     for (const char *line : HELP_LINES) {
         printf(line, PROGRAM_WORD);
     }
 }
 
-void version()
-{
+void version() {
     trace_in();
     printf("\n%s V%s - %s", PROGRAM_WORD, VERSION, TITLE);
     printf("\n%s\n\n", COPYRIGHT);

@@ -18,22 +18,19 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr rlim_t DESCRIPTOR_BUDGET = 256;
 constexpr int32_t DESCRIPTOR_CEILING = 1024;
 constexpr int32_t KEPT_FOR_FILES = 10;
 constexpr int32_t RESERVE_CAP = 246;
 
-[[noreturn]] void start_up_failed(const char *call)
-{
+[[noreturn]] void start_up_failed(const char *call) {
     fatal("%s: %s: \n: %s\n", progname, call, strerror(errno));
 }
 
 /* A socket must never become the standard output that the log goes to. */
-void fill_standard_descriptors()
-{
+void fill_standard_descriptors() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO) {
         fd = open("/dev/null", O_RDWR);
@@ -42,8 +39,7 @@ void fill_standard_descriptors()
     ux_fd superfluous(fd);
 }
 
-void read_trace_level()
-{
+void read_trace_level() {
     const char *level = getenv("TOLVADEBUG");
     if (level) {
         debug_level = ux_atoi(level);
@@ -51,8 +47,7 @@ void read_trace_level()
 }
 
 /* A copy of TOLVAHOME, or the directory of the executable. */
-ux_text find_home(const char *argv0)
-{
+ux_text find_home(const char *argv0) {
     const char *home = getenv("TOLVAHOME");
     if (home && home[0] != '/') {
         fatal("%s: `$TOLVAHOME' (%s): Not an absolute path\n", progname, home);
@@ -68,8 +63,7 @@ ux_text find_home(const char *argv0)
     return found;
 }
 
-rlimit read_limit()
-{
+rlimit read_limit() {
     rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) < 0) {
         fatal("%s: getrlimit(): %s\n", progname, strerror(errno));
@@ -78,8 +72,7 @@ rlimit read_limit()
 }
 
 /* How many descriptors we may use: up to 256, raising a lower soft limit. */
-void settle_descriptor_budget()
-{
+void settle_descriptor_budget() {
     rlimit limit = read_limit();
     rlim_t budget = std::min(limit.rlim_cur, DESCRIPTOR_BUDGET);
     rlim_t target = std::min(limit.rlim_max, DESCRIPTOR_BUDGET);
@@ -93,8 +86,7 @@ void settle_descriptor_budget()
 
 /* Puts the home directory in front of PATH. The environment uses the text
  * that is returned for as long as PATH is set. */
-ux_text extend_search_path()
-{
+ux_text extend_search_path() {
     errno = 0;
     const char *path = getenv("PATH");
     if (!path) {
@@ -111,8 +103,7 @@ ux_text extend_search_path()
 }
 
 /* The program from its first step to the mode's result. */
-int32_t run(int argc, char **argv)
-{
+int32_t run(int argc, char **argv) {
     const char *argv0 = argc > 0 && argv[0] ? argv[0] : "tolva";
     fill_standard_descriptors();
     /* A reader of our output that has gone must not keep a command back. */
@@ -136,7 +127,6 @@ int32_t run(int argc, char **argv)
 
 } // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     exit(run(argc, argv));
 }

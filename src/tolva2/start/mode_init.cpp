@@ -20,8 +20,7 @@
 #include <cstring>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr const char *CONFIG_FILE = "tolva.cfg";
 constexpr const char *LOG_FILE = "tolva.log";
@@ -30,8 +29,7 @@ constexpr const char *MESSAGE_FILE = "messages.dat";
 constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60; /* seconds */
 
 /* home/tolva.cfg */
-ux_text default_config_path()
-{
+ux_text default_config_path() {
     ux_text path = ux_join({home_dir, "/", CONFIG_FILE});
     if (!path) {
         fatal("%s: malloc():: %s\n", progname, strerror(errno));
@@ -41,8 +39,7 @@ ux_text default_config_path()
 
 /* Reads the file that was named, or else the one in the home directory, which
  * may be missing. */
-void read_settings(ux_text cfgfile)
-{
+void read_settings(ux_text cfgfile) {
     bool named = cfgfile != nullptr;
     ux_text path = named ? std::move(cfgfile) : default_config_path();
     debug_printf("DEBUG: init_receiver: %s configfile=%s\n",
@@ -53,15 +50,13 @@ void read_settings(ux_text cfgfile)
 }
 
 /* Puts text, if there is one, into the place of a setting. */
-void override_text(ux_text *setting, ux_text text)
-{
+void override_text(ux_text *setting, ux_text text) {
     if (text) {
         *setting = std::move(text);
     }
 }
 
-void override_listen_address(const char *listen_host)
-{
+void override_listen_address(const char *listen_host) {
     ux_text address = ux_copy(listen_host);
     /* Without it the listener would listen where nobody asked it to. */
     if (listen_host && !address) {
@@ -70,15 +65,13 @@ void override_listen_address(const char *listen_host)
     override_text(&rp->listen_address, std::move(address));
 }
 
-void override_number(int32_t *setting, int32_t number, int32_t least)
-{
+void override_number(int32_t *setting, int32_t number, int32_t least) {
     if (number >= least) {
         *setting = number;
     }
 }
 
-void open_log()
-{
+void open_log() {
     if (!setting_is_on(rp->logfile_enabled.get())) {
         return;
     }
@@ -100,8 +93,7 @@ void open_log()
  * admits everybody, which is the last thing that was asked for: put in an
  * address that nobody can come from.
  */
-void admit_nobody(ux_list *peers)
-{
+void admit_nobody(ux_list *peers) {
     char nobody[] = "255.255.255.255";
     log_message(
         0,
@@ -112,8 +104,7 @@ void admit_nobody(ux_list *peers)
 }
 
 /* One "-a" on the command line replaces both lists of the settings. */
-void fill_address_lists(ux_list *peers, ux_list *servers)
-{
+void fill_address_lists(ux_list *peers, ux_list *servers) {
     if (peers->size > 0 || servers->size > 0) {
         return;
     }
@@ -128,8 +119,7 @@ void fill_address_lists(ux_list *peers, ux_list *servers)
     }
 }
 
-void check_scripts(const ux_list *peers, const ux_list *servers)
-{
+void check_scripts(const ux_list *peers, const ux_list *servers) {
     if (peers->size > 0 && ux_is_empty(rp->shutdown_prog.get())) {
         fatal("%s: missing parameter: -bs <file> (-? for help).\n", progname);
     }
@@ -138,8 +128,7 @@ void check_scripts(const ux_list *peers, const ux_list *servers)
     }
 }
 
-void fill_redundant_list(ux_list *redundant)
-{
+void fill_redundant_list(ux_list *redundant) {
     if (!check_redundancy_config(rp)) {
         fatal("%s: invalid redundancy configuration (-? for help).\n",
               progname);
@@ -150,8 +139,7 @@ void fill_redundant_list(ux_list *redundant)
     }
 }
 
-void open_messages()
-{
+void open_messages() {
     const char *name = rp->msgfile_name.get();
     if (!msgdb_open(name)) {
         error_printf(stderr, ERROR_CONTINUE,
@@ -160,16 +148,14 @@ void open_messages()
     }
 }
 
-void show_settings()
-{
+void show_settings() {
     const char *name = rp->msgfile_name.get();
     debug_printf("DEBUG: rp->msgfile_name = %s\n", name ? name : "");
     debug_printf("DEBUG: rp->listenport = %d\n", rp->listenport);
     debug_printf("DEBUG: rp->kesdalport = %d\n", rp->kesdalport);
 }
 
-void detach()
-{
+void detach() {
     daemonize(0, 1);
     own_pid = getpid();
     if (daemonized) {
@@ -183,8 +169,7 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
                       int32_t check_port, ux_list *peers, ux_list *servers,
                       ux_list *redundant, int32_t retries,
                       ux_text shutdown_prog, ux_text alive_prog,
-                      int32_t timeout, int32_t check_interval)
-{
+                      int32_t timeout, int32_t check_interval) {
     trace_in();
     read_settings(std::move(cfgfile));
     override_text(&rp->shutdown_prog, std::move(shutdown_prog));
@@ -213,8 +198,7 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
 }
 
 int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
-                    const char *command)
-{
+                    const char *command) {
     trace_in();
     if (!msgdb_open(MESSAGE_FILE)) {
         error_printf(stderr, ERROR_CONTINUE,

@@ -17,8 +17,7 @@
 
 using namespace std::string_view_literals;
 
-namespace
-{
+namespace {
 
 using record = cmdline_options;
 
@@ -28,20 +27,18 @@ constexpr int32_t PORT_MAX = 65535;
 
 using store_function = bool (*)(record *options, char *value);
 
-bool store_nothing(record * /*options*/, char * /*value*/)
-{
+bool store_nothing(record * /*options*/, char * /*value*/) {
     return true;
 }
 
-bool store_trace_level(record * /*options*/, char *value)
-{
+bool store_trace_level(record * /*options*/, char *value) {
     debug_level = value ? ux_atoi(value) : 0;
     return true;
 }
 
 /* A later text replaces an earlier one. */
-template <ux_text record::*field> bool store_text(record *options, char *value)
-{
+template <ux_text record::*field>
+bool store_text(record *options, char *value) {
     options->*field = ux_copy(value);
     if (!(options->*field)) {
         fatal("%s: malloc(): %s\n", progname, strerror(errno));
@@ -50,32 +47,28 @@ template <ux_text record::*field> bool store_text(record *options, char *value)
 }
 
 /* A number that must not be negative. */
-template <int32_t record::*field> bool store_count(record *options, char *value)
-{
+template <int32_t record::*field>
+bool store_count(record *options, char *value) {
     options->*field = ux_atoi(value);
     return options->*field >= 0;
 }
 
-bool is_port(int32_t port)
-{
+bool is_port(int32_t port) {
     return port >= 1 && port <= PORT_MAX;
 }
 
-bool store_port(record *options, char *value)
-{
+bool store_port(record *options, char *value) {
     options->port = split_port(&options->listen_host, value);
     return is_port(options->port);
 }
 
-bool store_check_port(record *options, char *value)
-{
+bool store_check_port(record *options, char *value) {
     options->check_port = ux_atoi(value);
     return is_port(options->check_port);
 }
 
 template <address_list record::*field, address_kind kind>
-bool store_address(record *options, char *value)
-{
+bool store_address(record *options, char *value) {
     ux_list *list = (options->*field).get();
     if (!add_inetaddr(list, value, kind, options->mode)) {
         fatal("%s: could not handle address [%s]\n", progname, value);
@@ -84,16 +77,14 @@ bool store_address(record *options, char *value)
 }
 
 /* Whoever is talked to in this mode. */
-bool store_party(record *options, char *value)
-{
+bool store_party(record *options, char *value) {
     return options->mode == MODE_CHECK
                ? store_address<&record::servers, ADDR_KESDAL>(options, value)
                : store_address<&record::peers, ADDR_PEER>(options, value);
 }
 
 /* The verb of the mode; a check has nothing behind it. */
-ux_text make_command(mode_code mode, const char *value)
-{
+ux_text make_command(mode_code mode, const char *value) {
     switch (mode) {
     case MODE_SEND:
         return ux_join({VERB_EXECUTE, " ", value});
@@ -104,8 +95,7 @@ ux_text make_command(mode_code mode, const char *value)
     }
 }
 
-bool store_command(record *options, char *value)
-{
+bool store_command(record *options, char *value) {
     bool sends =
         options->mode == MODE_SEND || options->mode == MODE_SEND_STATUS;
     if (sends && !value) {
@@ -187,8 +177,7 @@ constexpr const char *bad_time =
 /* --- the options ---------------------------------------------------------- */
 
 /* Modes as bits. */
-constexpr uint32_t in(mode_code mode)
-{
+constexpr uint32_t in(mode_code mode) {
     return 1U << mode;
 }
 
@@ -256,13 +245,11 @@ constexpr option_row OPTION_ROWS[] = {
 /* clang-format on */
 
 /* refuse() gives each text these: program, third character, value. */
-constexpr bool is_printable(const char *text)
-{
+constexpr bool is_printable(const char *text) {
     return !text || converts_only(text, "scs");
 }
 
-constexpr bool all_are_printable()
-{
+constexpr bool all_are_printable() {
     for (const option_row &row : OPTION_ROWS) {
         bool fits = is_printable(row.bad_value);
         for (const refusal &one : row.refusals) {
@@ -278,14 +265,12 @@ constexpr bool all_are_printable()
 static_assert(all_are_printable());
 
 [[noreturn]] void refuse(const char *text, const typed_option &option,
-                         const char *value)
-{
+                         const char *value) {
     fatal(text, progname, option.third, value ? value : "");
 }
 
 /* The row of an option; without one the process ends. */
-const option_row &find_row(const typed_option &option)
-{
+const option_row &find_row(const typed_option &option) {
     for (const option_row &row : OPTION_ROWS) {
         if (is_for(row.letters, option)) {
             return row;
@@ -295,8 +280,7 @@ const option_row &find_row(const typed_option &option)
           option.whole);
 }
 
-bool has_fault(fault what, bool is_allowed, bool has_value)
-{
+bool has_fault(fault what, bool is_allowed, bool has_value) {
     switch (what) {
     case fault::value_missing:
         return !has_value;
@@ -313,14 +297,12 @@ bool has_fault(fault what, bool is_allowed, bool has_value)
 
 } // namespace
 
-typed_option read_option(const char *argument)
-{
+typed_option read_option(const char *argument) {
     int letter = tolower(static_cast<unsigned char>(argument[1]));
     return {argument, static_cast<char>(letter), letter ? argument[2] : '\0'};
 }
 
-bool take_option(cmdline_options *options, const char *argument, char *value)
-{
+bool take_option(cmdline_options *options, const char *argument, char *value) {
     const typed_option option = read_option(argument);
     const option_row &row = find_row(option);
     bool is_allowed = (row.modes & in(options->mode)) != 0;

@@ -15,15 +15,10 @@
 #include <string_view>
 
 /* A list of address records; those that it has at its end go with it. */
-class address_list
-{
+class address_list {
   public:
-    address_list()
-    {
-        ux_list_init(&list, destroy_inetaddr);
-    }
-    ~address_list()
-    {
+    address_list() { ux_list_init(&list, destroy_inetaddr); }
+    ~address_list() {
         if (!is_empty()) {
             ux_list_destroy(&list);
         }
@@ -31,14 +26,8 @@ class address_list
     address_list(const address_list &) = delete;
     address_list &operator=(const address_list &) = delete;
 
-    [[nodiscard]] bool is_empty() const
-    {
-        return list.size == 0;
-    }
-    ux_list *get()
-    {
-        return &list;
-    }
+    [[nodiscard]] bool is_empty() const { return list.size == 0; }
+    ux_list *get() { return &list; }
 
   private:
     ux_list list{};
@@ -81,8 +70,7 @@ struct typed_option {
  * one; without any of them it is for all.
  */
 [[nodiscard]] constexpr bool is_for(std::string_view letters,
-                                    const typed_option &option)
-{
+                                    const typed_option &option) {
     return letters[0] == option.letter &&
            (letters.size() == 1 ||
             letters.find(option.third, 1) != letters.npos);

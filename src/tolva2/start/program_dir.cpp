@@ -11,8 +11,7 @@
 #include <string_view>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t CWD_MAX = 896;
 constexpr size_t PATH_MAX_LENGTH = 1018;
@@ -24,20 +23,15 @@ struct path_text {
     char text[PATH_BUFFER] = "";
     size_t length = 0;
 
-    std::string_view view() const
-    {
-        return {text, length};
-    }
+    std::string_view view() const { return {text, length}; }
     /* Without room for all of part nothing is added. */
-    void add(std::string_view part)
-    {
+    void add(std::string_view part) {
         if (part.size() < sizeof text - length) {
             memcpy(text + length, part.data(), part.size());
             cut(length + part.size());
         }
     }
-    void cut(size_t at)
-    {
+    void cut(size_t at) {
         length = at;
         text[length] = '\0';
     }
@@ -50,8 +44,7 @@ struct halves {
     bool divided;
 };
 
-halves divide(std::string_view text, char separator)
-{
+halves divide(std::string_view text, char separator) {
     size_t at = text.find(separator);
     if (at == text.npos) {
         return {text, {}, false};
@@ -61,8 +54,7 @@ halves divide(std::string_view text, char separator)
 }
 
 /* Takes the last segment away, if there is one. */
-void go_up(path_text *path)
-{
+void go_up(path_text *path) {
     size_t slash = path->view().rfind('/');
     path->cut(slash == std::string_view::npos ? 0 : slash);
 }
@@ -72,8 +64,7 @@ void go_up(path_text *path)
  * without ".." segments and the one before each. The last segment stays as it
  * is.
  */
-path_text normalise(std::string_view path)
-{
+path_text normalise(std::string_view path) {
     path_text normal;
     halves here{{}, path, true};
     while (here.divided) {
@@ -91,8 +82,7 @@ path_text normalise(std::string_view path)
 }
 
 /* argv0 has a "/": it is relative to the working directory, or absolute. */
-path_text path_from_name(std::string_view argv0)
-{
+path_text path_from_name(std::string_view argv0) {
     path_text path;
     if (!argv0.starts_with('/')) {
         if (!getcwd(path.text, CWD_MAX)) {
@@ -109,8 +99,7 @@ path_text path_from_name(std::string_view argv0)
 }
 
 /* The name in a directory of PATH; too long is none. */
-path_text candidate(std::string_view directory, std::string_view name)
-{
+path_text candidate(std::string_view directory, std::string_view name) {
     path_text path;
     if (directory.size() + name.size() + 1 >= CANDIDATE_LIMIT) {
         return path;
@@ -126,8 +115,7 @@ path_text candidate(std::string_view directory, std::string_view name)
 }
 
 /* argv0 is a bare name: the shell found it in PATH, so look there. */
-path_text path_from_search(std::string_view name)
-{
+path_text path_from_search(std::string_view name) {
     const char *search = getenv("PATH");
     halves entry{{}, search ? search : "", search != nullptr};
     while (entry.divided) {
@@ -142,14 +130,12 @@ path_text path_from_search(std::string_view name)
 
 } // namespace
 
-const char *base_name(const char *path)
-{
+const char *base_name(const char *path) {
     const char *slash = strrchr(path, '/');
     return slash ? slash + 1 : path;
 }
 
-ux_text find_program_dir(const char *argv0)
-{
+ux_text find_program_dir(const char *argv0) {
     trace_in();
     if (!argv0) {
         return nullptr;
