@@ -347,3 +347,24 @@ TEST(watched_fd, of_no_socket_is_not_counted) {
     EXPECT_EQ(watched(none), EVENT_NONE);
     EXPECT_EQ(open_descriptors(), 0);
 }
+
+TEST(number_left, until_nobody_else_leaves_a_number_to_watch) {
+    no_sockets none;
+    EXPECT_TRUE(number_left());
+    {
+        std::vector<ux_fd> others = take_numbers_below(100);
+        descriptor_limit limit(100);
+        count_numbers();
+    }
+    EXPECT_TRUE(number_left()) << "a limit can be raised again";
+    {
+        descriptor_limit limit(most_descriptors());
+        if (most_descriptors() >= FD_SETSIZE) {
+            std::vector<ux_fd> others = take_numbers_below(FD_SETSIZE);
+            count_numbers();
+            EXPECT_FALSE(number_left());
+        }
+    }
+    count_numbers();
+    EXPECT_TRUE(number_left());
+}

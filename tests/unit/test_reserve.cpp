@@ -24,6 +24,8 @@ class no_reserve {
 
   private:
     int32_t before;
+    /* As most systems have it: nothing past what a wait can look at. */
+    descriptor_limit limit{FD_SETSIZE};
 };
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <initializer_list>
 #include <sys/resource.h>
+#include <sys/select.h>
 
 namespace {
 
@@ -17,14 +18,14 @@ constexpr int32_t RESERVE_SIZE = 2;
 
 ux_fd reserve[RESERVE_SIZE];
 
-/* One more descriptor, at a number above those of the sockets if it can be:
- * behind the budget, or at its end. */
+/* One more descriptor, at a number that no socket can have or is likely to:
+ * past what a wait can look at, behind the budget, or at its end. */
 ux_fd take_descriptor() {
     ux_fd low(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!low) {
         return low;
     }
-    for (int32_t number : {max_fds, max_fds - RESERVE_SIZE}) {
+    for (int32_t number : {FD_SETSIZE, max_fds, max_fds - RESERVE_SIZE}) {
         ux_fd high(fcntl(low.get(), F_DUPFD_CLOEXEC, number));
         if (high) {
             return high;

@@ -62,6 +62,9 @@ ux_fd accept_client(int32_t listener, sockaddr_in *address,
                     accept_pause *pause) {
     ux_fd fd;
     int32_t error = fill_reserve();
+    if (error == 0 && !number_left()) {
+        error = EMFILE;
+    }
     bool nobody_in = open_descriptors() <= LISTENERS_MAX;
     if (error == 0 || nobody_in) {
         socklen_t length = sizeof *address;

@@ -359,6 +359,7 @@ int32_t recv_mode(receiver_params *settings, const ux_list *allowed,
     hold_signals_back(&state);
     reset_descriptors(0);
     fill_reserve();
+    count_numbers();
     if (open_listeners(&state, alive)) {
         run_loop(&state);
     }

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/select.h>
 
 namespace {
@@ -18,8 +19,9 @@ struct {
     fd_set writefds;
     fd_set ready_read;
     fd_set ready_write;
-    int32_t maxfd; /* at least the highest open descriptor */
-    int32_t nfds;  /* open descriptors */
+    int32_t maxfd;   /* at least the highest open descriptor */
+    int32_t nfds;    /* open descriptors */
+    int32_t numbers; /* that there are for them */
 } state;
 
 void put(int32_t fd, fd_set *set, bool in) {
@@ -113,6 +115,7 @@ void reset_descriptors(int32_t first_maxfd) {
     trace_in();
     state = {};
     state.maxfd = first_maxfd;
+    state.numbers = FD_SETSIZE;
 }
 
 int32_t open_descriptors() {
@@ -125,6 +128,17 @@ int32_t highest_descriptor() {
 
 bool descriptor_left() {
     return state.nfds < max_fds;
+}
+
+void count_numbers() {
+    state.numbers = 0;
+    for (int32_t fd = 0; fd < FD_SETSIZE; fd++) {
+        state.numbers += fcntl(fd, F_GETFD) < 0 ? 1 : 0;
+    }
+}
+
+bool number_left() {
+    return state.nfds < state.numbers;
 }
 
 int32_t why_unwatchable(const ux_fd &fd) {

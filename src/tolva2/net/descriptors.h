@@ -53,6 +53,13 @@ void reset_descriptors(int32_t first_maxfd);
 [[nodiscard]] bool descriptor_left();
 
 /*
+ * Counts, before anything is open, the numbers that a wait can look at and
+ * that nobody else has; number_left is false once they are used up.
+ */
+void count_numbers();
+[[nodiscard]] bool number_left();
+
+/*
  * Why a new socket cannot be watched: errno when there is none, EMFILE for a
  * number past what the wait can look at; 0 when it can.
  */
