@@ -44,17 +44,10 @@ struct listener_state {
 };
 
 void handle_signal(int number) {
-    switch (number) {
-    case SIGINT:
-    case SIGQUIT:
-    case SIGTERM:
-        running = 0;
-        break;
-    case SIGCHLD:
+    if (number == SIGCHLD) {
         child_ended = 1;
-        break;
-    default:
-        break;
+    } else if (number == SIGINT || number == SIGQUIT || number == SIGTERM) {
+        running = 0;
     }
 }
 
@@ -90,6 +83,18 @@ void let_signals_in(const listener_state *state) {
     sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
+/* A socket that was bound or not: none after a log line, or closed to scripts
+ * and shown to the developer. */
+ux_fd bound_socket(ux_fd fd, bool bound, const char *kind) {
+    if (!bound) {
+        log_system(errno);
+        return {};
+    }
+    set_close_on_exec(fd.get());
+    debug_printf("DEBUG: created %s socket [%d]\n", kind, fd.get());
+    return fd;
+}
+
 ux_fd open_tcp_socket(int32_t port, const char *address) {
     trace_in();
     ux_fd fd = tcp_socket_nonblock();
@@ -101,31 +106,20 @@ ux_fd open_tcp_socket(int32_t port, const char *address) {
     if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
         log_system(errno);
     }
-    if (!sock_listen_to(fd.get(), static_cast<uint16_t>(port), address)) {
-        log_system(errno);
-        return {};
-    }
-    set_close_on_exec(fd.get());
-    debug_printf("DEBUG: created tcp socket [%d]\n", fd.get());
-    return fd;
+    bool bound = sock_listen_to(fd.get(), static_cast<uint16_t>(port), address);
+    return bound_socket(std::move(fd), bound, "tcp");
 }
 
 ux_fd open_udp_socket(int32_t port, const char *address) {
     trace_in();
     /* A datagram that the wait reports may be gone when it is received. */
     ux_fd fd = udp_broadcast_socket_nonblock();
-    int32_t error = why_unwatchable(fd);
-    if (error == 0 &&
-        !sock_bind_to(fd.get(), static_cast<uint16_t>(port), address)) {
-        error = errno;
-    }
-    if (error != 0) {
+    if (int32_t error = why_unwatchable(fd)) {
         log_system(error);
         return {};
     }
-    set_close_on_exec(fd.get());
-    debug_printf("DEBUG: created udp socket [%d]\n", fd.get());
-    return fd;
+    bool bound = sock_bind_to(fd.get(), static_cast<uint16_t>(port), address);
+    return bound_socket(std::move(fd), bound, "udp");
 }
 
 watched_fd start_tcp_listener(int32_t port, const char *address) {
@@ -191,9 +185,7 @@ int64_t next_timeout(const listener_state *state) {
     debug_printf("DEBUG: timeout 1 = %d\n", static_cast<int>(timeout));
     if (connections->size > 0) {
         int64_t alive = alive_timeout(state);
-        if (timeout < 0 || alive < timeout) {
-            timeout = alive;
-        }
+        timeout = timeout < 0 ? alive : std::min(timeout, alive);
     }
     return timeout;
 }

@@ -1,15 +1,18 @@
+/*
+ * The texts that go out, put together and sent in one piece, and the little
+ * that is read of those that come in.
+ */
 #include "tolva2/net/wire.h"
 #include "tolva2/base/codes.h"
 #include "tolva2/base/trace.h"
 #include "tolva2/net/sockets.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <strings.h>
 
 namespace {
-
-constexpr size_t DATAGRAM_BUFFER = 1472;
 
 constexpr const char *KESDAL_CLIENT = "WINCLIENT";
 constexpr const char *KESDAL_LOGON = "LOGON";
@@ -17,12 +20,9 @@ constexpr const char *KESDAL_LOGOFF = "LOGOFF";
 
 /* Builds a request in buffer: false when it does not fit. */
 bool format_request(char *buffer, size_t size, const char *command) {
-    int length = 0;
-    if (command && *command) {
-        length = snprintf(buffer, size, "%s %s", REQUEST_HEADER, command);
-    } else {
-        length = snprintf(buffer, size, "%s", REQUEST_HEADER);
-    }
+    bool bare = ux_is_empty(command);
+    int length = snprintf(buffer, size, "%s%s%s", REQUEST_HEADER,
+                          bare ? "" : " ", bare ? "" : command);
     return length > 0 && static_cast<size_t>(length) < size;
 }
 
@@ -45,20 +45,18 @@ bool is_digit(char c) {
 int32_t send_ok(int32_t fd, const char *command) {
     trace_in();
     char buffer[TEXT_BUFFER];
-    if (!format_request(buffer, sizeof buffer, command)) {
-        return 0;
-    }
-    return sock_send_text(fd, buffer);
+    return format_request(buffer, sizeof buffer, command)
+               ? sock_send_text(fd, buffer)
+               : 0;
 }
 
 int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
                     const char *command) {
     trace_in();
-    char buffer[DATAGRAM_BUFFER];
-    if (!format_request(buffer, sizeof buffer, command)) {
-        return 0;
-    }
-    return udp_send_text(fd, port, dotted, buffer);
+    char buffer[DATAGRAM_TEXT];
+    return format_request(buffer, sizeof buffer, command)
+               ? udp_send_text(fd, port, dotted, buffer)
+               : 0;
 }
 
 int32_t send_kesdal_logon(int32_t fd) {
@@ -76,10 +74,9 @@ int32_t recv_kesdal(int32_t fd) {
     char answer[TEXT_BUFFER];
     int32_t length = sock_recv_text(fd, answer, sizeof answer);
     /* The terminator is no digit and no "|", so a short answer fails too. */
-    if (is_digit(answer[0]) && answer[1] == '|' && is_digit(answer[2])) {
-        return length;
-    }
-    return 0;
+    return is_digit(answer[0]) && answer[1] == '|' && is_digit(answer[2])
+               ? length
+               : 0;
 }
 
 int32_t send_reply(int32_t fd, const char *format, ...) {
@@ -118,7 +115,7 @@ char *get_key_value(const char *text, const char *key, char *out, size_t size) {
     if (length == 0) {
         return nullptr;
     }
-    strncat(out, value, length < size - 1 ? length : size - 1);
+    strncat(out, value, std::min(length, size - 1));
     return out;
 }
 
@@ -130,5 +127,5 @@ int32_t map_remote_status(int32_t status) {
     if (status >= 1 && status <= 127) {
         status += 127;
     }
-    return status > 255 ? 255 : status;
+    return std::min(status, 255);
 }
