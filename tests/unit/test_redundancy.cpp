@@ -335,6 +335,21 @@ TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told) {
     }
 }
 
+TEST(redundancy, members_that_cannot_be_used_are_told) {
+    redundant_listener two(1, "10.0.0.1 10.0.0.2");
+    EXPECT_EQ(two.log.lines(), log_lines{});
+    two.settings.redundancy_addresses = ux_copy(" 10.0.0.1\t10.0.0.2 ");
+    init_redundant_shutdowns(&two.settings, two.members.get());
+    EXPECT_EQ(two.log.lines(), log_lines{});
+    two.settings.redundancy_addresses =
+        ux_copy("10.0.0.1 nobody.invalid  10.0.0.2\tno.one");
+    init_redundant_shutdowns(&two.settings, two.members.get());
+    EXPECT_EQ(two.log.lines(), log_lines{message(837, {"2", "4"})});
+    two.settings.redundancy_enabled = ux_copy("FALSE");
+    init_redundant_shutdowns(&two.settings, two.members.get());
+    EXPECT_EQ(two.log.lines().size(), 1u);
+}
+
 TEST(redundancy, a_batch_file_name_of_511_bytes_is_run) {
     std::string name = "/" + std::string(510, 'b');
     redundant_listener listener(1, "10.0.0.1 10.0.0.2", "TRUE", "false", name);

@@ -4,6 +4,7 @@
  */
 #include "tolva2/listen/redundancy.h"
 #include "tolva2/base/trace.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/logfile.h"
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/child.h"
@@ -54,6 +55,23 @@ void fill_members(const ux_list *address_list) {
         log_message(
             0,
             "error: more than 30 RedundancyAddresses, only the first 30 are used");
+    }
+}
+
+/* Fewer than were named: the others hold nothing back, and count for nothing. */
+void count_members(const char *addresses) {
+    int32_t named = 0;
+    for (const char *word = addresses; word && *word;) {
+        word += strspn(word, " \t\n\v\f\r");
+        named += *word ? 1 : 0;
+        word += strcspn(word, " \t\n\v\f\r");
+    }
+    if (redundancy.count < named) {
+        char usable[16];
+        char all[16];
+        snprintf(usable, sizeof usable, "%d", redundancy.count);
+        snprintf(all, sizeof all, "%d", named);
+        report(event::members_missing, usable, all);
     }
 }
 
@@ -135,6 +153,9 @@ void init_redundant_shutdowns(const receiver_params *settings,
         copy_batch_file(settings->redundancy_batch_file.get());
     }
     fill_members(address_list);
+    if (redundancy.enabled) {
+        count_members(settings->redundancy_addresses.get());
+    }
     show_redundancy_table(&redundancy);
 }
 
