@@ -154,35 +154,20 @@ bool read_answer(int fd, bool armed, char *text) {
     _exit(0);
 }
 
-/* A child that looks host up, and where it answers; none without a process. */
-struct resolver {
-    pid_t child = -1;
-    ux_fd answer;
-};
-
-resolver start_resolver(const char *host) {
+/* Has a child look host up, and answer there; -1 when none can be had. */
+pid_t start_resolver(const char *host, ux_fd *answer) {
     int ends[2];
     if (pipe(ends) < 0) {
-        return {};
+        return -1;
     }
-    resolver one{-1, ux_fd(ends[0])};
+    answer->reset(ends[0]);
     ux_fd question(ends[1]);
-    one.child = fork();
-    if (one.child == 0) {
-        one.answer.reset();
+    pid_t child = fork();
+    if (child == 0) {
+        answer->reset();
         answer_and_exit(question.get(), host);
     }
-    return one;
-}
-
-/* Has a child look host up, and waits for it. */
-bool resolve_in_child(const resolver &one, bool armed, char *text) {
-    bool found = read_answer(one.answer.get(), armed, text);
-    if (!found) {
-        kill(one.child, SIGKILL);
-    }
-    waitpid(one.child, nullptr, 0);
-    return found;
+    return child;
 }
 
 /* Without a child the alarm can only hope to interrupt the resolver. */
@@ -205,10 +190,17 @@ bool resolve_host(const char *host, char *text) {
     sigprocmask(SIG_BLOCK, &alarm_set, &old_mask);
     resolve_timed_out = 0;
     bool armed = start_timeout(RESOLVE_SECONDS);
-    resolver one = start_resolver(host);
-    bool found = one.child > 0 ? resolve_in_child(one, armed, text)
-                               : resolve_here(host, &old_mask, text);
+    ux_fd answer;
+    pid_t child = start_resolver(host, &answer);
+    bool found = child > 0 ? read_answer(answer.get(), armed, text)
+                           : resolve_here(host, &old_mask, text);
     stop_timeout();
+    if (child > 0) {
+        if (!found) {
+            kill(child, SIGKILL);
+        }
+        waitpid(child, nullptr, 0);
+    }
     sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     return found;
 }
@@ -233,30 +225,17 @@ bool find_address(const char *host, inetaddr *iaddr) {
     return true;
 }
 
-/* A record, or why there is none. */
-struct built_inetaddr {
-    ux_owner<inetaddr> record;
-    bool exhausted;
-};
-
-built_inetaddr build_inetaddr(const char *host, uint16_t port,
-                              address_kind kind, mode_code mode) {
-    trace_in("new_inetaddr");
-    ux_owner<inetaddr> iaddr(ux_new<inetaddr>());
-    if (!iaddr) {
-        return {nullptr, true};
-    }
+/* Makes a zeroed record that of a host: false after a message. */
+bool fill_inetaddr(inetaddr *iaddr, const char *host, uint16_t port,
+                   address_kind kind, mode_code mode) {
     debug_printf("DEBUG: sizeof(iaddr->addr) = %d\n",
                  static_cast<int>(sizeof iaddr->addr));
-    if (!find_address(host, iaddr.get())) {
-        return {nullptr, false};
-    }
     iaddr->mode = mode;
     iaddr->kind = kind;
     iaddr->addr.sin_family = AF_INET;
     iaddr->addr.sin_port = htons(port);
     iaddr->port = static_cast<int16_t>(port);
-    return {std::move(iaddr), false};
+    return find_address(host, iaddr);
 }
 
 /* A list that lost a member would mean something else. */
@@ -268,7 +247,12 @@ built_inetaddr build_inetaddr(const char *host, uint16_t port,
 
 ux_owner<inetaddr> new_inetaddr(const char *host, uint16_t port,
                                 address_kind kind, mode_code mode) {
-    return build_inetaddr(host, port, kind, mode).record;
+    trace_in();
+    ux_owner<inetaddr> iaddr(ux_new<inetaddr>());
+    if (iaddr && !fill_inetaddr(iaddr.get(), host, port, kind, mode)) {
+        iaddr.reset();
+    }
+    return iaddr;
 }
 
 void destroy_inetaddr(void *data) {
@@ -284,18 +268,19 @@ bool add_inetaddr(ux_list *list, char *text, address_kind kind,
     if (!split_addr(&host, &port, text)) {
         return false;
     }
-    built_inetaddr built =
-        build_inetaddr(host, static_cast<uint16_t>(port), kind, mode);
-    if (built.exhausted) {
+    trace_in("new_inetaddr");
+    ux_owner<inetaddr> iaddr(ux_new<inetaddr>());
+    if (!iaddr) {
         no_memory();
     }
-    if (!built.record) {
+    if (!fill_inetaddr(iaddr.get(), host, static_cast<uint16_t>(port), kind,
+                       mode)) {
         return false;
     }
-    if (ux_list_ins_next(list, list->tail, built.record.get()) != 0) {
+    if (ux_list_ins_next(list, list->tail, iaddr.get()) != 0) {
         no_memory();
     }
-    [[maybe_unused]] inetaddr *lists_own = built.record.release();
+    [[maybe_unused]] inetaddr *lists_own = iaddr.release();
     return true;
 }
 
