@@ -4,8 +4,6 @@
  */
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
 #include <span>
 #include <string>
 
@@ -30,27 +28,11 @@ TEST(options_table, has_no_row_that_another_one_hides) {
     }
 }
 
-/* Without a function there is a refusal that nobody escapes. */
-TEST(options_table, stores_or_refuses) {
+TEST(options_table, says_what_each_refusal_is_for) {
     for (const option_row &row : OPTION_ROWS) {
-        bool refuses = false;
         for (const refusal &one : row.refusals) {
             EXPECT_EQ(one.text == nullptr, one.what == fault::none);
-            refuses = refuses || one.what == fault::third;
         }
-        EXPECT_EQ(row.store == nullptr, refuses) << row.letters;
-    }
-}
-
-TEST(options_table, knows_what_to_do_with_a_value_of_no_use) {
-    const store_function may_refuse[] = {
-        store_port, store_check_port, store_count<&cmdline_options::retries>,
-        store_count<&cmdline_options::timeout>,
-        store_count<&cmdline_options::check_interval>};
-    for (const option_row &row : OPTION_ROWS) {
-        bool expected = std::find(std::begin(may_refuse), std::end(may_refuse),
-                                  row.store) != std::end(may_refuse);
-        EXPECT_EQ(row.bad_value != nullptr, expected) << row.letters;
     }
 }
 

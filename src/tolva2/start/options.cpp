@@ -84,24 +84,14 @@ bool store_party(record *options, char *value) {
 }
 
 /* The verb of the mode; a check has nothing behind it. */
-ux_text make_command(mode_code mode, const char *value) {
-    switch (mode) {
-    case MODE_SEND:
-        return ux_join({VERB_EXECUTE, " ", value});
-    case MODE_SEND_STATUS:
-        return ux_join({VERB_EXECSTATUS, " ", value});
-    default:
-        return ux_copy(VERB_SCAN);
-    }
-}
-
 bool store_command(record *options, char *value) {
-    bool sends =
-        options->mode == MODE_SEND || options->mode == MODE_SEND_STATUS;
+    bool waits = options->mode == MODE_SEND_STATUS;
+    bool sends = waits || options->mode == MODE_SEND;
     if (sends && !value) {
         return true;
     }
-    options->command = make_command(options->mode, value);
+    const char *verb = waits ? VERB_EXECSTATUS : VERB_EXECUTE;
+    options->command = sends ? ux_join({verb, " ", value}) : ux_copy(VERB_SCAN);
     if (!options->command) {
         fatal("%s: : %s\n", progname, strerror(errno));
     }
@@ -115,7 +105,6 @@ enum class fault {
     value_missing, /* nothing behind it, or another option */
     mode,          /* not in this mode */
     value_in_mode, /* in this mode only without a value */
-    third,         /* no such option, whatever stands behind it */
 };
 
 struct refusal {
@@ -134,44 +123,22 @@ constexpr refusal no_broadcast_mode{fault::mode,
     "%s: broadcast only possible in send_mode(tolva) -s[e] (-? for help).\n"};
 constexpr refusal no_server_mode{fault::mode,
     "%s: kesdal/kesnor address not possible in send_mode(tolva) -s[e] (-? for help).\n"};
-constexpr refusal unknown_a{fault::third,
-    "%s: unknown parameter: `-a%c' (-? for help).\n"};
-
 constexpr refusal no_script_mode{fault::mode,
     "%s: no execute parameter possible in send-mode: `-b%c' (-? for help).\n"};
 constexpr refusal no_script{fault::value_missing,
     "%s: missing parameter: -b%c `<file>' (-? for help).\n"};
-constexpr refusal unknown_b{fault::third,
-    "%s: unknown parameter: `-b%c' (-? for help).\n"};
-
 constexpr refusal no_configfile_mode{fault::mode,
     "%s: configfile not used in send-mode: `-c'.\n"};
 constexpr refusal no_configfile{fault::value_missing,
     "%s: missing parameter: -c `<file>' (-? for help).\n"};
-
 constexpr refusal no_port{fault::value_missing,
     "%s: missing parameter for -p%c `<port>' (-? for help).\n"};
-constexpr refusal unknown_p{fault::third,
-    "%s: unknown parameter: `-p%c' (-? for help).\n"};
-constexpr const char *bad_port =
-    "%s: invalid parameter: -p%c `%s' (-? for help).\n";
-
 constexpr refusal no_retries{fault::value_missing,
     "%s: missing parameter: -r%c `<num>' (-? for help).\n"};
-constexpr refusal unknown_r{fault::third,
-    "%s: unknown parameter: `-r%c' (-? for help).\n"};
-constexpr const char *bad_retries =
-    "%s: invalid parameter: -r%c `%s' (-? for help).\n";
-
 constexpr refusal no_command{fault::value_in_mode,
     "%s: no \"command\" parameter possible in send-mode(kesdal): `-sc' (-? for help).\n"};
-
 constexpr refusal no_time{fault::value_missing,
     "%s: missing parameter: -t%c `<time>' (-? for help).\n"};
-constexpr refusal unknown_t{fault::third,
-    "%s: unknown parameter: `-t%c' (-? for help).\n"};
-constexpr const char *bad_time =
-    "%s: invalid parameter: -t%c `%s' (-? for help).\n";
 /* clang-format on */
 
 /* --- the options ---------------------------------------------------------- */
@@ -183,91 +150,76 @@ constexpr uint32_t in(mode_code mode) {
 
 constexpr uint32_t EVERY_MODE = ~0U;
 
-/* Of two rows that are for the same option, the first one counts. */
+/*
+ * Of two rows that are for the same option, the first one counts. A value is
+ * used where there is one, but for store_nothing.
+ */
 struct option_row {
-    std::string_view letters;        /* see is_for */
-    uint32_t modes;                  /* where it is allowed, with a value */
-    bool uses_value;                 /* when there is one */
-    refusal refusals[3];             /* in this order */
-    store_function store;            /* null when it is always refused */
-    const char *bad_value = nullptr; /* refused for a value of no use */
+    std::string_view letters; /* see is_for */
+    uint32_t modes;           /* where it is allowed, with a value */
+    refusal refusals[2];      /* in this order */
+    store_function store;     /* null: no such option */
 };
 
 /* clang-format off */
 constexpr option_row OPTION_ROWS[] = {
     /* addresses */
-    {"ab", in(MODE_SEND), true, {no_broadcast_address, no_broadcast_mode},
+    {"ab", in(MODE_SEND), {no_broadcast_address, no_broadcast_mode},
      store_address<&record::peers, ADDR_BROADCAST>},
-    {"ac", in(MODE_CHECK), true, {no_server_address, no_server_mode},
+    {"ac", in(MODE_CHECK), {no_server_address, no_server_mode},
      store_address<&record::peers, ADDR_KESDAL>},
-    {"a\0r"sv, EVERY_MODE, true, {no_address}, store_party},
-    {"a", EVERY_MODE, true, {unknown_a}, nullptr},
+    {"a\0r"sv, EVERY_MODE, {no_address}, store_party},
+    {"a", EVERY_MODE, {}, nullptr},
 
     /* scripts */
-    {"bs", in(MODE_LISTEN), true, {no_script_mode, no_script},
+    {"bs", in(MODE_LISTEN), {no_script_mode, no_script},
      store_text<&record::shutdown_prog>},
-    {"ba", in(MODE_LISTEN), true, {no_script_mode, no_script},
+    {"ba", in(MODE_LISTEN), {no_script_mode, no_script},
      store_text<&record::alive_prog>},
-    {"b", in(MODE_LISTEN), true, {no_script_mode, no_script, unknown_b},
-     nullptr},
+    {"b", in(MODE_LISTEN), {no_script_mode, no_script}, nullptr},
 
     /* configuration file */
-    {"c", in(MODE_LISTEN), true, {no_configfile_mode, no_configfile},
+    {"c", in(MODE_LISTEN), {no_configfile_mode, no_configfile},
      store_text<&record::cfgfile>},
 
     /* foreground and trace level */
-    {"d", EVERY_MODE, true, {}, store_trace_level},
+    {"d", EVERY_MODE, {}, store_trace_level},
 
     /* listen mode, known by now */
-    {"l", EVERY_MODE, false, {}, store_nothing},
+    {"l", EVERY_MODE, {}, store_nothing},
 
     /* ports */
-    {"pc", EVERY_MODE, true, {no_port}, store_check_port, bad_port},
-    {"p\0r"sv, EVERY_MODE, true, {no_port}, store_port, bad_port},
-    {"p", EVERY_MODE, true, {no_port, unknown_p}, nullptr},
+    {"pc", EVERY_MODE, {no_port}, store_check_port},
+    {"p\0r"sv, EVERY_MODE, {no_port}, store_port},
+    {"p", EVERY_MODE, {no_port}, nullptr},
 
     /* retries */
-    {"r\0c"sv, EVERY_MODE, true, {no_retries},
-     store_count<&record::retries>, bad_retries},
-    {"r", EVERY_MODE, true, {no_retries, unknown_r}, nullptr},
+    {"r\0c"sv, EVERY_MODE, {no_retries}, store_count<&record::retries>},
+    {"r", EVERY_MODE, {no_retries}, nullptr},
 
     /* send mode, known by now, and its command */
-    {"s", in(MODE_SEND) | in(MODE_SEND_STATUS), true, {no_command},
-     store_command},
+    {"s", in(MODE_SEND) | in(MODE_SEND_STATUS), {no_command}, store_command},
 
     /* times */
-    {"tc", EVERY_MODE, true, {no_time},
-     store_count<&record::check_interval>, bad_time},
-    {"t\0r"sv, EVERY_MODE, true, {no_time},
-     store_count<&record::timeout>, bad_time},
-    {"t", EVERY_MODE, true, {no_time, unknown_t}, nullptr},
+    {"tc", EVERY_MODE, {no_time}, store_count<&record::check_interval>},
+    {"t\0r"sv, EVERY_MODE, {no_time}, store_count<&record::timeout>},
+    {"t", EVERY_MODE, {no_time}, nullptr},
 };
 /* clang-format on */
 
-/* refuse() gives each text these: program, third character, value. */
-constexpr bool is_printable(const char *text) {
-    return !text || converts_only(text, "scs");
-}
-
+/* Each text is given the program's name and the third character. */
 constexpr bool all_are_printable() {
     for (const option_row &row : OPTION_ROWS) {
-        bool fits = is_printable(row.bad_value);
         for (const refusal &one : row.refusals) {
-            fits = fits && is_printable(one.text);
-        }
-        if (!fits) {
-            return false;
+            if (one.text && !converts_only(one.text, "sc")) {
+                return false;
+            }
         }
     }
     return true;
 }
 
 static_assert(all_are_printable());
-
-[[noreturn]] void refuse(const char *text, const typed_option &option,
-                         const char *value) {
-    fatal(text, progname, option.third, value ? value : "");
-}
 
 /* The row of an option; without one the process ends. */
 const option_row &find_row(const typed_option &option) {
@@ -288,8 +240,6 @@ bool has_fault(fault what, bool is_allowed, bool has_value) {
         return !is_allowed;
     case fault::value_in_mode:
         return !is_allowed && has_value;
-    case fault::third:
-        return true;
     default:
         return false;
     }
@@ -308,11 +258,16 @@ bool take_option(cmdline_options *options, const char *argument, char *value) {
     bool is_allowed = (row.modes & in(options->mode)) != 0;
     for (const refusal &one : row.refusals) {
         if (has_fault(one.what, is_allowed, value != nullptr)) {
-            refuse(one.text, option, value);
+            fatal(one.text, progname, option.third);
         }
     }
-    if (!row.store(options, value)) {
-        refuse(row.bad_value, option, value);
+    if (!row.store) {
+        fatal("%s: unknown parameter: `-%c%c' (-? for help).\n", progname,
+              option.letter, option.third);
     }
-    return row.uses_value && value;
+    if (!row.store(options, value)) {
+        fatal("%s: invalid parameter: -%c%c `%s' (-? for help).\n", progname,
+              option.letter, option.third, value);
+    }
+    return value && row.store != store_nothing;
 }
