@@ -44,16 +44,6 @@ constexpr struct {
 };
 /* clang-format on */
 
-/* Options that show a text, and that is all. */
-constexpr struct {
-    std::string_view letters;
-    void (*show)();
-} TEXT_ROWS[] = {
-    {"?", help},
-    {"h", help},
-    {"v", version},
-};
-
 argument_span behind_program(argument_span arguments) {
     return arguments.empty() ? arguments : arguments.subspan(1);
 }
@@ -62,13 +52,16 @@ bool is_option(const char *argument) {
     return argument[0] == '-';
 }
 
+/* Some options show a text, and that is all. */
 void show_text(const typed_option &option) {
-    for (const auto &row : TEXT_ROWS) {
-        if (is_for(row.letters, option)) {
-            row.show();
-            exit(0);
-        }
+    if (option.letter == '?' || option.letter == 'h') {
+        help();
+    } else if (option.letter == 'v') {
+        version();
+    } else {
+        return;
     }
+    exit(0);
 }
 
 /* The mode that an option chooses, the one there is for any other option. */
@@ -90,10 +83,6 @@ mode_code scan_option(const typed_option &option, mode_code mode) {
     return mode;
 }
 
-[[noreturn]] void refuse_without_mode() {
-    fatal("%s: missing parameter: `-l' or `-s'! (-? for help).\n", progname);
-}
-
 mode_code choose_mode(argument_span arguments) {
     for (const auto &row : NAME_ROWS) {
         if (row.name == progname) {
@@ -105,7 +94,8 @@ mode_code choose_mode(argument_span arguments) {
     }
     mode_code mode = scan_mode(arguments);
     if (mode == MODE_NONE) {
-        refuse_without_mode();
+        fatal("%s: missing parameter: `-l' or `-s'! (-? for help).\n",
+              progname);
     }
     return mode;
 }
@@ -156,47 +146,33 @@ int32_t value_or(int32_t value, int32_t least, int32_t default_value) {
     return value >= least ? value : default_value;
 }
 
-int32_t dispatch_send(cmdline_options *o) {
-    if (o->peers.is_empty()) {
-        fatal(
-            "%s: missing address parameter: `-a <host[:port]>'! (-? for help).\n",
-            progname);
+/* Refused with that text when there is nobody to talk to. */
+int32_t dispatch_send(cmdline_options *o, address_list *parties, int32_t port,
+                      const char *refusal) {
+    if (parties->is_empty()) {
+        fatal("%s: %s\n", progname, refusal);
     }
-    return init_sender(o->peers.get(), value_or(o->port, 1, DEFAULT_PORT),
+    return init_sender(parties->get(), port,
                        value_or(o->timeout, 0, DEFAULT_SEND_TIMEOUT),
                        o->command.get());
 }
 
-int32_t dispatch_check(cmdline_options *o) {
-    if (o->servers.is_empty()) {
-        fatal(
-            "%s: missing address parameter: `-ac <host[:port]>'! (-? for help).\n",
-            progname);
-    }
-    return init_sender(
-        o->servers.get(), value_or(o->check_port, 1, DEFAULT_KESDAL_PORT),
-        value_or(o->timeout, 0, DEFAULT_SEND_TIMEOUT), o->command.get());
-}
-
-int32_t dispatch_listen(cmdline_options *o) {
-    return init_receiver(std::move(o->cfgfile), o->listen_host, o->port,
-                         o->check_port, o->peers.get(), o->servers.get(),
-                         o->redundant.get(), o->retries,
-                         std::move(o->shutdown_prog), std::move(o->alive_prog),
-                         o->timeout, o->check_interval);
-}
-
-int32_t dispatch(cmdline_options *options) {
-    switch (options->mode) {
+int32_t dispatch(cmdline_options *o) {
+    switch (o->mode) {
     case MODE_LISTEN:
-        return dispatch_listen(options);
-    case MODE_SEND:
-    case MODE_SEND_STATUS:
-        return dispatch_send(options);
+        return init_receiver(
+            std::move(o->cfgfile), o->listen_host, o->port, o->check_port,
+            o->peers.get(), o->servers.get(), o->redundant.get(), o->retries,
+            std::move(o->shutdown_prog), std::move(o->alive_prog), o->timeout,
+            o->check_interval);
     case MODE_CHECK:
-        return dispatch_check(options);
+        return dispatch_send(
+            o, &o->servers, value_or(o->check_port, 1, DEFAULT_KESDAL_PORT),
+            "missing address parameter: `-ac <host[:port]>'! (-? for help).");
     default:
-        refuse_without_mode();
+        return dispatch_send(
+            o, &o->peers, value_or(o->port, 1, DEFAULT_PORT),
+            "missing address parameter: `-a <host[:port]>'! (-? for help).");
     }
 }
 
