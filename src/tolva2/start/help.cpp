@@ -1,54 +1,52 @@
 /*
- * The help as a table of lines, and the banner. What "-?" says differs from
- * what is accepted here and there; the table of options decides.
+ * The help as one text, and the banner. What "-?" says differs from what is
+ * accepted here and there; the table of options decides.
  */
 #include "tolva2/start/help.h"
-#include "tolva2/base/format.h"
 #include "tolva2/base/trace.h"
 
 #include <cstdio>
 
 namespace {
 
-/* "%s" stands for the program's word. */
-constexpr const char *HELP_LINES[] = {
-    " %s may be run in listen-, or send-mode.\n",
-    " listen-mode: wait for connections from tolva sender:\n",
-    " %s -l [options]\n",
-    " options are:\n",
-    " -c <file>        : read Configuration from <file>\n",
-    " -d               : run as foreground process\n",
-    " -bs <file>       : execute <file> if \"SHUTDOWN\" command is received\n",
-    " -ba <file>       : execute <file> if kesdal/kesnor is not alive\n",
-    " -a <host>        : allow tolva connection only from <host>\n",
-    " -p <port>        : listen(/receive) on tcp(/udp) <port>\n",
-    " -ac <host[:port]>: check if kesdal/kesnor at <host[:port]> is alive\n",
-    " -pc <port>       : check kesdal/kesnor on <port>\n",
-    " -rc <num>        : check is disabled after <num> unsuccessful retries\n",
-    " -tc <time>       : check kesdal/kesnor every <time> minutes\n",
-    "\n",
-    " send-mode (tolva): send \"command\" to tolva listener:\n",
-    " %s -se \"command [parameter]\" -a <host[:port]> | -ab <ip-address> [options]\n",
-    " -a <host[:port]> : send to tolva at <host[:port]>\n",
-    " -ab <ip-address> : send tolva broadcast on <ip-address>\n",
-    " \"command\" is one of:\n",
-    " SHUTDOWN| EXECUTE| MSG_ID| MSG_TEXT| MAIL_ID| MAIL_TEXT| LOG_ID| LOG_TEXT\n",
-    " options are:\n",
-    " -p <port>        : send to tolva on <port>\n",
-    " -t <time>        : try at most <time> seconds to connect\n",
-    "\n",
-    " send-mode (kesdal): check if kesdal/kesnor is alive:\n",
-    " %s -sc -a <host[:port]> [options]\n",
-    " -a <host[:port]> : check kesdal/kesnor at <host[:port]>\n",
-    " options are:\n",
-    " -p <port>        : check kesdal/kesnor on <port>\n",
-    " -t <time>        : try at most <time> seconds to connect\n",
-    "\n",
-    " common options:\n",
-    " -?               : display this help and exit\n",
-    " -v               : display version number and exit\n",
-    "\n",
-};
+/* Each "%s" stands for the program's word. */
+constexpr char HELP[] =
+    " %s may be run in listen-, or send-mode.\n"
+    " listen-mode: wait for connections from tolva sender:\n"
+    " %s -l [options]\n"
+    " options are:\n"
+    " -c <file>        : read Configuration from <file>\n"
+    " -d               : run as foreground process\n"
+    " -bs <file>       : execute <file> if \"SHUTDOWN\" command is received\n"
+    " -ba <file>       : execute <file> if kesdal/kesnor is not alive\n"
+    " -a <host>        : allow tolva connection only from <host>\n"
+    " -p <port>        : listen(/receive) on tcp(/udp) <port>\n"
+    " -ac <host[:port]>: check if kesdal/kesnor at <host[:port]> is alive\n"
+    " -pc <port>       : check kesdal/kesnor on <port>\n"
+    " -rc <num>        : check is disabled after <num> unsuccessful retries\n"
+    " -tc <time>       : check kesdal/kesnor every <time> minutes\n"
+    "\n"
+    " send-mode (tolva): send \"command\" to tolva listener:\n"
+    " %s -se \"command [parameter]\" -a <host[:port]> | -ab <ip-address> [options]\n"
+    " -a <host[:port]> : send to tolva at <host[:port]>\n"
+    " -ab <ip-address> : send tolva broadcast on <ip-address>\n"
+    " \"command\" is one of:\n"
+    " SHUTDOWN| EXECUTE| MSG_ID| MSG_TEXT| MAIL_ID| MAIL_TEXT| LOG_ID| LOG_TEXT\n"
+    " options are:\n"
+    " -p <port>        : send to tolva on <port>\n"
+    " -t <time>        : try at most <time> seconds to connect\n"
+    "\n"
+    " send-mode (kesdal): check if kesdal/kesnor is alive:\n"
+    " %s -sc -a <host[:port]> [options]\n"
+    " -a <host[:port]> : check kesdal/kesnor at <host[:port]>\n"
+    " options are:\n"
+    " -p <port>        : check kesdal/kesnor on <port>\n"
+    " -t <time>        : try at most <time> seconds to connect\n"
+    "\n"
+    " common options:\n"
+    " -?               : display this help and exit\n"
+    " -v               : display version number and exit\n"
+    "\n";
 
 constexpr const char *PROGRAM_WORD = "tolva";
 constexpr const char *VERSION = "3.00.0";
@@ -56,25 +54,11 @@ constexpr const char *TITLE = "UPS shutdown listener and sender";
 constexpr const char *COPYRIGHT =
     "Free software under the MIT license, without any warranty.";
 
-/* Each line is printed with the program's word, whether it uses it or not. */
-constexpr bool all_are_printable() {
-    for (const char *line : HELP_LINES) {
-        if (!converts_only(line, "s")) {
-            return false;
-        }
-    }
-    return true;
-}
-
-static_assert(all_are_printable());
-
 } // namespace
 
 void help() {
     trace_in();
-    for (const char *line : HELP_LINES) {
-        printf(line, PROGRAM_WORD);
-    }
+    printf(HELP, PROGRAM_WORD, PROGRAM_WORD, PROGRAM_WORD, PROGRAM_WORD);
 }
 
 void version() {
