@@ -40,8 +40,7 @@ void fill_standard_descriptors() {
 }
 
 void read_trace_level() {
-    const char *level = getenv("TOLVADEBUG");
-    if (level) {
+    if (const char *level = getenv("TOLVADEBUG")) {
         debug_level = ux_atoi(level);
     }
 }
@@ -63,17 +62,12 @@ ux_text find_home(const char *argv0) {
     return found;
 }
 
-rlimit read_limit() {
+/* How many descriptors we may use: up to 256, raising a lower soft limit. */
+void settle_descriptor_budget() {
     rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) < 0) {
         fatal("%s: getrlimit(): %s\n", progname, strerror(errno));
     }
-    return limit;
-}
-
-/* How many descriptors we may use: up to 256, raising a lower soft limit. */
-void settle_descriptor_budget() {
-    rlimit limit = read_limit();
     rlim_t budget = std::min(limit.rlim_cur, DESCRIPTOR_BUDGET);
     rlim_t target = std::min(limit.rlim_max, DESCRIPTOR_BUDGET);
     rlimit raised{target, limit.rlim_max};

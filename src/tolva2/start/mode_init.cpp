@@ -28,20 +28,15 @@ constexpr const char *MESSAGE_FILE = "messages.dat";
 
 constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60; /* seconds */
 
-/* home/tolva.cfg */
-ux_text default_config_path() {
-    ux_text path = ux_join({home_dir, "/", CONFIG_FILE});
-    if (!path) {
-        fatal("%s: malloc():: %s\n", progname, strerror(errno));
-    }
-    return path;
-}
-
 /* Reads the file that was named, or else the one in the home directory, which
  * may be missing. */
 void read_settings(ux_text cfgfile) {
     bool named = cfgfile != nullptr;
-    ux_text path = named ? std::move(cfgfile) : default_config_path();
+    ux_text path =
+        named ? std::move(cfgfile) : ux_join({home_dir, "/", CONFIG_FILE});
+    if (!path) {
+        fatal("%s: malloc():: %s\n", progname, strerror(errno));
+    }
     debug_printf("DEBUG: init_receiver: %s configfile=%s\n",
                  named ? "existing" : "new", path.get());
     if (!read_receiver_config(path.get(), home_dir, named ? 0 : 1)) {
