@@ -21,38 +21,10 @@
 namespace {
 
 constexpr const char *RECIPIENT_END = " \t$";
-
-/* Writes the argument string that a text comes to: non-zero when there is
- * one. out is empty and has room for one byte at least. */
-using params_kind = int32_t (*)(std::span<char> out, char *text);
-
-int32_t free_text(std::span<char> out, char *text);
-int32_t numbered_text(std::span<char> out, char *text);
-int32_t traced_numbered_text(std::span<char> out, char *text);
-int32_t numbered_mail(std::span<char> out, char *text);
-int32_t mail_text(std::span<char> out, char *text);
-
-struct command_word {
-    const char *word;
-    params_kind params;
-};
-
-/* The place of a row is its word's command_index. */
-constexpr command_word COMMAND_WORDS[] = {
-    {"SHUTDOWN", free_text},          {"EXECUTE", free_text},
-    {"MSG_ID", traced_numbered_text}, {"MSG_TEXT", free_text},
-    {"MAIL_ID", numbered_mail},       {"MAIL_TEXT", mail_text},
-    {"LOG_ID", numbered_text},        {"LOG_TEXT", free_text},
-};
-constexpr int32_t WORD_COUNT = std::size(COMMAND_WORDS);
-static_assert(WORD_COUNT == COMMAND_LOG_TEXT + 1);
+constexpr const char *NAME_LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
 
 const char *or_null_word(const char *text) {
     return text ? text : "NULL";
-}
-
-bool is_name_character(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 /* How long a placeholder at the start of text is; 0 when there is none. */
@@ -62,16 +34,10 @@ size_t placeholder_length(const char *text) {
             text[1] == 's' && !isalnum(static_cast<unsigned char>(text[2]));
         return ends ? 2 : 0;
     }
-    if (text[0] != '#') {
-        return 0;
-    }
-    size_t length = 1;
-    while (is_name_character(text[length])) {
-        length++;
-    }
-    char end = text[length];
-    bool ends = end == '\0' || end == ' ' || end == '\t' ||
-                ispunct(static_cast<unsigned char>(end));
+    size_t length = text[0] == '#' ? 1 + strspn(text + 1, NAME_LETTERS) : 0;
+    /* The terminator is among those that end a name. */
+    bool ends = strchr(PARAM_BLANKS, text[length]) ||
+                ispunct(static_cast<unsigned char>(text[length]));
     return length > 1 && ends ? length : 0;
 }
 
@@ -132,73 +98,6 @@ size_t fill_template(char *buffer, size_t size, const char *text,
     buffer[length] = '\0';
     return length;
 }
-
-} // namespace
-
-command_index is_V2command(const char *word) {
-    trace_in();
-    if (ux_is_empty(word)) {
-        return COMMAND_UNKNOWN;
-    }
-    for (int32_t index = 0; index < WORD_COUNT; index++) {
-        const char *known = COMMAND_WORDS[index].word;
-        debug_printf("DEBUG: compare = [%s]\n", known);
-        if (strcasecmp(word, known) == 0) {
-            return static_cast<command_index>(index);
-        }
-    }
-    return COMMAND_UNKNOWN;
-}
-
-char *split_word(char **rest, const char *delimiters) {
-    char *word = *rest;
-    if (!word) {
-        return nullptr;
-    }
-    word += strspn(word, delimiters);
-    char *end = word + strcspn(word, delimiters);
-    *rest = end;
-    if (end == word) {
-        return nullptr;
-    }
-    if (*end) {
-        *end = '\0';
-        *rest = end + 1;
-    }
-    return word;
-}
-
-char *strip_params(char *text) {
-    trace_in();
-    if (!text) {
-        return nullptr;
-    }
-    text += strspn(text, PARAM_BLANKS);
-    std::string_view words(text);
-    auto quotes = std::count(words.begin(), words.end(), '"');
-    words.remove_suffix(words.size() -
-                        (words.find_last_not_of(PARAM_BLANKS) + 1));
-    if (quotes == 2 && words.size() > 1 && words.starts_with('"') &&
-        words.ends_with('"')) {
-        words.remove_suffix(1);
-        words.remove_prefix(1);
-        text++;
-    }
-    text[words.size()] = '\0';
-    return words.empty() ? nullptr : text;
-}
-
-int32_t patch_msg_param(char *buffer, size_t size, const char *params) {
-    trace_in();
-    ux_text text = ux_copy(buffer);
-    if (!text) {
-        return 0;
-    }
-    std::string_view rest(params ? params : "");
-    return static_cast<int32_t>(fill_template(buffer, size, text.get(), rest));
-}
-
-namespace {
 
 /* The message number in front of *rest; 0 when there is none. */
 int32_t split_number(char **rest) {
@@ -285,7 +184,87 @@ int32_t mail_text(std::span<char> out, char *text) {
     return 1;
 }
 
+struct command_word {
+    const char *word;
+    /* Writes the argument string that the text comes to: non-zero when there
+     * is one. out is empty and has room for one byte at least. */
+    int32_t (*params)(std::span<char> out, char *text);
+};
+
+/* The place of a row is its word's command_index. */
+constexpr command_word COMMAND_WORDS[] = {
+    {"SHUTDOWN", free_text},          {"EXECUTE", free_text},
+    {"MSG_ID", traced_numbered_text}, {"MSG_TEXT", free_text},
+    {"MAIL_ID", numbered_mail},       {"MAIL_TEXT", mail_text},
+    {"LOG_ID", numbered_text},        {"LOG_TEXT", free_text},
+};
+constexpr int32_t WORD_COUNT = std::size(COMMAND_WORDS);
+static_assert(WORD_COUNT == COMMAND_LOG_TEXT + 1);
+
 } // namespace
+
+command_index is_V2command(const char *word) {
+    trace_in();
+    if (ux_is_empty(word)) {
+        return COMMAND_UNKNOWN;
+    }
+    for (int32_t index = 0; index < WORD_COUNT; index++) {
+        const char *known = COMMAND_WORDS[index].word;
+        debug_printf("DEBUG: compare = [%s]\n", known);
+        if (strcasecmp(word, known) == 0) {
+            return static_cast<command_index>(index);
+        }
+    }
+    return COMMAND_UNKNOWN;
+}
+
+char *split_word(char **rest, const char *delimiters) {
+    char *word = *rest;
+    if (!word) {
+        return nullptr;
+    }
+    word += strspn(word, delimiters);
+    char *end = word + strcspn(word, delimiters);
+    *rest = end;
+    if (end == word) {
+        return nullptr;
+    }
+    if (*end) {
+        *end = '\0';
+        *rest = end + 1;
+    }
+    return word;
+}
+
+char *strip_params(char *text) {
+    trace_in();
+    if (!text) {
+        return nullptr;
+    }
+    text += strspn(text, PARAM_BLANKS);
+    std::string_view words(text);
+    auto quotes = std::count(words.begin(), words.end(), '"');
+    words.remove_suffix(words.size() -
+                        (words.find_last_not_of(PARAM_BLANKS) + 1));
+    if (quotes == 2 && words.size() > 1 && words.starts_with('"') &&
+        words.ends_with('"')) {
+        words.remove_suffix(1);
+        words.remove_prefix(1);
+        text++;
+    }
+    text[words.size()] = '\0';
+    return words.empty() ? nullptr : text;
+}
+
+int32_t patch_msg_param(char *buffer, size_t size, const char *params) {
+    trace_in();
+    ux_text text = ux_copy(buffer);
+    if (!text) {
+        return 0;
+    }
+    std::string_view rest(params ? params : "");
+    return static_cast<int32_t>(fill_template(buffer, size, text.get(), rest));
+}
 
 int32_t get_V2command_params(char *out, size_t size, command_index index,
                              char *text) {
