@@ -60,20 +60,8 @@ bool emit_line(const char *line) {
     return fputs(line, stdout) != EOF && fflush(stdout) == 0;
 }
 
-void skip_space(std::string_view *text) {
-    while (!text->empty() &&
-           isspace(static_cast<unsigned char>(text->front()))) {
-        text->remove_prefix(1);
-    }
-}
-
-/* Skips the program's own name, in any case, and the space behind it. */
-void skip_name(std::string_view *text) {
-    if (text->size() >= OWN_NAME.size() &&
-        strncasecmp(text->data(), OWN_NAME.data(), OWN_NAME.size()) == 0) {
-        text->remove_prefix(OWN_NAME.size());
-        skip_space(text);
-    }
+const char *skip_space(const char *text) {
+    return text + strspn(text, " \t\n\v\f\r");
 }
 
 /* True when text begins with a "%s" that takes a text. */
@@ -130,12 +118,9 @@ bool logfile_open(const char *name, int32_t size_kib) {
         return false;
     }
     operator_log.name = ux_copy(name);
-    if (!operator_log.name) {
-        return false;
-    }
     operator_log.limit =
         size_kib > 0 ? static_cast<int64_t>(size_kib) << 10 : 0;
-    return true;
+    return operator_log.name != nullptr;
 }
 
 void logfile_close() {
@@ -154,11 +139,9 @@ void log_as(int32_t pid) {
 
 bool logfile_trim() {
     trace_in();
-    if (!operator_log.name) {
-        return false;
-    }
     int64_t limit = operator_log.limit;
-    return limit <= 0 || check_size(operator_log.name.get(), limit, limit);
+    return operator_log.name &&
+           (limit <= 0 || check_size(operator_log.name.get(), limit, limit));
 }
 
 bool log_write_line(const char *text) {
@@ -166,22 +149,22 @@ bool log_write_line(const char *text) {
     if (ux_is_empty(text)) {
         return false;
     }
-    std::string_view said(text);
-    skip_space(&said);
-    skip_name(&said);
+    const char *said = skip_space(text);
+    if (strncasecmp(said, OWN_NAME.data(), OWN_NAME.size()) == 0) {
+        said = skip_space(said + OWN_NAME.size());
+    }
     const char *prefix = "";
-    if (said.starts_with(ERROR_WORD)) {
+    if (strncmp(said, ERROR_WORD.data(), ERROR_WORD.size()) == 0) {
         prefix = "error: ";
-        said.remove_prefix(ERROR_WORD.size());
-    } else if (said.empty()) {
+        said += ERROR_WORD.size();
+    } else if (!*said) {
         return false;
     }
     char line[LOG_TEXT];
     time_t now = time(nullptr);
-    snprintf(line, sizeof line, "%s,%s, tolva[%05d]: %s%.*s\n",
+    snprintf(line, sizeof line, "%s,%s, tolva[%05d]: %s%s\n",
              log_date_text(now), log_time_text(now), operator_log.shown_pid,
-             prefix, static_cast<int>(std::min(said.size(), LOG_TEXT)),
-             said.data());
+             prefix, said);
     return emit_line(line);
 }
 
