@@ -8,6 +8,7 @@
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_configfile.h"
 
+#include <array>
 #include <iterator>
 #include <strings.h>
 
@@ -98,9 +99,7 @@ constexpr setting SETTINGS[] = {
 };
 
 /* The settings as the file's rows; the last one ends the table. */
-struct option_table {
-    ux_option rows[std::size(SETTINGS) + 1];
-};
+using option_table = std::array<ux_option, std::size(SETTINGS) + 1>;
 
 struct {
     params in_force;
@@ -115,13 +114,10 @@ ux_storage storage_of(params *record, const setting &one) {
 
 option_table make_table(params *values, params *defaults) {
     option_table table;
-    ux_option *row = table.rows;
+    auto row = table.begin();
     for (const setting &one : SETTINGS) {
-        row->type = one.type;
-        row->ident = one.key;
-        row->value = storage_of(values, one);
-        row->default_value = storage_of(defaults, one);
-        row++;
+        *row++ = {one.type, one.key, storage_of(values, one),
+                  storage_of(defaults, one)};
     }
     return table;
 }
@@ -150,14 +146,6 @@ bool fill_defaults(params *defaults, const char *home) {
     return true;
 }
 
-void free_texts(params *record) {
-    for (const setting &one : SETTINGS) {
-        if (one.text) {
-            (record->*one.text).reset();
-        }
-    }
-}
-
 } // namespace
 
 receiver_params *read_receiver_config(const char *path, const char *home,
@@ -169,7 +157,7 @@ receiver_params *read_receiver_config(const char *path, const char *home,
         return nullptr;
     }
     const option_table table = make_table(&values, &defaults);
-    if (!ux_readconfig(path, table.rows, SETTINGS_BUCKETS, missing_ok)) {
+    if (!ux_readconfig(path, table.data(), SETTINGS_BUCKETS, missing_ok)) {
         return nullptr;
     }
     state.in_force = std::move(values);
@@ -182,8 +170,8 @@ receiver_params *read_receiver_config(const char *path, const char *home,
 int32_t write_receiver_config(const char *path, int32_t fresh) {
     trace_in();
     const option_table table = make_table(&state.in_force, &state.defaults);
-    return fresh ? ux_writeconfig(path, table.rows)
-                 : ux_rewriteconfig(path, table.rows, SETTINGS_BUCKETS);
+    return fresh ? ux_writeconfig(path, table.data())
+                 : ux_rewriteconfig(path, table.data(), SETTINGS_BUCKETS);
 }
 
 int32_t check_redundancy_config(const receiver_params *settings) {
@@ -195,8 +183,7 @@ int32_t check_redundancy_config(const receiver_params *settings) {
 
 void free_receiver_config() {
     trace_in();
-    free_texts(&state.defaults);
-    free_texts(&state.in_force);
+    state = {};
 }
 
 bool setting_is_on(const char *text) {

@@ -58,7 +58,7 @@ read_receiver_config(const char *path, const char *home, int32_t missing_ok);
 /* 1 when redundancy is off or has both a batch file and addresses, else 0. */
 [[nodiscard]] int32_t check_redundancy_config(const receiver_params *settings);
 
-/* Frees every text of the settings and of the defaults. */
+/* Empties the settings and the defaults. */
 void free_receiver_config();
 
 /* Is a truth value on, "TRUE" in any case? text may be null. */
