@@ -112,10 +112,10 @@ ux_file kept_part(const char *path, off_t offset) {
 }
 
 /* Cuts the head of the file; for the result see write_back. */
-bool cut_head(const char *path, int64_t offset) {
-    ux_file kept = kept_part(path, static_cast<off_t>(offset));
+bool cut_head(const char *path, off_t offset) {
+    ux_file kept = kept_part(path, offset);
     if (!kept && give_up_reserve()) {
-        kept = kept_part(path, static_cast<off_t>(offset));
+        kept = kept_part(path, offset);
     }
     if (!kept) {
         return false;
@@ -131,10 +131,8 @@ bool cut_head(const char *path, int64_t offset) {
  */
 void take_back(const char *path, off_t former_size, size_t length) {
     struct stat status;
-    if (stat(path, &status) < 0 || status.st_size <= former_size) {
-        return;
-    }
-    if (status.st_size - former_size <= static_cast<off_t>(length)) {
+    if (stat(path, &status) == 0 && status.st_size > former_size &&
+        status.st_size - former_size <= static_cast<off_t>(length)) {
         [[maybe_unused]] int result = truncate(path, former_size);
     }
 }
@@ -143,15 +141,11 @@ void take_back(const char *path, off_t former_size, size_t length) {
 
 bool check_size(const char *path, int64_t limit, int64_t allowed) {
     struct stat status;
-    if (stat(path, &status) < 0) {
-        return true;
-    }
-    int64_t excess = status.st_size - allowed;
-    if (excess < 0) {
+    if (stat(path, &status) < 0 || status.st_size < allowed) {
         return true;
     }
     /* A tenth more than needed, so that not every new line costs a cut. */
-    return cut_head(path, limit / 10 + excess);
+    return cut_head(path, limit / 10 + status.st_size - allowed);
 }
 
 bool append_bounded(const char *path, int64_t limit, std::string_view line) {

@@ -24,15 +24,6 @@ struct {
     char shared_text[SHARED_BUFFER];
 } database;
 
-/* What stands behind the first "=" of a line that has the key anywhere in
- * it; null in any other line. */
-const char *text_of(std::string_view line, std::string_view key) {
-    if (line.find(key) == std::string_view::npos) {
-        return nullptr;
-    }
-    return line.data() + line.find('=') + 1;
-}
-
 /* The last character goes when it is part of a line end. */
 void drop_line_end(std::string_view *text) {
     if (text->ends_with('\r') || text->ends_with('\n')) {
@@ -90,13 +81,15 @@ int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number) {
     }
     char key[KEY_BUFFER];
     snprintf(key, sizeof key, "m%i=", number);
-    const char *found = nullptr;
+    std::string_view text("");
     /* A line of one byte could hold no text and would never reach the end. */
     int limit = size < INT_MAX ? static_cast<int>(size) : INT_MAX;
-    while (!found && limit > 1 && fgets(buffer, limit, stream)) {
-        found = text_of(buffer, key);
+    while (limit > 1 && fgets(buffer, limit, stream)) {
+        if (strstr(buffer, key)) {
+            text = strchr(buffer, '=') + 1;
+            break;
+        }
     }
-    std::string_view text(found ? found : "");
     drop_line_end(&text);
     drop_line_end(&text);
     memmove(buffer, text.data(), text.size());

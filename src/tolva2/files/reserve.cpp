@@ -34,18 +34,14 @@ ux_fd take_descriptor() {
     return low;
 }
 
-/* Numbers that can still be had; the limit may be lowered while we run. */
-rlim_t number_limit() {
-    rlimit limit{};
-    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
-}
-
 } // namespace
 
 int32_t fill_reserve() {
-    rlim_t limit = number_limit();
+    /* It may be lowered while we run: a number above cannot be had again. */
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
     for (ux_fd &held : reserve) {
-        if (held && static_cast<rlim_t>(held.get()) >= limit) {
+        if (held && static_cast<rlim_t>(held.get()) >= limit.rlim_cur) {
             held.reset();
         }
         if (!held) {
