@@ -8,6 +8,8 @@
 
 #include "unixtools/ux_list.h"
 
+#include <cstddef>
+
 /* A node as it is. */
 inline ux_list_element *ux_node(ux_list_element *node) {
     return node;
@@ -18,31 +20,26 @@ template <typename record> record *ux_record(ux_list_element *node) {
     return static_cast<record *>(node->data);
 }
 
-/* A list from head to tail; show says what the body sees of each node. */
+/*
+ * A list from head to tail, and at the same time the place where a walk is;
+ * show says what the body sees of each node.
+ */
 template <auto show> class ux_walk {
   public:
-    explicit ux_walk(const ux_list *list) : head(list->head) {}
-
-    class iterator {
-      public:
-        explicit iterator(ux_list_element *node)
-            : here(node), next(node ? node->next : nullptr) {}
-        auto operator*() const { return show(here); }
-        iterator &operator++() { return *this = iterator(next); }
-        bool operator!=(const iterator &other) const {
-            return here != other.here;
-        }
-
-      private:
-        ux_list_element *here;
-        ux_list_element *next;
-    };
-
-    iterator begin() const { return iterator(head); }
-    iterator end() const { return iterator(nullptr); }
+    explicit ux_walk(const ux_list *list) { stand_at(list->head); }
+    ux_walk begin() const { return *this; }
+    std::nullptr_t end() const { return nullptr; }
+    bool operator!=(std::nullptr_t) const { return here; }
+    auto operator*() const { return show(here); }
+    void operator++() { stand_at(next); }
 
   private:
-    ux_list_element *head;
+    void stand_at(ux_list_element *node) {
+        here = node;
+        next = node ? node->next : nullptr;
+    }
+    ux_list_element *here = nullptr;
+    ux_list_element *next = nullptr;
 };
 
 /* for (ux_list_element *node : ux_nodes(list)) */
