@@ -1,10 +1,11 @@
 /*
  * Takes a line apart with a function for each place in it: before the key, in
- * it, behind the "=", in the value. A piece is ended by writing a NUL over
- * what stands behind it.
+ * it, behind the "=". A piece is ended by writing a NUL over what stands behind
+ * it.
  */
 #include "unixtools/ux_cfgline.h"
 #include "tolva2/base/trace.h"
+#include "unixtools/ux_owned.h"
 
 #include <cstring>
 
@@ -25,11 +26,6 @@ char *skip_blanks(char *text) {
     return text + strspn(text, " \t");
 }
 
-/* A piece as a view; text may be null. */
-std::string_view view(const char *text) {
-    return text ? std::string_view(text) : std::string_view();
-}
-
 /* What ends the value at text: the "#" of a comment, a line feed or the NUL. */
 char *end_of_value(char *text) {
     bool quoted = false;
@@ -47,27 +43,17 @@ char *end_of_value(char *text) {
     return text;
 }
 
-/* In the value, which starts at text. */
-void parse_value(char *text, config_line *result) {
+/* Behind the "=": a value, a comment, both or nothing. */
+void parse_after_key(char *text, config_line *result) {
+    text = skip_blanks(text);
     char *end = end_of_value(text);
     bool commented = *end == '#';
     *end = '\0';
     if (commented) {
-        result->comment = view(strip_newline(end + 1));
+        result->comment = ux_view(strip_newline(end + 1));
     }
-    result->value = view(strip(text));
-}
-
-/* Behind the "=": a value, a comment or nothing. */
-void parse_after_key(char *text, config_line *result) {
-    text = skip_blanks(text);
-    if (*text == '\0' || *text == '\n') {
-        return;
-    }
-    if (*text == '#') {
-        result->comment = view(strip_newline(text + 1));
-    } else {
-        parse_value(text, result);
+    if (end > text) {
+        result->value = ux_view(strip(text));
     }
 }
 
@@ -78,7 +64,7 @@ bool parse_key(char *text, config_line *result) {
         return false;
     }
     text[length] = '\0';
-    result->ident = view(strip(text));
+    result->ident = ux_view(strip(text));
     parse_after_key(text + length + 1, result);
     return true;
 }
@@ -101,7 +87,7 @@ int32_t parse_line(char *line, config_line *result) {
     char *text = skip_blanks(line);
     switch (*text) {
     case '#':
-        result->comment = view(strip_newline(line));
+        result->comment = ux_view(strip_newline(line));
         return 1;
     case '\n':
         return 1;

@@ -29,10 +29,6 @@ bool copy_text(ux_text *copy, const char *text) {
     return *copy || !text;
 }
 
-std::string_view view(const ux_text &text) {
-    return text ? std::string_view(text.get()) : std::string_view();
-}
-
 bool put(std::string_view text, FILE *stream) {
     return text.empty() ||
            fwrite(text.data(), 1, text.size(), stream) == text.size();
@@ -81,19 +77,16 @@ int32_t match_cfgmodule(const void *left, const void *right) {
 }
 
 config_line view_cfgmodule(const cfgmodule *record) {
-    return {view(record->ident), view(record->value), view(record->comment)};
+    return {ux_view(record->ident.get()), ux_view(record->value.get()),
+            ux_view(record->comment.get())};
 }
 
 int32_t write_cfgmodule(const config_line *texts, FILE *stream) {
     trace_in();
     bool has_ident = !texts->ident.empty();
-    if (has_ident && !(put(texts->ident, stream) && put("=", stream) &&
-                       put(texts->value, stream))) {
-        return 0;
-    }
-    if (!texts->comment.empty() &&
-        !(put(has_ident ? " #" : "", stream) && put(texts->comment, stream))) {
-        return 0;
-    }
-    return put("\n", stream);
+    bool has_mark = has_ident && !texts->comment.empty();
+    return put(texts->ident, stream) && put(has_ident ? "=" : "", stream) &&
+           put(has_ident ? texts->value : "", stream) &&
+           put(has_mark ? " #" : "", stream) && put(texts->comment, stream) &&
+           put("\n", stream);
 }

@@ -92,6 +92,11 @@ ux_join(std::initializer_list<std::string_view> parts) {
     return text;
 }
 
+/* A text as a view, which is null too when the text is. */
+[[nodiscard]] inline std::string_view ux_view(const char *text) {
+    return text ? std::string_view(text) : std::string_view();
+}
+
 /* True for a text that is null or empty. */
 [[nodiscard]] inline bool ux_is_empty(const char *text) {
     return !text || !*text;
