@@ -63,25 +63,6 @@ ux_option_result set_string(const ux_option *op, const char *value_text) {
     return UX_OPTION_DONE;
 }
 
-} // namespace
-
-ux_option_result set_option_value(const ux_option *op, const char *value_text) {
-    trace_in();
-    assert(op && op->type && op->ident);
-    debug_printf("DEBUG: type=  [%d]\n", op->type);
-    debug_printf("DEBUG: value=  [%s]\n", value_text ? value_text : "NULL");
-    ux_option_result result = UX_OPTION_DONE;
-    if (op->type == UX_OPTION_INTEGER) {
-        result = set_integer(op, value_text);
-    } else if (is_text_type(op->type)) {
-        result = set_string(op, value_text);
-    }
-    trace_out();
-    return result;
-}
-
-namespace {
-
 /* What came of reading a file. */
 enum class reading {
     whole,   /* to its end, and it held at least one line */
@@ -170,30 +151,6 @@ bool fill_rows(const ux_option *topic_table, ux_hashtable *table) {
     return true;
 }
 
-} // namespace
-
-int32_t file_to_hashtable(const char *path, ux_hashtable *table) {
-    return read_file(path, table) == reading::whole;
-}
-
-int32_t ux_readconfig(const char *path, const ux_option *topic_table,
-                      uint32_t buckets, int32_t missing_ok) {
-    trace_in();
-    assert(topic_table);
-    ux_hashtable table;
-    if (!init_table(&table, buckets)) {
-        return 0;
-    }
-    reading got = read_file(path, &table);
-    bool usable =
-        got == reading::whole || (got == reading::nothing && missing_ok);
-    bool filled = usable && fill_rows(topic_table, &table);
-    ux_hashtable_destroy(&table);
-    return filled;
-}
-
-namespace {
-
 /* Writes the current value of a row, if it has one: false on failure. */
 bool write_value(const ux_option *op, FILE *file) {
     if (op->type == UX_OPTION_INTEGER && op->value.number) {
@@ -218,36 +175,12 @@ bool write_row(const ux_option *op, FILE *file) {
 
 /* Every row of the table; false too when it has none. */
 bool write_rows(const ux_option *topic_table, FILE *file) {
-    bool written = false;
-    for (const ux_option *op = topic_table; !ux_is_empty(op->ident); op++) {
-        written = write_row(op, file);
-        if (!written) {
-            break;
-        }
+    const ux_option *op = topic_table;
+    while (!ux_is_empty(op->ident) && write_row(op, file)) {
+        op++;
     }
-    return written;
+    return op != topic_table && ux_is_empty(op->ident);
 }
-
-} // namespace
-
-int32_t ux_writeconfig(const char *path, const ux_option *topic_table) {
-    trace_in();
-    assert(topic_table);
-    umask(NEW_FILE_MASK);
-    ux_file file(fopen(path, "we"));
-    if (!file) {
-        return 0;
-    }
-    bool written = write_rows(topic_table, file.get());
-    /* What is still buffered may be what does not fit the disk. */
-    if (!ux_close(std::move(file)) || !written) {
-        unlink(path);
-        return 0;
-    }
-    return 1;
-}
-
-namespace {
 
 /* Adds the current value of a row to the table: false on failure. */
 bool store_row(const ux_option *op, ux_hashtable *table) {
@@ -301,6 +234,58 @@ bool merge_file(const char *path, const ux_option *topic_table,
 }
 
 } // namespace
+
+ux_option_result set_option_value(const ux_option *op, const char *value_text) {
+    trace_in();
+    assert(op && op->type && op->ident);
+    debug_printf("DEBUG: type=  [%d]\n", op->type);
+    debug_printf("DEBUG: value=  [%s]\n", value_text ? value_text : "NULL");
+    ux_option_result result = UX_OPTION_DONE;
+    if (op->type == UX_OPTION_INTEGER) {
+        result = set_integer(op, value_text);
+    } else if (is_text_type(op->type)) {
+        result = set_string(op, value_text);
+    }
+    trace_out();
+    return result;
+}
+
+int32_t file_to_hashtable(const char *path, ux_hashtable *table) {
+    return read_file(path, table) == reading::whole;
+}
+
+int32_t ux_readconfig(const char *path, const ux_option *topic_table,
+                      uint32_t buckets, int32_t missing_ok) {
+    trace_in();
+    assert(topic_table);
+    ux_hashtable table;
+    if (!init_table(&table, buckets)) {
+        return 0;
+    }
+    reading got = read_file(path, &table);
+    bool usable =
+        got == reading::whole || (got == reading::nothing && missing_ok);
+    bool filled = usable && fill_rows(topic_table, &table);
+    ux_hashtable_destroy(&table);
+    return filled;
+}
+
+int32_t ux_writeconfig(const char *path, const ux_option *topic_table) {
+    trace_in();
+    assert(topic_table);
+    umask(NEW_FILE_MASK);
+    ux_file file(fopen(path, "we"));
+    if (!file) {
+        return 0;
+    }
+    bool written = write_rows(topic_table, file.get());
+    /* What is still buffered may be what does not fit the disk. */
+    if (!ux_close(std::move(file)) || !written) {
+        unlink(path);
+        return 0;
+    }
+    return 1;
+}
 
 int32_t hashtable_to_file(const char *path, const ux_option *topic_table,
                           ux_hashtable *table) {

@@ -58,15 +58,10 @@ int32_t ux_hashtable_init(ux_hashtable *ht, uint32_t buckets,
     if (!table) {
         return -1;
     }
-    ht->table = static_cast<ux_list *>(table);
-    ht->buckets = buckets;
+    *ht = {buckets, hash, match, destroy, 0, static_cast<ux_list *>(table)};
     for (ux_list &bucket : buckets_of(ht)) {
         ux_list_init(&bucket, destroy);
     }
-    ht->hash = hash;
-    ht->match = match;
-    ht->destroy = destroy;
-    ht->size = 0;
     return 0;
 }
 
