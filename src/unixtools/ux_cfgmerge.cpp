@@ -16,11 +16,9 @@ bool merge_line(char *line, FILE *merged, ux_hashtable *table) {
     if (!parse_line(line, &parsed)) {
         return true;
     }
-    if (parsed.ident.data()) {
-        return merge_setting(parsed.ident.data(), parsed.comment, table,
-                             merged);
-    }
-    return write_cfgmodule(&parsed, merged) != 0;
+    const char *ident = parsed.ident.data();
+    return ident ? merge_setting(ident, parsed.comment, table, merged)
+                 : write_cfgmodule(&parsed, merged) != 0;
 }
 
 /* Copies the rest of one file to another, on over a short write. */

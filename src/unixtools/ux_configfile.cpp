@@ -92,30 +92,6 @@ bool store_setting(const config_line *parsed, ux_hashtable *table) {
     return result >= 0;
 }
 
-/* Adds the setting of one line, if it is one: false without memory. */
-bool store_line(char *line, ux_hashtable *table) {
-    config_line parsed;
-    return !parse_line(line, &parsed) || !parsed.ident.data() ||
-           store_setting(&parsed, table);
-}
-
-/* Reads the lines of an open file. */
-reading read_lines(FILE *file, ux_hashtable *table) {
-    char line[CONFIG_LINE_BUFFER];
-    bool any = false;
-    while (fgets(line, sizeof line, file)) {
-        any = true;
-        if (!store_line(line, table)) {
-            return reading::failed;
-        }
-    }
-    if (feof(file) && !ferror(file)) {
-        return any ? reading::whole : reading::nothing;
-    }
-    /* A directory can be opened, but is no file. */
-    return errno == EISDIR ? reading::nothing : reading::failed;
-}
-
 /* file_to_hashtable with a fuller answer, under its name in the trace. */
 reading read_file(const char *path, ux_hashtable *table) {
     trace_in("file_to_hashtable");
@@ -123,7 +99,21 @@ reading read_file(const char *path, ux_hashtable *table) {
     if (!file) {
         return errno == ENOMEM ? reading::failed : reading::nothing;
     }
-    return read_lines(file.get(), table);
+    char line[CONFIG_LINE_BUFFER];
+    config_line parsed;
+    bool any = false;
+    while (fgets(line, sizeof line, file.get())) {
+        any = true;
+        if (parse_line(line, &parsed) && parsed.ident.data() &&
+            !store_setting(&parsed, table)) {
+            return reading::failed;
+        }
+    }
+    if (feof(file.get()) && !ferror(file.get())) {
+        return any ? reading::whole : reading::nothing;
+    }
+    /* A directory can be opened, but is no file. */
+    return errno == EISDIR ? reading::nothing : reading::failed;
 }
 
 /* Fills one row's storage from the table: false when memory is exhausted. */

@@ -4,16 +4,12 @@
  */
 #include "unixtools/ux_number.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 int32_t ux_atoi(const char *text) {
     /* strtoll saturates by itself, far outside what is kept here. */
     long long value = strtoll(text, nullptr, 10);
-    if (value > INT32_MAX) {
-        return INT32_MAX;
-    }
-    if (value < INT32_MIN) {
-        return INT32_MIN;
-    }
-    return static_cast<int32_t>(value);
+    return static_cast<int32_t>(
+        std::clamp<long long>(value, INT32_MIN, INT32_MAX));
 }
