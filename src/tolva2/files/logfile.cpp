@@ -36,7 +36,6 @@ struct log_text {
     char text[LOG_TEXT] = "";
     size_t length = 0;
 
-    bool is_full() const { return length == sizeof text - 1; }
     void add(std::string_view more) {
         size_t copied = std::min(more.size(), sizeof text - 1 - length);
         memcpy(text + length, more.data(), copied);
@@ -45,14 +44,10 @@ struct log_text {
     }
 };
 
-bool append_line(const char *line) {
-    return operator_log.name && !ux_is_empty(line) &&
-           append_bounded(operator_log.name.get(), operator_log.limit, line);
-}
-
 bool emit_line(const char *line) {
     if (operator_log.into_file) {
-        return append_line(line);
+        return operator_log.name && append_bounded(operator_log.name.get(),
+                                                   operator_log.limit, line);
     }
     if (daemonized) {
         return true;
@@ -72,19 +67,14 @@ bool is_directive(const char *text) {
 
 /* Fills format into out, with at most count of the texts. */
 void fill_in(log_text *out, int32_t count, const char *format, va_list texts) {
-    while (*format && !out->is_full()) {
+    while (*format) {
         const char *text = nullptr;
         if (count > 0 && is_directive(format)) {
             text = va_arg(texts, const char *);
             count--;
         }
-        if (text) {
-            out->add(text);
-            format += 2;
-        } else {
-            out->add({format, 1});
-            format++;
-        }
+        out->add(text ? text : std::string_view(format, 1));
+        format += text ? 2 : 1;
     }
 }
 
