@@ -1,5 +1,5 @@
 /*
- * The help as one text, and the banner. What "-?" says differs from what is
+ * The help and the banner, a text each. What "-?" says differs from what is
  * accepted here and there; the table of options decides.
  */
 #include "tolva2/start/help.h"
@@ -9,11 +9,10 @@
 
 namespace {
 
-/* Each "%s" stands for the program's word. */
 constexpr char HELP[] =
-    " %s may be run in listen-, or send-mode.\n"
+    " tolva may be run in listen-, or send-mode.\n"
     " listen-mode: wait for connections from tolva sender:\n"
-    " %s -l [options]\n"
+    " tolva -l [options]\n"
     " options are:\n"
     " -c <file>        : read Configuration from <file>\n"
     " -d               : run as foreground process\n"
@@ -27,7 +26,7 @@ constexpr char HELP[] =
     " -tc <time>       : check kesdal/kesnor every <time> minutes\n"
     "\n"
     " send-mode (tolva): send \"command\" to tolva listener:\n"
-    " %s -se \"command [parameter]\" -a <host[:port]> | -ab <ip-address> [options]\n"
+    " tolva -se \"command [parameter]\" -a <host[:port]> | -ab <ip-address> [options]\n"
     " -a <host[:port]> : send to tolva at <host[:port]>\n"
     " -ab <ip-address> : send tolva broadcast on <ip-address>\n"
     " \"command\" is one of:\n"
@@ -37,7 +36,7 @@ constexpr char HELP[] =
     " -t <time>        : try at most <time> seconds to connect\n"
     "\n"
     " send-mode (kesdal): check if kesdal/kesnor is alive:\n"
-    " %s -sc -a <host[:port]> [options]\n"
+    " tolva -sc -a <host[:port]> [options]\n"
     " -a <host[:port]> : check kesdal/kesnor at <host[:port]>\n"
     " options are:\n"
     " -p <port>        : check kesdal/kesnor on <port>\n"
@@ -48,21 +47,18 @@ constexpr char HELP[] =
     " -v               : display version number and exit\n"
     "\n";
 
-constexpr const char *PROGRAM_WORD = "tolva";
-constexpr const char *VERSION = "3.00.0";
-constexpr const char *TITLE = "UPS shutdown listener and sender";
-constexpr const char *COPYRIGHT =
-    "Free software under the MIT license, without any warranty.";
+constexpr char BANNER[] =
+    "\ntolva V3.00.0 - UPS shutdown listener and sender"
+    "\nFree software under the MIT license, without any warranty.\n\n";
 
 } // namespace
 
 void help() {
     trace_in();
-    printf(HELP, PROGRAM_WORD, PROGRAM_WORD, PROGRAM_WORD, PROGRAM_WORD);
+    fputs(HELP, stdout);
 }
 
 void version() {
     trace_in();
-    printf("\n%s V%s - %s", PROGRAM_WORD, VERSION, TITLE);
-    printf("\n%s\n\n", COPYRIGHT);
+    fputs(BANNER, stdout);
 }
