@@ -45,11 +45,8 @@ int32_t daemonize(int32_t change_dir, int32_t redirect_std) {
     trace_in();
     /* What is buffered now would otherwise be lost with the parents. */
     fflush(nullptr);
-    if (!leave_parent() || setsid() < 0) {
-        return -1;
-    }
-    /* No longer a session leader: a terminal can never be ours again. */
-    if (!leave_parent()) {
+    /* No session leader in the end: a terminal can never be ours again. */
+    if (!leave_parent() || setsid() < 0 || !leave_parent()) {
         return -1;
     }
     if (change_dir && chdir("/") < 0) {

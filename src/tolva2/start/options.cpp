@@ -13,7 +13,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 using namespace std::string_view_literals;
 
