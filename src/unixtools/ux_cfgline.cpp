@@ -22,9 +22,7 @@ char *cut_end(char *text, const char *characters) {
     return length > 0 ? text : nullptr;
 }
 
-char *skip_blanks(char *text) {
-    return text + strspn(text, " \t");
-}
+char *skip_blanks(char *text) { return text + strspn(text, " \t"); }
 
 /* What ends the value at text: the "#" of a comment, a line feed or the NUL. */
 char *end_of_value(char *text) {

@@ -11,9 +11,7 @@
 #include <cstddef>
 
 /* A node as it is. */
-inline ux_list_element *ux_node(ux_list_element *node) {
-    return node;
-}
+inline ux_list_element *ux_node(ux_list_element *node) { return node; }
 
 /* The record of a node; may be null. */
 template <typename record> record *ux_record(ux_list_element *node) {

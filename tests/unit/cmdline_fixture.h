@@ -17,9 +17,7 @@
 using namespace std::string_literals;
 
 /* No test asks the network. */
-extern "C" hostent *gethostbyname(const char *) {
-    return nullptr;
-}
+extern "C" hostent *gethostbyname(const char *) { return nullptr; }
 
 namespace {
 

@@ -18,9 +18,7 @@
 #include <unistd.h>
 #include <vector>
 
-inline bool is_open(int fd) {
-    return fcntl(fd, F_GETFD) >= 0;
-}
+inline bool is_open(int fd) { return fcntl(fd, F_GETFD) >= 0; }
 
 /* A socket with exactly that number. */
 inline ux_fd socket_with_number(int number) {

@@ -102,9 +102,7 @@ char *__wrap_strdup(const char *text) {
     return fails("heap") ? nullptr : __real_strdup(text);
 }
 
-FILE *__wrap_tmpfile() {
-    return fails("tmpfile") ? nullptr : __real_tmpfile();
-}
+FILE *__wrap_tmpfile() { return fails("tmpfile") ? nullptr : __real_tmpfile(); }
 
 FILE *__wrap_fdopen(int fd, const char *mode) {
     return fails("fdopen") ? nullptr : __real_fdopen(fd, mode);
@@ -140,9 +138,7 @@ char *__wrap_fgets(char *line, int size, FILE *stream) {
     return fails("fgets") ? nullptr : __real_fgets(line, size, stream);
 }
 
-pid_t __wrap_fork() {
-    return fails("fork") ? -1 : __real_fork();
-}
+pid_t __wrap_fork() { return fails("fork") ? -1 : __real_fork(); }
 
 int __wrap_dup2(int from, int to) {
     return fails("dup2") ? -1 : __real_dup2(from, to);

@@ -62,9 +62,7 @@ inline sockaddr_in local_name(int fd) {
     return address;
 }
 
-inline uint16_t local_port(int fd) {
-    return ntohs(local_name(fd).sin_port);
-}
+inline uint16_t local_port(int fd) { return ntohs(local_name(fd).sin_port); }
 
 /* A socket of that type, bound to a free port of a loopback address. */
 inline int bound_socket(int type, const char *dotted = "127.0.0.1",
@@ -142,9 +140,7 @@ inline std::string receive(int fd, size_t count) {
 }
 
 /* Everything until the peer closes. */
-inline std::string receive_all(int fd) {
-    return receive(fd, 1 << 20);
-}
+inline std::string receive_all(int fd) { return receive(fd, 1 << 20); }
 
 /* True when there is neither data nor an end to read now. */
 inline bool is_silent(int fd) {

@@ -22,9 +22,7 @@ inline void set_limit(int resource, rlim_t value) {
 }
 
 /* No file can be opened any more. */
-inline void no_more_descriptors() {
-    set_limit(RLIMIT_NOFILE, 0);
-}
+inline void no_more_descriptors() { set_limit(RLIMIT_NOFILE, 0); }
 
 /* No file grows beyond that many bytes; writing on just fails. */
 inline void limit_files_to(rlim_t bytes) {

@@ -8,13 +8,9 @@
 
 namespace {
 
-in_addr address_of(const char *dotted) {
-    return loopback(dotted, 0).sin_addr;
-}
+in_addr address_of(const char *dotted) { return loopback(dotted, 0).sin_addr; }
 
-ux_fd any_socket() {
-    return ux_fd(bound_socket(SOCK_STREAM));
-}
+ux_fd any_socket() { return ux_fd(bound_socket(SOCK_STREAM)); }
 
 /* A listening socket as the daemon has it, with connections to it. */
 class tcp_door : public listener {

@@ -34,9 +34,7 @@ const char standard_texts[] = "m12=UPS #NAME at #PCT%s done\n"
                               "m0=zero\n"
                               "m16=quote \"q\"\n";
 
-command_index place(int32_t index) {
-    return static_cast<command_index>(index);
-}
+command_index place(int32_t index) { return static_cast<command_index>(index); }
 
 struct arguments {
     int32_t result;

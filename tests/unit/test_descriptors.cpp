@@ -36,9 +36,7 @@ struct watched_pair {
     watched_fd near;
 };
 
-int32_t wait_now() {
-    return wait_for_descriptors(0, nullptr).ready;
-}
+int32_t wait_now() { return wait_for_descriptors(0, nullptr).ready; }
 
 } // namespace
 

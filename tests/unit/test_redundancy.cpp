@@ -23,9 +23,7 @@ connection *script_record = nullptr;
 
 namespace alive {
 
-void cancel_connections() {
-    calls.emplace_back("cancel");
-}
+void cancel_connections() { calls.emplace_back("cancel"); }
 
 int32_t start_connections() {
     calls.emplace_back("start");

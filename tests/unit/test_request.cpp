@@ -10,9 +10,7 @@ namespace {
 const std::string request = "CONNECT TO TOLVA (SEND)";
 const std::string reply = "CONNECT TO TOLVA (REPLY)";
 
-command_request parse(std::string text) {
-    return parse_command(text.data());
-}
+command_request parse(std::string text) { return parse_command(text.data()); }
 
 constexpr auto NONE = command_fault::none;
 constexpr auto NOT_UNDERSTOOD = command_fault::not_understood;

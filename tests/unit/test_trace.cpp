@@ -164,9 +164,7 @@ TEST(trace_level_test, decides_what_is_traced) {
     }
 }
 
-TEST(trace_level_test, starts_at_minus_1) {
-    EXPECT_EQ(debug_level, -1);
-}
+TEST(trace_level_test, starts_at_minus_1) { EXPECT_EQ(debug_level, -1); }
 
 TEST(trace_level_test, every_line_is_a_write_of_its_own) {
     writes output;
@@ -200,9 +198,7 @@ int note_error(FILE *stream, const char *format, va_list args) {
     return 42;
 }
 
-int say_zero(FILE *, const char *, va_list) {
-    return 0;
-}
+int say_zero(FILE *, const char *, va_list) { return 0; }
 
 class error_printf_test : public testing::Test {
   protected:

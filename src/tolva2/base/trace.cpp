@@ -28,6 +28,9 @@ int32_t debug_fd = -1;
 
 [[gnu::format(printf, 1, 0)]] void write_trace(const char *format,
                                                va_list args) {
+    if (!format || !*format) {
+        return;
+    }
     char line[TRACE_LINE];
     int saved = errno;
     int length = vsnprintf(line, sizeof line, format, args);
@@ -47,9 +50,6 @@ call_hook(FILE *stream, const char *format, va_list args) {
 } // namespace
 
 void trace_printf(const char *format, ...) {
-    if (!format || !*format) {
-        return;
-    }
     va_list args;
     va_start(args, format);
     write_trace(format, args);
@@ -57,7 +57,7 @@ void trace_printf(const char *format, ...) {
 }
 
 void debug_printf(const char *format, ...) {
-    if (debug_level <= 0 || !format || !*format) {
+    if (debug_level <= 0) {
         return;
     }
     va_list args;

@@ -23,9 +23,7 @@ namespace {
 constexpr const char *RECIPIENT_END = " \t$";
 constexpr const char *NAME_LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
 
-const char *or_null_word(const char *text) {
-    return text ? text : "NULL";
-}
+const char *or_null_word(const char *text) { return text ? text : "NULL"; }
 
 /* How long a placeholder at the start of text is; 0 when there is none. */
 size_t placeholder_length(const char *text) {

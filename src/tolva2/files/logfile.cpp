@@ -119,13 +119,9 @@ void logfile_close() {
     operator_log.limit = 0;
 }
 
-void log_into_file(bool on) {
-    operator_log.into_file = on;
-}
+void log_into_file(bool on) { operator_log.into_file = on; }
 
-void log_as(int32_t pid) {
-    operator_log.shown_pid = pid;
-}
+void log_as(int32_t pid) { operator_log.shown_pid = pid; }
 
 bool logfile_trim() {
     trace_in();
@@ -176,6 +172,4 @@ void log_system(int32_t error) {
     log_message(1, "system: %s", strerror(error));
 }
 
-void log_error(int32_t error) {
-    log_message(1, "error: %s", strerror(error));
-}
+void log_error(int32_t error) { log_message(1, "error: %s", strerror(error)); }

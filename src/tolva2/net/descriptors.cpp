@@ -6,6 +6,7 @@
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/trace.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
@@ -40,9 +41,7 @@ void watch_number(int32_t fd, event_bits events) {
 void add_descriptor(int32_t fd, event_bits events) {
     trace_in();
     watch_number(fd, events);
-    if (fd > state.maxfd) {
-        state.maxfd = fd;
-    }
+    state.maxfd = std::max(state.maxfd, fd);
     state.nfds++;
 }
 
@@ -87,9 +86,7 @@ watched_fd &watched_fd::operator=(watched_fd &&other) noexcept {
     return *this;
 }
 
-watched_fd::~watched_fd() {
-    close();
-}
+watched_fd::~watched_fd() { close(); }
 
 void watched_fd::close() {
     if (fd >= 0) {
@@ -118,17 +115,11 @@ void reset_descriptors(int32_t first_maxfd) {
     state.numbers = FD_SETSIZE;
 }
 
-int32_t open_descriptors() {
-    return state.nfds;
-}
+int32_t open_descriptors() { return state.nfds; }
 
-int32_t highest_descriptor() {
-    return state.maxfd;
-}
+int32_t highest_descriptor() { return state.maxfd; }
 
-bool descriptor_left() {
-    return state.nfds < max_fds;
-}
+bool descriptor_left() { return state.nfds < max_fds; }
 
 void count_numbers() {
     state.numbers = 0;
@@ -137,9 +128,7 @@ void count_numbers() {
     }
 }
 
-bool number_left() {
-    return state.nfds < state.numbers;
-}
+bool number_left() { return state.nfds < state.numbers; }
 
 int32_t why_unwatchable(const ux_fd &fd) {
     if (!fd) {

@@ -36,9 +36,7 @@ int32_t send_kesdal(int32_t fd, const char *verb) {
     return sock_send_text0(fd, buffer);
 }
 
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
-}
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 } // namespace
 

@@ -48,9 +48,7 @@ argument_span behind_program(argument_span arguments) {
     return arguments.empty() ? arguments : arguments.subspan(1);
 }
 
-bool is_option(const char *argument) {
-    return argument[0] == '-';
-}
+bool is_option(const char *argument) { return argument[0] == '-'; }
 
 /* Some options show a text, and that is all. */
 void show_text(const typed_option &option) {

@@ -121,6 +121,4 @@ int32_t run(int argc, char **argv) {
 
 } // namespace
 
-int main(int argc, char **argv) {
-    exit(run(argc, argv));
-}
+int main(int argc, char **argv) { exit(run(argc, argv)); }

@@ -26,9 +26,7 @@ constexpr int32_t PORT_MAX = 65535;
 
 using store_function = bool (*)(record *options, char *value);
 
-bool store_nothing(record * /*options*/, char * /*value*/) {
-    return true;
-}
+bool store_nothing(record * /*options*/, char * /*value*/) { return true; }
 
 bool store_trace_level(record * /*options*/, char *value) {
     debug_level = value ? ux_atoi(value) : 0;
@@ -52,9 +50,7 @@ bool store_count(record *options, char *value) {
     return options->*field >= 0;
 }
 
-bool is_port(int32_t port) {
-    return port >= 1 && port <= PORT_MAX;
-}
+bool is_port(int32_t port) { return port >= 1 && port <= PORT_MAX; }
 
 bool store_port(record *options, char *value) {
     options->port = split_port(&options->listen_host, value);
@@ -143,9 +139,7 @@ constexpr refusal no_time{fault::value_missing,
 /* --- the options ---------------------------------------------------------- */
 
 /* Modes as bits. */
-constexpr uint32_t in(mode_code mode) {
-    return 1U << mode;
-}
+constexpr uint32_t in(mode_code mode) { return 1U << mode; }
 
 constexpr uint32_t EVERY_MODE = ~0U;
 
