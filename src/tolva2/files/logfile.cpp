@@ -36,6 +36,7 @@ struct log_text {
     char text[LOG_TEXT] = "";
     size_t length = 0;
 
+    bool is_full() const { return length == sizeof text - 1; }
     void add(std::string_view more) {
         size_t copied = std::min(more.size(), sizeof text - 1 - length);
         memcpy(text + length, more.data(), copied);
@@ -67,7 +68,7 @@ bool is_directive(const char *text) {
 
 /* Fills format into out, with at most count of the texts. */
 void fill_in(log_text *out, int32_t count, const char *format, va_list texts) {
-    while (*format) {
+    while (*format && !out->is_full()) {
         const char *text = nullptr;
         if (count > 0 && is_directive(format)) {
             text = va_arg(texts, const char *);
