@@ -9,26 +9,17 @@
 #include <cassert>
 #include <cstdlib>
 #include <span>
+#include <utility>
 
 namespace {
 
 /* The bucket that holds, or would hold, the key of data. */
-ux_list *bucket_of(const ux_hashtable *ht, const void *data) {
+ux_list *bucket_of(const ux_hashtable *ht, const void *data, bool shown) {
     uint32_t bucket = ht->hash(data) % ht->buckets;
-    debug_printf("DEBUG: bucket = %u\n", bucket);
-    return &ht->table[bucket];
-}
-
-/* The element with the key of data, or null. */
-ux_list_element *find_element(const ux_hashtable *ht, const ux_list *list,
-                              const void *data) {
-    for (ux_list_element *element : ux_nodes(list)) {
-        assert(element->data);
-        if (ht->match(data, element->data)) {
-            return element;
-        }
+    if (shown) {
+        debug_printf("DEBUG: bucket = %u\n", bucket);
     }
-    return nullptr;
+    return &ht->table[bucket];
 }
 
 std::span<ux_list> buckets_of(const ux_hashtable *ht) {
@@ -75,13 +66,21 @@ void ux_hashtable_destroy(ux_hashtable *ht) {
     *ht = ux_hashtable{};
 }
 
+/*
+ * The four operations walk a bucket alike. Each does so itself, so that a
+ * datum that is missing stops the process in the operation's own name.
+ */
+
 int32_t ux_hashtable_insert(ux_hashtable *ht, void *data) {
     trace_in();
     assert(ht);
     assert(data);
-    ux_list *list = bucket_of(ht, data);
-    if (find_element(ht, list, data)) {
-        return 1;
+    ux_list *list = bucket_of(ht, data, true);
+    for (const ux_list_element *element : ux_nodes(list)) {
+        assert(element->data);
+        if (ht->match(data, element->data)) {
+            return 1;
+        }
     }
     int32_t result = ux_list_ins_next(list, list->tail, data);
     if (result == 0) {
@@ -95,14 +94,14 @@ int32_t ux_hashtable_replace(ux_hashtable *ht, void **data) {
     assert(ht);
     assert(data);
     assert(*data);
-    ux_list *list = bucket_of(ht, *data);
+    ux_list *list = bucket_of(ht, *data, true);
     debug_printf("DEBUG: list->size = %u\n", list->size);
-    ux_list_element *element = find_element(ht, list, *data);
-    if (element) {
-        void *old = element->data;
-        element->data = *data;
-        *data = old;
-        return 1;
+    for (ux_list_element *element : ux_nodes(list)) {
+        assert(element->data);
+        if (ht->match(*data, element->data)) {
+            std::swap(*data, element->data);
+            return 1;
+        }
     }
     int32_t result = ux_list_ins_next(list, list->tail, *data);
     if (result == 0) {
@@ -117,13 +116,18 @@ int32_t ux_hashtable_remove(ux_hashtable *ht, void **data) {
     assert(ht);
     assert(data);
     assert(*data);
-    ux_list *list = bucket_of(ht, *data);
-    ux_list_element *element = find_element(ht, list, *data);
-    if (!element || ux_list_rem(list, element, data) != 0) {
-        return -1;
+    ux_list *list = bucket_of(ht, *data, false);
+    for (ux_list_element *element : ux_nodes(list)) {
+        assert(element->data);
+        if (ht->match(*data, element->data)) {
+            if (ux_list_rem(list, element, data) != 0) {
+                return -1;
+            }
+            ht->size--;
+            return 0;
+        }
     }
-    ht->size--;
-    return 0;
+    return -1;
 }
 
 int32_t ux_hashtable_lookup(ux_hashtable *ht, void **data) {
@@ -131,11 +135,13 @@ int32_t ux_hashtable_lookup(ux_hashtable *ht, void **data) {
     assert(ht);
     assert(data);
     assert(*data);
-    const ux_list *list = bucket_of(ht, *data);
-    const ux_list_element *element = find_element(ht, list, *data);
-    if (!element) {
-        return -1;
+    for (const ux_list_element *element :
+         ux_nodes(bucket_of(ht, *data, true))) {
+        assert(element->data);
+        if (ht->match(*data, element->data)) {
+            *data = element->data;
+            return 0;
+        }
     }
-    *data = element->data;
-    return 0;
+    return -1;
 }
