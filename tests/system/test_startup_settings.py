@@ -1,5 +1,6 @@
 """Start-up of listen mode with settings that are unusable, or missing."""
 
+import errno
 import os
 import signal
 
@@ -63,6 +64,18 @@ def test_a_missing_settings_file_means_defaults(home):
     os.kill(run.pid, signal.SIGTERM)
     assert run.wait().status == 0
     assert home.log_messages() == [message(756), message(757)]
+
+
+def test_settings_that_are_there_but_cannot_be_opened_are_told(home):
+    port = free_port()
+    os.symlink("tolva.cfg", home.path("tolva.cfg"))
+    run = home.start("-l", "-d", "-p", f"127.0.0.1:{port}")
+    wait_for(lambda: tcp_listens(port))
+    os.kill(run.pid, signal.SIGTERM)
+    assert run.wait().status == 0
+    assert home.log_messages() == [
+        f"error: cannot read {home.path('tolva.cfg')}, the defaults hold: "
+        + os.strerror(errno.ELOOP), message(756), message(757)]
 
 
 def test_a_port_in_use_ends_listen_mode(home, make_home):

@@ -188,15 +188,18 @@ TEST(send_mode, an_interrupted_wait_goes_on) {
     itimerval often{{0, 20000}, {0, 20000}};
     setitimer(ITIMER_REAL, &often, nullptr);
     {
+        /* None of them for the listener's thread, from its first moment on. */
+        sigset_t all;
+        sigset_t mask;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &mask);
         scripted_peer listener([](int fd) {
-            sigset_t all;
-            sigfillset(&all);
-            pthread_sigmask(SIG_BLOCK, &all, nullptr);
             receive(fd, request_header.size());
             pollfd nothing{fd, 0, 0};
             poll(&nothing, 1, 300);
             send_bytes_to(fd, status_reply(7));
         });
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
         address_list to;
         to.add("127.0.0.1", listener.port(), MODE_SEND_STATUS);
         EXPECT_EQ(whole_run(to, 6003, 20, nullptr), 134);

@@ -129,10 +129,15 @@ int32_t traced_numbered_text(std::span<char> out, char *text) {
     return numbered_text(out, text);
 }
 
-/* Appends the text in double quotes behind what out holds. */
+/* Appends the text in double quotes behind what out holds. A text that is too
+ * long is cut, but never its closing quote: the shell would go on behind it. */
 void append_quoted(std::span<char> out, const char *text) {
-    size_t length = strlen(out.data());
-    snprintf(out.data() + length, out.size() - length, " \"%s\"", text);
+    std::span<char> rest = out.subspan(strlen(out.data()));
+    constexpr size_t AROUND = sizeof " \"\"";
+    if (rest.size() > AROUND) {
+        snprintf(rest.data(), rest.size(), " \"%.*s\"",
+                 static_cast<int>(rest.size() - AROUND), text);
+    }
 }
 
 /* Appends the text of a message, filled: false when there is no such text. */

@@ -79,13 +79,19 @@ void fill_in(log_text *out, int32_t count, const char *format, va_list texts) {
     }
 }
 
+/* Of the zone of now: an administrator may have changed it. */
+bool local_time(time_t t, tm *local) {
+    tzset();
+    return localtime_r(&t, local) != nullptr;
+}
+
 } // namespace
 
 const char *log_date_text(time_t t) {
     static char text[DATE_TEXT];
     tm local;
     text[0] = '\0';
-    if (localtime_r(&t, &local)) {
+    if (local_time(t, &local)) {
         snprintf(text, sizeof text, "%02d/%02d/%04d", local.tm_mon + 1,
                  local.tm_mday, local.tm_year + 1900);
     }
@@ -96,7 +102,7 @@ const char *log_time_text(time_t t) {
     static char text[DATE_TEXT];
     tm local;
     text[0] = '\0';
-    if (localtime_r(&t, &local)) {
+    if (local_time(t, &local)) {
         snprintf(text, sizeof text, "%02d:%02d:%02d", local.tm_hour,
                  local.tm_min, local.tm_sec);
     }

@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -28,9 +30,25 @@ constexpr const char *MESSAGE_FILE = "messages.dat";
 
 constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60; /* seconds */
 
+/* Why a file that is there cannot be read, or 0. */
+int32_t open_error(const char *path) {
+    ux_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    struct stat status;
+    if (!file || fstat(file.get(), &status) < 0) {
+        return errno == ENOENT ? 0 : errno;
+    }
+    return S_ISDIR(status.st_mode) ? EISDIR : 0;
+}
+
+/* Settings that are there, but that nobody could open. */
+struct unread_settings {
+    ux_text path;
+    int32_t error; /* 0: there are none */
+};
+
 /* Reads the file that was named, or else the one in the home directory, which
  * may be missing. */
-void read_settings(ux_text cfgfile) {
+unread_settings read_settings(ux_text cfgfile) {
     bool named = cfgfile != nullptr;
     ux_text path =
         named ? std::move(cfgfile) : ux_join({home_dir, "/", CONFIG_FILE});
@@ -42,6 +60,8 @@ void read_settings(ux_text cfgfile) {
     if (!read_receiver_config(path.get(), home_dir, named ? 0 : 1)) {
         fatal("%s: error reading configfile %s\n", progname, path.get());
     }
+    int32_t error = open_error(path.get());
+    return {std::move(path), error};
 }
 
 /* Puts text, if there is one, into the place of a setting. */
@@ -76,8 +96,8 @@ void open_log() {
                      "%s: empty pathname for `%s': log to file disabled\n",
                      progname, LOG_FILE);
     } else if (!logfile_open(name, rp->logfile_size)) {
-        error_printf(stderr, ERROR_CONTINUE,
-                     "%s: error initializing logfile %s\n", progname, name);
+        /* No log is open yet, so it can only be the memory for its name. */
+        fatal("%s: error initializing logfile %s\n", progname, name);
     } else {
         log_into_file();
     }
@@ -136,8 +156,10 @@ void fill_redundant_list(ux_list *redundant) {
 
 void open_messages() {
     const char *name = rp->msgfile_name.get();
+    errno = 0;
     if (!msgdb_open(name)) {
-        error_printf(stderr, ERROR_CONTINUE,
+        /* Without a file the log is silent; without memory nothing is sure. */
+        error_printf(stderr, errno == ENOMEM ? ERROR_EXIT : ERROR_CONTINUE,
                      "%s: error initializing messages database [%s]\n",
                      progname, name ? name : "");
     }
@@ -166,11 +188,15 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
                       ux_text shutdown_prog, ux_text alive_prog,
                       int32_t timeout, int32_t check_interval) {
     trace_in();
-    read_settings(std::move(cfgfile));
+    unread_settings unread = read_settings(std::move(cfgfile));
     override_text(&rp->shutdown_prog, std::move(shutdown_prog));
     override_text(&rp->alive_prog, std::move(alive_prog));
     override_listen_address(listen_host);
     open_log();
+    if (unread.error != 0) {
+        log_message(2, "error: cannot read %s, the defaults hold: %s",
+                    unread.path.get(), strerror(unread.error));
+    }
     open_messages();
     override_number(&rp->listenport, port, 1);
     override_number(&rp->kesdalport, check_port, 1);
