@@ -11,25 +11,19 @@
 #include <cstdio>
 #include <string_view>
 
-/*
- * Writes the table's record of a key with that comment, and destroys it; a key
+/* Writes the table's record of a key with that comment, and destroys it; a key
  * that the table does not hold writes nothing. False when a write failed or
- * memory is exhausted.
- */
+ * memory is exhausted. */
 [[nodiscard]] bool merge_setting(const char *ident, std::string_view comment,
                                  ux_hashtable *table, FILE *merged);
 
-/*
- * Writes the lines of config to merged, those of settings with the values of
+/* Writes the lines of config to merged, those of settings with the values of
  * the table. Invalid lines and keys that the table does not hold, or no more,
- * go. False when config was not read to its end, or as above.
- */
+ * go. False when config was not read to its end, or as above. */
 [[nodiscard]] bool merge_lines(FILE *config, FILE *merged, ux_hashtable *table);
 
-/*
- * Puts what was merged in the place of the file at path. False when not all of
- * it could be written, and then the file is cut short.
- */
+/* Puts what was merged in the place of the file at path. False when not all of
+ * it could be written, and then the file is cut short. */
 [[nodiscard]] bool replace_file(const char *path, FILE *merged);
 
 #endif

@@ -36,10 +36,8 @@ void destroy_cfgmodule(void *data);
 /* The texts of a record, for as long as it lives. */
 [[nodiscard]] config_line view_cfgmodule(const cfgmodule *record);
 
-/*
- * Writes the texts as a line: key=value when there is an ident, and the
- * comment. Returns 1, or 0 at the first failed write.
- */
+/* Writes the texts as a line: key=value when there is an ident, and the
+ * comment. Returns 1, or 0 at the first failed write. */
 [[nodiscard]] int32_t write_cfgmodule(const config_line *texts, FILE *stream);
 
 #endif

@@ -40,56 +40,44 @@ enum ux_option_result : int32_t {
     UX_OPTION_DONE = 1,
 };
 
-/*
- * Fill the table's storage from the file, or from the defaults for keys that
+/* Fill the table's storage from the file, or from the defaults for keys that
  * are absent or have no value. missing_ok non-zero: a file that is absent, a
  * directory or empty, or that cannot be opened, gives every default. Returns
  * 1, or 0, and then only some of the storage may have been filled. A file that
  * breaks off and memory that is exhausted give 0 whatever missing_ok is.
- * Asserts "topic_table".
- */
+ * Asserts "topic_table". */
 [[nodiscard]] int32_t ux_readconfig(const char *path,
                                     const ux_option *topic_table,
                                     uint32_t buckets, int32_t missing_ok);
 
-/*
- * Writes a new file from the table and leaves the process's file-creation
+/* Writes a new file from the table and leaves the process's file-creation
  * mask at octal 026. Returns 1, or 0 and then the file is removed. Asserts
- * "topic_table".
- */
+ * "topic_table". */
 [[nodiscard]] int32_t ux_writeconfig(const char *path,
                                      const ux_option *topic_table);
 
-/*
- * Puts the table's values back into an existing file and keeps its comments,
+/* Puts the table's values back into an existing file and keeps its comments,
  * blank lines and order; invalid and unknown lines go, missing keys are
  * appended. Returns 1, or 0; a file that cannot be rewritten to its end stops
- * the process ("ret"). Asserts "topic_table".
- */
+ * the process ("ret"). Asserts "topic_table". */
 [[nodiscard]] int32_t ux_rewriteconfig(const char *path,
                                        const ux_option *topic_table,
                                        uint32_t buckets);
 
 /* The steps behind the three, each of use alone. */
 
-/*
- * Stores value_text, or the default when it is null, into the row's storage,
+/* Stores value_text, or the default when it is null, into the row's storage,
  * which gives up what it held before. Rows without storage and of other types
- * are done. Asserts "op && op->type && op->ident".
- */
+ * are done. Asserts "op && op->type && op->ident". */
 [[nodiscard]] ux_option_result set_option_value(const ux_option *op,
                                                 const char *value_text);
 
-/*
- * Adds every setting of the file to table, the last one of a key winning.
- * Returns 1 when the file was read to its end and held at least one line.
- */
+/* Adds every setting of the file to table, the last one of a key winning.
+ * Returns 1 when the file was read to its end and held at least one line. */
 [[nodiscard]] int32_t file_to_hashtable(const char *path, ux_hashtable *table);
 
-/*
- * Rewrites the file from the table's records, which are used up. Returns 1,
- * or 0 when no temporary file can be had. Asserts "ret".
- */
+/* Rewrites the file from the table's records, which are used up. Returns 1,
+ * or 0 when no temporary file can be had. Asserts "ret". */
 [[nodiscard]] int32_t hashtable_to_file(const char *path,
                                         const ux_option *topic_table,
                                         ux_hashtable *table);

@@ -66,10 +66,8 @@ void ux_hashtable_destroy(ux_hashtable *ht) {
     *ht = ux_hashtable{};
 }
 
-/*
- * The four operations walk a bucket alike. Each does so itself, so that a
- * datum that is missing stops the process in the operation's own name.
- */
+/* The four operations walk a bucket alike. Each does so itself, so that a
+ * datum that is missing stops the process in the operation's own name. */
 
 int32_t ux_hashtable_insert(ux_hashtable *ht, void *data) {
     trace_in();

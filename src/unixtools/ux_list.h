@@ -21,32 +21,24 @@ struct ux_list {
     ux_list_element *tail;
 };
 
-/*
- * Makes list empty, with destroy (may be null) for ux_list_destroy. Returns
- * list, which may be null and is then left alone.
- */
+/* Makes list empty, with destroy (may be null) for ux_list_destroy. Returns
+ * list, which may be null and is then left alone. */
 ux_list *ux_list_init(ux_list *list, void (*destroy)(void *data));
 
-/*
- * Removes every element from the tail to the head, hands each non-null datum
- * to destroy, and clears the record to zero. Asserts "list".
- */
+/* Removes every element from the tail to the head, hands each non-null datum
+ * to destroy, and clears the record to zero. Asserts "list". */
 void ux_list_destroy(ux_list *list);
 
-/*
- * Insert a new element holding data after or before element; into an empty
+/* Insert a new element holding data after or before element; into an empty
  * list with a null element only. Return 0, or -1 for a null list or when
- * memory is exhausted, and then nothing has changed.
- */
+ * memory is exhausted, and then nothing has changed. */
 [[nodiscard]] int32_t ux_list_ins_next(ux_list *list, ux_list_element *element,
                                        void *data);
 [[nodiscard]] int32_t ux_list_ins_prev(ux_list *list, ux_list_element *element,
                                        void *data);
 
-/*
- * Unlinks and frees element; its datum goes to *data_out when that is not
- * null and is never freed. Asserts "list" and "element". Returns 0.
- */
+/* Unlinks and frees element; its datum goes to *data_out when that is not
+ * null and is never freed. Asserts "list" and "element". Returns 0. */
 int32_t ux_list_rem(ux_list *list, ux_list_element *element, void **data_out);
 
 #endif

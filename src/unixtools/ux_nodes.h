@@ -18,10 +18,8 @@ template <typename record> record *ux_record(ux_list_element *node) {
     return static_cast<record *>(node->data);
 }
 
-/*
- * A list from head to tail, and at the same time the place where a walk is;
- * show says what the body sees of each node.
- */
+/* A list from head to tail, and at the same time the place where a walk is;
+ * show says what the body sees of each node. */
 template <auto show> class ux_walk {
   public:
     explicit ux_walk(const ux_list *list) { stand_at(list->head); }

@@ -7,12 +7,10 @@
 
 #include <cstdint>
 
-/*
- * atoi for untrusted text: leading white space and a sign, then digits up to
+/* atoi for untrusted text: leading white space and a sign, then digits up to
  * the first other character; no digits give 0. A number that does not fit 32
  * bits becomes the nearest one that does, so that 4294973299 is never taken
- * for port 6003. text must not be null.
- */
+ * for port 6003. text must not be null. */
 int32_t ux_atoi(const char *text);
 
 #endif

@@ -291,7 +291,7 @@ TEST(accepting_clients, a_shortage_is_told_once_and_tried_again) {
     EXPECT_EQ(accepting_clients(&tcp.pause, when + 1), accepting::yes);
     EXPECT_EQ(accepting_clients(&tcp.pause, when - 1), accepting::yes)
         << "the clock was set back";
-    tcp.others[0].close();
+    tcp.others[0].reset();
     EXPECT_EQ(accepting_clients(&tcp.pause, when), accepting::yes)
         << "one of ours has been closed";
     EXPECT_EQ(tcp.log.lines(), log_lines{system_line(EMFILE)});

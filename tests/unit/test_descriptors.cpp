@@ -79,7 +79,7 @@ TEST(watched_fd, without_socket_is_none_and_counts_for_nothing) {
     EXPECT_EQ(fd.get(), -1);
     EXPECT_EQ(watched(fd), EVENT_NONE);
     EXPECT_EQ(ready(fd), EVENT_NONE);
-    fd.close();
+    fd.reset();
     watched_fd moved = std::move(fd);
     EXPECT_FALSE(moved);
     EXPECT_EQ(open_descriptors(), 0);
@@ -92,7 +92,7 @@ TEST(watched_fd, number_0_is_a_socket) {
     watched_fd fd(zero.take(), EVENT_READABLE);
     EXPECT_TRUE(fd);
     EXPECT_EQ(watched(fd), EVENT_READABLE);
-    fd.close();
+    fd.reset();
     EXPECT_FALSE(is_open(STDIN_FILENO));
 }
 
@@ -101,16 +101,16 @@ TEST(watched_fd, a_close_lowers_the_highest_by_exactly_one) {
     watched_fd low = watched_number(300, EVENT_READABLE);
     watched_fd middle = watched_number(310, EVENT_READABLE);
     watched_fd high = watched_number(320, EVENT_READABLE);
-    middle.close();
+    middle.reset();
     EXPECT_FALSE(middle);
     EXPECT_FALSE(is_open(310));
     EXPECT_EQ(highest_descriptor(), 320);
     EXPECT_EQ(open_descriptors(), 2);
-    high.close();
+    high.reset();
     EXPECT_EQ(highest_descriptor(), 319);
     EXPECT_EQ(open_descriptors(), 1);
     EXPECT_EQ(watched(low), EVENT_READABLE);
-    low.close();
+    low.reset();
     EXPECT_EQ(highest_descriptor(), 319);
     EXPECT_EQ(open_descriptors(), 0);
     EXPECT_TRUE(nothing_is_watched());
@@ -119,9 +119,9 @@ TEST(watched_fd, a_close_lowers_the_highest_by_exactly_one) {
 TEST(watched_fd, is_closed_once) {
     no_sockets none;
     watched_fd fd = watched_number(300, EVENT_READABLE);
-    fd.close();
+    fd.reset();
     ux_fd other = socket_with_number(300);
-    fd.close();
+    fd.reset();
     EXPECT_TRUE(is_open(300)) << "it belongs to another by now";
     EXPECT_EQ(open_descriptors(), 0);
 }
@@ -143,7 +143,7 @@ TEST(watched_fd, a_close_keeps_errno) {
     watched_fd fd(socket_with_number(300), EVENT_READABLE);
     close(300);
     errno = EPERM;
-    fd.close();
+    fd.reset();
     EXPECT_EQ(errno, EPERM);
 }
 
@@ -188,7 +188,7 @@ TEST(watched_fd, a_number_opened_again_inherits_nothing) {
     ASSERT_EQ(wait_now(), 3);
     ASSERT_EQ(ready(first.near), BOTH);
     int number = first.near.get();
-    first.near.close();
+    first.near.reset();
     watched_fd again = watched_number(number, EVENT_NONE);
     EXPECT_EQ(ready(again), EVENT_NONE);
     EXPECT_EQ(watched(again), EVENT_NONE);
@@ -222,7 +222,7 @@ TEST(descriptor_left, as_long_as_the_budget_is_not_used_up) {
     max_fds = 3;
     EXPECT_TRUE(descriptor_left());
     max_fds = 2;
-    first.close();
+    first.reset();
     EXPECT_TRUE(descriptor_left());
 }
 

@@ -8,10 +8,8 @@
 
 #include <string_view>
 
-/*
- * True when what text converts is a beginning of order: for "scs" nothing, or
- * "%s", or "%s" and "%c", or these and another "%s". No width, no "%%".
- */
+/* True when what text converts is a beginning of order: for "scs" nothing, or
+ * "%s", or "%s" and "%c", or these and another "%s". No width, no "%%". */
 [[nodiscard]] constexpr bool converts_only(std::string_view text,
                                            std::string_view order) {
     for (size_t at = text.find('%'); at != text.npos; at = text.find('%', at)) {

@@ -7,11 +7,9 @@
 
 #include <csignal>
 
-/*
- * Gives a signal a handler, SIG_IGN or SIG_DFL, with an empty mask. flags are
+/* Gives a signal a handler, SIG_IGN or SIG_DFL, with an empty mask. flags are
  * those of sigaction(): without SA_RESTART the signal interrupts waits.
- * False when that failed.
- */
+ * False when that failed. */
 bool set_signal(int number, void (*handler)(int), int flags);
 
 #endif

@@ -10,18 +10,14 @@
 #include <cstdint>
 #include <cstdio>
 
-/*
- * Trace level. Negative: detach, no trace; 0: foreground, no trace; above 0
+/* Trace level. Negative: detach, no trace; 0: foreground, no trace; above 0
  * "DEBUG:" lines, above 5 "TRACEIN:" lines, above 9 "TRACEOUT:" lines. Settled
- * by start-up and by "-d".
- */
+ * by start-up and by "-d". */
 extern int32_t debug_level;
 
-/*
- * Writes one formatted text to descriptor 1 with a single write, cut to 1,023
+/* Writes one formatted text to descriptor 1 with a single write, cut to 1,023
  * characters, past any buffered stream. A null or empty format writes
- * nothing. Keeps errno. Does not look at the trace level.
- */
+ * nothing. Keeps errno. Does not look at the trace level. */
 [[gnu::format(printf, 1, 2)]] void trace_printf(const char *format, ...);
 
 /* trace_printf, but only when the trace level is above 0. */
@@ -35,27 +31,21 @@ void trace_out(const char *function = __builtin_FUNCTION());
 constexpr int32_t ERROR_CONTINUE = 0;
 constexpr int32_t ERROR_EXIT = 2; /* the process ends with status 1 */
 
-/*
- * Where error_printf sends its text: vfprintf to begin with. May be replaced
- * to catch every error line, or be null to drop them.
- */
+/* Where error_printf sends its text: vfprintf to begin with. May be replaced
+ * to catch every error line, or be null to drop them. */
 using error_hook = int (*)(FILE *stream, const char *format, va_list args);
 extern error_hook error_output_hook;
 
-/*
- * Hands a formatted error to the hook. exit_code 0 returns the hook's result,
- * or 1 without a hook; any other ends the process with status exit_code - 1.
- */
+/* Hands a formatted error to the hook. exit_code 0 returns the hook's result,
+ * or 1 without a hook; any other ends the process with status exit_code - 1. */
 [[gnu::format(printf, 3, 4)]] int32_t
 error_printf(FILE *stream, int32_t exit_code, const char *format, ...);
 
 /* One error line on standard error, then the process ends with status 1. */
 [[noreturn, gnu::format(printf, 1, 2)]] void fatal(const char *format, ...);
 
-/*
- * Opens the debug file for reading and appending, mode 0664, unless one is
- * open. A null path means "upsdebug.out". True when one is open.
- */
+/* Opens the debug file for reading and appending, mode 0664, unless one is
+ * open. A null path means "upsdebug.out". True when one is open. */
 bool open_debug_file(const char *path);
 void close_debug_file();
 

@@ -17,12 +17,10 @@ namespace {
 
 constexpr size_t FILE_BLOCK = 8192;
 
-/*
- * Copies what is left of from, a block at a time, back into the file. The
+/* Copies what is left of from, a block at a time, back into the file. The
  * count starts again from 0 at every second block, so it is 0 after an even
  * number of them: the line that caused the cut is then lost, and the next one
- * finds room.
- */
+ * finds room. */
 bool write_back(FILE *from, const char *path) {
     ux_file file = open_file(path, "we");
     if (!file) {
@@ -94,11 +92,9 @@ ux_file stream_beside(const char *path) {
     return stream;
 }
 
-/*
- * What is to be kept, in an anonymous file: beside the log, where a full /tmp
+/* What is to be kept, in an anonymous file: beside the log, where a full /tmp
  * does no harm, or else among the temporary files, where a full log disk does
- * none. Null when it fits neither.
- */
+ * none. Null when it fits neither. */
 ux_file kept_part(const char *path, off_t offset) {
     ux_file copy = stream_beside(path);
     if (copy && save_tail(path, offset, copy.get())) {
@@ -124,11 +120,9 @@ bool cut_head(const char *path, off_t offset) {
     return write_back(kept.get(), path);
 }
 
-/*
- * Takes back what there is of a torn line of that length, or else the next
+/* Takes back what there is of a torn line of that length, or else the next
  * one would continue it. Scripts may write here too: nothing is taken back
- * when more than the line stands behind the former end.
- */
+ * when more than the line stands behind the former end. */
 void take_back(const char *path, off_t former_size, size_t length) {
     struct stat status;
     if (stat(path, &status) == 0 && status.st_size > former_size &&

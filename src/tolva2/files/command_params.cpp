@@ -39,21 +39,17 @@ size_t placeholder_length(const char *text) {
     return length > 1 && ends ? length : 0;
 }
 
-/*
- * Takes so many characters, and the one that ends them, off the front of
- * *rest. The result is never null, so that it is some text even when empty.
- */
+/* Takes so many characters, and the one that ends them, off the front of
+ * *rest. The result is never null, so that it is some text even when empty. */
 std::string_view take_front(std::string_view *rest, size_t length) {
     std::string_view front(rest->data(), std::min(length, rest->size()));
     rest->remove_prefix(std::min(front.size() + 1, rest->size()));
     return front;
 }
 
-/*
- * The next parameter of *rest; null when none is left. Only a quote at the
+/* The next parameter of *rest; null when none is left. Only a quote at the
  * very next character opens a quoted one, so two blanks before a quote make
- * it an ordinary character.
- */
+ * it an ordinary character. */
 std::string_view next_parameter(std::string_view *rest) {
     if (rest->starts_with('"')) {
         rest->remove_prefix(1);

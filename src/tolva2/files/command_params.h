@@ -29,33 +29,25 @@ constexpr const char *PARAM_BLANKS = " \t";
  * empty or not there. */
 [[nodiscard]] command_index is_V2command(const char *word);
 
-/*
- * Cuts the next word off *rest, in place, at the characters in delimiters;
+/* Cuts the next word off *rest, in place, at the characters in delimiters;
  * *rest then stands behind the one delimiter that ended it, or at the end.
- * Returns the word, or null when none is left.
- */
+ * Returns the word, or null when none is left. */
 [[nodiscard]] char *split_word(char **rest, const char *delimiters);
 
-/*
- * Trims blanks and tabs and one pair of quotes around the whole, in place.
- * Returns the text, or null when nothing is left or text is null.
- */
+/* Trims blanks and tabs and one pair of quotes around the whole, in place.
+ * Returns the text, or null when nothing is left or text is null. */
 [[nodiscard]] char *strip_params(char *text);
 
-/*
- * Replaces the placeholders (#NAME, %s) of the template in buffer by the
+/* Replaces the placeholders (#NAME, %s) of the template in buffer by the
  * parameters, one after the other; those without a parameter stay. Writes at
  * most size characters and a terminator, so buffer holds size + 1 bytes.
  * params may be null, and no part of buffer. Returns the length; 0, with
- * buffer as it was, when memory is exhausted.
- */
+ * buffer as it was, when memory is exhausted. */
 int32_t patch_msg_param(char *buffer, size_t size, const char *params);
 
-/*
- * Builds the argument string of command index from the text behind its word
+/* Builds the argument string of command index from the text behind its word
  * (cut up in place, may be null) into out of size bytes. Returns non-zero
- * when out holds one, 0 when there is none.
- */
+ * when out holds one, 0 when there is none. */
 [[nodiscard]] int32_t get_V2command_params(char *out, size_t size,
                                            command_index index, char *text);
 

@@ -53,10 +53,8 @@ constexpr event_message<2> members_missing{837};  /* usable, named */
 } // namespace event
 /* clang-format on */
 
-/*
- * Logs an event with its texts, as many as it is declared with. True when a
- * line was written.
- */
+/* Logs an event with its texts, as many as it is declared with. True when a
+ * line was written. */
 template <std::convertible_to<const char *>... texts>
 bool report(event_message<sizeof...(texts)> what, texts... arguments) {
     return log_message(sizeof...(texts), msgdb_get(what.number), arguments...);

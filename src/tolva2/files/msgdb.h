@@ -10,23 +10,17 @@
 #include <cstdint>
 #include <cstdio>
 
-/*
- * Names the file. False when name is null, empty, no regular file (errno
- * tells) or memory is exhausted; a former name then stays.
- */
+/* Names the file. False when name is null, empty, no regular file (errno
+ * tells) or memory is exhausted; a former name then stays. */
 [[nodiscard]] bool msgdb_open(const char *name);
 void msgdb_close();
 
-/*
- * The text of a message in one shared buffer of 1,024 bytes, which the next
- * call overwrites; null when there is no text.
- */
+/* The text of a message in one shared buffer of 1,024 bytes, which the next
+ * call overwrites; null when there is no text. */
 [[nodiscard]] const char *msgdb_get(int32_t number);
 
-/*
- * The same into buffer: the length of the text, 0 when there is none or no
- * file, -1 for a null buffer or a size of 0. buffer is empty without a text.
- */
+/* The same into buffer: the length of the text, 0 when there is none or no
+ * file, -1 for a null buffer or a size of 0. buffer is empty without a text. */
 [[nodiscard]] int32_t msgdb_get_into(int32_t number, char *buffer, size_t size);
 
 /* The search itself, on an open stream. Results as msgdb_get_into. */

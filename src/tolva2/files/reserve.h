@@ -11,10 +11,8 @@
 
 #include <cstdint>
 
-/*
- * Takes what is missing of the reserve, at numbers that leave the low ones to
- * sockets. Returns 0 when it is whole, else the error that kept it from it.
- */
+/* Takes what is missing of the reserve, at numbers that leave the low ones to
+ * sockets. Returns 0 when it is whole, else the error that kept it from it. */
 int32_t fill_reserve();
 
 /* Closes what the reserve holds: false when that is nothing. */

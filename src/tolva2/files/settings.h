@@ -42,13 +42,11 @@ struct receiver_params {
 extern receiver_params *rp;
 extern receiver_params *rp_defaults;
 
-/*
- * Fills the record from the file at path; what the file does not say takes
+/* Fills the record from the file at path; what the file does not say takes
  * its default, file names under the directory home (may be null). missing_ok
  * non-zero: the file may be absent or empty. Returns the record, or null on
  * failure, memory that is exhausted included: then the settings in force stay
- * as they are.
- */
+ * as they are. */
 [[nodiscard]] receiver_params *
 read_receiver_config(const char *path, const char *home, int32_t missing_ok);
 

@@ -22,10 +22,8 @@ void cancel_connections();
 /* Runs AliveProg with address, date and time. */
 void exec_aliveproc(connection *cn);
 
-/*
- * Drops a server for good that has failed AliveRetries times in a row, unless
- * its script still runs. May free the node.
- */
+/* Drops a server for good that has failed AliveRetries times in a row, unless
+ * its script still runs. May free the node. */
 void check_alive_retries(ux_list_element *node);
 
 /* True when a check of the server with that address text is open and its last

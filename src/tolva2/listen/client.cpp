@@ -118,10 +118,8 @@ void run_request(connection *cn, request_class kind, char *text) {
     }
 }
 
-/*
- * One receive is the whole command: there is no framing. False when there was
- * nothing to receive after all, and the client is waited for as before.
- */
+/* One receive is the whole command: there is no framing. False when there was
+ * nothing to receive after all, and the client is waited for as before. */
 bool receive_command(connection *cn) {
     char text[TEXT_BUFFER];
     ssize_t length = recv(cn->fd.get(), text, sizeof text - 1, MSG_DONTWAIT);
@@ -244,7 +242,7 @@ void handle_tcp_client(ux_list_element *node) {
         unregister_connection(clients, node);
     } else if (!cn->want_reply) {
         /* The record stays until its script has been collected. */
-        cn->fd.close();
+        cn->fd.reset();
     }
 }
 

@@ -8,10 +8,8 @@
 
 #include "tolva2/net/connection.h"
 
-/*
- * True when the address is in the list; ports do not count. Asserts
- * "sin_addr && sin_addr->s_addr".
- */
+/* True when the address is in the list; ports do not count. Asserts
+ * "sin_addr && sin_addr->s_addr". */
 [[nodiscard]] bool client_is_allowed(const ux_list *allowed,
                                      const in_addr *sin_addr);
 
@@ -24,11 +22,9 @@ struct accept_pause {
     time_t when;
 };
 
-/*
- * Accepts one client that must send its command by deadline; refused ones are
+/* Accepts one client that must send its command by deadline; refused ones are
  * logged and closed. When no descriptor can be had, or accepting fails again
- * and again, it says so once, and accepting_clients tells when to try again.
- */
+ * and again, it says so once, and accepting_clients tells when to try again. */
 void handle_tcp_connect(int32_t listener, const ux_list *allowed,
                         time_t deadline, accept_pause *pause);
 
@@ -47,10 +43,8 @@ void handle_udp_connect(int32_t udp_socket, const ux_list *allowed);
 /* Reads a client's command and runs it. May free the node. */
 void handle_tcp_client(ux_list_element *node);
 
-/*
- * Drops clients whose deadline has passed. Returns the seconds until the next
- * one, -1 when none waits; after the clock was set back, an absolute time.
- */
+/* Drops clients whose deadline has passed. Returns the seconds until the next
+ * one, -1 when none waits; after the clock was set back, an absolute time. */
 [[nodiscard]] int64_t check_timeout_clients(time_t now, int32_t timeout);
 
 #endif

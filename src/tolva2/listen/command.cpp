@@ -69,11 +69,9 @@ struct ended_child {
     int status;
 };
 
-/*
- * Children that have ended or were stopped, and whose records have not been
+/* Children that have ended or were stopped, and whose records have not been
  * found yet. They are collected in the system's order, so that a thousand
- * scripts need not be asked one by one, and served in that of the lists.
- */
+ * scripts need not be asked one by one, and served in that of the lists. */
 struct {
     ended_child children[256];
     size_t count;

@@ -12,21 +12,17 @@
  * when it was started. */
 bool exec_V1command(connection *cn);
 
-/*
- * A command text (cut up in place, may be null). True when a script was
- * started or the text logged.
- */
+/* A command text (cut up in place, may be null). True when a script was
+ * started or the text logged. */
 bool exec_V2command(connection *cn, char *text);
 
 /* Serves the records of one list (clients or connections) whose scripts have
  * been collected; reap_children calls it. */
 void handle_sigchld(ux_list *list);
 
-/*
- * Collects every child that has ended and serves the records of both lists
+/* Collects every child that has ended and serves the records of both lists
  * that follow them. A child that no record follows any more must not stay
- * behind as a zombie either.
- */
+ * behind as a zombie either. */
 void reap_children();
 
 #endif

@@ -26,19 +26,15 @@ struct redundancy_record {
     char batch_file[BATCH_FILE_SIZE];
 };
 
-/*
- * Builds the record from the settings and the members' list, whose entries
+/* Builds the record from the settings and the members' list, whose entries
  * must outlive it. Members past the 30th and a batch file name that does not
- * fit are left out, with a line in the log.
- */
+ * fit are left out, with a line in the log. */
 void init_redundant_shutdowns(const receiver_params *settings,
                               const ux_list *address_list);
 
-/*
- * A request came from cn's address: true when the shutdown is to be carried
+/* A request came from cn's address: true when the shutdown is to be carried
  * out, false when it is suppressed. Asks the servers again, may run the batch file,
- * and always says "returning: ..." on standard error.
- */
+ * and always says "returning: ..." on standard error. */
 [[nodiscard]] bool track_redundant_shutdowns(connection *cn);
 
 /* The members and their flags as trace lines. */

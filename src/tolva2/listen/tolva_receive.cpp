@@ -63,10 +63,8 @@ void take_signals() {
     set_signal(SIGXFSZ, handle_signal, 0);
 }
 
-/*
- * Handled signals are held back except while waiting, so that none can slip
- * in between a look at its flag and the wait.
- */
+/* Handled signals are held back except while waiting, so that none can slip
+ * in between a look at its flag and the wait. */
 void hold_signals_back(listener_state *state) {
     /* Whatever our parent held back: we must be able to hear a stop signal. */
     sigemptyset(&state->wait_mask);
@@ -320,13 +318,13 @@ void tear_down(listener_state *state) {
         report(event::watch_stopped);
     }
     if (state->udp) {
-        state->udp.close();
+        state->udp.reset();
         report(event::udp_stopped);
     }
     if (!state->tcp) {
         return;
     }
-    state->tcp.close();
+    state->tcp.reset();
     if (clients->size > 0) {
         ux_list_destroy(clients);
     }

@@ -8,12 +8,10 @@
 #include "tolva2/files/settings.h"
 #include "unixtools/ux_list.h"
 
-/*
- * Serves commands until a stop signal. allowed: who may send, empty for all;
+/* Serves commands until a stop signal. allowed: who may send, empty for all;
  * alive: the servers to watch; redundancy: the redundant senders. Keeps
  * settings as rp. Returns the running flag: 0 after a stop signal, non-zero
- * when the sockets could not be opened or waiting failed.
- */
+ * when the sockets could not be opened or waiting failed. */
 int32_t recv_mode(receiver_params *settings, const ux_list *allowed,
                   const ux_list *alive, const ux_list *redundancy);
 

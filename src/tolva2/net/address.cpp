@@ -115,12 +115,10 @@ const char *GetHostAddrFromHostName(const char *name) {
 
 namespace {
 
-/*
- * Waits for the resolving child's answer until it comes, the child ends or
+/* Waits for the resolving child's answer until it comes, the child ends or
  * the alarm goes off. The alarm is let in only while waiting, so that it
  * cannot slip through just before and its handler never runs inside other
- * code.
- */
+ * code. */
 bool read_answer(int fd, bool armed, char *text) {
     sigset_t wait_mask;
     sigprocmask(SIG_SETMASK, nullptr, &wait_mask);

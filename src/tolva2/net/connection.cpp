@@ -144,7 +144,7 @@ void wait_in(connection *cn, event_bits events, connection_handler next) {
 }
 
 void close_exchange(connection *cn) {
-    cn->fd.close();
+    cn->fd.reset();
     cn->handler = nullptr;
 }
 

@@ -70,25 +70,19 @@ using connection_owner = std::unique_ptr<connection, connection_destroyer>;
 [[nodiscard]] connection_owner new_connection(mode_code mode,
                                               address_kind type);
 
-/*
- * Append a record to a list (or to connections), which then owns it. False
+/* Append a record to a list (or to connections), which then owns it. False
  * when memory is exhausted: the record is gone. Assert "list && cn" and
- * "connections && cn".
- */
+ * "connections && cn". */
 [[nodiscard]] bool register_connection(ux_list *list, connection_owner cn);
 [[nodiscard]] bool register_connection(connection_owner cn);
 
-/*
- * Remove a node from a list (or from connections) and destroy its record.
- * Assert "list && element" and "connections && element".
- */
+/* Remove a node from a list (or from connections) and destroy its record.
+ * Assert "list && element" and "connections && element". */
 void unregister_connection(ux_list *list, ux_list_element *element);
 void unregister_connection(ux_list_element *element);
 
-/*
- * Builds one record in connections per address; an address without a port
- * gets the default port. Returns the number of records, 0 on failure.
- */
+/* Builds one record in connections per address; an address without a port
+ * gets the default port. Returns the number of records, 0 on failure. */
 [[nodiscard]] int32_t set_connections(const ux_list *entries,
                                       uint32_t default_port);
 
@@ -113,10 +107,8 @@ void wait_in(connection *cn, event_bits events, connection_handler next);
 /* Takes socket and handler from the record. */
 void close_exchange(connection *cn);
 
-/*
- * A non-blocking TCP socket with a connect to cn->addr under way, or none; a
- * failure is logged.
- */
+/* A non-blocking TCP socket with a connect to cn->addr under way, or none; a
+ * failure is logged. */
 [[nodiscard]] ux_fd open_connect_socket(const connection *cn);
 
 #endif

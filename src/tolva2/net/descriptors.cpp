@@ -80,15 +80,15 @@ watched_fd::watched_fd(watched_fd &&other) noexcept
 
 watched_fd &watched_fd::operator=(watched_fd &&other) noexcept {
     if (this != &other) {
-        close();
+        reset();
         fd = std::exchange(other.fd, -1);
     }
     return *this;
 }
 
-watched_fd::~watched_fd() { close(); }
+watched_fd::~watched_fd() { reset(); }
 
-void watched_fd::close() {
+void watched_fd::reset() {
     if (fd >= 0) {
         close_descriptor(std::exchange(fd, -1));
     }

@@ -23,11 +23,9 @@ class watched_fd {
 
     explicit operator bool() const { return fd >= 0; }
     int32_t get() const { return fd; }
-    /*
-     * Closes the socket and takes it out of the pass that is running too, so
-     * that a number opened again within it starts clean.
-     */
-    void close();
+    /* Closes the socket and takes it out of the pass that is running too, so
+     * that a number opened again within it starts clean. */
+    void reset();
 
   private:
     int32_t fd = -1;
@@ -52,17 +50,13 @@ void reset_descriptors(int32_t first_maxfd);
 /* True while the budget, max_fds, allows one more. */
 [[nodiscard]] bool descriptor_left();
 
-/*
- * Counts, before anything is open, the numbers that a wait can look at and
- * that nobody else has; number_left is false once they are used up.
- */
+/* Counts, before anything is open, the numbers that a wait can look at and
+ * that nobody else has; number_left is false once they are used up. */
 void count_numbers();
 [[nodiscard]] bool number_left();
 
-/*
- * Why a new socket cannot be watched: errno when there is none, EMFILE for a
- * number past what the wait can look at; 0 when it can.
- */
+/* Why a new socket cannot be watched: errno when there is none, EMFILE for a
+ * number past what the wait can look at; 0 when it can. */
 [[nodiscard]] int32_t why_unwatchable(const ux_fd &fd);
 
 struct wait_result {
@@ -70,11 +64,9 @@ struct wait_result {
     int32_t error;
 };
 
-/*
- * Waits until a watched socket is ready, a signal comes or so many seconds
+/* Waits until a watched socket is ready, a signal comes or so many seconds
  * have passed; below 0: without limit. mask (may be null) holds while waiting
- * only. See ready() for what was found.
- */
+ * only. See ready() for what was found. */
 [[nodiscard]] wait_result wait_for_descriptors(int64_t seconds,
                                                const sigset_t *mask);
 

@@ -8,11 +8,9 @@
 
 #include "tolva2/net/connection.h"
 
-/*
- * Handlers of a record whose connect is under way, in this order. The first
+/* Handlers of a record whose connect is under way, in this order. The first
  * three call the record's cancel ending on any failure; the last cannot fail
- * and calls its end ending. Each asserts "cn".
- */
+ * and calls its end ending. Each asserts "cn". */
 void do_kesdal_send_logon(ux_list_element *node, event_bits events);
 void do_kesdal_recv_logon(ux_list_element *node, event_bits events);
 void do_kesdal_send_logoff(ux_list_element *node, event_bits events);

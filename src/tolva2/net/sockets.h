@@ -53,18 +53,14 @@ bool set_keep_alive(int32_t fd);
 [[nodiscard]] ux_fd sock_accept(int32_t fd, sockaddr_in *address,
                                 socklen_t *length);
 
-/*
- * accept, with the peer's dotted address in buffer, at most size - 1
+/* accept, with the peer's dotted address in buffer, at most size - 1
  * characters, always terminated. The new descriptor, which is the caller's,
- * or 0 on failure.
- */
+ * or 0 on failure. */
 [[nodiscard]] int32_t sock_accept_peer(int32_t fd, char *buffer, size_t size);
 
-/*
- * One send of a text of 1 to 4,095 characters, without or with its
+/* One send of a text of 1 to 4,095 characters, without or with its
  * terminator. The number of bytes sent when all were, else 0; a text of any
- * other length is not sent at all.
- */
+ * other length is not sent at all. */
 [[nodiscard]] int32_t sock_send_text(int32_t fd, const char *text);
 [[nodiscard]] int32_t sock_send_text0(int32_t fd, const char *text);
 
@@ -72,11 +68,9 @@ bool set_keep_alive(int32_t fd);
 [[nodiscard]] int32_t udp_send_text(int32_t fd, uint16_t port,
                                     const char *dotted, const char *text);
 
-/*
- * One recv of at most size - 1 bytes, terminated. Bytes received, which is 0
+/* One recv of at most size - 1 bytes, terminated. Bytes received, which is 0
  * when the peer has closed and on error; a size of 0 or above 4,096 gives 0 at
- * once.
- */
+ * once. */
 int32_t sock_recv_text(int32_t fd, char *buffer, size_t size);
 
 /* One recvfrom of at most size - 1 bytes, terminated. Bytes, 0 on error. */

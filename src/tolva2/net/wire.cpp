@@ -26,10 +26,8 @@ bool format_request(char *buffer, size_t size, const char *command) {
     return length > 0 && static_cast<size_t>(length) < size;
 }
 
-/*
- * The descriptor's own number stands for a client number: no other socket of
- * this host's program has it at that moment.
- */
+/* The descriptor's own number stands for a client number: no other socket of
+ * this host's program has it at that moment. */
 int32_t send_kesdal(int32_t fd, const char *verb) {
     char buffer[TEXT_BUFFER];
     snprintf(buffer, sizeof buffer, "%s %05d %s", KESDAL_CLIENT, fd, verb);

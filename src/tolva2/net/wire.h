@@ -18,12 +18,10 @@ constexpr size_t REPLY_HEADER_LENGTH = sizeof(REPLY_HEADER) - 1;
 /* Where the text of a reply begins: the byte between is never looked at. */
 constexpr size_t REPLY_TEXT_OFFSET = REPLY_HEADER_LENGTH + 1;
 
-/*
- * Send a request: the header alone when command is null or empty, else header
+/* Send a request: the header alone when command is null or empty, else header
  * and command. One that does not fit a message (4,095 bytes, 1,471 in a
  * datagram) is not sent: a cut command would be another command. Bytes sent,
- * 0 on failure.
- */
+ * 0 on failure. */
 int32_t send_ok(int32_t fd, const char *command);
 int32_t udp_send_ok(int32_t fd, uint16_t port, const char *dotted,
                     const char *command);
@@ -42,11 +40,9 @@ int32_t recv_kesdal(int32_t fd);
 /* True when text begins with the reply header, in any case. */
 bool is_reply_header(const char *text);
 
-/*
- * Finds the first word of text that begins with key and copies what stands
+/* Finds the first word of text that begins with key and copies what stands
  * behind its "=" into out, cut to size - 1 characters. Returns out, or null
- * when there is no such word or no value; out is then empty.
- */
+ * when there is no such word or no value; out is then empty. */
 char *get_key_value(const char *text, const char *key, char *out, size_t size);
 
 /* A script's exit status as ours: 0 stays 0, failures become 128 to 255. */

@@ -8,11 +8,9 @@
 
 #include "unixtools/ux_list.h"
 
-/*
- * Sends command (may be null: the bare request) to every address of the list.
+/* Sends command (may be null: the bare request) to every address of the list.
  * timeout in seconds for the whole run, 0: no limit. Returns the process's
- * exit status.
- */
+ * exit status. */
 int32_t send_mode(const ux_list *addresses, int32_t port, int32_t timeout,
                   const char *command);
 

@@ -110,10 +110,8 @@ ux_text join_words(argument_span words) {
     return text;
 }
 
-/*
- * The first word is no option: it is skipped, and all that follows is the
- * shutdown script's command line.
- */
+/* The first word is no option: it is skipped, and all that follows is the
+ * shutdown script's command line. */
 void take_words(cmdline_options *options, argument_span words) {
     if (options->mode != MODE_LISTEN) {
         fatal("%s: unknown parameter: `%s' (-? for help).\n", progname,

@@ -11,17 +11,13 @@
 #include <cstdint>
 #include <span>
 
-/*
- * Reads the arguments, some of them cut up in place, and runs the mode that
+/* Reads the arguments, some of them cut up in place, and runs the mode that
  * they or the program's name choose. Returns its result. The first argument is
- * the program's own word, which is not looked at: progname has its name.
- */
+ * the program's own word, which is not looked at: progname has its name. */
 [[nodiscard]] int32_t check_input(std::span<char *const> arguments);
 
-/*
- * The mode that the arguments name, the first of them left out as above;
- * MODE_NONE for none. Serves -?, -h and -v.
- */
+/* The mode that the arguments name, the first of them left out as above;
+ * MODE_NONE for none. Serves -?, -h and -v. */
 [[nodiscard]] mode_code scan_mode(std::span<char *const> arguments);
 
 #endif

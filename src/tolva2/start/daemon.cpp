@@ -22,10 +22,8 @@ bool leave_parent() {
     return child == 0;
 }
 
-/*
- * None of the three is ever closed: a socket would take its number, and then
- * the log would go there. One that cannot be replaced stays as it is.
- */
+/* None of the three is ever closed: a socket would take its number, and then
+ * the log would go there. One that cannot be replaced stays as it is. */
 void redirect_standard_descriptors() {
     ux_fd null_device(open("/dev/null", O_RDWR));
     if (!null_device) {

@@ -103,11 +103,9 @@ void open_log() {
     }
 }
 
-/*
- * Senders were named, but none of the names could be used. An empty list
+/* Senders were named, but none of the names could be used. An empty list
  * admits everybody, which is the last thing that was asked for: put in an
- * address that nobody can come from.
- */
+ * address that nobody can come from. */
 void admit_nobody(ux_list *peers) {
     char nobody[] = "255.255.255.255";
     log_message(

@@ -9,12 +9,10 @@
 #include "unixtools/ux_list.h"
 #include "unixtools/ux_owned.h"
 
-/*
- * Prepares and runs listen mode. Null texts, ports of 0 and numbers below 0
+/* Prepares and runs listen mode. Null texts, ports of 0 and numbers below 0
  * mean "not given". listen_host and the lists stay the caller's, and the lists
  * may grow. Start-up errors end the process with status 1. Returns recv_mode's
- * result.
- */
+ * result. */
 [[nodiscard]] int32_t init_receiver(ux_text cfgfile, const char *listen_host,
                                     int32_t port, int32_t check_port,
                                     ux_list *peers, ux_list *servers,

@@ -143,10 +143,8 @@ constexpr uint32_t in(mode_code mode) { return 1U << mode; }
 
 constexpr uint32_t EVERY_MODE = ~0U;
 
-/*
- * Of two rows that are for the same option, the first one counts. A value is
- * used where there is one, but for store_nothing.
- */
+/* Of two rows that are for the same option, the first one counts. A value is
+ * used where there is one, but for store_nothing. */
 struct option_row {
     std::string_view letters; /* see is_for */
     uint32_t modes;           /* where it is allowed, with a value */

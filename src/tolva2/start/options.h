@@ -33,10 +33,8 @@ class address_list {
     ux_list list{};
 };
 
-/*
- * What the arguments say. Null texts, ports of 0 and numbers below 0 were not
- * given. The lists go in the order peers, servers, redundant.
- */
+/* What the arguments say. Null texts, ports of 0 and numbers below 0 were not
+ * given. The lists go in the order peers, servers, redundant. */
 struct cmdline_options {
     mode_code mode = MODE_NONE;
     ux_text cfgfile{};
@@ -64,11 +62,9 @@ struct typed_option {
 /* Reads an argument that begins with "-"; the result points to it. */
 [[nodiscard]] typed_option read_option(const char *argument);
 
-/*
- * True when a row with these letters is for the option. They are the option's
+/* True when a row with these letters is for the option. They are the option's
  * letter, then each third character that the row is for, with NUL for no third
- * one; without any of them it is for all.
- */
+ * one; without any of them it is for all. */
 [[nodiscard]] constexpr bool is_for(std::string_view letters,
                                     const typed_option &option) {
     return letters[0] == option.letter &&
@@ -76,12 +72,10 @@ struct typed_option {
             letters.find(option.third, 1) != letters.npos);
 }
 
-/*
- * Puts into the record what an option says; value is the argument behind it,
+/* Puts into the record what an option says; value is the argument behind it,
  * which may be cut up, or null when that is none or another option. Returns
  * true when the option has used the value. One that is unknown, in the wrong
- * mode or without a good value ends the process with one line and status 1.
- */
+ * mode or without a good value ends the process with one line and status 1. */
 [[nodiscard]] bool take_option(cmdline_options *options, const char *argument,
                                char *value);
 

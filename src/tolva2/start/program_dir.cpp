@@ -36,10 +36,8 @@ struct path_text {
     }
 };
 
-/*
- * Takes the first segment off *rest, which then stands behind the separator,
- * or is null when that was the last one.
- */
+/* Takes the first segment off *rest, which then stands behind the separator,
+ * or is null when that was the last one. */
 std::string_view take_segment(const char **rest, char separator) {
     const char *text = *rest;
     const char *end = strchr(text, separator);
@@ -47,11 +45,9 @@ std::string_view take_segment(const char **rest, char separator) {
     return end ? std::string_view(text, static_cast<size_t>(end - text)) : text;
 }
 
-/*
- * An absolute path with runs of "/" made one, without "." segments, and
+/* An absolute path with runs of "/" made one, without "." segments, and
  * without ".." segments and the one before each. The last segment stays as it
- * is.
- */
+ * is. */
 path_text normalise(const char *path) {
     path_text normal;
     while (path) {

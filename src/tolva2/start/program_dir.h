@@ -10,11 +10,9 @@
 /* Points just behind the last "/" of path, or at path itself. */
 const char *base_name(const char *path);
 
-/*
- * The directory that holds the running executable, from argv[0] and, when
+/* The directory that holds the running executable, from argv[0] and, when
  * that has no "/", from PATH. Null when nothing is found, a path is too long or
- * memory is exhausted.
- */
+ * memory is exhausted. */
 [[nodiscard]] ux_text find_program_dir(const char *argv0);
 
 #endif
