@@ -1,0 +1,142 @@
+"""What must hold whatever fails, and what came of a fault."""
+
+import collections
+import re
+
+from scenes import COMPLAINT, Listener
+
+# What came of a fault, in the order of the table.
+OUTCOMES = {
+    "unharmed": "all was done, and all lines are there",
+    "told": "something was not done, and a line says so",
+    "refused": "it did not start: a line, and status 1",
+    "stopped": "the listener ended: a line, and status 1",
+    "no reply": "all was done, but the sender was not told: it says so",
+    "line lost": "all was done, but a line is not in the log",
+    "mute": "something was not done, and the log could not be written",
+    "not reached": "the call was not made this time",
+    "violation": "",
+}
+
+# Without these no line gets into the log, or to the terminal.
+WRITERS = {"fopen", "fwrite", "fclose", "fflush", "fputs", "fputc", "vfprintf",
+           "vprintf", "fstat", "memory", "malloc", "write", "stat", "fdopen",
+           "open", "fgets"}
+
+
+def lost(lines, wanted):
+    """What is wanted and not among the lines."""
+    return list((collections.Counter(wanted) -
+                 collections.Counter(lines)).elements())
+
+
+def judge(scene, base, seen, fault):
+    """(outcome, problems) of a run of the scene."""
+    problems = list(seen.problems)
+    extra = lost(base.lines, seen.lines)
+    missing = lost(seen.lines, base.lines)
+    complaints = [line for line in extra if COMPLAINT.search(line)]
+    if issubclass(scene, Listener):
+        outcome, different = judge_listener(scene, base, seen, fault,
+                                            complaints, problems)
+    else:
+        outcome, different = judge_sender(scene, base, seen, problems)
+    if outcome is None and different:
+        if complaints:
+            outcome = "told"
+        elif is_lost_reply(seen, fault, different):
+            outcome = "no reply"
+        elif fault.call in WRITERS and (fault.extent == "on" or
+                                        "messages.dat" in seen.what or
+                                        "tolva.log" in seen.what):
+            outcome = "mute"
+        else:
+            problems.append(f"silent: {different}")
+    elif outcome in ("refused", "stopped") and not complaints:
+        if fault.call in WRITERS and fault.extent == "on":
+            outcome = "mute"
+        else:
+            problems.append(f"silent, though {outcome}")
+    if outcome is None:
+        outcome = ("told" if complaints else "line lost" if missing
+                   else "unharmed")
+    if not seen.hits and not problems:
+        outcome = "not reached"
+    return ("violation" if problems else outcome), problems
+
+
+def judge_listener(scene, base, seen, fault, complaints, problems):
+    acknowledged = {name for name, result, _ in seen.steps
+                    if isinstance(result, tuple) and result[0] == "status 0"}
+    tokens = seen.tokens
+    for token, count in tokens.items():
+        if token not in base.tokens and not token.startswith("notalive"):
+            problems.append(f"ran what was never asked for: {token}")
+        if count > scene.requests.get(token, 1) and \
+                not token.startswith("notalive"):
+            problems.append(f"ran {count} times: {token}")
+    for name, token in (("status", "one"), ("probe", "probe"),
+                        ("again", "again")):
+        if name in acknowledged and tokens[token] != 1:
+            problems.append(f"acknowledged, but did not run: {token}")
+    if "log" in acknowledged and "noted" not in seen.log_lines:
+        problems.append("acknowledged, but not logged")
+    if not seen.up:
+        if seen.tokens:
+            problems.append("ran something and was never up")
+        if seen.status != 1:
+            problems.append(f"status {seen.status} without a start")
+        return "refused", None
+    steps = {name: result for name, result, _ in base.steps}
+    different = []
+    gone = any(result == "gone" for _, result, _ in seen.steps)
+    for name, result, began in seen.steps:
+        if result == steps[name]:
+            continue
+        different.append(f"{name} {result}, not {steps.get(name)}")
+        if began and fault.extent == "once" and not gone:
+            problems.append(f"not served: {different[-1]}")
+        if name == "held back" and result != "gone" and \
+                "shutdown" in result and \
+                not any("not alive" in line for line in complaints):
+            problems.append("shutdown that was to be held back")
+    if gone or seen.status == 1:
+        if seen.status != 1:
+            problems.append(f"status {seen.status} of one that ended")
+        return "stopped", None
+    if seen.status != 0:
+        problems.append(f"status {seen.status}, not 0")
+    if seen.sockets is not None and seen.sockets > base.sockets:
+        problems.append(f"{seen.sockets} sockets, not {base.sockets}")
+    if seen.sockets is not None and seen.files > base.files:
+        problems.append(f"{seen.files} other descriptors, not {base.files}")
+    if seen.sockets is not None and seen.sockets < base.sockets:
+        different.append(f"{seen.sockets} sockets, not {base.sockets}")
+    for line in seen.log_lines:
+        if re.search(r"tolva\[\d+\]", line):
+            problems.append(f"torn line: {line}")
+    return None, different
+
+
+def is_lost_reply(seen, fault, different):
+    """The script ran, and only the answer about it did not get through: the
+    sender is the one who says so."""
+    return fault.call in ("send", "getsockopt") and all(
+        re.match(r"\w+ \(.closed.*, '\w+'\), not", text) or
+        re.match(r"log \(.closed", text) for text in different)
+
+
+def judge_sender(scene, base, seen, problems):
+    whole = seen.received.count(scene.request)
+    if seen.status not in (scene.good, 1):
+        problems.append(f"status {seen.status}")
+    if whole > 1:
+        problems.append("sent twice")
+    if seen.status == scene.good and whole != 1:
+        problems.append(f"status {seen.status}, but {seen.received} arrived")
+    different = []
+    if seen.status != base.status:
+        different.append(f"status {seen.status}")
+    elif seen.left_open > base.left_open:
+        problems.append(f"{seen.left_open} descriptors open at the end")
+    return None, different
