@@ -92,12 +92,18 @@ bool store_setting(const config_line *parsed, ux_hashtable *table) {
     return result >= 0;
 }
 
+/* The system lacks something, or is broken: that says nothing about a file. */
+bool is_trouble(int error) {
+    return error == ENOMEM || error == EMFILE || error == ENFILE ||
+           error == EIO;
+}
+
 /* file_to_hashtable with a fuller answer, under its name in the trace. */
 reading read_file(const char *path, ux_hashtable *table) {
     trace_in("file_to_hashtable");
     ux_file file(fopen(path, "re"));
     if (!file) {
-        return errno == ENOMEM ? reading::failed : reading::nothing;
+        return is_trouble(errno) ? reading::failed : reading::nothing;
     }
     char line[CONFIG_LINE_BUFFER];
     config_line parsed;

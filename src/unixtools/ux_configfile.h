@@ -42,10 +42,10 @@ enum ux_option_result : int32_t {
 
 /* Fill the table's storage from the file, or from the defaults for keys that
  * are absent or have no value. missing_ok non-zero: a file that is absent, a
- * directory or empty, or that cannot be opened, gives every default. Returns
+ * directory or empty, or that may not be opened, gives every default. Returns
  * 1, or 0, and then only some of the storage may have been filled. A file that
- * breaks off and memory that is exhausted give 0 whatever missing_ok is.
- * Asserts "topic_table". */
+ * breaks off, and a lack of memory or descriptors, give 0 whatever missing_ok
+ * is. Asserts "topic_table". */
 [[nodiscard]] int32_t ux_readconfig(const char *path,
                                     const ux_option *topic_table,
                                     uint32_t buckets, int32_t missing_ok);
