@@ -148,13 +148,14 @@ pid_t setsid(void)
 """
 
 
-def test_a_listener_that_cannot_detach_serves_and_shows_no_process_id(home):
+def test_a_listener_that_cannot_detach_says_so_and_serves(home):
     listener = home.listener(
         daemon=True, env=preload.environment(
             home, preload.build("bound_to_stay", BOUND_TO_STAY)))
     listener.request(LOG_TEXT + b"served")
     listener.stop()
     assert [(line[2], line[3]) for line in home.log_lines()] == [
+        ("00000", "system: Operation not permitted"),
         ("00000", message(756)), ("00000", message(795)),
         ("00000", "served"), ("00000", message(757))]
 

@@ -170,8 +170,11 @@ void show_settings() {
     debug_printf("DEBUG: rp->kesdalport = %d\n", rp->kesdalport);
 }
 
+/* Without a process or a session of its own it serves nevertheless. */
 void detach() {
-    daemonize(0, 1);
+    if (daemonize(0, 1) < 0) {
+        log_system(errno);
+    }
     own_pid = getpid();
     if (daemonized) {
         log_as(own_pid);
