@@ -83,6 +83,7 @@ int __real_accept(int fd, sockaddr *address, socklen_t *length);
 int __real_pselect(int count, fd_set *readable, fd_set *writable, fd_set *other,
                    const timespec *limit, const sigset_t *mask);
 int __real_execv(const char *path, char *const arguments[]);
+pid_t __real_waitpid(pid_t pid, int *status, int options);
 int __real_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
                  const sigset_t *mask);
 
@@ -142,6 +143,10 @@ pid_t __wrap_fork() { return fails("fork") ? -1 : __real_fork(); }
 
 int __wrap_dup2(int from, int to) {
     return fails("dup2") ? -1 : __real_dup2(from, to);
+}
+
+pid_t __wrap_waitpid(pid_t pid, int *status, int options) {
+    return fails("waitpid") ? -1 : __real_waitpid(pid, status, options);
 }
 
 /* The program gives fcntl a number or nothing. */

@@ -154,6 +154,14 @@ TEST(new_inetaddr, leaves_no_timer_handler_child_or_descriptor_behind) {
               sigismember(&mask_after, SIGALRM));
 }
 
+TEST(new_inetaddr, collects_its_child_also_when_it_is_interrupted) {
+    failing_call interruption("waitpid", EINTR, 0, 1);
+    built one("myhost", 0);
+    EXPECT_NE(one.record, nullptr);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
 TEST(new_inetaddr, gives_up_on_a_hanging_resolver_after_ten_seconds) {
     int before = descriptors_in_use();
     auto start = std::chrono::steady_clock::now();

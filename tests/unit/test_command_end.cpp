@@ -1,5 +1,6 @@
 /* From the end of a script to the record that waits for it. */
 #include "command_fixture.h"
+#include "failing_calls.h"
 
 #include <algorithm>
 #include <csignal>
@@ -239,6 +240,18 @@ TEST(reap_children, an_old_number_takes_no_status_that_nobody_waits_for) {
     reap_children();
     EXPECT_EQ(listen.log.lines(), log_lines{});
     EXPECT_EQ(waitpid(lost.pid, nullptr, WNOHANG), -1);
+}
+
+/* Nobody would look again before the next script ends. */
+TEST(reap_children, an_interruption_leaves_no_child_behind) {
+    listener listen;
+    connection *cn = add_client();
+    ASSERT_TRUE(run_text(cn, "MSG_EXECUTE EXECUTE"));
+    siginfo_t info;
+    waitid(P_PID, static_cast<id_t>(cn->pid), &info, WEXITED | WNOWAIT);
+    failing_call interruption("waitpid", EINTR, 0, 1);
+    reap_children();
+    EXPECT_EQ(clients->size, 0u);
 }
 
 TEST(reap_children, does_not_wait_for_scripts_that_run) {

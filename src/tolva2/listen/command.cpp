@@ -13,6 +13,7 @@
 #include "tolva2/listen/redundancy.h"
 #include "tolva2/listen/reply.h"
 
+#include <cerrno>
 #include <iterator>
 #include <span>
 #include <sys/wait.h>
@@ -99,7 +100,7 @@ bool collect_children() {
         int status = 0;
         pid_t pid = waitpid(-1, &status, WNOHANG | WUNTRACED);
         if (pid <= 0) {
-            return false;
+            return pid < 0 && errno == EINTR;
         }
         note_child(pid, status);
     }

@@ -197,7 +197,8 @@ bool resolve_host(const char *host, char *text) {
         if (!found) {
             kill(child, SIGKILL);
         }
-        waitpid(child, nullptr, 0);
+        while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+        }
     }
     sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     return found;
