@@ -5,8 +5,8 @@
  *
  *   TOLVA_FAULT_TALLY  the file of the shared memory, of TALLY_SIZE bytes
  *   TOLVA_FAULT        "<function> <which call> once|on <error number>"; in
- *                      place of the number "short" for a call that moves half
- *                      of what it is asked for, "pending" for a socket that
+ *                      place of the number "short" for a call that moves less
+ *                      than it is asked for, "pending" for a socket that
  *                      has an error; "memory" stands for every function that
  *                      allocates
  *
@@ -159,7 +159,7 @@ struct tally {
 };
 _Static_assert(sizeof(struct tally) <= TALLY_SIZE, "the tally is too small");
 
-enum way { WORKS, FAILS, HALF, PENDING };
+enum way { WORKS, FAILS, PART, PENDING };
 
 static struct {
     int call; /* -1: memory */
@@ -434,7 +434,7 @@ size_t fread(void *block, size_t size, size_t count, FILE *file) {
     switch (STRIKE(fread, 0, fileno(file))) {
     case WORKS:
         return real.fread(block, size, count, file);
-    case HALF:
+    case PART:
         return real.fread(block, size, (count + 1) / 2, file);
     default:
         failed_stream(file);
@@ -517,6 +517,11 @@ int putchar(int character) {
 
 /* --- functions that may move less than they are asked for -------------------- */
 
+/* Of a message a third comes: half of one may be a whole one of another kind. */
+static ssize_t part(enum way way, ssize_t length) {
+    return way == PART && length > 2 ? length / 3 : length;
+}
+
 static size_t half(size_t size) {
     return size > 1 ? size / 2 : size;
 }
@@ -524,13 +529,13 @@ static size_t half(size_t size) {
 ssize_t read(int fd, void *buffer, size_t size) {
     enum way way = STRIKE(read, 0, fd);
     ssize_t length = way == FAILS ? -1 : real.read(fd, buffer, size);
-    return way == HALF && length > 1 ? length / 2 : length;
+    return part(way, length);
 }
 
 ssize_t recv(int fd, void *buffer, size_t size, int flags) {
     enum way way = STRIKE(recv, 0, fd);
     ssize_t length = way == FAILS ? -1 : real.recv(fd, buffer, size, flags);
-    return way == HALF && length > 1 ? length / 2 : length;
+    return part(way, length);
 }
 
 ssize_t recvfrom(int fd, void *buffer, size_t size, int flags,
@@ -539,14 +544,14 @@ ssize_t recvfrom(int fd, void *buffer, size_t size, int flags,
     ssize_t received =
         way == FAILS ? -1
                      : real.recvfrom(fd, buffer, size, flags, from, length);
-    return way == HALF && received > 1 ? received / 2 : received;
+    return part(way, received);
 }
 
 ssize_t send(int fd, const void *buffer, size_t size, int flags) {
     enum way way = STRIKE(send, 0, fd);
     return way == FAILS
                ? -1
-               : real.send(fd, buffer, way == HALF ? half(size) : size, flags);
+               : real.send(fd, buffer, way == PART ? half(size) : size, flags);
 }
 
 ssize_t sendto(int fd, const void *buffer, size_t size, int flags,
@@ -554,7 +559,7 @@ ssize_t sendto(int fd, const void *buffer, size_t size, int flags,
     enum way way = STRIKE(sendto, 0, fd);
     return way == FAILS ? -1
                         : real.sendto(fd, buffer,
-                                      way == HALF ? half(size) : size, flags,
+                                      way == PART ? half(size) : size, flags,
                                       to, length);
 }
 
@@ -562,7 +567,7 @@ ssize_t write(int fd, const void *buffer, size_t size) {
     enum way way = STRIKE(write, 0, fd);
     return way == FAILS
                ? -1
-               : real.write(fd, buffer, way == HALF ? half(size) : size);
+               : real.write(fd, buffer, way == PART ? half(size) : size);
 }
 
 /* --- the same under the names of _FORTIFY_SOURCE ------------------------------ */
@@ -696,7 +701,7 @@ static void read_plan(const char *text) {
     plan.which = which;
     plan.on = strcmp(extent, "on") == 0;
     plan.error = atoi(kind);
-    plan.way = strcmp(kind, "short") == 0     ? HALF
+    plan.way = strcmp(kind, "short") == 0     ? PART
                : strcmp(kind, "pending") == 0 ? PENDING
                                               : FAILS;
 }

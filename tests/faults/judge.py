@@ -11,12 +11,17 @@ OUTCOMES = {
     "told": "something was not done, and a line says so",
     "refused": "it did not start: a line, and status 1",
     "stopped": "the listener ended: a line, and status 1",
-    "no reply": "all was done, but the sender was not told: it says so",
+    "at the sender": "it got no answer, or one that says no, and reports that",
     "line lost": "all was done, but a line is not in the log",
     "mute": "something was not done, and the log could not be written",
+    "documented": "the manual says that it is so, see judge.py",
     "not reached": "the call was not made this time",
     "violation": "",
 }
+
+# What is promised nowhere: the scene, what the call was about, the error. A
+# settings file in the home that must not be read counts as a missing one.
+DOCUMENTED = {("detached", "/tolva.cfg", "EACCES")}
 
 # Without these no line gets into the log, or to the terminal.
 WRITERS = {"fopen", "fwrite", "fclose", "fflush", "fputs", "fputc", "vfprintf",
@@ -44,8 +49,8 @@ def judge(scene, base, seen, fault):
     if outcome is None and different:
         if complaints:
             outcome = "told"
-        elif is_lost_reply(seen, fault, different):
-            outcome = "no reply"
+        elif is_seen_there(fault, different):
+            outcome = "at the sender"
         elif fault.call in WRITERS and (fault.extent == "on" or
                                         "messages.dat" in seen.what or
                                         "tolva.log" in seen.what):
@@ -62,6 +67,9 @@ def judge(scene, base, seen, fault):
                    else "unharmed")
     if not seen.hits and not problems:
         outcome = "not reached"
+    if any(name == scene.name and seen.what.endswith(what) and
+           fault.kind == kind for name, what, kind in DOCUMENTED):
+        return "documented", []
     return ("violation" if problems else outcome), problems
 
 
@@ -79,8 +87,10 @@ def judge_listener(scene, base, seen, fault, complaints, problems):
                         ("again", "again")):
         if name in acknowledged and tokens[token] != 1:
             problems.append(f"acknowledged, but did not run: {token}")
-    if "log" in acknowledged and "noted" not in seen.log_lines:
+    if "log" in acknowledged and "noted" not in seen.lines:
         problems.append("acknowledged, but not logged")
+    if seen.log_size > scene.log_limit > 0:
+        problems.append(f"a log of {seen.log_size} bytes")
     if not seen.up:
         if seen.tokens:
             problems.append("ran something and was never up")
@@ -96,6 +106,8 @@ def judge_listener(scene, base, seen, fault, complaints, problems):
         different.append(f"{name} {result}, not {steps.get(name)}")
         if began and fault.extent == "once" and not gone:
             problems.append(f"not served: {different[-1]}")
+        if result != "gone" and "cannot: Connection refused" in result:
+            problems.append("not at its address and port")
         if name == "held back" and result != "gone" and \
                 "shutdown" in result and \
                 not any("not alive" in line for line in complaints):
@@ -112,15 +124,20 @@ def judge_listener(scene, base, seen, fault, complaints, problems):
         problems.append(f"{seen.files} other descriptors, not {base.files}")
     if seen.sockets is not None and seen.sockets < base.sockets:
         different.append(f"{seen.sockets} sockets, not {base.sockets}")
+    if seen.detached != base.detached:
+        different.append("detached" if seen.detached else "not detached")
     for line in seen.log_lines:
         if re.search(r"tolva\[\d+\]", line):
             problems.append(f"torn line: {line}")
     return None, different
 
 
-def is_lost_reply(seen, fault, different):
-    """The script ran, and only the answer about it did not get through: the
-    sender is the one who says so."""
+def is_seen_there(fault, different):
+    """The sender is the one who says so: the script ran, and the answer about
+    it did not get through, or it was a line for the log, and the answer is
+    that it is not there."""
+    if any(text.startswith("log ('status 1'") for text in different):
+        return True
     return fault.call in ("send", "getsockopt") and all(
         re.match(r"\w+ \(.closed.*, '\w+'\), not", text) or
         re.match(r"log \(.closed", text) for text in different)
