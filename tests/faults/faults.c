@@ -10,7 +10,12 @@
  *                      has an error; "memory" stands for every function that
  *                      allocates
  *
- * Without the first it does nothing at all. A script that is started has
+ * More than one may stand there, with a ";" between; then the first is the one
+ * that is looked at, and the others are what the system is like. Opening a
+ * file without a name is a function of its own, "open_tmpfile", since not
+ * every file system can do that.
+ *
+ * Without the first variable it does nothing at all. A script that is started has
  * neither of the two, nor the library.
  *
  * It also has a clock of its own: while the program waits with a limit, the
@@ -81,6 +86,7 @@
     X(void *, malloc, (size_t)) \
     X(int, mkostemp, (char *, int)) \
     X(int, open, (const char *, int, ...)) \
+    X(int, open_tmpfile, (const char *, int, ...)) \
     X(int, pipe, (int[2])) \
     X(int, poll, (struct pollfd *, nfds_t, int)) \
     X(int, ppoll, (struct pollfd *, nfds_t, const struct timespec *, \
@@ -161,13 +167,13 @@ _Static_assert(sizeof(struct tally) <= TALLY_SIZE, "the tally is too small");
 
 enum way { WORKS, FAILS, PART, PENDING };
 
-static struct {
+static struct plan {
     int call; /* -1: memory */
     uint32_t which;
     int on;
     int error;
     enum way way;
-} plan;
+} plans[3];
 
 static struct tally *tally;
 static uintptr_t base;
@@ -188,6 +194,17 @@ static void describe(const char *path, int fd) {
     }
 }
 
+static int hits(const struct plan *plan, int call, uint32_t number,
+                uint32_t allocation) {
+    if (plan->call == -1) {
+        number = allocation;
+    } else if (plan->call != call) {
+        return 0;
+    }
+    return plan->way != WORKS && number != 0 &&
+           (plan->on ? number >= plan->which : number == plan->which);
+}
+
 static enum way strike_at(int call, void *site, const char *path, int fd) {
     if (!tally) {
         return WORKS;
@@ -198,25 +215,24 @@ static enum way strike_at(int call, void *site, const char *path, int fd) {
         allocates(call)
             ? __atomic_add_fetch(&tally->allocations, 1, __ATOMIC_SEQ_CST)
             : 0;
-    if (plan.call == -1) {
-        number = allocation;
-    } else if (plan.call != call) {
-        return WORKS;
+    const struct plan *plan = plans;
+    while (!hits(plan, call, number, allocation)) {
+        if (++plan == plans + sizeof plans / sizeof *plans) {
+            return WORKS;
+        }
     }
-    if (plan.way == WORKS || number == 0 || number < plan.which || (number > plan.which && !plan.on)) {
-        return WORKS;
-    }
-    if (__atomic_add_fetch(&tally->hits, 1, __ATOMIC_SEQ_CST) == 1) {
+    if (plan == plans &&
+        __atomic_add_fetch(&tally->hits, 1, __ATOMIC_SEQ_CST) == 1) {
         int saved = errno;
         tally->hit_pid = (uint32_t)getpid();
         tally->site = (uint64_t)((uintptr_t)site - base);
         describe(path, fd);
         errno = saved;
     }
-    if (plan.way == FAILS) {
-        errno = plan.error;
+    if (plan->way == FAILS) {
+        errno = plan->error;
     }
-    return plan.way;
+    return plan->way;
 }
 
 #define STRIKE(name, path, fd) \
@@ -300,7 +316,10 @@ int open(const char *path, int flags, ...) {
     va_start(more, flags);
     mode_t mode = va_arg(more, mode_t);
     va_end(more);
-    return STRIKE(open, path, -1) ? -1 : real.open(path, flags, mode);
+    enum way way = (flags & O_TMPFILE) == O_TMPFILE
+                       ? STRIKE(open_tmpfile, path, -1)
+                       : STRIKE(open, path, -1);
+    return way ? -1 : real.open(path, flags, mode);
 }
 
 int fcntl(int fd, int command, ...) {
@@ -374,7 +393,7 @@ struct tm *localtime_r(const time_t *now, struct tm *local) {
     return STRIKE(localtime_r, 0, -1) ? 0 : real.localtime_r(now, local);
 }
 
-/* One name is known, without asking anybody. */
+/* One name is known, and no other, without asking anybody. */
 struct hostent *gethostbyname(const char *name) {
     static char address[4] = {127, 0, 0, 1};
     static char *addresses[] = {address, 0};
@@ -383,8 +402,7 @@ struct hostent *gethostbyname(const char *name) {
         h_errno = TRY_AGAIN;
         return 0;
     }
-    return strcmp(name, entry.h_name) == 0 ? &entry
-                                           : real.gethostbyname(name);
+    return strcmp(name, entry.h_name) == 0 ? &entry : 0;
 }
 
 /* --- streams, which remember that they have failed -------------------------- */
@@ -685,25 +703,32 @@ static int find_base(struct dl_phdr_info *info, size_t size, void *unused) {
     return 1; /* the executable is the first */
 }
 
-static void read_plan(const char *text) {
+static void read_plan(struct plan *plan, const char *text) {
     char name[NAME_SIZE], extent[8], kind[16];
     unsigned which;
-    if (!text ||
-        sscanf(text, "%23s %u %7s %15s", name, &which, extent, kind) != 4) {
+    if (sscanf(text, "%23s %u %7s %15s", name, &which, extent, kind) != 4) {
         return;
     }
-    plan.call = -1;
+    plan->call = -1;
     for (int i = 0; i < CALL_COUNT; i++) {
         if (strcmp(name, names[i]) == 0) {
-            plan.call = i;
+            plan->call = i;
         }
     }
-    plan.which = which;
-    plan.on = strcmp(extent, "on") == 0;
-    plan.error = atoi(kind);
-    plan.way = strcmp(kind, "short") == 0     ? PART
-               : strcmp(kind, "pending") == 0 ? PENDING
-                                              : FAILS;
+    plan->which = which;
+    plan->on = strcmp(extent, "on") == 0;
+    plan->error = atoi(kind);
+    plan->way = strcmp(kind, "short") == 0     ? PART
+                : strcmp(kind, "pending") == 0 ? PENDING
+                                               : FAILS;
+}
+
+static void read_plans(const char *text) {
+    for (size_t i = 0; text && i < sizeof plans / sizeof *plans; i++) {
+        read_plan(&plans[i], text);
+        text = strchr(text, ';');
+        text = text ? text + 1 : 0;
+    }
 }
 
 __attribute__((constructor)) static void begin(void) {
@@ -728,7 +753,7 @@ __attribute__((constructor)) static void begin(void) {
         strcpy(found->calls[i].name, names[i]);
     }
     found->ready = CALL_COUNT;
-    read_plan(getenv("TOLVA_FAULT"));
+    read_plans(getenv("TOLVA_FAULT"));
     tally = found;
 }
 

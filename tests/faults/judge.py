@@ -89,7 +89,9 @@ def judge_listener(scene, base, seen, fault, complaints, problems):
             problems.append(f"acknowledged, but did not run: {token}")
     if "log" in acknowledged and "noted" not in seen.lines:
         problems.append("acknowledged, but not logged")
-    if seen.log_size > scene.log_limit > 0:
+    # Of what size the log is nobody knows without the one, and a torn line
+    # cannot be taken back without either.
+    if seen.log_size > scene.log_limit > 0 and fault.call != "stat":
         problems.append(f"a log of {seen.log_size} bytes")
     if not seen.up:
         if seen.tokens:
@@ -127,7 +129,8 @@ def judge_listener(scene, base, seen, fault, complaints, problems):
     if seen.detached != base.detached:
         different.append("detached" if seen.detached else "not detached")
     for line in seen.log_lines:
-        if re.search(r"tolva\[\d+\]", line):
+        if re.search(r"tolva\[\d+\]", line) and \
+                fault.call not in ("stat", "truncate"):
             problems.append(f"torn line: {line}")
     return None, different
 

@@ -7,9 +7,11 @@ process that adopts every orphan: so no child can be left behind unseen.
 
 import collections
 import contextlib
+import errno
 import os
 import pathlib
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -134,7 +136,9 @@ class Scene:
     """What all have in common: a home, the program in it, its end."""
 
     name = ""
-    messages = True
+    standing = ()  # faults that are there anyway, as the library takes them
+    calls = ()     # the functions that are failed here; none: all
+    limit = None   # of descriptors
 
     def __init__(self, tolva, library, port, fault=None, keep=False):
         self.tolva = tolva
@@ -188,8 +192,9 @@ class Scene:
                "LC_ALL": "C", "TZ": "UTC0", "TOLVAHOME": str(self.home),
                "LD_PRELOAD": str(self.library),
                "TOLVA_FAULT_TALLY": str(self.tally.path)}
-        if self.fault:
-            env["TOLVA_FAULT"] = self.fault.environment
+        if self.fault or self.standing:
+            first = self.fault.environment if self.fault else "none 0 once 0"
+            env["TOLVA_FAULT"] = ";".join([first, *self.standing])
         return env
 
     def start(self):
@@ -198,9 +203,14 @@ class Scene:
             self.process = subprocess.Popen(
                 self.command(), env=self.environment(), cwd=self.home,
                 stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                executable=self.tolva)
+                executable=self.tolva, preexec_fn=self.set_limit)
         self.first = self.process.pid
         self.process.returncode = 0  # collected here, see collect()
+
+    def set_limit(self):
+        if self.limit:
+            hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+            resource.setrlimit(resource.RLIMIT_NOFILE, (self.limit, hard))
 
     def script(self, name, body):
         path = self.home / name
@@ -300,6 +310,7 @@ class Listener(Scene):
     settings = {}
     old_log = 0
     log_limit = 0
+    more_senders = ""
     requests = {}  # how often a script is asked for, when that is not once
 
     def prepare(self):
@@ -316,7 +327,8 @@ class Listener(Scene):
                     **self.settings,
                     "ListenAddress": HOST, "ListenPort": self.port,
                     # last, so that it goes first when reading breaks off
-                    "AllowedAddresses": f"{HOST} {SERVER} known.invalid"}
+                    "AllowedAddresses": f"{HOST} {SERVER} known.invalid" +
+                    self.more_senders}
         (self.home / "tolva.cfg").write_text("".join(
             f"{key}={value}\n".replace("@", str(self.server_port))
             for key, value in settings.items()))
@@ -540,10 +552,37 @@ class Detached(Listener):
         self.step("shutdown", lambda: self.talk(HEADER))
 
 
+class NoTmpfile(Detached):
+    """A file system that has no files without a name."""
+
+    name = "olddisk"
+    standing = (f"open_tmpfile 1 on {errno.EOPNOTSUPP}",)
+    calls = ("mkostemp", "unlink", "fdopen", "realpath")
+
+
+class NowhereBeside(Detached):
+    """There is no room beside the log, and once none in it."""
+
+    name = "fulldisk"
+    standing = (f"open_tmpfile 1 on {errno.ENOSPC}",
+                f"fwrite 3 once {errno.ENOSPC}")
+    calls = ("mkostemp", "tmpfile", "truncate", "fread", "fwrite", "fseeko",
+             "stat")
+
+
+class Crowded(Plain):
+    """There was no memory for one of the senders at first."""
+
+    name = "crowded"
+    standing = (f"accept 3 once {errno.ENOMEM}",)
+    calls = ("accept", "poll", "open", "getrlimit")
+
+
 class Watching(Listener):
-    """One server is alive, another is not."""
+    """One server is alive, another is not; few descriptors at first."""
 
     name = "alive"
+    limit = 100
     settings = {"AliveEnabled": "TRUE", "AliveRetries": 2,
                 "AliveAddresses": f"{SERVER}:@ {DEAD}:@"}
 
@@ -557,9 +596,11 @@ class Watching(Listener):
 
 
 class Redundant(Watching):
-    """The first request is held back, the second is enough."""
+    """The first request is held back, the second is enough; one name of the
+    allowed senders is not known."""
 
     name = "redundant"
+    more_senders = " unknown.invalid"
     settings = {**Watching.settings, "AliveAddresses": f"{SERVER}:@",
                 "RedundancyEnabled": "TRUE", "RedundancyLevel": 1,
                 "RedundancyAddresses": f"{HOST} {SERVER}"}
@@ -685,5 +726,21 @@ class Check(Sender):
         return ["tolva", "-sc", "-a", f"{SERVER}:{self.port}", "-t", "2"]
 
 
+class Help(Sender):
+    """Nothing but a text."""
+
+    name = "help"
+
+    def open_peer(self):
+        pass
+
+    def heard(self):
+        return [self.request]
+
+    def command(self):
+        return ["tolva", "-?"]
+
+
 SCENES = {scene.name: scene for scene in (
-    Plain, Detached, Watching, Redundant, Send, SendStatus, Broadcast, Check)}
+    Plain, Crowded, Detached, NoTmpfile, NowhereBeside, Watching, Redundant,
+    Send, SendStatus, Broadcast, Check, Help)}

@@ -76,6 +76,7 @@ KINDS = {
     "memory": ("ENOMEM",),
     "mkostemp": ("EMFILE", "EACCES", "ENOSPC"),
     "open": (*SHORTAGE, "EACCES", "EIO"),
+    "open_tmpfile": ("EMFILE", "ENOSPC", "EOPNOTSUPP"),
     "pipe": ("EMFILE", "ENFILE"),
     "poll": ("ENOMEM", "EINTR"),
     "ppoll": ("ENOMEM", "EINTR"),
@@ -289,7 +290,9 @@ def table(results):
 def sweep(options, tool):
     jobs = []
     for name, seen in tool.bases.items():
-        faults = faults_of(seen.counts)
+        wanted = SCENES[name].calls
+        faults = faults_of({call: count for call, count in seen.counts.items()
+                            if not wanted or call in wanted})
         jobs += [(name, fault) for fault in
                  (sample(faults) if options.quick else faults)]
     print(f"{len(jobs)} faults, {options.jobs} at a time", flush=True)
