@@ -295,7 +295,10 @@ def sweep(options, tool):
                             if not wanted or call in wanted})
         jobs += [(name, fault) for fault in
                  (sample(faults) if options.quick else faults)]
-    print(f"{len(jobs)} faults, {options.jobs} at a time", flush=True)
+    called = set().union(*(seen.counts for seen in tool.bases.values()))
+    idle = (symbols(tool.tolva, "--undefined-only") & set(KINDS)) - called
+    print(f"imported, but in no scene: {', '.join(sorted(idle)) or 'none'}\n"
+          f"{len(jobs)} faults, {options.jobs} at a time", flush=True)
     results = collections.defaultdict(collections.Counter)
     begun = shown = time.monotonic()
     slowest = (0, None)
