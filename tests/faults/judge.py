@@ -40,7 +40,9 @@ def judge(scene, base, seen, fault):
     problems = list(seen.problems)
     extra = lost(base.lines, seen.lines)
     missing = lost(seen.lines, base.lines)
-    complaints = [line for line in extra if COMPLAINT.search(line)]
+    # Where something fails anyway, the same line may say so.
+    complaints = [line for line in (seen.lines if scene.standing else extra)
+                  if COMPLAINT.search(line)]
     if issubclass(scene, Listener):
         outcome, different = judge_listener(scene, base, seen, fault,
                                             complaints, problems)

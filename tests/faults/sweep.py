@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Has every call of the C library fail that the program makes.
 
-    sweep.py [--quick] [--jobs N] [--count FILE] <tolva>
+    sweep.py [--quick] [--scene NAME] [--jobs N] [--count FILE] <tolva>
     sweep.py --only SCENE:FUNCTION:CALL:once|on:ERROR [...] <tolva>
 
 Each scene (scenes.py) runs without a fault first, and its calls are counted.
@@ -290,6 +290,8 @@ def table(results):
 def sweep(options, tool):
     jobs = []
     for name, seen in tool.bases.items():
+        if options.scene not in (None, name):
+            continue
         wanted = SCENES[name].calls
         faults = faults_of({call: count for call, count in seen.counts.items()
                             if not wanted or call in wanted})
@@ -348,6 +350,7 @@ def replay(options, tool):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--scene", choices=SCENES)
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--count", type=pathlib.Path)
     parser.add_argument("--only", nargs=1, action="extend")
