@@ -36,6 +36,7 @@ DEAD = "127.0.0.4"
 
 BOUND = 5.0     # seconds until something hangs
 PATIENCE = 0.08  # seconds of stillness after which nothing more will come
+LISTENERS = 2   # sockets of a listener that serves nobody
 SPIN = 3000     # waits in a scene, far above what any needs
 OLD_LINE = "11/16/2026,02:24:18, tolva[00001]: an old line %04d\n"
 
@@ -504,18 +505,26 @@ class Listener(Scene):
             os.kill(self.tally.pid, signal.SIGKILL)
         return "stopped"
 
-    def inspect(self):
-        """Its descriptors and children, while it is still."""
+    def descriptors(self):
+        """What its descriptors lead to: sockets, and anything else."""
         folder = f"/proc/{self.tally.pid}/fd"
         targets = []
         for fd in os.listdir(folder):
             with contextlib.suppress(OSError):
                 targets.append(os.readlink(f"{folder}/{fd}"))
+        sockets = [t for t in targets if t.startswith("socket:")]
+        return sockets, [t for t in targets if t not in sockets]
+
+    def inspect(self):
+        """Its descriptors and children, while it is still."""
+        # A session that has just ended may still be about to be closed.
+        self.wait(lambda: len(self.descriptors()[0]) <= LISTENERS, 0.5)
+        sockets, files = self.descriptors()
         self.seen.detached = (
             self.tally.pid != self.first and
             os.getsid(self.tally.pid) not in (self.tally.pid, os.getsid(0)))
-        self.seen.sockets = sum(t.startswith("socket:") for t in targets)
-        self.seen.files = len(targets) - self.seen.sockets
+        self.seen.sockets = len(sockets)
+        self.seen.files = len(files)
         left = children_of(self.tally.pid)
         if left:
             self.problem(f"children left: {left}")
