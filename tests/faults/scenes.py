@@ -42,7 +42,7 @@ OLD_LINE = "11/16/2026,02:24:18, tolva[00001]: an old line %04d\n"
 
 # A line that tells of something that did not work.
 COMPLAINT = re.compile(
-    r"system: |error|could not|not alive|failed|refused|ignored|nothing rec|"
+    r"system: |(?<!without )error|could not|not alive|failed|refused|ignored|nothing rec|"
     r"timeout|too often|^tolva: ")
 
 
