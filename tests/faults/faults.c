@@ -15,8 +15,8 @@
  * file without a name is a function of its own, "open_tmpfile", since not
  * every file system can do that.
  *
- * Without the first variable it does nothing at all. A script that is started has
- * neither of the two, nor the library.
+ * Without the first variable it does nothing at all. A script that is started
+ * has neither of the two, nor the library.
  *
  * It also has a clock of its own: while the program waits with a limit, the
  * driver may ask for the rest of the wait to be over, and then that much time
@@ -53,77 +53,78 @@
 #include <unistd.h>
 
 /* Each function: what it gives back, its name, its parameters. */
-#define CALLS(X) \
-    X(int, accept, (int, struct sockaddr *, socklen_t *)) \
-    X(int, access, (const char *, int)) \
-    X(int, bind, (int, const struct sockaddr *, socklen_t)) \
-    X(void *, calloc, (size_t, size_t)) \
-    X(int, chdir, (const char *)) \
-    X(int, close, (int)) \
-    X(int, connect, (int, const struct sockaddr *, socklen_t)) \
-    X(int, dup2, (int, int)) \
-    X(int, execl, (const char *, const char *, ...)) \
-    X(int, fclose, (FILE *)) \
-    X(int, fcntl, (int, int, ...)) \
-    X(FILE *, fdopen, (int, const char *)) \
-    X(int, fflush, (FILE *)) \
-    X(char *, fgets, (char *, int, FILE *)) \
-    X(FILE *, fopen, (const char *, const char *)) \
-    X(pid_t, fork, (void)) \
-    X(int, fputc, (int, FILE *)) \
-    X(int, fputs, (const char *, FILE *)) \
-    X(size_t, fread, (void *, size_t, size_t, FILE *)) \
-    X(int, fseeko, (FILE *, off_t, int)) \
-    X(int, fstat, (int, struct stat *)) \
-    X(size_t, fwrite, (const void *, size_t, size_t, FILE *)) \
-    X(char *, getcwd, (char *, size_t)) \
-    X(struct hostent *, gethostbyname, (const char *)) \
-    X(int, getrlimit, (int, struct rlimit *)) \
-    X(int, getsockopt, (int, int, int, void *, socklen_t *)) \
-    X(int, kill, (pid_t, int)) \
-    X(int, listen, (int, int)) \
-    X(struct tm *, localtime_r, (const time_t *, struct tm *)) \
-    X(void *, malloc, (size_t)) \
-    X(int, mkostemp, (char *, int)) \
-    X(int, open, (const char *, int, ...)) \
-    X(int, open_tmpfile, (const char *, int, ...)) \
-    X(int, pipe, (int[2])) \
-    X(int, poll, (struct pollfd *, nfds_t, int)) \
-    X(int, ppoll, (struct pollfd *, nfds_t, const struct timespec *, \
-                   const sigset_t *)) \
-    X(int, pselect, (int, fd_set *, fd_set *, fd_set *, \
-                     const struct timespec *, const sigset_t *)) \
-    X(int, putenv, (char *)) \
-    X(ssize_t, read, (int, void *, size_t)) \
-    X(void *, realloc, (void *, size_t)) \
-    X(char *, realpath, (const char *, char *)) \
-    X(ssize_t, recv, (int, void *, size_t, int)) \
-    X(ssize_t, recvfrom, (int, void *, size_t, int, struct sockaddr *, \
-                          socklen_t *)) \
-    X(ssize_t, send, (int, const void *, size_t, int)) \
-    X(ssize_t, sendto, (int, const void *, size_t, int, \
-                        const struct sockaddr *, socklen_t)) \
-    X(int, setitimer, (int, const struct itimerval *, struct itimerval *)) \
-    X(int, setrlimit, (int, const struct rlimit *)) \
-    X(pid_t, setsid, (void)) \
-    X(int, setsockopt, (int, int, int, const void *, socklen_t)) \
-    X(int, shutdown, (int, int)) \
-    X(int, socket, (int, int, int)) \
-    X(int, stat, (const char *, struct stat *)) \
-    X(char *, strdup, (const char *)) \
-    X(FILE *, tmpfile, (void)) \
-    X(int, truncate, (const char *, off_t)) \
-    X(int, unlink, (const char *)) \
-    X(int, vfprintf, (FILE *, const char *, va_list)) \
-    X(int, vprintf, (const char *, va_list)) \
-    X(pid_t, waitpid, (pid_t, int *, int)) \
+#define CALLS(X)                                                               \
+    X(int, accept, (int, struct sockaddr *, socklen_t *))                      \
+    X(int, access, (const char *, int))                                        \
+    X(int, bind, (int, const struct sockaddr *, socklen_t))                    \
+    X(void *, calloc, (size_t, size_t))                                        \
+    X(int, chdir, (const char *))                                              \
+    X(int, close, (int))                                                       \
+    X(int, connect, (int, const struct sockaddr *, socklen_t))                 \
+    X(int, dup2, (int, int))                                                   \
+    X(int, execl, (const char *, const char *, ...))                           \
+    X(int, fclose, (FILE *))                                                   \
+    X(int, fcntl, (int, int, ...))                                             \
+    X(FILE *, fdopen, (int, const char *))                                     \
+    X(int, fflush, (FILE *))                                                   \
+    X(char *, fgets, (char *, int, FILE *))                                    \
+    X(FILE *, fopen, (const char *, const char *))                             \
+    X(pid_t, fork, (void))                                                     \
+    X(int, fputc, (int, FILE *))                                               \
+    X(int, fputs, (const char *, FILE *))                                      \
+    X(size_t, fread, (void *, size_t, size_t, FILE *))                         \
+    X(int, fseeko, (FILE *, off_t, int))                                       \
+    X(int, fstat, (int, struct stat *))                                        \
+    X(size_t, fwrite, (const void *, size_t, size_t, FILE *))                  \
+    X(char *, getcwd, (char *, size_t))                                        \
+    X(struct hostent *, gethostbyname, (const char *))                         \
+    X(int, getrlimit, (int, struct rlimit *))                                  \
+    X(int, getsockopt, (int, int, int, void *, socklen_t *))                   \
+    X(int, kill, (pid_t, int))                                                 \
+    X(int, listen, (int, int))                                                 \
+    X(struct tm *, localtime_r, (const time_t *, struct tm *))                 \
+    X(void *, malloc, (size_t))                                                \
+    X(int, mkostemp, (char *, int))                                            \
+    X(int, open, (const char *, int, ...))                                     \
+    X(int, open_tmpfile, (const char *, int, ...))                             \
+    X(int, pipe, (int[2]))                                                     \
+    X(int, poll, (struct pollfd *, nfds_t, int))                               \
+    X(int, ppoll,                                                              \
+      (struct pollfd *, nfds_t, const struct timespec *, const sigset_t *))    \
+    X(int, pselect,                                                            \
+      (int, fd_set *, fd_set *, fd_set *, const struct timespec *,             \
+       const sigset_t *))                                                      \
+    X(int, putenv, (char *))                                                   \
+    X(ssize_t, read, (int, void *, size_t))                                    \
+    X(void *, realloc, (void *, size_t))                                       \
+    X(char *, realpath, (const char *, char *))                                \
+    X(ssize_t, recv, (int, void *, size_t, int))                               \
+    X(ssize_t, recvfrom,                                                       \
+      (int, void *, size_t, int, struct sockaddr *, socklen_t *))              \
+    X(ssize_t, send, (int, const void *, size_t, int))                         \
+    X(ssize_t, sendto,                                                         \
+      (int, const void *, size_t, int, const struct sockaddr *, socklen_t))    \
+    X(int, setitimer, (int, const struct itimerval *, struct itimerval *))     \
+    X(int, setrlimit, (int, const struct rlimit *))                            \
+    X(pid_t, setsid, (void))                                                   \
+    X(int, setsockopt, (int, int, int, const void *, socklen_t))               \
+    X(int, shutdown, (int, int))                                               \
+    X(int, socket, (int, int, int))                                            \
+    X(int, stat, (const char *, struct stat *))                                \
+    X(char *, strdup, (const char *))                                          \
+    X(FILE *, tmpfile, (void))                                                 \
+    X(int, truncate, (const char *, off_t))                                    \
+    X(int, unlink, (const char *))                                             \
+    X(int, vfprintf, (FILE *, const char *, va_list))                          \
+    X(int, vprintf, (const char *, va_list))                                   \
+    X(pid_t, waitpid, (pid_t, int *, int))                                     \
     X(ssize_t, write, (int, const void *, size_t))
 
 enum call {
 #define X(type, name, parameters) C_##name,
     CALLS(X)
 #undef X
-    CALL_COUNT
+        CALL_COUNT
 };
 
 static const char *const names[CALL_COUNT] = {
@@ -145,19 +146,19 @@ static struct {
 #define TALLY_SIZE 8192
 
 struct tally {
-    uint32_t ready;        /* the number of functions, once they are named */
-    uint32_t hits;         /* how often a call has been failed */
-    uint32_t wish;         /* waits that the driver wants to be over */
-    uint32_t granted;      /* and those that are */
-    uint32_t waits;        /* how often the program has waited */
-    uint32_t waiting;      /* 1: without a limit, 2: with one */
-    uint32_t pid;          /* who waited last */
-    uint32_t hit_pid;      /* who made the first call that failed */
-    int64_t ahead;         /* seconds that the clock is ahead */
-    uint64_t site;         /* the place of that call, in the executable */
-    uint32_t left_open;    /* descriptors when the program ended */
-    uint32_t allocations;   /* of every kind */
-    char what[WHAT_SIZE];  /* what that call was about */
+    uint32_t ready;       /* the number of functions, once they are named */
+    uint32_t hits;        /* how often a call has been failed */
+    uint32_t wish;        /* waits that the driver wants to be over */
+    uint32_t granted;     /* and those that are */
+    uint32_t waits;       /* how often the program has waited */
+    uint32_t waiting;     /* 1: without a limit, 2: with one */
+    uint32_t pid;         /* who waited last */
+    uint32_t hit_pid;     /* who made the first call that failed */
+    int64_t ahead;        /* seconds that the clock is ahead */
+    uint64_t site;        /* the place of that call, in the executable */
+    uint32_t left_open;   /* descriptors when the program ended */
+    uint32_t allocations; /* of every kind */
+    char what[WHAT_SIZE]; /* what that call was about */
     struct {
         char name[NAME_SIZE];
         uint32_t count;
@@ -235,7 +236,7 @@ static enum way strike_at(int call, void *site, const char *path, int fd) {
     return plan->way;
 }
 
-#define STRIKE(name, path, fd) \
+#define STRIKE(name, path, fd)                                                 \
     strike_at(C_##name, __builtin_return_address(0), path, fd)
 
 /* --- memory: libc's own calls of it come here too ------------------------- */
@@ -260,27 +261,28 @@ char *strdup(const char *text) {
     return STRIKE(strdup, 0, -1) ? 0 : real.strdup(text);
 }
 
-/* --- functions that give back -1 ------------------------------------------- */
+/* --- functions that give back -1 ------------------------------------------ */
 
-#define PLAIN(type, name, parameters, arguments, path, fd) \
-    type name parameters { \
-        return STRIKE(name, path, fd) ? (type)-1 : real.name arguments; \
+#define PLAIN(type, name, parameters, arguments, path, fd)                     \
+    type name parameters {                                                     \
+        return STRIKE(name, path, fd) ? (type)-1 : real.name arguments;        \
     }
 
 PLAIN(int, accept, (int fd, struct sockaddr *a, socklen_t *n), (fd, a, n), 0,
       fd)
 PLAIN(int, access, (const char *path, int mode), (path, mode), path, -1)
-PLAIN(int, bind, (int fd, const struct sockaddr *a, socklen_t n), (fd, a, n),
-      0, -1)
+PLAIN(int, bind, (int fd, const struct sockaddr *a, socklen_t n), (fd, a, n), 0,
+      -1)
 PLAIN(int, chdir, (const char *path), (path), path, -1)
-PLAIN(int, connect, (int fd, const struct sockaddr *a, socklen_t n),
-      (fd, a, n), 0, -1)
+PLAIN(int, connect, (int fd, const struct sockaddr *a, socklen_t n), (fd, a, n),
+      0, -1)
 PLAIN(int, dup2, (int from, int to), (from, to), 0, to)
 PLAIN(int, fseeko, (FILE * file, off_t to, int whence), (file, to, whence), 0,
       fileno(file))
 PLAIN(int, fstat, (int fd, struct stat *status), (fd, status), 0, fd)
 PLAIN(pid_t, fork, (void), (), 0, -1)
-PLAIN(int, getrlimit, (__rlimit_resource_t which, struct rlimit *limit), (which, limit), 0, -1)
+PLAIN(int, getrlimit, (__rlimit_resource_t which, struct rlimit *limit),
+      (which, limit), 0, -1)
 PLAIN(int, kill, (pid_t pid, int number), (pid, number), 0, -1)
 PLAIN(int, listen, (int fd, int backlog), (fd, backlog), 0, -1)
 PLAIN(int, mkostemp, (char *path, int flags), (path, flags), path, -1)
@@ -293,10 +295,11 @@ PLAIN(int, ppoll,
       (fds, count, limit, mask), 0, -1)
 PLAIN(int, putenv, (char *entry), (entry), entry, -1)
 PLAIN(int, setitimer,
-      (__itimer_which_t which, const struct itimerval *now, struct itimerval *old),
+      (__itimer_which_t which, const struct itimerval *now,
+       struct itimerval *old),
       (which, now, old), 0, -1)
-PLAIN(int, setrlimit, (__rlimit_resource_t which, const struct rlimit *limit), (which, limit),
-      0, -1)
+PLAIN(int, setrlimit, (__rlimit_resource_t which, const struct rlimit *limit),
+      (which, limit), 0, -1)
 PLAIN(pid_t, setsid, (void), (), 0, -1)
 PLAIN(int, setsockopt,
       (int fd, int level, int option, const void *value, socklen_t size),
@@ -367,7 +370,7 @@ int execl(const char *path, const char *first, ...) {
     return execv(path, arguments);
 }
 
-/* --- functions that give back nothing --------------------------------------- */
+/* --- functions that give back nothing ------------------------------------- */
 
 FILE *fopen(const char *path, const char *mode) {
     return STRIKE(fopen, path, -1) ? 0 : real.fopen(path, mode);
@@ -405,7 +408,7 @@ struct hostent *gethostbyname(const char *name) {
     return strcmp(name, entry.h_name) == 0 ? &entry : 0;
 }
 
-/* --- streams, which remember that they have failed -------------------------- */
+/* --- streams, which remember that they have failed ------------------------ */
 
 static int failed_stream(FILE *file) {
     if (file) {
@@ -484,12 +487,12 @@ int vprintf(const char *format, va_list arguments) {
 }
 
 /* The names under which a program prints come to the two above. */
-#define FORWARD(prepare, call) \
-    va_list arguments; \
-    va_start(arguments, format); \
-    int result = 0; \
-    prepare result = call; \
-    va_end(arguments); \
+#define FORWARD(prepare, call)                                                 \
+    va_list arguments;                                                         \
+    va_start(arguments, format);                                               \
+    int result = 0;                                                            \
+    prepare result = call;                                                     \
+    va_end(arguments);                                                         \
     return result;
 
 int fprintf(FILE *file, const char *format, ...) {
@@ -533,7 +536,7 @@ int putchar(int character) {
                                : real.fputc(character, stdout);
 }
 
-/* --- functions that may move less than they are asked for -------------------- */
+/* --- functions that may move less than they are asked for ----------------- */
 
 /* Of a message a third comes: half of one may be a whole one of another kind. */
 static ssize_t part(enum way way, ssize_t length) {
@@ -575,10 +578,10 @@ ssize_t send(int fd, const void *buffer, size_t size, int flags) {
 ssize_t sendto(int fd, const void *buffer, size_t size, int flags,
                const struct sockaddr *to, socklen_t length) {
     enum way way = STRIKE(sendto, 0, fd);
-    return way == FAILS ? -1
-                        : real.sendto(fd, buffer,
-                                      way == PART ? half(size) : size, flags,
-                                      to, length);
+    return way == FAILS
+               ? -1
+               : real.sendto(fd, buffer, way == PART ? half(size) : size, flags,
+                             to, length);
 }
 
 ssize_t write(int fd, const void *buffer, size_t size) {
@@ -588,11 +591,11 @@ ssize_t write(int fd, const void *buffer, size_t size) {
                : real.write(fd, buffer, way == PART ? half(size) : size);
 }
 
-/* --- the same under the names of _FORTIFY_SOURCE ------------------------------ */
+/* --- the same under the names of _FORTIFY_SOURCE -------------------------- */
 
-#define CHECKED(type, name, parameters, arguments) \
-    type __##name##_chk parameters { \
-        return name arguments; \
+#define CHECKED(type, name, parameters, arguments)                             \
+    type __##name##_chk parameters {                                           \
+        return name arguments;                                                 \
     }
 
 CHECKED(size_t, fread, (void *b, size_t room, size_t s, size_t n, FILE *file),
@@ -622,7 +625,7 @@ int __open_2(const char *path, int flags) {
     return open(path, flags);
 }
 
-/* --- waiting, and the clock ----------------------------------------------------- */
+/* --- waiting, and the clock ----------------------------------------------- */
 
 #define SLICE 5000000 /* nanoseconds until the driver's wish is looked at */
 
@@ -647,13 +650,10 @@ static int wait_in_slices(int count, fd_set *readable, fd_set *writable,
     FD_ZERO(&none);
     fd_set wanted_read = readable ? *readable : none;
     fd_set wanted_write = writable ? *writable : none;
-    int64_t end =
-        monotonic() + limit->tv_sec * 1000000000LL + limit->tv_nsec;
+    int64_t end = monotonic() + limit->tv_sec * 1000000000LL + limit->tv_nsec;
     for (;;) {
         int64_t left = end - monotonic();
-        struct timespec slice = {0, left < 0       ? 0
-                                    : left < SLICE ? left
-                                                   : SLICE};
+        struct timespec slice = {0, left < 0 ? 0 : left < SLICE ? left : SLICE};
         int found = real.pselect(count, readable, writable, odd, &slice, mask);
         if (found != 0 || left <= 0) {
             return found;
@@ -684,17 +684,16 @@ int pselect(int count, fd_set *readable, fd_set *writable, fd_set *odd,
         return -1;
     }
     tally->waiting = limit ? 2 : 1;
-    int found = limit ? wait_in_slices(count, readable, writable, odd, limit,
-                                       mask)
-                      : real.pselect(count, readable, writable, odd, limit,
-                                     mask);
+    int found =
+        limit ? wait_in_slices(count, readable, writable, odd, limit, mask)
+              : real.pselect(count, readable, writable, odd, limit, mask);
     int saved = errno;
     tally->waiting = 0;
     errno = saved;
     return found;
 }
 
-/* --- before the program and behind it -------------------------------------------- */
+/* --- before the program and behind it ------------------------------------- */
 
 static int find_base(struct dl_phdr_info *info, size_t size, void *unused) {
     (void)size;
@@ -732,7 +731,7 @@ static void read_plans(const char *text) {
 }
 
 __attribute__((constructor)) static void begin(void) {
-#define X(type, name, parameters) \
+#define X(type, name, parameters)                                              \
     *(void **)&real.name = dlsym(RTLD_NEXT, #name);
     CALLS(X)
 #undef X
@@ -743,8 +742,8 @@ __attribute__((constructor)) static void begin(void) {
     if (fd < 0) {
         return;
     }
-    struct tally *found = mmap(0, TALLY_SIZE, PROT_READ | PROT_WRITE,
-                               MAP_SHARED, fd, 0);
+    struct tally *found =
+        mmap(0, TALLY_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     real.close(fd);
     if (found == MAP_FAILED) {
         return;

@@ -42,8 +42,8 @@ OLD_LINE = "11/16/2026,02:24:18, tolva[00001]: an old line %04d\n"
 
 # A line that tells of something that did not work.
 COMPLAINT = re.compile(
-    r"system: |(?<!without )error|could not|not alive|failed|refused|ignored|nothing rec|"
-    r"timeout|too often|^tolva: ")
+    r"system: |(?<!without )error|could not|not alive|failed|refused|ignored|"
+    r"nothing rec|timeout|too often|^tolva: ")
 
 
 class Seen:
@@ -301,7 +301,7 @@ class Scene:
                 self.problem(f"ended by signal {-status}")
 
 
-# --- the listener -------------------------------------------------------------
+# --- the listener ------------------------------------------------------------
 
 
 class Listener(Scene):
@@ -620,7 +620,7 @@ class Redundant(Watching):
         self.step("carried out", lambda: self.talk(HEADER, SERVER))
 
 
-# --- the sender ---------------------------------------------------------------
+# --- the sender --------------------------------------------------------------
 
 
 class Sender(Scene):

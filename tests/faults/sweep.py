@@ -18,7 +18,6 @@ import collections
 import ctypes
 import itertools
 import multiprocessing
-import os
 import pathlib
 import subprocess
 import sys
@@ -109,7 +108,7 @@ ONCE = {"EINTR", "EAGAIN", "short", "pending"}
 PR_SET_CHILD_SUBREAPER = 36
 
 
-# --- what is to be swept ------------------------------------------------------
+# --- what is to be swept -----------------------------------------------------
 
 
 def symbols(path, *options):
@@ -165,7 +164,7 @@ def sample(faults):
             yield calls[which][next(turn) % len(calls[which])]
 
 
-# --- running it ---------------------------------------------------------------
+# --- running it --------------------------------------------------------------
 
 
 class Worker:
