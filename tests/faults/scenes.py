@@ -468,11 +468,15 @@ class Listener(Scene):
 
     def cycle(self):
         """Lets the time pass until the watch has gone round."""
-        before = len(self.servers[0].done)
+        server = self.servers[0]
+        before = len(server.done)
         since = self.tally.waits
         self.pass_time()
+        # The server needs a moment to see that somebody is there.
+        self.wait(lambda: server.busy or len(server.done) > before or
+                  not self.running(), PATIENCE)
         self.settle(since)
-        return [data.count(b"LOGO") for data in self.servers[0].done[before:]]
+        return [data.count(b"LOGO") for data in server.done[before:]]
 
     def before_commands(self):
         """The steps of this scene."""
