@@ -174,7 +174,7 @@ static struct plan {
     int on;
     int error;
     enum way way;
-} plans[3];
+} plans[4];
 
 static struct tally *tally;
 static uintptr_t base;

@@ -578,6 +578,7 @@ class NowhereBeside(Detached):
 
     name = "fulldisk"
     standing = (f"open_tmpfile 1 on {errno.ENOSPC}",
+                f"mkostemp 1 on {errno.ENOSPC}",
                 f"fwrite 3 once {errno.ENOSPC}")
     calls = ("mkostemp", "tmpfile", "truncate", "fread", "fwrite", "fseeko",
              "stat")
