@@ -179,6 +179,7 @@ class Scene:
             self.end_all()
             self.look()
         finally:
+            self.kill_all()  # when the sweep itself is ended
             for server in self.servers:
                 server.close()
             self.tally.close()
@@ -256,6 +257,9 @@ class Scene:
                 line = pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
                 what = line.replace(b"\0", b" ").decode("latin-1")
                 self.problem(f"left behind: {pid} {what}")
+        self.kill_all()
+
+    def kill_all(self):
         while self.collect():
             for pid in children():
                 with contextlib.suppress(OSError):

@@ -19,6 +19,7 @@ import ctypes
 import itertools
 import multiprocessing
 import pathlib
+import signal
 import subprocess
 import sys
 import tempfile
@@ -198,6 +199,7 @@ worker = None
 def begin(*arguments):
     global worker
     adopt_orphans()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     worker = Worker(*arguments)
 
 
