@@ -187,8 +187,10 @@ class Cage:
 class Workshop:
     """A copy of the tree with a build of its own, for one worker."""
 
-    def __init__(self, work):
+    def __init__(self, work, jobs=1, units_only=False):
         self.work = work
+        self.jobs = jobs
+        self.units_only = units_only
         self.tree = work / "tree"
         self.build = work / "build"
         self.cage = Cage(work)
@@ -233,8 +235,8 @@ class Workshop:
 
     def make(self, targets):
         """Builds the targets and what they stand on."""
-        return self.command(["ninja", "-C", self.build, "-j", "1", *targets],
-                            "build.log")
+        return self.command(["ninja", "-C", self.build, "-j",
+                             str(self.jobs), *targets], "build.log")
 
     def first_red(self, path):
         """The name of the first test that fails; None when none does."""
@@ -243,7 +245,7 @@ class Workshop:
                               "--gtest_brief=1", "--gtest_fail_fast"],
                              UNIT_SECONDS) != 0:
                 return name
-        for file in system_files(path):
+        for file in [] if self.units_only else system_files(path):
             own = self.tree / "tests/system" / file.name
             if self.cage.run(
                     [PYTHON, "-m", "pytest", "-x", "-q", "-p",
@@ -283,7 +285,7 @@ class Journal:
         self.path = path
         self.lock = threading.Lock()
         self.known = {}
-        if path.exists():
+        if path and path.exists():
             for line in path.read_text().splitlines():
                 with contextlib.suppress(ValueError):
                     one = json.loads(line)
@@ -306,6 +308,8 @@ class Journal:
                "verdict": verdict, "by": by, "what": mutant.key}
         with self.lock:
             self.known[file, one["at"]] = one
+            if not self.path:
+                return
             with open(self.path, "a") as journal:
                 journal.write(json.dumps(one) + "\n")
 
@@ -332,7 +336,10 @@ class Run:
     def __init__(self, work, files, only=None):
         self.work = work
         self.files = files
-        self.journal = Journal(work / "journal.jsonl")
+        # The slice is short: it is run whole each time, in one workshop.
+        self.slice = only is not None
+        self.journal = Journal(None if self.slice else
+                               work / "journal.jsonl")
         self.results = {}
         self.faults = []
         self.todo = queue.Queue()
@@ -358,7 +365,8 @@ class Run:
             self.todo.put((mutant, ids))
 
     def worker(self, number):
-        shop = Workshop(self.work / str(number))
+        shop = Workshop(self.work / str(number),
+                        JOBS if self.slice else 1, self.slice)
         try:
             shop.copy_tree()
             if not shop.cage.holds():
@@ -395,7 +403,7 @@ class Run:
 
     def work_off(self):
         """Tries what is not known yet."""
-        jobs = min(JOBS, self.todo.qsize())
+        jobs = 1 if self.slice else min(JOBS, self.todo.qsize())
         threads = [threading.Thread(target=self.worker, args=(n,))
                    for n in range(jobs)]
         for thread in threads:
