@@ -168,6 +168,19 @@ TEST(watched_fd, moves_with_what_is_watched_and_found) {
     EXPECT_EQ(open_descriptors(), 1);
 }
 
+TEST(watched_fd, none_is_always_the_number_below_0) {
+    no_sockets none;
+    watched_fd first = watched_number(400, EVENT_NONE);
+    watched_fd second(std::move(first));
+    EXPECT_EQ(first.get(), -1); // NOLINT(bugprone-use-after-move)
+    watched_fd third;
+    third = std::move(second);
+    EXPECT_EQ(second.get(), -1); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(third.get(), 400);
+    third.close();
+    EXPECT_EQ(third.get(), -1);
+}
+
 TEST(watched_fd, a_move_to_itself_changes_nothing) {
     no_sockets none;
     watched_fd fd = watched_number(300, EVENT_READABLE);

@@ -79,6 +79,15 @@ TEST(fill_reserve, moves_when_the_limit_is_lowered_below_it) {
     EXPECT_TRUE(open_file("/dev/null", "r"));
 }
 
+TEST(fill_reserve, moves_when_the_limit_is_lowered_to_its_very_number) {
+    no_reserve none(200);
+    ASSERT_EQ(fill_reserve(), 0);
+    descriptor_limit limit(201);
+    ASSERT_EQ(fill_reserve(), 0);
+    EXPECT_TRUE(is_open(200)) << "the last one that can be had";
+    EXPECT_FALSE(is_open(201));
+}
+
 TEST(fill_reserve, takes_low_numbers_where_there_are_no_others) {
     for (int32_t budget : {1 << 30, 1, 0}) {
         no_reserve none(budget);
@@ -137,6 +146,19 @@ TEST(give_up_reserve, closes_both_and_says_whether_there_was_one) {
     }
     EXPECT_TRUE(give_up_reserve()) << "one is better than none";
     EXPECT_EQ(descriptors_in_use(), before);
+}
+
+TEST(reserve_helps, against_a_want_of_descriptors_and_of_nothing_else) {
+    no_reserve none;
+    for (int shortage : {EMFILE, ENFILE}) {
+        EXPECT_FALSE(reserve_helps(shortage)) << "there is none";
+        ASSERT_EQ(fill_reserve(), 0);
+        for (int other : {0, ENOMEM, ENOENT}) {
+            EXPECT_FALSE(reserve_helps(other));
+        }
+        EXPECT_TRUE(reserve_helps(shortage)) << "nothing was given up before";
+        EXPECT_FALSE(give_up_reserve());
+    }
 }
 
 TEST(open_file, leaves_the_reserve_alone_while_there_are_others) {
