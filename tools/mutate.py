@@ -18,6 +18,7 @@ of size and time: whatever a mutant kills, fills or forks stays in there.
 """
 
 import argparse
+import collections
 import contextlib
 import hashlib
 import json
@@ -315,13 +316,13 @@ class Journal:
 
 
 def excused():
-    """{a mutant's key: why it may survive}."""
-    reasons = {}
+    """{a mutant's key: how many such may survive}; a line may come again."""
+    reasons = collections.Counter()
     block = []
     text = SURVIVORS.read_text() if SURVIVORS.exists() else ""
     for line in text.splitlines():
         if line.startswith("= ") and len(block) == 3:
-            reasons["\n".join(block)] = line[2:]
+            reasons["\n".join(block)] += 1
             block = []
         elif line.startswith("src/"):
             block = [line]
@@ -421,8 +422,11 @@ class Run:
         reasons = excused()
         good = not self.faults
         for path in self.files:
-            gaps = [m for m in self.of(path, "survived")
-                    if m.key not in reasons]
+            gaps = []
+            for one in self.of(path, "survived"):
+                reasons[one.key] -= 1
+                if reasons[one.key] < 0:
+                    gaps.append(one)
             killed = len(self.of(path, "killed"))
             seen = killed + len(gaps)
             share = 100 * killed / seen if seen else 100
@@ -459,6 +463,8 @@ def main():
     if asked.quick:
         files = sorted({path for path, _, _ in QUICK})
     run = Run(work, files, QUICK if asked.quick else None)
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)
     try:
         run.work_off()
     except KeyboardInterrupt:
