@@ -43,7 +43,8 @@ ERRORS = {"EMFILE": "ENFILE", "ENFILE": "EMFILE", "EAGAIN": "EINTR",
 
 
 # A condition that is one word's opposite, or one comparison; a declaration.
-SIMPLE = re.compile(r"![\w.>\-]+(?:\([^()]*\))?|[^&|?]*[=!]=[^&|?]*|.*;.*", re.S)
+SIMPLE = re.compile(
+    r"![\w.>\-]+(?:\([^()]*\))?|[^&|?]*[=!]=[^&|?]*|.*;.*", re.S)
 
 
 class Mutant(typing.NamedTuple):
@@ -101,8 +102,8 @@ def pairs(text):
 
 def constants(text):
     """Numbers, each made one greater; "< 1" and the like are "<= 0"."""
-    for match in re.finditer(r"(?<![\w.\"])(?<! < )(?<! >= )(0x[0-9a-f]+|\d+)(?![\w.\"])",
-                             text):
+    for match in re.finditer(r"(?<![\w.\"])(?<! < )(?<! >= )"
+                             r"(0x[0-9a-f]+|\d+)(?![\w.\"])", text):
         base = 16 if "x" in match[0] else 8 if re.match("0.", match[0]) else 10
         form = {16: "0x%x", 8: "0%o", 10: "%d"}[base]
         yield match.start(), match.end(), form % (int(match[0], base) + 1)

@@ -93,4 +93,5 @@ class Plan:
         text = text_of(word, token, status, way)
         payload = (STATUS if wanted else EXECUTE) + text.encode()
         return Request(token, kind, host, payload, word, way, status,
-                       wanted and kind in ("tcp", "sender", "leaver", "splitter"))
+                       wanted and kind in ("tcp", "sender", "leaver",
+                                           "splitter"))

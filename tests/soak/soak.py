@@ -225,7 +225,6 @@ def make_home():
     home = Home()
     for name in ("shutdown", "execute", "message"):
         home.script(f"tolva_{name}.sh", SCRIPT % "")
-    # shellcheck disable=SC2086 of the one that gets its words in quotes
     home.script("tolva_mail.sh", SCRIPT % "set -- $2")
     home.script("tolva_notalive.sh", SCRIPT % "set -- dead")
     home.messages({FILLED: "%s %s %s"})
