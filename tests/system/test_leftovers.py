@@ -4,6 +4,7 @@ import socket
 
 import pytest
 
+import preload
 from fakeclock import settle
 from harness import message
 from home import gate
@@ -74,3 +75,31 @@ def test_a_sender_that_has_finished_sending_gets_its_reply(home):
         home.write("go", "")
         assert read_to_end(conn).endswith(b" EXITSTATUS=5")
     listener.stop()
+
+
+# A script takes a moment to become a shell.
+SLOW_EXEC = r"""
+#include <unistd.h>
+
+int execl(const char *path, const char *arg, ...)
+{
+    char *const command[] = {"sh", "-c", "exit 0", NULL};
+    (void)path;
+    (void)arg;
+    sleep(5);
+    return execv("/bin/sh", command);
+}
+"""
+
+
+def test_the_port_is_free_although_a_script_has_not_begun_yet(home):
+    listener = home.listener(
+        env=preload.environment(home, preload.build("slow_exec", SLOW_EXEC)))
+    home.script("tolva_shutdown.sh")
+    with listener.connect() as conn:
+        conn.sendall(HEADER)
+        wait_for(lambda: children(listener.pid))
+        listener.stop()
+    again = home.listener(port=listener.port)
+    assert again.request(STATUS + b"LOG_TEXT x") == LOGGED
+    again.stop()

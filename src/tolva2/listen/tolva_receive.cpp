@@ -324,6 +324,9 @@ void tear_down(listener_state *state) {
     if (!state->tcp) {
         return;
     }
+    /* A script that has not become a shell yet has this socket as well, and
+     * the next listener would find its port in use. */
+    shutdown(state->tcp.get(), SHUT_RD);
     state->tcp.reset();
     if (clients->size > 0) {
         ux_list_destroy(clients);
