@@ -103,8 +103,8 @@ FILE *open_stream(std::shared_ptr<file_body> body, int fd, const char *mode) {
     it->appends = mode[0] == 'a';
     std::string plain = mode;
     plain.erase(std::remove(plain.begin(), plain.end(), 'e'), plain.end());
-    FILE *stream = fopencookie(
-        it, plain.c_str(), {read_bytes, write_bytes, move_to, close_bytes});
+    FILE *stream = fopencookie(it, plain.c_str(),
+                               {read_bytes, write_bytes, move_to, close_bytes});
     here->streams[stream] = it;
     return stream;
 }
@@ -137,9 +137,8 @@ ssize_t tell_line(void *cookie, const char *data, size_t size) {
 
 FILE *open_teller(bool standard_error) {
     static int marker;
-    FILE *stream =
-        fopencookie(standard_error ? &marker : nullptr, "w",
-                    {nullptr, tell_line, nullptr, nullptr});
+    FILE *stream = fopencookie(standard_error ? &marker : nullptr, "w",
+                               {nullptr, tell_line, nullptr, nullptr});
     setvbuf(stream, nullptr, _IOLBF, 0);
     return stream;
 }
@@ -234,6 +233,7 @@ int __wrap_truncate(const char *path, off_t size) {
 }
 
 char *__wrap_realpath(const char *path, char *) {
+    here->note(act::copy_begins);
     here->blocks++;
     return __real_strdup(path);
 }
@@ -256,6 +256,8 @@ int __wrap_open(const char *path, int flags, ...) {
     }
     if (!here->plan->settings.log_directory_writable ||
         !here->plan->settings.unnamed_files) {
+        /* Next comes a name for the copy of the log. */
+        here->names_copy = true;
         errno = EOPNOTSUPP;
         return -1;
     }

@@ -341,8 +341,7 @@ ssize_t __wrap_recvfrom(int fd, void *buffer, size_t size, int,
     told->peer = came.peer;
     told->text = came.text;
     told->limit = static_cast<int64_t>(size);
-    told->result =
-        error == 0 ? static_cast<int64_t>(came.text.size()) : -1;
+    told->result = error == 0 ? static_cast<int64_t>(came.text.size()) : -1;
     errno = error;
     return static_cast<ssize_t>(told->result);
 }

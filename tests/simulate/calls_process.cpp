@@ -80,12 +80,18 @@ void check_child() {
     }
 }
 
-bool memory_is_out() {
+bool memory_is_out(which_call call) {
     if (here == nullptr || here->fail_allocation == 0 ||
         --here->fail_allocation > 0) {
+        if (here != nullptr) {
+            here->names_copy = false;
+        }
         return false;
     }
-    here->note(act::no_memory);
+    fact *told = here->note(act::no_memory);
+    told->who = here->names_copy ? FILE_COPY : 0;
+    told->limit = call;
+    here->names_copy = false;
     errno = ENOMEM;
     return true;
 }
@@ -146,8 +152,8 @@ int __wrap_execl(const char *path, const char *argument, ...) {
     }
     va_end(rest);
     check_child();
-    uint64_t seed = std::hash<std::string>()(line) ^
-                    static_cast<uint64_t>(here->clock());
+    uint64_t seed =
+        std::hash<std::string>()(line) ^ static_cast<uint64_t>(here->clock());
     forking.result = here->begin_child(line, seed);
     fact *told = here->note(act::fork);
     told->result = forking.result;
@@ -241,7 +247,7 @@ sighandler_t __wrap_signal(int number, sighandler_t handler) {
 }
 
 void *__wrap_malloc(size_t size) {
-    if (memory_is_out()) {
+    if (memory_is_out(CALL_MALLOC)) {
         return nullptr;
     }
     if (here != nullptr) {
@@ -251,7 +257,7 @@ void *__wrap_malloc(size_t size) {
 }
 
 void *__wrap_calloc(size_t count, size_t size) {
-    if (memory_is_out()) {
+    if (memory_is_out(CALL_CALLOC)) {
         return nullptr;
     }
     if (here != nullptr) {
@@ -261,7 +267,7 @@ void *__wrap_calloc(size_t count, size_t size) {
 }
 
 char *__wrap_strdup(const char *text) {
-    if (memory_is_out()) {
+    if (memory_is_out(CALL_STRDUP)) {
         return nullptr;
     }
     if (here != nullptr) {

@@ -125,8 +125,8 @@ __attribute__((noinline)) int32_t run_listener(const day_settings &chosen) {
     }
     listener_stack_begins(__builtin_frame_address(0));
     int64_t before = here->blocks;
-    int32_t running = recv_mode(&settings, &lists.allowed, &lists.alive,
-                                &lists.redundancy);
+    int32_t running =
+        recv_mode(&settings, &lists.allowed, &lists.alive, &lists.redundancy);
     if (here->blocks != before) {
         fail(std::to_string(here->blocks - before) + " blocks are lost");
     }

@@ -11,13 +11,35 @@ namespace simulate {
 namespace {
 
 const char *const NAMES[] = {
-    "",           "signal",      "wait",          "waited",
-    "accept",     "receive",     "datagram",      "send",
-    "SO_ERROR",   "poll",        "socket",        "fcntl fails",
-    "setsockopt fails", "bind",  "listen",        "connect",
-    "shutdown",   "fork",        "waitpid",       "no memory",
-    "no reserve", "opened",      "open fails",    "no room for the copy",
-    "log is gone", "log",        "log is cut",    "stdout",
+    "",
+    "signal",
+    "wait",
+    "waited",
+    "accept",
+    "receive",
+    "datagram",
+    "send",
+    "SO_ERROR",
+    "poll",
+    "socket",
+    "fcntl fails",
+    "setsockopt fails",
+    "bind",
+    "listen",
+    "connect",
+    "shutdown",
+    "fork",
+    "waitpid",
+    "no memory",
+    "no reserve",
+    "opened",
+    "open fails",
+    "copy of the log",
+    "no room for it",
+    "log is gone",
+    "log",
+    "log is cut",
+    "stdout",
     "stderr",
 };
 static_assert(std::size(NAMES) == static_cast<size_t>(act::said) + 1);
@@ -60,8 +82,8 @@ std::string describe(const fact &one) {
     } else {
         text += " = " + std::to_string(one.result);
     }
-    text += set_text(", read:", one.readable) +
-            set_text(", write:", one.writable);
+    text +=
+        set_text(", read:", one.readable) + set_text(", write:", one.writable);
     if (one.error != 0) {
         text += std::string(" (") + strerror(one.error) + ")";
     }

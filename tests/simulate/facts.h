@@ -26,17 +26,18 @@ enum class act {
     socket,       /* result: its number, or error */
     flags_failed, /* fcntl refused: who, error */
     option_failed,
-    bind,     /* who, peer, port */
-    listen,   /* who, limit: the backlog */
-    connect,  /* who, peer, port, result, error */
-    shut,     /* who */
-    fork,     /* result: process id or -1; text: what the shell is given */
-    collect,  /* waitpid: result: process id, limit: status */
-    no_memory,
+    bind,      /* who, peer, port */
+    listen,    /* who, limit: the backlog */
+    connect,   /* who, peer, port, result, error */
+    shut,      /* who */
+    fork,      /* result: process id or -1; text: what the shell is given */
+    collect,   /* waitpid: result: process id, limit: status */
+    no_memory, /* limit: in which call */
     reserve_failed, /* no descriptor to hold back: error */
     opened,         /* the message texts */
     open_failed,    /* who: which file; error */
-    copy_failed,    /* what is kept of the log found no room */
+    copy_begins,    /* of what is kept of the log */
+    copy_failed,    /* it found no room */
     log_removed,    /* by somebody outside */
     line,           /* appended to the log: text; result: bytes that fitted;
                        limit: its size before */
@@ -46,13 +47,16 @@ enum class act {
 };
 
 /* Which file, where a fact says who. */
+/* Which call has found no memory. */
+enum which_call { CALL_MALLOC = 1, CALL_CALLOC, CALL_STRDUP };
+
 enum which_file { FILE_LOG = 1, FILE_TEXTS, FILE_COPY };
 
 struct fact {
     act what{};
-    int64_t clock = 0; /* seconds, as the system tells them */
-    int64_t at = 0;    /* microseconds since the day began */
-    int held = 0;      /* descriptors in reserve */
+    int64_t clock = 0;  /* seconds, as the system tells them */
+    int64_t at = 0;     /* microseconds since the day began */
+    int held = 0;       /* descriptors in reserve */
     int64_t blocks = 0; /* on the heap */
     int sockets = 0;    /* open */
     int who = 0;

@@ -59,8 +59,8 @@ const fact &model::take(act what, int who, const std::string &why) {
     return take(what, why);
 }
 
-bool model::memory_fails() {
-    if (next_is(act::no_memory)) {
+bool model::memory_fails(which_call call) {
+    if (next_is(act::no_memory) && peek()->who == 0 && peek()->limit == call) {
         take(act::no_memory, "");
         return true;
     }
@@ -150,7 +150,7 @@ bool model::open_datagrams() {
 
 bool model::open_servers() {
     for (const watched_server &one : settings.servers) {
-        if (memory_fails()) {
+        if (memory_fails(CALL_CALLOC)) {
             log_error(ENOMEM);
             return false;
         }
@@ -265,8 +265,8 @@ void model::expect_wait() {
         }
     }
     std::string expected = "a wait of " + std::to_string(limit) +
-                           " s to read from" + show(readable) +
-                           " to write to" + show(writable) + ", " +
+                           " s to read from" + show(readable) + " to write to" +
+                           show(writable) + ", " +
                            std::to_string(open_sockets()) + " sockets open";
     if (!next_is(act::wait)) {
         differs(expected);
@@ -301,8 +301,8 @@ bool model::pass() {
         return found.error == EINTR;
     }
     if (found.result == 0) {
-        bool due = !servers.empty() &&
-                   now - last_cycle >= settings.alive_interval;
+        bool due =
+            !servers.empty() && now - last_cycle >= settings.alive_interval;
         if (due && !crowded()) {
             last_cycle = now;
             cancel_all();
@@ -342,10 +342,10 @@ bool model::pass() {
 }
 
 void model::check_end() {
-    bool lasting = settings.listen_timeout == 0;
-    bool quiet = !facts.empty() && facts.back().at > DAY + 3600 * SECOND;
-    if (quiet && !lasting && !senders.empty()) {
-        fail("a sender is left in the evening");
+    for (const party &one : senders) {
+        if (facts.back().at > DAY + 3600 * SECOND && !one.owed) {
+            fail("a sender is left in the evening");
+        }
     }
 }
 

@@ -81,7 +81,7 @@ class model {
     bool next_is(act what);
     const fact &take(act what, const std::string &why);
     const fact &take(act what, int who, const std::string &why);
-    bool memory_fails(); /* an allocation at this point did */
+    bool memory_fails(which_call call); /* at this point */
     [[noreturn]] void differs(const std::string &expected);
 
     /* The loop: model.cpp */

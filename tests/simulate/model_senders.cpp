@@ -82,11 +82,11 @@ void model::admit() {
 }
 
 bool model::new_sender(uint32_t address, int socket) {
-    bool lost = memory_fails();
+    bool lost = memory_fails(CALL_CALLOC);
     if (!lost && socket != 0 && next_is(act::option_failed)) {
         take(act::option_failed, "");
     }
-    if (lost || memory_fails()) {
+    if (lost || memory_fails(CALL_CALLOC)) {
         log_error(ENOMEM);
         return false;
     }
@@ -197,7 +197,7 @@ bool model::start_script(party *of, const std::string &program,
     if (program.empty()) {
         return false;
     }
-    if (memory_fails()) {
+    if (memory_fails(parameters.empty() ? CALL_STRDUP : CALL_MALLOC)) {
         log_error(ENOMEM);
         return false;
     }

@@ -31,8 +31,8 @@ bool model::lose(party *server) {
     server->failures++;
     report(828, server->name);
     /* The moment of the failure, which is that of the line if there is one. */
-    std::string moment = server->name + " " + date_text(clock) + " " +
-                         time_text(clock);
+    std::string moment =
+        server->name + " " + date_text(clock) + " " + time_text(clock);
     start_script(server, settings.alive_prog, moment.substr(0, 127));
     return !given_up(*server);
 }
@@ -184,8 +184,8 @@ bool model::completes_shutdown(party *sender) {
         enough = failed > settings.level;
         if (!enough) {
             write_line("Shutdown suppressed, redundancy-level = " +
-                       std::to_string(settings.level) + ", failure count = " +
-                       std::to_string(failed) + ".");
+                       std::to_string(settings.level) +
+                       ", failure count = " + std::to_string(failed) + ".");
             if (!settings.batch_suppress) {
                 start_script(sender, redundancy.batch, "");
             }

@@ -90,8 +90,8 @@ day_of_year calendar(int64_t clock) {
         days -= leap(year) ? 366 : 365;
         year++;
     }
-    const int lengths[] = {31, leap(year) ? 29 : 28, 31, 30, 31, 30, 31,
-                           31, 30,                   31, 30, 31};
+    const int lengths[] = {
+        31, leap(year) ? 29 : 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     int month = 0;
     while (days >= lengths[month]) {
         days -= lengths[month];
@@ -105,8 +105,9 @@ day_of_year calendar(int64_t clock) {
 std::string dotted(uint32_t address) {
     std::string text;
     for (int shift = 24; shift >= 0; shift -= 8) {
-        text += (text.empty() ? "" : ".") +
-                std::to_string((address >> static_cast<unsigned>(shift)) & 255U);
+        text +=
+            (text.empty() ? "" : ".") +
+            std::to_string((address >> static_cast<unsigned>(shift)) & 255U);
     }
     return text;
 }
@@ -196,7 +197,7 @@ std::string model::read_parameters(int command, std::string rest, bool *found) {
     if (!by_number) {
         return trimmed(rest);
     }
-    if (command == 4 && memory_fails()) {
+    if (command == 4 && memory_fails(CALL_MALLOC)) {
         return recipient + " ";
     }
     std::string text;
@@ -219,7 +220,7 @@ std::string model::read_parameters(int command, std::string rest, bool *found) {
 std::string model::fill(const std::string &text, const std::string *parameters,
                         bool *filled) {
     const size_t most = 4095;
-    *filled = !memory_fails();
+    *filled = !memory_fails(CALL_STRDUP);
     std::string rest = *parameters;
     std::string result;
     for (size_t at = 0; at < text.size() && result.size() < most;) {
@@ -349,19 +350,25 @@ bool model::append_to_log(const std::string &line) {
 
 /* Whole lines from the offset on stay, if there is room to turn around in. */
 bool model::cut_log(int64_t offset) {
-    bool hindered = false;
-    for (const fact *one = peek();
-         one != nullptr &&
-         (one->what == act::copy_failed || one->what == act::no_memory ||
-          (one->what == act::open_failed && one->who != FILE_TEXTS));
-         one = peek()) {
-        hindered = true;
-        take(one->what, "");
-    }
-    if (!next_is(act::rewritten)) {
-        if (!hindered) {
+    int held = 0;
+    do {
+        take(act::copy_begins, "the log is cut");
+        bool hindered = false;
+        for (const fact *one = peek();
+             one != nullptr &&
+             (one->what == act::copy_failed ||
+              (one->what == act::no_memory && one->who == FILE_COPY) ||
+              (one->what == act::open_failed && one->who != FILE_TEXTS));
+             one = peek()) {
+            hindered = true;
+            held = take(one->what, "").held;
+        }
+        if (!next_is(act::rewritten) && !hindered) {
             differs("the log is cut");
         }
+        /* There was a reserve: it is given up, and there is another try. */
+    } while (!next_is(act::rewritten) && held > 0);
+    if (!next_is(act::rewritten)) {
         return false;
     }
     size_t start = std::min(static_cast<size_t>(offset), log.size());

@@ -80,7 +80,8 @@ void choose_redundancy(chance *luck, day_settings *chosen) {
         luck->one_in(10) ? "" : std::string("/opt/suppressed.sh");
     if (luck->one_in(20)) {
         chosen->batch_file =
-            "/" + std::string(static_cast<size_t>(luck->between(509, 512)), 'b');
+            "/" +
+            std::string(static_cast<size_t>(luck->between(509, 512)), 'b');
     }
 }
 
@@ -93,8 +94,8 @@ void choose_scripts(chance *luck, day_settings *chosen) {
 }
 
 void choose_log(chance *luck, day_settings *chosen) {
-    const log_target targets[] = {log_target::file, log_target::file,
-                                  log_target::file, log_target::file,
+    const log_target targets[] = {log_target::file,     log_target::file,
+                                  log_target::file,     log_target::file,
                                   log_target::terminal, log_target::nowhere};
     chosen->log = luck->pick(targets);
     const int32_t sizes[] = {0, 0, 1, 2, 16, 64};
@@ -155,8 +156,8 @@ void add_burst(chance *luck, day_plan *plan, int64_t faults) {
     const int64_t widths[] = {SECOND / 1000, SECOND / 20, SECOND, 30 * SECOND};
     int64_t width = luck->pick(widths);
     int64_t start = luck->between(0, DAY - 60 * SECOND);
-    int64_t events = luck->one_in(20) ? luck->between(60, 160)
-                                      : luck->between(1, 16);
+    int64_t events =
+        luck->one_in(20) ? luck->between(60, 160) : luck->between(1, 16);
     for (int64_t i = 0; i < events; i++) {
         plan->events.push_back({0, start + luck->between(0, width),
                                 pick_happening(luck, faults), luck->next()});
@@ -191,13 +192,13 @@ day_plan make_plan(uint64_t seed, int sessions) {
         plan.events.push_back({0, 0, happening::failing_call, luck.next()});
     }
     if (luck.one_in(4)) {
-        int64_t at = plan.events[static_cast<size_t>(luck.next()) %
-                                 plan.events.size()]
-                         .at;
-        plan.events.push_back({0, at + luck.between(0, SECOND / 100),
-                               luck.one_in(4) ? happening::wait_fails
-                                              : happening::early_stop,
-                               luck.next()});
+        int64_t at =
+            plan.events[static_cast<size_t>(luck.next()) % plan.events.size()]
+                .at;
+        plan.events.push_back(
+            {0, at + luck.between(0, SECOND / 100),
+             luck.one_in(4) ? happening::wait_fails : happening::early_stop,
+             luck.next()});
     }
     std::stable_sort(plan.events.begin(), plan.events.end(),
                      [](const outside_event &a, const outside_event &b) {

@@ -71,8 +71,8 @@ struct day_settings {
     int descriptor_limit = 256;
     int inherited = 3; /* descriptors that are open from the start */
     int first_pid = 1000, last_pid = 1400;
-    int64_t clock = 0; /* at the start, in seconds */
-    std::string texts{};  /* the message file */
+    int64_t clock = 0;   /* at the start, in seconds */
+    std::string texts{}; /* the message file */
 };
 
 struct day_plan {

@@ -43,8 +43,8 @@ struct simulated_socket {
     uint32_t peer = 0;
     /* What stands ready. */
     std::string incoming{};
-    bool ended = false;  /* the peer says no more */
-    int error = 0;       /* the peer is gone */
+    bool ended = false;       /* the peer says no more */
+    int error = 0;            /* the peer is gone */
     bool looks_ready = false; /* reported readable although nothing is there */
     bool writable = false;
     /* How sending and receiving goes. */
@@ -175,6 +175,7 @@ struct world {
     /* Memory. */
     int64_t blocks = 0;
     int fail_allocation = 0; /* the how manyeth from now */
+    bool names_copy = false; /* the next one is for the log's copy */
 
     /* Files. */
     std::map<std::string, std::shared_ptr<file_body>> files{};

@@ -56,7 +56,8 @@ std::string parameters(chance *luck) {
         return std::string(static_cast<size_t>(luck->between(900, 4000)), 'p') +
                job;
     case 13:
-        return "3 " + std::string(static_cast<size_t>(luck->between(1, 40)), '$') +
+        return "3 " +
+               std::string(static_cast<size_t>(luck->between(1, 40)), '$') +
                " tail";
     case 14:
         return "TOLVA  ERROR: " + job + " %s";
@@ -87,7 +88,8 @@ std::string hostile_text(chance *luck) {
     case 5:
         return std::string(HEADER) + " MSG_EXECSTATUS FROBNICATE 1";
     case 6:
-        return std::string(HEADER) + std::string(1, '\0') + "MSG_EXECUTE EXECUTE";
+        return std::string(HEADER) + std::string(1, '\0') +
+               "MSG_EXECUTE EXECUTE";
     case 7: {
         std::string noise;
         for (int64_t left = luck->between(1, 300); left > 0; left--) {
@@ -110,7 +112,7 @@ std::string request_text(chance *luck) {
     if (luck->one_in(7)) {
         return luck->one_in(3) ? other_case(text) : text;
     }
-    const char *words[] = {"SHUTDOWN", "EXECUTE",  "EXECUTE",  "MSG_ID",
+    const char *words[] = {"SHUTDOWN", "EXECUTE",  "EXECUTE",   "MSG_ID",
                            "MSG_TEXT", "MAIL_ID",  "MAIL_TEXT", "LOG_ID",
                            "LOG_TEXT", "LOG_TEXT", "LOG"};
     text += luck->one_in(9) ? "x" : " ";
@@ -163,12 +165,15 @@ void world::begin_session(uint64_t seed) {
             }
         };
     };
-    const int64_t paces[] = {0, 0, 100, 3000, SECOND / 2, 4 * SECOND,
-                             12 * SECOND};
+    const int64_t paces[] = {0,          0,          100,        3000,
+                             SECOND / 2, 4 * SECOND, 12 * SECOND};
     int64_t when = now + dice.pick(paces);
     int64_t behaviour = dice.between(0, 99);
     if (behaviour < 4) {
-        return; /* says nothing, for ever */
+        /* Says nothing, and goes in the end. */
+        at(now + 1800 * SECOND,
+           with([](simulated_socket *it) { it->ended = true; }));
+        return;
     }
     if (behaviour < 8) {
         at(when, with([](simulated_socket *it) { it->ended = true; }));
@@ -195,8 +200,7 @@ void world::begin_session(uint64_t seed) {
            it->incoming += text.substr(0, first);
        }));
     if (first < text.size()) {
-        at(when + dice.pick(paces),
-           with([text, first](simulated_socket *it) {
+        at(when + dice.pick(paces), with([text, first](simulated_socket *it) {
                it->incoming += text.substr(first);
            }));
     }
@@ -217,7 +221,8 @@ void world::begin_session(uint64_t seed) {
     if (dice.one_in(15)) {
         int64_t writable_then = when + dice.pick(paces) * 10;
         at(when, with([](simulated_socket *it) { it->writable = false; }));
-        at(writable_then, with([](simulated_socket *it) { it->writable = true; }));
+        at(writable_then,
+           with([](simulated_socket *it) { it->writable = true; }));
     }
     if (dice.one_in(12)) {
         bool partial = dice.one_in(2);
@@ -265,7 +270,8 @@ void world::begin_connect(simulated_socket *one) {
     mood how = one->server >= 0 ? moods[static_cast<size_t>(one->server)]
                                 : mood::refuses;
     if (how == mood::mixed) {
-        how = static_cast<mood>(dice.between(0, static_cast<int64_t>(mood::mixed) - 1));
+        how = static_cast<mood>(
+            dice.between(0, static_cast<int64_t>(mood::mixed) - 1));
     }
     one->seed = (dice.next() & ~static_cast<uint64_t>(0xff)) |
                 static_cast<uint64_t>(how);
@@ -323,7 +329,8 @@ void world::hear(simulated_socket *one, const std::string &) {
             it->incoming += "7|";
         } else if (how == mood::closes) {
             it->ended = true;
-        } else if (how == mood::resets || (how == mood::resets_later && !first)) {
+        } else if (how == mood::resets ||
+                   (how == mood::resets_later && !first)) {
             it->error = ECONNRESET;
         } else {
             it->incoming += first ? "0|1 welcome" : "0|0 bye";
@@ -337,11 +344,13 @@ void world::hear(simulated_socket *one, const std::string &) {
 void world::call_will_fail(uint64_t seed) {
     chance dice(seed);
     const failing calls_that_fail[] = {
-        {"socket", EACCES},      {"fcntl", EINVAL},      {"fcntl", EINVAL},
-        {"setsockopt", ENOPROTOOPT}, {"bind", EADDRINUSE}, {"listen", EADDRINUSE},
-        {"connect", ENETUNREACH}, {"getsockopt", EINVAL}, {"send", EPIPE},
-        {"recv", EIO},           {"accept", EPERM},      {"open", ENFILE},
-        {"fork", EAGAIN},        {"recvfrom", EIO},
+        {"socket", EACCES},       {"fcntl", EINVAL},
+        {"fcntl", EINVAL},        {"setsockopt", ENOPROTOOPT},
+        {"bind", EADDRINUSE},     {"listen", EADDRINUSE},
+        {"connect", ENETUNREACH}, {"getsockopt", EINVAL},
+        {"send", EPIPE},          {"recv", EIO},
+        {"accept", EPERM},        {"open", ENFILE},
+        {"fork", EAGAIN},         {"recvfrom", EIO},
     };
     failing_calls.push_back(dice.pick(calls_that_fail));
 }
@@ -349,7 +358,8 @@ void world::call_will_fail(uint64_t seed) {
 bool world::free_pid(pid_t *pid) {
     const day_settings &chosen = plan->settings;
     for (int i = chosen.first_pid; i <= chosen.last_pid; i++) {
-        last_pid = last_pid >= chosen.last_pid ? chosen.first_pid : last_pid + 1;
+        last_pid =
+            last_pid >= chosen.last_pid ? chosen.first_pid : last_pid + 1;
         if (children.count(last_pid) == 0) {
             *pid = last_pid;
             return true;
@@ -367,12 +377,12 @@ pid_t world::begin_child(const std::string &line, uint64_t seed) {
     child_process one;
     one.pid = pid;
     one.line = line;
-    const int statuses[] = {0,      0,      0,        0,      0x100,  0x300,
-                            0x7f00, 0xff00, 0x000f,   0x0009, 0x0086, 0x100};
+    const int statuses[] = {0,      0,      0,      0,      0x100,  0x300,
+                            0x7f00, 0xff00, 0x000f, 0x0009, 0x0086, 0x100};
     one.status = dice.pick(statuses);
-    const int64_t lengths[] = {20,         500,         3000,       SECOND / 10,
-                               2 * SECOND, 20 * SECOND, 900 * SECOND,
-                               7000 * SECOND};
+    const int64_t lengths[] = {20,           500,          3000,
+                               SECOND / 10,  2 * SECOND,   20 * SECOND,
+                               300 * SECOND, 1500 * SECOND};
     int64_t end = now + dice.pick(lengths) + dice.between(0, 500);
     int stop = dice.one_in(14) ? (dice.one_in(2) ? 0x137f : 0x147f) : 0;
     uint64_t birth = forks++;
@@ -390,7 +400,8 @@ pid_t world::begin_child(const std::string &line, uint64_t seed) {
         });
         if (dice.one_in(3)) {
             /* It goes on before anybody has looked. */
-            at(middle + 10, [this, pid] { children[pid].reported_stop = true; });
+            at(middle + 10,
+               [this, pid] { children[pid].reported_stop = true; });
         }
     }
     at(end, [this, pid] {

@@ -171,11 +171,11 @@ void world::happens(const outside_event &one) {
         call_will_fail(one.seed);
         break;
     case happening::limit_change:
-        descriptor_limit = dice.one_in(2)
-                               ? plan->settings.descriptor_limit
-                               : plan->settings.inherited +
-                                     static_cast<int>(dice.between(4, 14));
+        descriptor_limit =
+            plan->settings.inherited + static_cast<int>(dice.between(4, 14));
         tell(name + "limit of descriptors " + std::to_string(descriptor_limit));
+        for_a_while(
+            [this] { descriptor_limit = plan->settings.descriptor_limit; });
         break;
     case happening::log_removed:
         tell(name + "the log is removed");
