@@ -256,12 +256,14 @@ int __wrap_open(const char *path, int flags, ...) {
     }
     if (!here->plan->settings.log_directory_writable ||
         !here->plan->settings.unnamed_files) {
-        /* Next comes a name for the copy of the log. */
         here->names_copy = true;
         errno = EOPNOTSUPP;
         return -1;
     }
-    return open_unnamed((flags & O_CLOEXEC) != 0);
+    int fd = open_unnamed((flags & O_CLOEXEC) != 0);
+    /* Without one comes a name for it. */
+    here->names_copy = fd < 0;
+    return fd;
 }
 
 int __wrap_mkostemp(char *, int flags) {
