@@ -147,7 +147,8 @@ struct world {
     bool interrupted = false;
     int wait_error = 0;
     bool stopping = false; /* a stop signal has been sent */
-    sigset_t held_over{};  /* pending since before the last wait ended */
+    bool stop_heard = false, has_waited = false;
+    sigset_t held_over{}; /* pending since before the last wait ended */
 
     /* Descriptors and sockets. */
     std::vector<descriptor> table{};
@@ -222,6 +223,7 @@ struct world {
     bool find_ready(int count, const fd_set &r, const fd_set &w, fd_set *fr,
                     fd_set *fw, int *found);
     void check_sockets() const;
+    void check_wake_ups() const;
 };
 
 extern world *here;

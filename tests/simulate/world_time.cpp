@@ -214,7 +214,10 @@ void world::raise(int number) {
         return;
     }
     if (action.handler == SIG_DFL) {
-        /* Nothing is installed yet: it would simply end the process. */
+        /* Before anything is installed it would simply end the process. */
+        if (has_waited) {
+            fail("signal " + std::to_string(number) + " ends the listener");
+        }
         return;
     }
     sigaddset(&pending, number);
@@ -235,6 +238,8 @@ bool world::deliver() {
         }
         if (actions[number].handler != SIG_IGN) {
             note(act::signal)->result = number;
+            stop_heard = stop_heard || number == SIGTERM || number == SIGQUIT ||
+                         number == SIGINT;
             actions[number].handler(number);
         }
     }
@@ -288,6 +293,19 @@ void world::check_sockets() const {
     }
 }
 
+/* What a handler has been told is not slept over. */
+void world::check_wake_ups() const {
+    if (stop_heard) {
+        fail("waits after a stop signal");
+    }
+    for (const auto &[pid, one] : children) {
+        if (one.ended && sigismember(&pending, SIGCHLD) != 1) {
+            fail("waits while child " + std::to_string(pid) +
+                 " is to be collected");
+        }
+    }
+}
+
 int world::wait_for(int count, fd_set *readable_set, fd_set *writable_set,
                     const timespec *limit, const sigset_t *wait_mask) {
     call();
@@ -308,6 +326,8 @@ int world::wait_for(int count, fd_set *readable_set, fd_set *writable_set,
             fail("a wait that no signal ends");
         }
     }
+    has_waited = true;
+    check_wake_ups();
     check_sockets();
     fact *asked = note(act::wait);
     asked->limit = limit ? limit->tv_sec : -1;
