@@ -184,6 +184,9 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
 }
 
 FILE *__wrap_fdopen(int fd, const char *mode) {
+    if (here == nullptr) {
+        return __real_fdopen(fd, mode);
+    }
     std::shared_ptr<file_body> body = here->unnamed[fd];
     here->unnamed.erase(fd);
     return open_stream(body, fd, mode);
@@ -239,6 +242,9 @@ char *__wrap_realpath(const char *path, char *) {
 }
 
 int __wrap_open(const char *path, int flags, ...) {
+    if (here == nullptr) {
+        return __real_open(path, flags, 0644);
+    }
     if (strcmp(path, "/") == 0) {
         int error = 0;
         int fd = -1;

@@ -2,6 +2,7 @@
  * The listener's calls for descriptors and sockets. A name that is added here
  * is added to the list in tests/CMakeLists.txt too.
  */
+#include "calls.h"
 #include "world.h"
 
 #include <cerrno>
@@ -359,7 +360,8 @@ ssize_t __wrap_send(int fd, const void *data, size_t size, int flags) {
     int error = one->send_error;
     bool deaf = one->kind == socket_kind::outbound;
     auto how = static_cast<mood>(one->seed & 0xffU);
-    if (error == 0 && deaf && how == mood::deaf) {
+    if (error == 0 && deaf &&
+        (how == mood::deaf || (how == mood::deaf_later && one->lines > 0))) {
         error = ECONNRESET;
     }
     if (refused("send")) {
@@ -394,6 +396,9 @@ int __wrap_shutdown(int fd, int how) {
 }
 
 int __wrap_close(int fd) {
+    if (here == nullptr) {
+        return __real_close(fd);
+    }
     if (here->in_child) {
         return 0;
     }
@@ -406,6 +411,11 @@ int __wrap_close(int fd) {
 int __wrap_fcntl(int fd, int command, ...) {
     va_list rest;
     va_start(rest, command);
+    if (here == nullptr) {
+        void *lock = va_arg(rest, void *);
+        va_end(rest);
+        return __real_fcntl(fd, command, lock);
+    }
     int argument = va_arg(rest, int);
     va_end(rest);
     if (fd < 0 || static_cast<size_t>(fd) >= here->table.size() ||

@@ -37,6 +37,8 @@ FILE *terminal = nullptr;
         fflush(terminal);
     }
     if (__gcov_dump != nullptr) {
+        /* Its files are real ones. */
+        here = nullptr;
         __gcov_dump();
     }
     __real__exit(status);

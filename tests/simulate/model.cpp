@@ -149,8 +149,12 @@ bool model::open_datagrams() {
 }
 
 bool model::open_servers() {
+    /* A record and its place in the list, for each. */
+    int64_t made = facts[position - 1].blocks;
     for (const watched_server &one : settings.servers) {
-        if (memory_fails(CALL_CALLOC)) {
+        made += 2;
+        if (next_is(act::no_memory) && peek()->blocks < made &&
+            memory_fails(CALL_CALLOC)) {
             log_error(ENOMEM);
             return false;
         }

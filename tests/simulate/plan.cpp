@@ -187,9 +187,13 @@ day_plan make_plan(uint64_t seed, int sessions) {
     while (plan.events.size() < static_cast<size_t>(sessions)) {
         add_burst(&luck, &plan, faults);
     }
-    if (luck.one_in(30)) {
+    if (luck.one_in(10)) {
         /* Before the first wait: what opens the listeners fails. */
-        plan.events.push_back({0, 0, happening::failing_call, luck.next()});
+        for (int i = 0; i < 4; i++) {
+            plan.events.push_back({0, 0, happening::failing_call, luck.next()});
+        }
+    } else if (luck.one_in(20)) {
+        plan.events.push_back({0, 0, happening::no_memory, luck.next()});
     }
     if (luck.one_in(4)) {
         int64_t at =

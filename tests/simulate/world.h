@@ -91,6 +91,7 @@ enum class mood {
     resets_later,
     deaf, /* sending fails */
     half_deaf,
+    deaf_later,
     mixed, /* any of these, each time anew */
 };
 

@@ -161,9 +161,9 @@ void world::happens(const outside_event &one) {
     case happening::stray_child:
         tell(name + "somebody else's child");
         begin_child("", one.seed);
-        /* Now and then more than are collected at once. */
-        for (int i = dice.one_in(4) ? 280 : 0; i > 0; i--) {
-            begin_child("", dice.next());
+        /* Now and then more end together than are collected at once. */
+        for (int i = dice.one_in(4) ? 300 : 0; i > 0; i--) {
+            begin_child("", one.seed);
         }
         break;
     case happening::failing_call:
