@@ -299,7 +299,8 @@ void world::check_wake_ups() const {
         fail("waits after a stop signal");
     }
     for (const auto &[pid, one] : children) {
-        if (one.ended && sigismember(&pending, SIGCHLD) != 1) {
+        bool news = one.ended || !one.reported_stop;
+        if (news && sigismember(&pending, SIGCHLD) != 1) {
             fail("waits while child " + std::to_string(pid) +
                  " is to be collected");
         }
