@@ -197,9 +197,7 @@ FILE *__wrap_tmpfile() {
     return fd < 0 ? nullptr : __wrap_fdopen(fd, "w+");
 }
 
-int __wrap_fileno(FILE *stream) {
-    return here->streams.at(stream)->fd;
-}
+int __wrap_fileno(FILE *stream) { return here->streams.at(stream)->fd; }
 
 int __wrap_fstat(int fd, struct stat *status) {
     for (const auto &[stream, it] : here->streams) {
@@ -280,9 +278,7 @@ int __wrap_mkostemp(char *, int flags) {
     return open_unnamed((flags & O_CLOEXEC) != 0);
 }
 
-int __wrap_unlink(const char *) {
-    return 0;
-}
+int __wrap_unlink(const char *) { return 0; }
 
 ssize_t __wrap_write(int, const void *, size_t size) {
     return static_cast<ssize_t>(size);

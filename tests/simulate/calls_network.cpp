@@ -334,6 +334,9 @@ ssize_t __wrap_send(int fd, const void *data, size_t size, int flags) {
 
 int __wrap_shutdown(int fd, int how) {
     simulated_socket *one = must_be_socket(fd, "shutdown");
+    if (one->kind == socket_kind::listener && how == SHUT_RD) {
+        return 0; /* It is about to be closed; who else has it is elsewhere. */
+    }
     fact *told = here->note(act::shut);
     told->who = one->number;
     told->limit = how;
@@ -363,8 +366,17 @@ int __wrap_fcntl(int fd, int command, ...) {
     }
     int argument = va_arg(rest, int);
     va_end(rest);
-    if (fd < 0 || static_cast<size_t>(fd) >= here->table.size() ||
-        here->table[static_cast<size_t>(fd)].what == holds::nothing) {
+    holds what = fd < 0 || static_cast<size_t>(fd) >= here->table.size()
+                     ? holds::nothing
+                     : here->table[static_cast<size_t>(fd)].what;
+    bool nothing = what == holds::nothing;
+    if (command == F_GETFD && what != holds::socket) {
+        /* Which numbers are free is not for the listener to see here: it must
+         * get by with what accept gives it. */
+        errno = EBADF;
+        return -1;
+    }
+    if (nothing) {
         fail("fcntl of descriptor " + std::to_string(fd));
     }
     if (command == F_DUPFD_CLOEXEC) {

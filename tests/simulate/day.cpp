@@ -52,9 +52,7 @@ void aborted(int) {
     fail("the listener aborts: " + said);
 }
 
-void crashed(int) {
-    fail("the listener crashes");
-}
+void crashed(int) { fail("the listener crashes"); }
 
 /* As start-up fills it. */
 void fill(receiver_params *settings, const day_settings &chosen) {

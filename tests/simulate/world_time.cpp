@@ -84,9 +84,7 @@ fact *world::note(act what) {
     return &facts.back();
 }
 
-void world::tell(const std::string &text) {
-    note(act::outside)->text = text;
-}
+void world::tell(const std::string &text) { note(act::outside)->text = text; }
 
 bool world::fails(const char *name, int *error) {
     for (auto one = failing_calls.begin(); one != failing_calls.end(); ++one) {

@@ -135,18 +135,6 @@ TEST(fork_and_exec, a_newer_script_takes_the_record_over) {
     EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid);
 }
 
-/* It has been reported as if it had ended, and will not be again. */
-TEST(fork_and_exec, a_stopped_script_that_is_given_up_is_spoken_of) {
-    operator_log log;
-    connection cn;
-    cn.pid = 4711;
-    cn.child_owed = true;
-    ASSERT_TRUE(fork_and_exec(&cn, "exit", nullptr));
-    EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid);
-    const log_lines expected = {message(792, {"exit"}), message(836, {"4711"})};
-    EXPECT_EQ(log.lines(), expected);
-}
-
 TEST(fork_and_exec, logs_that_no_process_can_be_had) {
     operator_log log;
     connection cn;

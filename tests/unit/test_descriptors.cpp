@@ -177,7 +177,7 @@ TEST(watched_fd, none_is_always_the_number_below_0) {
     third = std::move(second);
     EXPECT_EQ(second.get(), -1); // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(third.get(), 400);
-    third.close();
+    third.reset();
     EXPECT_EQ(third.get(), -1);
 }
 

@@ -48,7 +48,6 @@ constexpr event_message<0> command_unknown{820};  /* or empty */
 constexpr event_message<1> script_started{792};   /* its command line */
 constexpr event_message<1> script_finished{794};  /* its command line */
 constexpr event_message<1> script_failed{793};    /* its command line */
-constexpr event_message<1> script_abandoned{836}; /* stopped: its process id */
 constexpr event_message<2> members_missing{837};  /* usable, named */
 } // namespace event
 /* clang-format on */

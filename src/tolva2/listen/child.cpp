@@ -67,13 +67,7 @@ bool fork_and_exec(connection *cn, const char *program, const char *params) {
         return false;
     }
     if (cn) {
-        /* An older script of the same record goes on unwatched. One that was
-         * stopped has been spoken of as if it had ended. */
-        if (cn->child_owed && !cn->busy) {
-            char number[16];
-            snprintf(number, sizeof number, "%d", cn->pid);
-            report(event::script_abandoned, number);
-        }
+        /* An older script of the same record goes on unwatched. */
         cn->cmdline = std::move(line);
         cn->busy = true;
         cn->pid = child;
