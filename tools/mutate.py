@@ -20,6 +20,7 @@ of size and time: whatever a mutant kills, fills or forks stays in there.
 import argparse
 import collections
 import contextlib
+import fcntl
 import hashlib
 import json
 import os
@@ -462,6 +463,11 @@ def main():
              for f in asked.files] or all_files()
     if asked.quick:
         files = sorted({path for path, _, _ in QUICK})
+    lock = open(work / "lock", "w")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError:
+        sys.exit(f"error: another run is at work in {work}")
     run = Run(work, files, QUICK if asked.quick else None)
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, signal.default_int_handler)
