@@ -47,6 +47,7 @@ SYSTEM_SECONDS = 180
 # Unit test programs that know a file beside those of its own name.
 UNIT = {
     "process_state": ["test_trace"],
+    "reply": ["test_command_end"],
     "signals": ["test_daemon"],
     "ux_owned": ["test_ux_owned", "test_ux_list"],
     "ux_cfgmodule": ["test_ux_cfgmodule"],
