@@ -48,6 +48,10 @@ LOG_LINE = re.compile(
     r"^(\d\d/\d\d/\d{4}),(\d\d:\d\d:\d\d), tolva\[(\d{5,})\]: (.*)$")
 
 
+# What has a higher number is told in addition, where there is a text for it.
+LAST_COMMON_MESSAGE = 835
+
+
 @functools.cache
 def message_arguments():
     """{number: how many arguments the message is given}, from the program's

@@ -13,7 +13,8 @@ import tempfile
 import uuid
 
 import namespaces
-from harness import LOG_LINE, TOLVA, message_arguments, wrapper
+from harness import (LAST_COMMON_MESSAGE, LOG_LINE, TOLVA, message_arguments,
+                     wrapper)
 from listener import Listener
 from peers import ScriptedServer, UdpReceiver
 from processes import Running, adopt_orphans, pids
@@ -76,13 +77,20 @@ class Home:
             f"{key}={value}\n" for key, value in self.settings.items()))
 
     def messages(self, extra=None, without=()):
-        """Writes messages.dat: "[number] %s..." and the extra texts."""
+        """Writes messages.dat: "[number] %s..." for what every database has,
+        and the extra texts; see also more_texts()."""
         texts = {n: f"[{n}]" + " %s" * count
-                 for n, count in message_arguments().items()}
+                 for n, count in message_arguments().items()
+                 if n <= LAST_COMMON_MESSAGE}
         texts.update(extra or {})
         self.write("messages.dat", "".join(
             f"m{n}={text}\n" for n, text in texts.items()
             if n not in without))
+
+    def more_texts(self):
+        """Writes messages.dat with a text for each event there is."""
+        self.messages({n: f"[{n}]" + " %s" * count
+                       for n, count in message_arguments().items()})
 
     # the log
 

@@ -335,6 +335,7 @@ TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told) {
 
 TEST(redundancy, members_that_cannot_be_used_are_told) {
     redundant_listener two(1, "10.0.0.1 10.0.0.2");
+    two.log.tell_more();
     EXPECT_EQ(two.log.lines(), log_lines{});
     two.settings.redundancy_addresses = ux_copy(" 10.0.0.1\t10.0.0.2 ");
     init_redundant_shutdowns(&two.settings, two.members.get());

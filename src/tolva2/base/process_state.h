@@ -11,6 +11,14 @@
 /* Base name of argv[0], first word of every error; owned by main. */
 extern const char *progname;
 
+/* The home where $TOLVAHOME names none, chosen when the program was built;
+ * empty: the directory of the executable. */
+#ifdef TOLVA_HOME
+constexpr const char *BUILT_IN_HOME = TOLVA_HOME;
+#else
+constexpr const char *BUILT_IN_HOME = "";
+#endif
+
 /* Absolute directory of settings, scripts and texts; owned by main. */
 extern const char *home_dir;
 

@@ -48,7 +48,18 @@ constexpr event_message<0> command_unknown{820};  /* or empty */
 constexpr event_message<1> script_started{792};   /* its command line */
 constexpr event_message<1> script_finished{794};  /* its command line */
 constexpr event_message<1> script_failed{793};    /* its command line */
+
+/* Of the listener, of the sender, where the database has a text for them. */
+constexpr event_message<1> script_abandoned{836}; /* the server's address */
 constexpr event_message<2> members_missing{837};  /* usable, named */
+constexpr event_message<1> request_from{838};     /* over TCP: the sender's */
+constexpr event_message<1> script_status{839};    /* it ended with, not 0 */
+constexpr event_message<1> script_killed{840};    /* by which signal */
+constexpr event_message<1> script_stopped{841};   /* by which signal */
+constexpr event_message<0> everybody_admitted{842};
+constexpr event_message<1> clock_set_back{843};   /* seconds */
+constexpr event_message<1> reply_unusable{844};   /* the listener's address */
+constexpr event_message<1> no_answer{845};        /* in time: its address */
 } // namespace event
 /* clang-format on */
 

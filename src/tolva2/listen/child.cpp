@@ -68,6 +68,9 @@ bool fork_and_exec(connection *cn, const char *program, const char *params) {
     }
     if (cn) {
         /* An older script of the same record goes on unwatched. */
+        if (cn->child_owed) {
+            report(event::script_abandoned, cn->ipaddr);
+        }
         cn->cmdline = std::move(line);
         cn->busy = true;
         cn->pid = child;

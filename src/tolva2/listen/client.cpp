@@ -137,6 +137,7 @@ bool receive_command(connection *cn) {
     }
     text[length] = '\0';
     report(event::message_received);
+    report(event::request_from, cn->ipaddr);
     debug_printf("DEBUG: received = [%s]\n", text);
     request_class kind = classify_request(text);
     if (kind == REQUEST_NONE) {
@@ -145,6 +146,13 @@ bool receive_command(connection *cn) {
     }
     run_request(cn, kind, text);
     return true;
+}
+
+/* Without a list everybody may send; with one that holds nothing that can be
+ * used, nobody. */
+bool is_admitted(const ux_list *allowed, const in_addr *address) {
+    return allowed->size > 0 ? client_is_allowed(allowed, address)
+                             : ux_is_empty(rp->allowed_addresses.get());
 }
 
 } // namespace
@@ -186,7 +194,7 @@ void handle_tcp_connect(int32_t listener, const ux_list *allowed,
     if (!fd) {
         return;
     }
-    if (allowed->size > 0 && !client_is_allowed(allowed, &address.sin_addr)) {
+    if (!is_admitted(allowed, &address.sin_addr)) {
         char text[ADDRESS_TEXT];
         copy_address(text, &address.sin_addr);
         fd.reset();

@@ -14,6 +14,7 @@
 #include "tolva2/listen/reply.h"
 
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <span>
 #include <sys/wait.h>
@@ -42,24 +43,39 @@ bool exec_log_command(connection *cn, const char *text) {
     return logged;
 }
 
+/* Why a script counts as failed. */
+void report_failure(int status) {
+    if (WIFSIGNALED(status)) {
+        report(event::script_killed, strsignal(WTERMSIG(status)));
+    } else if (WIFSTOPPED(status)) {
+        report(event::script_stopped, strsignal(WSTOPSIG(status)));
+    } else {
+        char text[16];
+        snprintf(text, sizeof text, "%d", WEXITSTATUS(status));
+        report(event::script_status, text);
+    }
+}
+
 /* A script has ended or was stopped: log it and serve who waits for it. */
-void finish_child(ux_list *list, ux_list_element *node, int32_t status) {
+void finish_child(ux_list *list, ux_list_element *node, int status) {
     connection *cn = record_of(node);
     if (!WIFSTOPPED(status)) {
         /* The number may belong to another child from now on. */
         cn->child_owed = false;
     }
-    if ((status & 0x7f) == 0) {
-        status = (status >> 8) & 0xff;
+    const char *line = cn->cmdline ? cn->cmdline.get() : "";
+    if (status == 0) {
+        report(event::script_finished, line);
+    } else {
+        report(event::script_failed, line);
+        report_failure(status);
     }
-    report(status == 0 ? event::script_finished : event::script_failed,
-           cn->cmdline ? cn->cmdline.get() : "");
     cn->busy = false;
     if (cn->type == ADDR_KESDAL) {
         cn->cmdline.reset();
         check_alive_retries(node);
     } else if (cn->want_reply) {
-        expect_reply(cn, status == -1 ? 1 : status);
+        expect_reply(cn, WIFEXITED(status) ? WEXITSTATUS(status) : status);
     } else {
         unregister_connection(list, node);
     }

@@ -12,6 +12,7 @@
 #include "tolva2/listen/alive.h"
 #include "tolva2/listen/client.h"
 #include "tolva2/listen/command.h"
+#include "tolva2/listen/readiness.h"
 #include "tolva2/listen/redundancy.h"
 #include "tolva2/listen/reply.h"
 #include "tolva2/net/connection.h"
@@ -20,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <initializer_list>
 #include <poll.h>
 
@@ -81,11 +83,21 @@ void let_signals_in(const listener_state *state) {
     sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
+/* What stops the start is for the terminal too. */
+void say_unopened(int32_t error, const char *kind) {
+    log_system(error);
+    error_printf(
+        stderr, ERROR_CONTINUE,
+        "%s: cannot listen on ListenAddress=%s ListenPort=%d (%s): %s\n",
+        progname, rp->listen_address ? rp->listen_address.get() : "",
+        rp->listenport, kind, strerror(error));
+}
+
 /* A socket that was bound or not: none after a log line, or closed to scripts
  * and shown to the developer. */
 ux_fd bound_socket(ux_fd fd, bool bound, const char *kind) {
     if (!bound) {
-        log_system(errno);
+        say_unopened(errno, kind);
         return {};
     }
     set_close_on_exec(fd.get());
@@ -97,7 +109,7 @@ ux_fd open_tcp_socket(int32_t port, const char *address) {
     trace_in();
     ux_fd fd = tcp_socket_nonblock();
     if (int32_t error = why_unwatchable(fd)) {
-        log_system(error);
+        say_unopened(error, "tcp");
         return {};
     }
     int on = 1;
@@ -113,7 +125,7 @@ ux_fd open_udp_socket(int32_t port, const char *address) {
     /* A datagram that the wait reports may be gone when it is received. */
     ux_fd fd = udp_broadcast_socket_nonblock();
     if (int32_t error = why_unwatchable(fd)) {
-        log_system(error);
+        say_unopened(error, "udp");
         return {};
     }
     bool bound = sock_bind_to(fd.get(), static_cast<uint16_t>(port), address);
@@ -188,6 +200,20 @@ int64_t next_timeout(const listener_state *state) {
     return timeout;
 }
 
+/* Takes the time of day. A clock that was set back is news, and nothing waits
+ * for the old time to come again. */
+void take_time(listener_state *state) {
+    time_t before = state->now;
+    state->now = time(nullptr);
+    if (state->now < before) {
+        char seconds[24];
+        snprintf(seconds, sizeof seconds, "%lld",
+                 static_cast<long long>(before - state->now));
+        report(event::clock_set_back, seconds);
+    }
+    state->last_alive = std::min(state->last_alive, state->now);
+}
+
 /* Waits until something is ready, a signal comes or time is up. */
 wait_result wait_for_events(listener_state *state) {
     int64_t timeout = next_timeout(state);
@@ -204,9 +230,7 @@ wait_result wait_for_events(listener_state *state) {
     debug_printf("DEBUG: calling select() maxfd=%d, max_fds=%d, nfds=%d\n\n",
                  highest_descriptor(), max_fds, open_descriptors());
     wait_result found = wait_for_descriptors(timeout, &state->wait_mask);
-    state->now = time(nullptr);
-    /* The clock was set back: nothing waits for the old time to come again. */
-    state->last_alive = std::min(state->last_alive, state->now);
+    take_time(state);
     debug_printf("DEBUG: select() returned nready = %d\n", found.ready);
     return found;
 }
@@ -354,7 +378,9 @@ int32_t recv_mode(receiver_params *settings, const ux_list *allowed,
     fill_reserve();
     count_numbers();
     if (open_listeners(&state, alive)) {
+        announce_ready();
         run_loop(&state);
+        announce_stopping();
     }
     tear_down(&state);
     give_up_reserve();

@@ -20,6 +20,8 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <span>
+#include <string_view>
 #include <sys/socket.h>
 
 /* Not "send", which is the system's call. The listener has its own ways to
@@ -78,12 +80,27 @@ void end_connect(ux_list_element *node) {
 
 constexpr connect_ends SEND_ENDS{cancel_connect, end_connect};
 
+/* What a listener says is one line, and no part of it moves the cursor. */
+const char *printable(std::string_view text, std::span<char> buffer) {
+    text = text.substr(0, text.find_last_not_of("\r\n") + 1);
+    text = text.substr(0, buffer.size() - 1);
+    char *end =
+        std::ranges::replace_copy_if(
+            text, buffer.data(),
+            [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; },
+            '?')
+            .out;
+    *end = '\0';
+    return buffer.data();
+}
+
 /* A reply has come: its status becomes the run's, seen as our own. The byte
  * behind the header is not looked at. */
 void take_reply(const connection *cn, const char *reply) {
     const char *text = reply + REPLY_HEADER_LENGTH;
     text += *text ? 1 : 0;
-    log_message(2, "server[%s]: %s", cn->ipaddr, text);
+    char shown[TEXT_BUFFER];
+    log_message(2, "server[%s]: %s", cn->ipaddr, printable(text, shown));
     char value[STATUS_TEXT];
     if (get_key_value(text, "EXITSTATUS", value, sizeof value)) {
         debug_printf("DEBUG: value = [%s]\n", value);
@@ -139,6 +156,7 @@ void do_rcv_tolva(ux_list_element *node, event_bits events) {
         log_error(EINVAL);
     }
     if (!received) {
+        report(event::reply_unusable, cn ? cn->ipaddr : "");
         run.failed = true;
     }
     unregister_connection(node);
@@ -234,12 +252,18 @@ int32_t start_connections() {
     return static_cast<int32_t>(connections->size);
 }
 
-/* Whole seconds of a clock that nobody sets, so that no run is cut short or
- * drawn out by a change of the time of day. */
-time_t seconds_now() {
+/* A clock that nobody sets, so that no run is cut short or drawn out by a
+ * change of the time of day. */
+timespec now_steady() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
+    return now;
+}
+
+/* Whole seconds of the run itself, whatever the clock's own second is. */
+int64_t seconds_since(const timespec &start) {
+    timespec now = now_steady();
+    return now.tv_sec - start.tv_sec - (now.tv_nsec < start.tv_nsec ? 1 : 0);
 }
 
 /* Hands every ready connection to its handler. */
@@ -258,15 +282,15 @@ void serve_connections() {
 }
 
 /* Seconds that are left of a run; below 0: there is no limit. */
-int64_t seconds_left(time_t start, int32_t timeout) {
+int64_t seconds_left(const timespec &start, int32_t timeout) {
     if (timeout == 0) {
         return -1;
     }
-    return std::max<int64_t>(timeout - (seconds_now() - start), 0);
+    return std::max<int64_t>(timeout - seconds_since(start), 0);
 }
 
 /* Waits once and serves what is ready: false when the run is over. */
-bool drive_connections(time_t start, int32_t timeout) {
+bool drive_connections(const timespec &start, int32_t timeout) {
     wait_result found =
         wait_for_descriptors(seconds_left(start, timeout), nullptr);
     if (found.ready < 0) {
@@ -278,6 +302,9 @@ bool drive_connections(time_t start, int32_t timeout) {
     }
     if (found.ready == 0) {
         log_error(ETIMEDOUT);
+        for (const connection *cn : records(connections)) {
+            report(event::no_answer, cn ? cn->ipaddr : "");
+        }
         return false;
     }
     serve_connections();
@@ -287,7 +314,7 @@ bool drive_connections(time_t start, int32_t timeout) {
 /* Starts all connections and drives them to their ends: false when the run
  * as a whole has failed. */
 bool run_connections(const ux_list *addresses, int32_t port, int32_t timeout) {
-    time_t start = seconds_now();
+    const timespec start = now_steady();
     if (!set_connections(addresses, static_cast<uint32_t>(port)) ||
         !start_connections()) {
         return false;

@@ -45,11 +45,15 @@ void read_trace_level() {
     }
 }
 
-/* A copy of TOLVAHOME, or the directory of the executable. */
+/* A copy of TOLVAHOME, or the home that was built in, or the directory of the
+ * executable. */
 ux_text find_home(const char *argv0) {
     const char *home = getenv("TOLVAHOME");
     if (home && home[0] != '/') {
         fatal("%s: `$TOLVAHOME' (%s): Not an absolute path\n", progname, home);
+    }
+    if (!home && *BUILT_IN_HOME) {
+        home = BUILT_IN_HOME;
     }
     ux_text found = home ? ux_copy(home) : find_program_dir(argv0);
     if (!found && home) {

@@ -103,32 +103,30 @@ void open_log() {
     }
 }
 
-/* Senders were named, but none of the names could be used. An empty list
- * admits everybody, which is the last thing that was asked for: put in an
- * address that nobody can come from. */
-void admit_nobody(ux_list *peers) {
-    char nobody[] = "255.255.255.255";
-    log_message(
-        0,
-        "error: no address of AllowedAddresses can be used, nobody is admitted");
-    if (!add_inetaddr(peers, nobody, ADDR_PEER, MODE_LISTEN)) {
-        fatal("%s: malloc(): %s\n", progname, strerror(errno));
-    }
-}
-
 /* One "-a" on the command line replaces both lists of the settings. */
 void fill_address_lists(ux_list *peers, ux_list *servers) {
     if (peers->size > 0 || servers->size > 0) {
+        rp->allowed_addresses.reset();
         return;
     }
     const char *allowed = rp->allowed_addresses.get();
     if (!ux_is_empty(allowed) &&
         !get_inetaddr_arr_from_str(peers, allowed, ADDR_PEER, MODE_LISTEN)) {
-        admit_nobody(peers);
+        log_message(
+            0,
+            "error: no address of AllowedAddresses can be used, nobody is admitted");
     }
     if (setting_is_on(rp->alive_enabled.get())) {
         get_inetaddr_arr_from_str(servers, rp->alive_addresses.get(),
                                   ADDR_KESDAL, MODE_LISTEN);
+    }
+}
+
+/* An address list that is empty is an open door, unless it was meant not to
+ * be: then nothing in it could be used. */
+void warn_of_open_door(const ux_list *peers) {
+    if (peers->size == 0 && ux_is_empty(rp->allowed_addresses.get())) {
+        report(event::everybody_admitted);
     }
 }
 
@@ -161,6 +159,22 @@ void open_messages() {
                      "%s: error initializing messages database [%s]\n",
                      progname, name ? name : "");
     }
+}
+
+/* Of the working directory; else of the home, where one was built in. */
+void open_sender_messages() {
+    if (msgdb_open(MESSAGE_FILE)) {
+        return;
+    }
+    if (*BUILT_IN_HOME) {
+        ux_text installed = ux_join({home_dir, "/", MESSAGE_FILE});
+        if (installed && msgdb_open(installed.get())) {
+            return;
+        }
+    }
+    error_printf(stderr, ERROR_CONTINUE,
+                 "%s: error initializing messages database %s\n", progname,
+                 MESSAGE_FILE);
 }
 
 void show_settings() {
@@ -208,6 +222,7 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
     show_settings();
     fill_address_lists(peers, servers);
     check_scripts(peers, servers);
+    warn_of_open_door(peers);
     fill_redundant_list(redundant);
     if (debug_level < 0) {
         detach();
@@ -222,11 +237,7 @@ int32_t init_receiver(ux_text cfgfile, const char *listen_host, int32_t port,
 int32_t init_sender(const ux_list *addresses, int32_t port, int32_t timeout,
                     const char *command) {
     trace_in();
-    if (!msgdb_open(MESSAGE_FILE)) {
-        error_printf(stderr, ERROR_CONTINUE,
-                     "%s: error initializing messages database %s\n", progname,
-                     MESSAGE_FILE);
-    }
+    open_sender_messages();
     report(event::sender_started);
     int32_t result = send_mode(addresses, port, timeout, command);
     report(event::sender_finished);
