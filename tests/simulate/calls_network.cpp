@@ -1,6 +1,6 @@
 /*
  * The listener's calls for descriptors and sockets. A name that is added here
- * is added to the list in tests/CMakeLists.txt too.
+ * is added to the list in calls.cmake too.
  */
 #include "calls.h"
 #include "world.h"
@@ -320,7 +320,7 @@ ssize_t __wrap_send(int fd, const void *data, size_t size, int flags) {
     } else if (one->sends_half || (deaf && how == mood::half_deaf)) {
         result /= 2;
     } else if (deaf) {
-        here->hear(one, text);
+        here->hear(one);
     }
     fact *told = here->note(act::send);
     told->who = one->number;

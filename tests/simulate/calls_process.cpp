@@ -15,13 +15,18 @@
 #include <sys/wait.h>
 #include <ucontext.h>
 
+extern "C" void __asan_unpoison_memory_region(const volatile void *from,
+                                              size_t size)
+    __attribute__((weak));
+
 using namespace simulate;
 
 namespace simulate {
 
 namespace {
 
-constexpr size_t BELOW_FRAME = 4096;
+/* With what the child needs until it is over. */
+constexpr size_t BELOW_FRAME = 16384;
 
 struct {
     const char *highest = nullptr;
@@ -34,6 +39,16 @@ struct {
     sigset_t mask{};
     void (*handlers[65])(int){};
 } forking;
+
+/* AddressSanitizer's, where it is: its marks on the stack are no longer those
+ * of the frames that come back. */
+void forget_marks() {
+    if (__asan_unpoison_memory_region != nullptr) {
+        __asan_unpoison_memory_region(
+            forking.lowest,
+            static_cast<size_t>(forking.highest - forking.lowest));
+    }
+}
 
 /* On a stack of its own, since it overwrites the listener's. */
 void go_back() {
@@ -49,6 +64,7 @@ void go_back() {
         here->actions[i].handler = forking.handlers[i];
     }
     forking.child_is_over = true;
+    forget_marks();
     getcontext(&forking.switching);
     forking.switching.uc_stack.ss_sp = forking.other_stack.data();
     forking.switching.uc_stack.ss_size = forking.other_stack.size();
@@ -137,6 +153,7 @@ __attribute__((noinline)) pid_t __wrap_fork() {
         return forking.result;
     }
     here->in_child = true;
+    forget_marks();
     forking.saved.assign(static_cast<const char *>(forking.lowest),
                          forking.highest);
     return 0;

@@ -159,8 +159,11 @@ void add_burst(chance *luck, day_plan *plan, int64_t faults) {
     int64_t events =
         luck->one_in(20) ? luck->between(60, 160) : luck->between(1, 16);
     for (int64_t i = 0; i < events; i++) {
-        plan->events.push_back({0, start + luck->between(0, width),
-                                pick_happening(luck, faults), luck->next()});
+        plan->events.push_back({0,
+                                start + luck->between(0, width),
+                                pick_happening(luck, faults),
+                                luck->next(),
+                                {}});
     }
 }
 
@@ -182,6 +185,9 @@ day_plan make_plan(uint64_t seed, int sessions) {
     choose_scripts(&luck, chosen);
     choose_log(&luck, chosen);
     choose_system(&luck, chosen);
+    if (sessions == 0) {
+        return plan;
+    }
     const int64_t shares[] = {0, 5, 12, 30};
     int64_t faults = luck.pick(shares);
     while (plan.events.size() < static_cast<size_t>(sessions)) {
@@ -190,19 +196,22 @@ day_plan make_plan(uint64_t seed, int sessions) {
     if (luck.one_in(10)) {
         /* Before the first wait: what opens the listeners fails. */
         for (int i = 0; i < 4; i++) {
-            plan.events.push_back({0, 0, happening::failing_call, luck.next()});
+            plan.events.push_back(
+                {0, 0, happening::failing_call, luck.next(), {}});
         }
     } else if (luck.one_in(20)) {
-        plan.events.push_back({0, 0, happening::no_memory, luck.next()});
+        plan.events.push_back({0, 0, happening::no_memory, luck.next(), {}});
     }
     if (luck.one_in(4)) {
         int64_t at =
             plan.events[static_cast<size_t>(luck.next()) % plan.events.size()]
                 .at;
         plan.events.push_back(
-            {0, at + luck.between(0, SECOND / 100),
+            {0,
+             at + luck.between(0, SECOND / 100),
              luck.one_in(4) ? happening::wait_fails : happening::early_stop,
-             luck.next()});
+             luck.next(),
+             {}});
     }
     std::stable_sort(plan.events.begin(), plan.events.end(),
                      [](const outside_event &a, const outside_event &b) {

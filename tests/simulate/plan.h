@@ -6,6 +6,7 @@
 #define TESTS_SIMULATE_PLAN_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ struct outside_event {
     int64_t at;
     happening what;
     uint64_t seed;
+    /* What a sender says, where chance shall not decide. */
+    std::optional<std::string> says{};
 };
 
 enum class log_target { file, terminal, nowhere };
@@ -79,9 +82,13 @@ struct day_plan {
     uint64_t seed = 0;
     day_settings settings{};
     std::vector<outside_event> events{};
+    /* What odd UPS servers say, one after the other; none: chance decides. */
+    std::vector<std::string> answers{};
+    /* All is over by then: scripts have ended, the last cycle is through. */
+    int64_t end = DAY + 3 * 3600 * SECOND;
 };
 
-/* sessions: about how many. */
+/* sessions: about how many; 0: the settings alone. */
 day_plan make_plan(uint64_t seed, int sessions);
 
 constexpr int LISTEN_PORT = 6003;

@@ -92,6 +92,7 @@ enum class mood {
     deaf, /* sending fails */
     half_deaf,
     deaf_later,
+    odd,   /* says something that nobody knows */
     mixed, /* any of these, each time anew */
 };
 
@@ -165,6 +166,7 @@ struct world {
     int datagram_error = 0;
     std::vector<mood> moods{};
     uint64_t connects = 0;
+    size_t answers_said = 0;
     std::vector<failing> failing_calls{};
 
     /* Children. */
@@ -207,11 +209,12 @@ struct world {
     void close_number(int fd);
 
     /* Outside. */
-    void begin_session(uint64_t seed);
-    void send_datagram(uint64_t seed);
+    void begin_session(const outside_event &one);
+    void send_datagram(const outside_event &one);
     void change_mood(uint64_t seed);
     void begin_connect(simulated_socket *one);
-    void hear(simulated_socket *one, const std::string &text);
+    void hear(simulated_socket *one);
+    std::string odd_answer(chance *dice);
     void call_will_fail(uint64_t seed);
     bool readable(const simulated_socket &one) const;
 

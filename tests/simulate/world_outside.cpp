@@ -134,18 +134,18 @@ bool world::readable(const simulated_socket &one) const {
            one.looks_ready;
 }
 
-void world::begin_session(uint64_t seed) {
+void world::begin_session(const outside_event &event) {
     constexpr size_t BACKLOG = 129;
     if (listener == 0 || backlog.size() >= BACKLOG) {
         return;
     }
-    chance dice(seed);
+    chance dice(event.seed);
     simulated_socket one;
     one.number = next_socket++;
     one.kind = socket_kind::client;
     one.peer = some_sender(plan->settings, &dice);
     one.writable = true;
-    one.seed = seed;
+    one.seed = event.seed;
     int number = one.number;
     sockets[number] = one;
     backlog.push_back({one.peer, number});
@@ -183,13 +183,13 @@ void world::begin_session(uint64_t seed) {
         at(when, with([](simulated_socket *it) { it->error = ECONNRESET; }));
         return;
     }
-    std::string text = request_text(&dice);
-    if (behaviour < 20) {
+    std::string text = event.says ? *event.says : request_text(&dice);
+    if (behaviour < 20 && !event.says) {
         text += std::string(static_cast<size_t>(dice.between(1, 5000)), ' ') +
                 "tail";
     }
     size_t first = text.size();
-    if (dice.one_in(8)) {
+    if (dice.one_in(8) && first > 0) {
         first = static_cast<size_t>(dice.next()) % text.size() + 1;
     }
     bool half = dice.one_in(25);
@@ -233,11 +233,11 @@ void world::begin_session(uint64_t seed) {
     }
 }
 
-void world::send_datagram(uint64_t seed) {
+void world::send_datagram(const outside_event &event) {
     if (datagram_socket == 0) {
         return;
     }
-    chance dice(seed);
+    chance dice(event.seed);
     if (dice.one_in(20)) {
         datagram_error = dice.one_in(2) ? EAGAIN : ECONNREFUSED;
         return;
@@ -247,6 +247,7 @@ void world::send_datagram(uint64_t seed) {
         peer = dice.one_in(3) ? 0 : 0xffffffff;
     }
     std::string text = dice.one_in(15) ? "" : request_text(&dice);
+    text = event.says.value_or(text);
     if (datagrams.size() < 200) {
         datagrams.push_back({peer, text});
     }
@@ -303,8 +304,21 @@ void world::begin_connect(simulated_socket *one) {
     });
 }
 
+std::string world::odd_answer(chance *dice) {
+    if (!plan->answers.empty()) {
+        return plan->answers[answers_said++ % plan->answers.size()];
+    }
+    const char *odd[] = {"0|",   "0|x", "x|0", "0x0", "00|0", "|0",
+                         " 0|0", "9|9", "0|0", "\n",  "-1|0", "0|-1"};
+    std::string text = dice->pick(odd);
+    if (dice->one_in(4)) {
+        text += std::string(static_cast<size_t>(dice->between(1, 5000)), '0');
+    }
+    return text;
+}
+
 /* The listener has said a line to a UPS server. */
-void world::hear(simulated_socket *one, const std::string &) {
+void world::hear(simulated_socket *one) {
     chance dice(one->seed, static_cast<uint64_t>(++one->lines));
     auto how = static_cast<mood>(one->seed & 0xffU);
     int number = one->number;
@@ -317,7 +331,8 @@ void world::hear(simulated_socket *one, const std::string &) {
         return;
     }
     bool first = one->lines == 1;
-    at(when, [this, number, how, first] {
+    std::string said = how == mood::odd ? odd_answer(&dice) : "";
+    at(when, [this, number, how, first, said] {
         auto found = sockets.find(number);
         if (found == sockets.end()) {
             return;
@@ -325,6 +340,8 @@ void world::hear(simulated_socket *one, const std::string &) {
         simulated_socket *it = &found->second;
         if (how == mood::garbage) {
             it->incoming += first ? "200 hello" : "?";
+        } else if (how == mood::odd) {
+            it->incoming += said;
         } else if (how == mood::cut) {
             it->incoming += "7|";
         } else if (how == mood::closes) {

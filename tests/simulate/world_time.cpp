@@ -41,8 +41,7 @@ world::world(const day_plan &of)
     for (const outside_event &one : of.events) {
         at(one.at, [this, one] { happens(one); });
     }
-    /* All is over by then: scripts have ended and the last cycle is through. */
-    at(DAY + 3 * 3600 * SECOND, [this] {
+    at(of.end, [this] {
         raise(SIGTERM);
         stopping = true;
     });
@@ -113,11 +112,11 @@ void world::happens(const outside_event &one) {
     switch (one.what) {
     case happening::session:
         tell(name + "a sender connects");
-        begin_session(one.seed);
+        begin_session(one);
         break;
     case happening::datagram:
         tell(name + "a datagram");
-        send_datagram(one.seed);
+        send_datagram(one);
         break;
     case happening::server_mood:
         tell(name + "a server behaves otherwise");
