@@ -96,6 +96,22 @@ void check_child() {
     }
 }
 
+/* Returns, so that nothing of it is left when the child's stack goes. */
+void become_script(const char *path, const char *argument, va_list rest) {
+    std::string line = std::string(path) + " " + argument;
+    for (const char *one = va_arg(rest, const char *); one != nullptr;
+         one = va_arg(rest, const char *)) {
+        line += std::string(" ") + one;
+    }
+    check_child();
+    uint64_t seed =
+        std::hash<std::string>()(line) ^ static_cast<uint64_t>(here->clock());
+    forking.result = here->begin_child(line, seed);
+    fact *told = here->note(act::fork);
+    told->result = forking.result;
+    told->text = line;
+}
+
 bool memory_is_out(which_call call) {
     if (here == nullptr || here->fail_allocation == 0 ||
         --here->fail_allocation > 0) {
@@ -160,21 +176,10 @@ __attribute__((noinline)) pid_t __wrap_fork() {
 }
 
 int __wrap_execl(const char *path, const char *argument, ...) {
-    std::string line = std::string(path) + " " + argument;
     va_list rest;
     va_start(rest, argument);
-    for (const char *one = va_arg(rest, const char *); one != nullptr;
-         one = va_arg(rest, const char *)) {
-        line += std::string(" ") + one;
-    }
+    become_script(path, argument, rest);
     va_end(rest);
-    check_child();
-    uint64_t seed =
-        std::hash<std::string>()(line) ^ static_cast<uint64_t>(here->clock());
-    forking.result = here->begin_child(line, seed);
-    fact *told = here->note(act::fork);
-    told->result = forking.result;
-    told->text = line;
     end_as_child();
 }
 

@@ -228,6 +228,7 @@ struct world {
                     fd_set *fw, int *found);
     void check_sockets() const;
     void check_wake_ups() const;
+    void check_masks(const sigset_t *wait_mask) const;
 };
 
 extern world *here;

@@ -160,6 +160,9 @@ void world::happens(const outside_event &one) {
         interrupted = true;
         break;
     case happening::stray_child:
+        if (actions[SIGCHLD].handler == SIG_DFL) {
+            break; /* Of its end nobody would hear yet. */
+        }
         tell(name + "somebody else's child");
         begin_child("", one.seed);
         /* Now and then more end together than are collected at once. */
@@ -226,6 +229,9 @@ void world::raise(int number) {
 
 bool world::deliver() {
     bool any = false;
+    if (sigisemptyset(&pending)) {
+        return false;
+    }
     for (int number = 1; number < 65; number++) {
         if (sigismember(&pending, number) != 1 ||
             sigismember(&mask, number) == 1) {
@@ -294,6 +300,21 @@ void world::check_sockets() const {
     }
 }
 
+void world::check_masks(const sigset_t *wait_mask) const {
+    if (!sigisemptyset(&held_over)) {
+        fail("a signal was held back over a whole pass");
+    }
+    if (wait_mask == nullptr || sigisemptyset(wait_mask)) {
+        return;
+    }
+    for (int number = 1; number < 65; number++) {
+        if (sigismember(wait_mask, number) == 1 &&
+            actions[number].handler != SIG_IGN) {
+            fail("a wait that no signal ends");
+        }
+    }
+}
+
 /* What a handler has been told is not slept over. */
 void world::check_wake_ups() const {
     if (stop_heard) {
@@ -318,16 +339,7 @@ int world::wait_for(int count, fd_set *readable_set, fd_set *writable_set,
     if (++waits_in_second > WAITS_A_SECOND) {
         fail("the listener spins");
     }
-    for (int number = 1; number < 65; number++) {
-        if (sigismember(&held_over, number) == 1) {
-            fail("signal " + std::to_string(number) +
-                 " was held back over a whole pass");
-        }
-        if (wait_mask && sigismember(wait_mask, number) == 1 &&
-            actions[number].handler != SIG_IGN) {
-            fail("a wait that no signal ends");
-        }
-    }
+    check_masks(wait_mask);
     has_waited = true;
     check_wake_ups();
     check_sockets();
