@@ -154,7 +154,10 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
         refuse(which, ENOENT);
         return nullptr;
     }
-    int fd = here->open_number(holds::file, 0, strchr(mode, 'e') != nullptr);
+    if (strchr(mode, 'e') == nullptr) {
+        fail("a file that scripts would inherit");
+    }
+    int fd = here->open_number(holds::file, 0, true);
     if (fd < 0) {
         refuse(which, errno);
         return nullptr;

@@ -150,6 +150,8 @@ struct world {
     int wait_error = 0;
     bool stopping = false; /* a stop signal has been sent */
     bool stop_heard = false, has_waited = false;
+    int awaited_call = 0; /* the how manyeth from now a signal comes with */
+    int comes_with_it = 0;
     sigset_t held_over{}; /* pending since before the last wait ended */
 
     /* Descriptors and sockets. */

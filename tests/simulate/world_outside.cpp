@@ -43,7 +43,7 @@ std::string parameters(chance *luck) {
     case 6:
         return "3 x";
     case 7:
-        return "77 nothing";
+        return "75 nothing";
     case 8:
         return "1 ops " + job + " \"45 or so\" third";
     case 9:

@@ -70,6 +70,9 @@ void world::call() {
         return;
     }
     pass(CALL_COST);
+    if (awaited_call > 0 && --awaited_call == 0) {
+        raise(comes_with_it);
+    }
     deliver();
 }
 
@@ -200,7 +203,12 @@ void world::happens(const outside_event &one) {
         const int numbers[] = {SIGTERM, SIGTERM, SIGQUIT, SIGINT};
         int number = dice.pick(numbers);
         tell(name + "stop signal " + std::to_string(number));
-        raise(number);
+        comes_with_it = number;
+        awaited_call =
+            dice.one_in(3) ? 0 : static_cast<int>(dice.between(1, 40));
+        if (awaited_call == 0) {
+            raise(number);
+        }
         break;
     }
     case happening::wait_fails:
