@@ -23,6 +23,7 @@ void fill(receiver_params *settings, const day_settings &chosen) {
     settings->listenport = LISTEN_PORT;
     settings->listen_timeout = chosen.listen_timeout;
     settings->listen_udp = text(chosen.listen_udp);
+    settings->allowed_addresses = text(chosen.senders_named ? "named" : "");
     settings->kesdalport = SERVER_PORT;
     settings->alive_interval = chosen.alive_interval;
     settings->alive_retries = chosen.alive_retries;
@@ -71,6 +72,7 @@ __attribute__((noinline)) int32_t run_listener(const day_settings &chosen) {
     address_lists lists{};
     fill(&settings, chosen);
     fill(&lists, chosen);
+    progname = "tolva";
     max_fds = chosen.max_fds;
     debug_level = chosen.debug_level;
     daemonized = chosen.log == log_target::nowhere;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <strings.h>
 #include <sys/socket.h>
 
@@ -79,6 +80,18 @@ int model::open_sockets() const {
 
 /* --- what is opened ------------------------------------------------------- */
 
+void model::cannot_listen(int error, const std::string &how) {
+    log_error(error);
+    std::string answer =
+        "tolva: cannot listen on ListenAddress=0.0.0.0 ListenPort=" +
+        std::to_string(LISTEN_PORT) + " (" + how + "): " + strerror(error) +
+        "\n";
+    if (take(act::said, answer).text != answer) {
+        position--;
+        differs(answer);
+    }
+}
+
 bool model::open_door() {
     const fact &made = take(act::socket, "a socket for the door");
     int error = made.result < 0 ? made.error : 0;
@@ -110,7 +123,7 @@ bool model::open_door() {
         }
     }
     if (error != 0) {
-        log_error(error);
+        cannot_listen(error, "tcp");
         return false;
     }
     door = number;
@@ -140,7 +153,7 @@ bool model::open_datagrams() {
         }
     }
     if (error != 0) {
-        log_error(error);
+        cannot_listen(error, "udp");
         return false;
     }
     datagram_socket = made.who;
@@ -296,7 +309,11 @@ void model::expect_wait() {
 bool model::pass() {
     expect_wait();
     const fact &found = take(act::waited, "the end of the wait");
+    int64_t before = now;
     now = clock;
+    if (now < before) {
+        report(843, std::to_string(before - now));
+    }
     last_cycle = std::min(last_cycle, now);
     if (found.result < 0) {
         if (found.error != EINTR) {

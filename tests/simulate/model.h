@@ -85,6 +85,7 @@ class model {
     [[noreturn]] void differs(const std::string &expected);
 
     /* The loop: model.cpp */
+    void cannot_listen(int error, const std::string &how);
     bool open_door();
     bool open_datagrams();
     bool open_servers();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <strings.h>
 
 namespace simulate {
@@ -71,7 +72,7 @@ void model::admit() {
     if (pause.told) {
         pause.told = take(act::look_at_door, "is more waiting?").result != 0;
     }
-    if (!settings.allowed.empty() && !is_allowed(address)) {
+    if (settings.senders_named && !is_allowed(address)) {
         report(835, dotted(address));
         return;
     }
@@ -145,6 +146,7 @@ bool model::receive(party *sender) {
         report(796);
     } else {
         report(795);
+        report(838, sender->name);
         run_request(sender, came.text.c_str());
     }
     sender->deadline = 0;
@@ -212,6 +214,9 @@ bool model::start_script(party *of, const std::string &program,
         position--;
         differs("a shell with: " + line);
     }
+    if (of->owed) {
+        report(836, of->name);
+    }
     of->has_line = true;
     of->line = line;
     of->busy = true;
@@ -277,6 +282,13 @@ bool model::finish(party *of, int status) {
     of->owed = only_stopped;
     int shown = (status & 0x7f) == 0 ? (status >> 8) & 0xff : status;
     report(shown == 0 ? 794 : 793, of->line);
+    if (only_stopped) {
+        report(841, strsignal((status >> 8) & 0xff));
+    } else if ((status & 0x7f) != 0) {
+        report(840, strsignal(status & 0x7f));
+    } else if (shown != 0) {
+        report(839, std::to_string(shown));
+    }
     of->busy = false;
     if (of->is_server) {
         of->line.clear();

@@ -36,6 +36,15 @@ const char *const TEXTS =
     "m3=  plain text with # and %d\n"
     "m4=\n";
 
+/* Those that not every database has. */
+const char *const MORE_TEXTS =
+    "m836=an earlier AliveProg for %s is no longer followed\n"
+    "m838=the sender is %s\n"
+    "m839=the script that failed ended with status %s\n"
+    "m840=the script that failed was ended by a signal: %s\n"
+    "m841=the script that failed is stopped: %s\n"
+    "m843=the clock was set back by %s seconds\n";
+
 std::vector<uint32_t> some_addresses(chance *luck, int64_t least,
                                      int64_t most) {
     std::vector<uint32_t> found;
@@ -125,6 +134,9 @@ void choose_system(chance *luck, day_settings *chosen) {
     const int64_t days[] = {1709100000, 1735600000, 1751300000, 951700000};
     chosen->clock = luck->pick(days) + luck->between(0, 200000);
     chosen->texts = luck->one_in(12) ? "" : TEXTS;
+    if (luck->one_in(2)) {
+        chosen->texts += MORE_TEXTS;
+    }
 }
 
 happening pick_fault(chance *luck) {
@@ -180,6 +192,7 @@ day_plan make_plan(uint64_t seed, int sessions) {
     if (!luck.one_in(4)) {
         chosen->allowed = some_addresses(&luck, 1, 6);
     }
+    chosen->senders_named = !chosen->allowed.empty() || luck.one_in(5);
     choose_watch(&luck, chosen);
     choose_redundancy(&luck, chosen);
     choose_scripts(&luck, chosen);

@@ -55,6 +55,7 @@ struct day_settings {
     int32_t listen_timeout = 10;
     std::string listen_udp{};
     std::vector<uint32_t> allowed{};
+    bool senders_named = false; /* even when none of them can be used */
     std::vector<watched_server> servers{};
     int32_t alive_interval = 1800;
     int32_t alive_retries = 0;
