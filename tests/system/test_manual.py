@@ -229,7 +229,6 @@ def test_the_shipped_file_shows_the_same_keys_and_defaults():
                               re.MULTILINE))
     documented = {key: value.replace("HOME", "/etc/tolva")
                   for key, value in documented_settings().items()}
-    documented["AllowedAddresses"] = "127.0.0.1"
     documented["ListenUDP"] = "FALSE"
     documented["LogfileName"] = "/var/log/tolva/tolva.log"
     assert shipped == documented

@@ -30,7 +30,7 @@ def shipped(home):
     return home
 
 
-def listen(home, *args, settings=""):
+def listen(home, *args, settings=f"\nAllowedAddresses={HOST}\n"):
     """A listener in the foreground, with settings behind the shipped ones."""
     port = free_port()
     home.write("tolva.cfg", (SHARE / "tolva.cfg").read_text() + settings)
