@@ -24,7 +24,7 @@ def test_time_runs_out_while_connecting(home):
     with FullBacklog() as full:
         start = time.monotonic()
         result = home.run("-s", "X", "-a", full.where, "-t", "2")
-        assert time.monotonic() - start >= 0.9
+        assert time.monotonic() - start >= 2
     assert result.messages == [message(758), message(785, HOST),
                                "error: Connection timed out", message(759)]
     assert result.status == 1
@@ -35,7 +35,7 @@ def test_time_runs_out_while_waiting_for_the_reply(home, option):
     server = home.server(reader)
     start = time.monotonic()
     result = home.run("-sr", "X", "-a", server.where, option, "2")
-    assert time.monotonic() - start >= 0.9
+    assert time.monotonic() - start >= 2
     assert result.messages == [message(758), message(785, HOST),
                                "error: Connection timed out", message(759)]
     assert result.status == 1

@@ -324,3 +324,22 @@ TEST(send_mode, ignores_hangup_and_broken_pipes) {
         signal(number, SIG_DFL);
     }
 }
+
+/* A limit of N seconds is never short, and never as long as N + 1. */
+TEST(whole_seconds, are_those_of_the_run) {
+    struct {
+        timespec start, end;
+        int64_t passed;
+    } rows[] = {
+        {{5, 0}, {5, 999999999}, 0},
+        {{5, 900000000}, {6, 0}, 0},
+        {{5, 900000000}, {6, 899999999}, 0},
+        {{5, 900000000}, {6, 900000000}, 1},
+        {{5, 1}, {8, 0}, 2},
+        {{5, 1}, {8, 1}, 3},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(sender::whole_seconds(row.start, row.end), row.passed)
+            << row.start.tv_nsec << " " << row.end.tv_nsec;
+    }
+}

@@ -260,10 +260,9 @@ timespec now_steady() {
     return now;
 }
 
-/* Whole seconds of the run itself, whatever the clock's own second is. */
-int64_t seconds_since(const timespec &start) {
-    timespec now = now_steady();
-    return now.tv_sec - start.tv_sec - (now.tv_nsec < start.tv_nsec ? 1 : 0);
+/* Whole seconds that have passed, wherever in a second they began. */
+constexpr int64_t whole_seconds(const timespec &start, const timespec &end) {
+    return end.tv_sec - start.tv_sec - (end.tv_nsec < start.tv_nsec ? 1 : 0);
 }
 
 /* Hands every ready connection to its handler. */
@@ -286,7 +285,7 @@ int64_t seconds_left(const timespec &start, int32_t timeout) {
     if (timeout == 0) {
         return -1;
     }
-    return std::max<int64_t>(timeout - seconds_since(start), 0);
+    return std::max<int64_t>(timeout - whole_seconds(start, now_steady()), 0);
 }
 
 /* Waits once and serves what is ready: false when the run is over. */
