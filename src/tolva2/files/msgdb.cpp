@@ -31,6 +31,25 @@ void drop_line_end(std::string_view *text) {
     }
 }
 
+/* Reads lines into buffer until one has the number's key anywhere in it. */
+bool find_line(FILE *stream, char *buffer, size_t size, int32_t number) {
+    char key[KEY_BUFFER];
+    snprintf(key, sizeof key, "m%i=", number);
+    /* A line of one byte could hold no text and would never reach the end. */
+    int limit = size < INT_MAX ? static_cast<int>(size) : INT_MAX;
+    while (limit > 1 && fgets(buffer, limit, stream)) {
+        if (strstr(buffer, key)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* The database, or none. */
+ux_file open_database() {
+    return database.name ? open_file(database.name.get(), "re") : nullptr;
+}
+
 } // namespace
 
 bool msgdb_open(const char *name) {
@@ -69,9 +88,15 @@ int32_t msgdb_get_into(int32_t number, char *buffer, size_t size) {
         return -1;
     }
     buffer[0] = '\0';
-    ux_file file =
-        database.name ? open_file(database.name.get(), "re") : nullptr;
+    ux_file file = open_database();
     return file ? msgdb_find(file.get(), buffer, size, number) : 0;
+}
+
+bool msgdb_lists(int32_t number) {
+    trace_in();
+    ux_file file = open_database();
+    return file && find_line(file.get(), database.shared_text,
+                             sizeof database.shared_text, number);
 }
 
 int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number) {
@@ -79,16 +104,9 @@ int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number) {
     if (!stream || !buffer || size == 0) {
         return -1;
     }
-    char key[KEY_BUFFER];
-    snprintf(key, sizeof key, "m%i=", number);
     std::string_view text("");
-    /* A line of one byte could hold no text and would never reach the end. */
-    int limit = size < INT_MAX ? static_cast<int>(size) : INT_MAX;
-    while (limit > 1 && fgets(buffer, limit, stream)) {
-        if (strstr(buffer, key)) {
-            text = strchr(buffer, '=') + 1;
-            break;
-        }
+    if (find_line(stream, buffer, size, number)) {
+        text = strchr(buffer, '=') + 1;
     }
     drop_line_end(&text);
     drop_line_end(&text);

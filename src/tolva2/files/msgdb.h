@@ -23,6 +23,11 @@ void msgdb_close();
  * file, -1 for a null buffer or a size of 0. buffer is empty without a text. */
 [[nodiscard]] int32_t msgdb_get_into(int32_t number, char *buffer, size_t size);
 
+/* Does a line of the database have that number? Its text may be empty, which
+ * is how somebody keeps an event silent. False too when the database cannot be
+ * read. */
+[[nodiscard]] bool msgdb_lists(int32_t number);
+
 /* The search itself, on an open stream. Results as msgdb_get_into. */
 [[nodiscard]] int32_t msgdb_find(FILE *stream, char *buffer, size_t size,
                                  int32_t number);

@@ -8,7 +8,7 @@
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_configfile.h"
 
-#include <array>
+#include <algorithm>
 #include <iterator>
 #include <strings.h>
 
@@ -98,6 +98,15 @@ constexpr setting SETTINGS[] = {
     text("RedundancyAddresses", &params::redundancy_addresses, nullptr),
 };
 
+constexpr bool is_header(const setting &one) {
+    return one.type == UX_OPTION_LITERAL;
+}
+
+static_assert(std::size(SETTINGS) -
+                  static_cast<size_t>(std::ranges::count_if(SETTINGS,
+                                                            is_header)) ==
+              SETTING_COUNT);
+
 /* The settings as the file's rows; the last one ends the table. */
 using option_table = std::array<ux_option, std::size(SETTINGS) + 1>;
 
@@ -120,6 +129,18 @@ option_table make_table(params *values, params *defaults) {
                   storage_of(defaults, one)};
     }
     return table;
+}
+
+setting_views views_of(const params &record) {
+    setting_views views;
+    auto view = views.begin();
+    for (const setting &one : SETTINGS) {
+        if (!is_header(one)) {
+            *view++ = {one.key, one.number ? &(record.*one.number) : nullptr,
+                       one.text ? &(record.*one.text) : nullptr};
+        }
+    }
+    return views;
 }
 
 /* The default of a text, which for a file is home/file, or file alone without
@@ -185,6 +206,10 @@ void free_receiver_config() {
     trace_in();
     state = {};
 }
+
+setting_views settings_in_force() { return views_of(state.in_force); }
+
+setting_views settings_by_default() { return views_of(state.defaults); }
 
 bool setting_is_on(const char *text) {
     return text && strcasecmp(text, "TRUE") == 0;

@@ -8,6 +8,8 @@
 
 #include "unixtools/ux_owned.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 /* Fields in the order of the keys; a text may be null. */
@@ -58,6 +60,23 @@ read_receiver_config(const char *path, const char *home, int32_t missing_ok);
 
 /* Empties the settings and the defaults. */
 void free_receiver_config();
+
+/* One setting: its key, and where its number or its text is; the other of the
+ * two is null. */
+struct setting_view {
+    const char *key;
+    const int32_t *number;
+    const ux_text *text; /* which may be none */
+};
+
+constexpr size_t SETTING_COUNT = 24;
+using setting_views = std::array<setting_view, SETTING_COUNT>;
+
+/* Every setting in force and every default, in the order of the keys' table.
+ * The keys are there before anything is read, too. Of the values a new reading
+ * makes new ones. */
+[[nodiscard]] setting_views settings_in_force();
+[[nodiscard]] setting_views settings_by_default();
 
 /* Is a truth value on, "TRUE" in any case? text may be null. */
 [[nodiscard]] bool setting_is_on(const char *text);

@@ -1,0 +1,223 @@
+/*
+ * Each thing is looked at in the way that the listener will use it; what is
+ * switched off is looked at only when a setting names it.
+ */
+#include "tolva2/checkconf/places.h"
+#include "tolva2/checkconf/program_file.h"
+#include "tolva2/checkconf/writers.h"
+#include "tolva2/files/msgdb.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <iterator>
+#include <sys/stat.h>
+
+namespace {
+
+/* From the table of events, in CMakeLists.txt. */
+constexpr int32_t EVENT_NUMBERS[] = {TOLVA_EVENT_NUMBERS};
+
+constexpr size_t NUMBER_TEXT = 12;
+
+bool always() { return true; }
+
+bool is_watching() { return setting_is_on(rp->alive_enabled.get()); }
+
+bool runs_batch_file() {
+    return setting_is_on(rp->redundancy_enabled.get()) &&
+           !setting_is_on(rp->redundancy_batch_suppress.get());
+}
+
+struct script_rule {
+    const char *key;
+    ux_text receiver_params::*command;
+    bool (*used)();
+};
+
+constexpr script_rule SCRIPTS[] = {
+    {"ShutdownProg", &receiver_params::shutdown_prog, always},
+    {"ExecProg", &receiver_params::exec_prog, always},
+    {"MsgProg", &receiver_params::msg_prog, always},
+    {"MailProg", &receiver_params::mail_prog, always},
+    {"AliveProg", &receiver_params::alive_prog, is_watching},
+    {"RedundancyBatchFile", &receiver_params::redundancy_batch_file,
+     runs_batch_file},
+};
+
+void check_scripts(const checkup &all) {
+    for (const script_rule &rule : SCRIPTS) {
+        const char *command = (rp->*rule.command).get();
+        if (command && (rule.used() || written(all, rule.key).value)) {
+            check_command(all, rule.key, command);
+        }
+    }
+}
+
+struct directory_closer {
+    void operator()(DIR *directory) const { closedir(directory); }
+};
+using directory_owner = std::unique_ptr<DIR, directory_closer>;
+
+ux_text in_directory(const char *directory, const char *name) {
+    ux_text path = ux_join({directory, "/", name});
+    if (!path) {
+        no_memory_to_check();
+    }
+    return path;
+}
+
+/* What could be run in the name of an action. Links never are. */
+void check_action(const checkup &all, const char *path) {
+    struct stat status;
+    if (lstat(path, &status) < 0 || !S_ISREG(status.st_mode)) {
+        return;
+    }
+    if (access(path, X_OK) == 0) {
+        check_program(all, NO_LINE, path, path);
+    } else {
+        check_writers(all.found, NO_LINE, path);
+    }
+}
+
+void check_actions(const checkup &all) {
+    ux_text path = in_directory(all.home, "actions.d");
+    directory_owner directory(opendir(path.get()));
+    if (!directory) {
+        if (errno == ENOMEM) {
+            no_memory_to_check();
+        }
+        if (errno != ENOENT) {
+            all.found->error(NO_LINE, "%s cannot be looked into: %s",
+                             path.get(), strerror(errno));
+        }
+        return;
+    }
+    check_writers(all.found, NO_LINE, path.get());
+    while (const dirent *entry = readdir(directory.get())) {
+        check_action(all, in_directory(path.get(), entry->d_name).get());
+    }
+}
+
+/* A path that means the same wherever the listener is started. */
+bool is_absolute(const checkup &all, const char *key, const char *path) {
+    if (*path != '/') {
+        all.found->error(
+            written(all, key).line,
+            "%s: `%s' depends on where the listener is started: write the whole path, from / on, without quotes",
+            key, path);
+    }
+    return *path == '/';
+}
+
+void check_log_directory(const checkup &all, int32_t line, const char *path) {
+    const char *slash = strrchr(path, '/');
+    size_t length = slash == path ? 1 : static_cast<size_t>(slash - path);
+    ux_text directory = ux_join({std::string_view(path, length)});
+    if (!directory) {
+        no_memory_to_check();
+    }
+    struct stat status;
+    if (stat(directory.get(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+    } else if (access(directory.get(), W_OK | X_OK) == 0) {
+        return;
+    }
+    all.found->error(
+        line,
+        "LogfileName: the log cannot be written in %s (%s): make the directory, or name another",
+        directory.get(), strerror(errno));
+}
+
+void check_log(const checkup &all) {
+    const char *key = "LogfileName";
+    const char *path = rp->logfile_name.get();
+    int32_t line = written(all, key).line;
+    struct stat status;
+    if (!setting_is_on(rp->logfile_enabled.get()) || ux_is_empty(path) ||
+        !is_absolute(all, key, path)) {
+        return;
+    }
+    if (stat(path, &status) < 0) {
+        check_log_directory(all, line, path);
+    } else if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode)) {
+        all.found->error(line, "%s: %s is no file: name another", key, path);
+    } else if (access(path, R_OK | W_OK) < 0) {
+        all.found->error(
+            line,
+            "%s: %s cannot be written (%s): name another, or let it be written",
+            key, path, strerror(errno));
+    }
+}
+
+/* The numbers that the database lacks, with blanks between them. */
+struct number_list {
+    char text[std::size(EVENT_NUMBERS) * NUMBER_TEXT] = "";
+    size_t length = 0;
+
+    void add(int32_t number) {
+        int written = snprintf(text + length, sizeof text - length, "%s%d",
+                               length > 0 ? " " : "", number);
+        length += static_cast<size_t>(written);
+    }
+};
+
+void check_texts(const checkup &all, int32_t line, const char *path) {
+    number_list missing;
+    for (int32_t number : EVENT_NUMBERS) {
+        if (!msgdb_lists(number)) {
+            missing.add(number);
+        }
+    }
+    if (missing.length > 0) {
+        all.found->error(
+            line,
+            "MsgDatName: %s has no line for %s, so these events leave the log without a word: take the lines from the shipped messages.dat, or write m%.*s= to be silent",
+            path, missing.text, static_cast<int>(strcspn(missing.text, " ")),
+            missing.text);
+    }
+}
+
+void check_database(const checkup &all) {
+    const char *key = "MsgDatName";
+    const char *path = rp->msgfile_name.get();
+    int32_t line = written(all, key).line;
+    if (ux_is_empty(path) || !is_absolute(all, key, path)) {
+        return;
+    }
+    check_writers(all.found, line, path);
+    if (!msgdb_open(path) || access(path, R_OK) < 0) {
+        if (errno == ENOMEM) {
+            no_memory_to_check();
+        }
+        all.found->error(
+            line,
+            "%s: %s: %s, so the log stays empty: put the shipped messages.dat there",
+            key, path, strerror(errno));
+    } else {
+        check_texts(all, line, path);
+    }
+    msgdb_close();
+}
+
+void check_rehearsal(const checkup &all) {
+    ux_text path = in_directory(all.home, "rehearsal");
+    struct stat status;
+    /* A link to nowhere counts for the scripts, too. */
+    if (lstat(path.get(), &status) == 0) {
+        all.found->warning(
+            NO_LINE,
+            "%s is there, so that no shutdown is carried out: remove it when the rehearsal is over",
+            path.get());
+    }
+}
+
+} // namespace
+
+void check_places(const checkup &all) {
+    check_scripts(all);
+    check_actions(all);
+    check_log(all);
+    check_database(all);
+    check_rehearsal(all);
+}
