@@ -6,6 +6,7 @@
 #include "tolva2/checkconf/known_key.h"
 #include "unixtools/ux_cfgline.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -179,13 +180,11 @@ void take_setting(int32_t line, const config_line &parsed, config_text *text,
     setting = {line, copy_value(parsed.value)};
 }
 
-/* What the line says, without blanks around it, when it is no setting. */
+/* What the line says, without blanks around it. */
 std::string_view trimmed(std::string_view line) {
-    size_t first = line.find_first_not_of(BLANKS);
-    if (first == line.npos) {
-        return {};
-    }
-    return line.substr(first, line.find_last_not_of(BLANKS) + 1 - first);
+    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    line.remove_suffix(line.size() - (line.find_last_not_of(BLANKS) + 1));
+    return line;
 }
 
 void take_line(const line_reader &lines, config_text *text, findings *found) {

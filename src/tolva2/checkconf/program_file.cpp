@@ -72,7 +72,8 @@ std::string_view next_word(std::string_view *rest) {
 }
 
 bool ends_with_name(std::string_view path, std::string_view name) {
-    return path.substr(path.rfind('/') + 1) == name;
+    path.remove_prefix(path.rfind('/') + 1);
+    return path == name;
 }
 
 /* The program that "env" is to find, or nothing. */
@@ -127,8 +128,9 @@ void check_head(const checkup &all, int32_t line, const char *what,
             "%s begins with a byte order mark, so that its first line is lost: save it as plain UTF-8 without one",
             what);
     } else if (head.view.starts_with("#!")) {
-        std::string_view first = head.view.substr(2);
-        check_interpreter(all, line, what, first.substr(0, first.find('\n')));
+        head.view.remove_prefix(2);
+        check_interpreter(all, line, what,
+                          head.view.substr(0, head.view.find('\n')));
     }
 }
 
@@ -166,8 +168,10 @@ bool is_open(const char *command) {
 /* A quoted word must be one as a whole. */
 command_word quoted_word(std::string_view text) {
     char quote = text[0];
-    std::string_view word = text.substr(1, text.find(quote, 1) - 1);
-    std::string_view rest = text.substr(word.size() + 2);
+    text.remove_prefix(1);
+    std::string_view word = text.substr(0, text.find(quote));
+    std::string_view rest = text;
+    rest.remove_prefix(word.size() + 1);
     bool whole = rest.empty() || strchr(BLANKS, rest[0]);
     bool changed = quote == '"' && word.find_first_of(IN_QUOTES) != word.npos;
     return {whole && !changed ? command_kind::plain : command_kind::opaque,
