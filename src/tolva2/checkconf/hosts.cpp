@@ -14,6 +14,8 @@
 namespace {
 
 constexpr const char *SPACE = " \t\n\v\f\r";
+constexpr const char *NAME_LETTERS =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._";
 constexpr uint32_t FIRST_MULTICAST = 0xe0000000;
 
 /* A name that was looked up; no address: it was not found. */
@@ -123,6 +125,9 @@ bool has_wrong_letters(const host_word &one) {
     } else if (word.starts_with('[') || std::ranges::count(word, ':') > 1) {
         one.complain(
             "is an IPv6 address, which is not understood: write the IPv4 address");
+    } else if (strspn(one.host, NAME_LETTERS) != strlen(one.host)) {
+        one.complain(
+            "is no name of a host, and stands for none: write the hosts that are meant");
     } else {
         return false;
     }
