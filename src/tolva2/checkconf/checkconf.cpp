@@ -114,7 +114,11 @@ ux_text find_home(const char *named, const char *argv0) {
         fatal("%s: `$TOLVAHOME' (%s): Not an absolute path\n", progname, home);
     }
     home = home ? home : built_in_home();
+    errno = 0;
     ux_text found = home ? ux_copy(home) : find_program_dir(argv0);
+    if (!found && errno == ENOMEM) {
+        no_memory_to_check();
+    }
     if (!found) {
         fatal("%s: could not determine `$TOLVAHOME'\n", progname);
     }
