@@ -540,4 +540,30 @@ TEST_F(settings_test, names_its_functions_above_trace_level_5_only) {
               std::string::npos);
 }
 
+TEST_F(settings_test, every_setting_is_shown_with_what_is_in_force) {
+    ASSERT_TRUE(read("ListenPort=7\nMailProg=/bin/true\n"));
+    setting_views views = settings_in_force();
+    EXPECT_STREQ(views.front().key, "ListenAddress");
+    EXPECT_EQ(views.front().text, &rp->listen_address);
+    EXPECT_EQ(views.front().number, nullptr);
+    EXPECT_STREQ(views[1].key, "ListenPort");
+    EXPECT_EQ(views[1].number, &rp->listenport);
+    EXPECT_EQ(views[1].text, nullptr);
+    EXPECT_EQ(*views[1].number, 7);
+    EXPECT_STREQ(views.back().key, "RedundancyAddresses");
+    EXPECT_EQ(views.back().text, &rp->redundancy_addresses);
+    setting_views defaults = settings_by_default();
+    EXPECT_STREQ(defaults[1].key, "ListenPort");
+    EXPECT_EQ(defaults[1].number, &rp_defaults->listenport);
+    EXPECT_EQ(*defaults[1].number, 6003);
+}
+
+TEST_F(settings_test, every_key_is_shown_before_anything_is_read) {
+    free_receiver_config();
+    for (const setting_view &one : settings_in_force()) {
+        EXPECT_NE(one.key, nullptr);
+        EXPECT_NE(one.number == nullptr, one.text == nullptr) << one.key;
+    }
+}
+
 } // namespace
