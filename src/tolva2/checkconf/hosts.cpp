@@ -77,12 +77,14 @@ inetaddr *find_host(const char *name) {
     if (!fresh) {
         no_memory_to_check();
     }
-    *fresh = {ux_copy(name), look_up(name)};
+    fresh->name = ux_copy(name);
+    fresh->address = look_up(name);
     if (!fresh->name ||
         ux_list_ins_next(&names, names.tail, fresh.get()) != 0) {
         no_memory_to_check();
     }
-    return fresh.release()->address.get();
+    const looked_up *lists_own = fresh.release();
+    return lists_own->address.get();
 }
 
 /* A word of a list, and where to complain about it. */

@@ -19,7 +19,7 @@ char lower(char letter) {
 
 /* The letters to be changed, added or taken away; word is not too long. */
 size_t distance(std::string_view word, std::string_view key) {
-    size_t row[LONGEST_WORD + 1];
+    size_t row[LONGEST_WORD + 1] = {};
     for (size_t i = 0; i <= word.size(); i++) {
         row[i] = i;
     }
