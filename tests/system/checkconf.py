@@ -7,7 +7,7 @@
 
 import re
 
-from harness import ROOT, TOLVA
+from harness import ROOT, TOLVA, message_arguments
 
 CHECKCONF = TOLVA.parent / "tolva-checkconf"
 FINDING = re.compile(r"^(.*):(\d+): (error|warning): (.*)$")
@@ -26,7 +26,7 @@ class House:
         home.home.chmod(0o755)
         for name in SCRIPTS:
             home.script(name)
-        home.path("messages.dat").chmod(0o644)
+        self.texts()
         self.settings(CLEAN)
 
     def path(self, name):
@@ -34,6 +34,13 @@ class House:
 
     def settings(self, content, name="tolva.cfg"):
         self.home.write(name, content).chmod(0o644)
+
+    def texts(self, extra=None, without=()):
+        """A message database with every number of the program but some."""
+        self.home.messages({number: f"[{number}]" + " %s" * count for
+                            number, count in message_arguments().items()} |
+                           (extra or {}), without)
+        self.path("messages.dat").chmod(0o644)
 
     def check(self, *args, **options):
         return self.home.run(*args, program=str(CHECKCONF), **options)

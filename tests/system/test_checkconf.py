@@ -5,6 +5,8 @@ In a scene nothing else is wrong, and nothing else is found.
 
 import dataclasses
 import os
+import re
+import shutil
 import typing
 
 import pytest
@@ -12,7 +14,7 @@ import pytest
 import manual
 import preload
 from checkconf import CLEAN, NO_NAME, SCRIPTS, House
-from harness import message_arguments
+from harness import ROOT, message_arguments
 from namespaces import private_network
 
 PAGE = manual.Page("tolva-checkconf.8")
@@ -202,9 +204,8 @@ SCENES = {
     "is no file: name": Scene(prepare=lambda house:
                               house.path("tolva.log").mkdir()),
     "so the log stays empty": Scene(prepare=without("messages.dat")),
-    "has no line for": Scene(prepare=lambda house: (
-        house.home.messages(without=(756,)),
-        house.path("messages.dat").chmod(0o644))),
+    "has no line for": Scene(
+        prepare=lambda house: house.texts(without=(756,))),
     # redundancy
     "but nothing is watched: write AliveAddresses": third("AliveEnabled=TRUE"),
     "so the listener does not start": third("RedundancyEnabled=TRUE"),
@@ -241,6 +242,8 @@ SCENES = {
     "never drops a sender": third("ListenTimeout=0"),
     "lets the log grow": third("LogfileSize=0"),
     "cannot be checked": third("ExecProg=$TOLVAHOME/tolva_execute.sh"),
+    "is older than the program": Scene(
+        prepare=lambda house: house.texts(without=(842,))),
     "but nothing is watched: write AliveEnabled": third(
         "AliveAddresses=192.0.2.10"),
     "but no shutdown is held back": third(TWO.strip()),
@@ -599,13 +602,31 @@ def test_a_log_that_cannot_be_made_is_told(house):
 
 
 def test_a_text_may_be_silent_but_not_missing(house):
-    house.home.messages({835: "", 814: ""}, without=(756, 792))
-    house.path("messages.dat").chmod(0o644)
+    house.texts({835: "", 814: ""}, without=(756, 792))
     house.expect([(0, "error", "has no line for 756 792, so")])
 
 
 def test_every_event_of_the_program_must_have_a_line(house):
     house.home.write("messages.dat", "m1=x\n").chmod(0o644)
-    (_, _, text), = house.found()
-    numbers = text.partition("has no line for ")[2].partition(",")[0]
-    assert sorted(map(int, numbers.split())) == sorted(message_arguments())
+    (_, first, needed), (_, second, later) = house.found()
+    assert (first, second) == ("error", "warning")
+    numbers = re.findall(r"(?<= )\d+", needed.partition("has no line")[2] +
+                         later.partition("does not have")[2])
+    assert sorted(map(int, numbers)) == sorted(message_arguments())
+
+
+def test_the_shipped_files_lack_nothing_but_the_senders(house):
+    """Which is one error, that says what to write."""
+    share = ROOT / "share"
+    for path in (share / "messages.dat", *(share / "scripts").glob("*.sh")):
+        shutil.copy(path, house.path(path.name))
+        house.path(path.name).chmod(0o755)
+    text = re.sub("^AllowedAddresses=.*$", "#AllowedAddresses=",
+                  (share / "tolva.cfg").read_text(), flags=re.M)
+    house.settings(text)
+    house.expect([(0, "error", "AllowedAddresses is not set, so everybody who "
+                   "reaches the port could do what root can: write "
+                   "AllowedAddresses=<the addresses of the hosts that send>")])
+    house.settings(text.replace("#AllowedAddresses=\n",
+                                "AllowedAddresses=192.0.2.10\n"))
+    assert house.found() == []

@@ -37,15 +37,6 @@ constexpr const char *USAGE =
 /* Seconds; the listener raises a shorter interval. */
 constexpr int32_t LEAST_ALIVE_INTERVAL = 60;
 
-/* Where a build has the home when nobody names one; null: it has none. */
-const char *built_in_home() {
-#ifdef TOLVA_HOME
-    return *TOLVA_HOME ? TOLVA_HOME : nullptr;
-#else
-    return nullptr;
-#endif
-}
-
 struct arguments {
     bool open_wanted = false;
     bool print = false;
@@ -113,7 +104,9 @@ ux_text find_home(const char *named, const char *argv0) {
     if (home && *home != '/') {
         fatal("%s: `$TOLVAHOME' (%s): Not an absolute path\n", progname, home);
     }
-    home = home ? home : built_in_home();
+    if (!home && *BUILT_IN_HOME) {
+        home = BUILT_IN_HOME;
+    }
     errno = 0;
     ux_text found = home ? ux_copy(home) : find_program_dir(argv0);
     if (!found && errno == ENOMEM) {

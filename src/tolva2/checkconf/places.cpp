@@ -18,6 +18,10 @@ namespace {
 /* From the table of events, in CMakeLists.txt. */
 constexpr int32_t EVENT_NUMBERS[] = {TOLVA_EVENT_NUMBERS};
 
+/* Events with a higher number came later: a database that was there before
+ * does not have them, which is no reason not to start. */
+constexpr int32_t LAST_NEEDED_EVENT = 835;
+
 constexpr size_t NUMBER_TEXT = 12;
 
 bool always() { return true; }
@@ -162,19 +166,32 @@ struct number_list {
     }
 };
 
-void check_texts(const checkup &all, int32_t line, const char *path) {
+/* The numbers from least to most that the database lacks. */
+number_list missing_events(int32_t least, int32_t most) {
     number_list missing;
     for (int32_t number : EVENT_NUMBERS) {
-        if (!msgdb_lists(number)) {
+        if (number >= least && number <= most && !msgdb_lists(number)) {
             missing.add(number);
         }
     }
-    if (missing.length > 0) {
+    return missing;
+}
+
+void check_texts(const checkup &all, int32_t line, const char *path) {
+    number_list needed = missing_events(0, LAST_NEEDED_EVENT);
+    if (needed.length > 0) {
         all.found->error(
             line,
             "MsgDatName: %s has no line for %s, so these events leave the log without a word: take the lines from the shipped messages.dat, or write m%.*s= to be silent",
-            path, missing.text, static_cast<int>(strcspn(missing.text, " ")),
-            missing.text);
+            path, needed.text, static_cast<int>(strcspn(needed.text, " ")),
+            needed.text);
+    }
+    number_list later = missing_events(LAST_NEEDED_EVENT + 1, INT32_MAX);
+    if (later.length > 0) {
+        all.found->warning(
+            line,
+            "MsgDatName: %s is older than the program and does not have %s: take the lines from the shipped messages.dat",
+            path, later.text);
     }
 }
 
