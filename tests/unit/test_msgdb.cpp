@@ -238,13 +238,16 @@ TEST_F(msgdb_test, each_lookup_overwrites_the_one_before) {
 TEST_F(msgdb_test, a_number_is_listed_with_an_empty_text_too) {
     write_file(path, "m1=one\nm2=\n");
     EXPECT_FALSE(msgdb_lists(1)) << "there is no database yet";
+    EXPECT_EQ(errno, ENOENT);
     ASSERT_TRUE(msgdb_open(path.c_str()));
     EXPECT_TRUE(msgdb_lists(1));
     EXPECT_TRUE(msgdb_lists(2));
     EXPECT_EQ(msgdb_get(2), nullptr);
     EXPECT_FALSE(msgdb_lists(3));
+    EXPECT_EQ(errno, 0);
     unlink(path.c_str());
     EXPECT_FALSE(msgdb_lists(1)) << "the database is gone";
+    EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(msgdb_test, lookups_leave_no_descriptor_open) {

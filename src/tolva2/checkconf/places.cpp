@@ -3,6 +3,8 @@
  * switched off is looked at only when a setting names it.
  */
 #include "tolva2/checkconf/places.h"
+#include "tolva2/base/process_state.h"
+#include "tolva2/base/trace.h"
 #include "tolva2/checkconf/program_file.h"
 #include "tolva2/checkconf/writers.h"
 #include "tolva2/files/msgdb.h"
@@ -166,11 +168,23 @@ struct number_list {
     }
 };
 
+/* Does the database lack it? Ends the process when that cannot be known. */
+bool lacks_event(int32_t number) {
+    if (msgdb_lists(number)) {
+        return false;
+    }
+    if (errno != 0) {
+        fatal("%s: %s: %s\n", progname, rp->msgfile_name.get(),
+              strerror(errno));
+    }
+    return true;
+}
+
 /* The numbers from least to most that the database lacks. */
 number_list missing_events(int32_t least, int32_t most) {
     number_list missing;
     for (int32_t number : EVENT_NUMBERS) {
-        if (number >= least && number <= most && !msgdb_lists(number)) {
+        if (number >= least && number <= most && lacks_event(number)) {
             missing.add(number);
         }
     }

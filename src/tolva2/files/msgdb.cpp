@@ -94,9 +94,14 @@ int32_t msgdb_get_into(int32_t number, char *buffer, size_t size) {
 
 bool msgdb_lists(int32_t number) {
     trace_in();
+    errno = ENOENT;
     ux_file file = open_database();
-    return file && find_line(file.get(), database.shared_text,
-                             sizeof database.shared_text, number);
+    if (!file) {
+        return false;
+    }
+    errno = 0;
+    return find_line(file.get(), database.shared_text,
+                     sizeof database.shared_text, number);
 }
 
 int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number) {

@@ -24,8 +24,8 @@ void msgdb_close();
 [[nodiscard]] int32_t msgdb_get_into(int32_t number, char *buffer, size_t size);
 
 /* Does a line of the database have that number? Its text may be empty, which
- * is how somebody keeps an event silent. False too when the database cannot be
- * read. */
+ * is how somebody keeps an event silent. errno is 0 then, and when there is
+ * none; where the database cannot be read it is false, and errno tells. */
 [[nodiscard]] bool msgdb_lists(int32_t number);
 
 /* The search itself, on an open stream. Results as msgdb_get_into. */
