@@ -4,6 +4,7 @@
  * tests/CMakeLists.txt too.
  */
 #include "failing_calls.h"
+#include "wide_calls.h"
 
 #include <algorithm>
 #include <array>
@@ -206,5 +207,12 @@ int __wrap_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
         return ppoll_instead(fds, count, limit, mask);
     }
     return __real_ppoll(fds, count, limit, mask);
+}
+
+/* The name where a word has 32 bits, and the older one is not used yet; that
+ * is for each C library to say. */
+int __wrap___ppoll64(pollfd *fds, nfds_t count, const timespec *limit,
+                     const sigset_t *mask) {
+    return __wrap_ppoll(fds, count, limit, mask);
 }
 }

@@ -6,6 +6,7 @@
 #include "tolva2/files/bounded_file.h"
 #include "tolva2/files/reserve.h"
 #include "unixtools/ux_owned.h"
+#include "unixtools/ux_portable.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -68,7 +69,7 @@ ux_fd unnamed_file(const char *directory) {
     }
 #endif
     ux_text name = ux_join({directory, ".tolva-XXXXXX"});
-    ux_fd named(name ? mkostemp(name.get(), O_CLOEXEC) : -1);
+    ux_fd named(name ? ux_new_file(name.get()) : -1);
     if (named) {
         unlink(name.get());
     }

@@ -9,6 +9,7 @@
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_number.h"
 #include "unixtools/ux_owned.h"
+#include "unixtools/ux_portable.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -16,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <netdb.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -124,10 +124,9 @@ bool read_answer(int fd, bool armed, char *text) {
     sigprocmask(SIG_SETMASK, nullptr, &wait_mask);
     sigdelset(&wait_mask, SIGALRM);
     const timespec limit{RESOLVE_SECONDS, 0};
-    pollfd answer{fd, POLLIN, 0};
     int ready = -1;
     while (ready < 0 && !resolve_timed_out) {
-        ready = ppoll(&answer, 1, armed ? nullptr : &limit, &wait_mask);
+        ready = ux_wait_readable(fd, armed ? nullptr : &limit, &wait_mask);
         if (ready < 0 && errno != EINTR) {
             return false;
         }
@@ -207,7 +206,7 @@ bool resolve_host(const char *host, char *text) {
 /* The address of host, resolved if need be: false after a message. */
 bool find_address(const char *host, inetaddr *iaddr) {
     char *text = iaddr->text;
-    if (inet_aton(host, &iaddr->addr.sin_addr)) {
+    if (ux_dotted(host, &iaddr->addr.sin_addr)) {
         strncat(text, host, ADDRESS_TEXT - 1);
         return true;
     }
@@ -216,7 +215,7 @@ bool find_address(const char *host, inetaddr *iaddr) {
                      "%s: could not resolve hostname `%s'\n", progname, host);
         return false;
     }
-    if (!inet_aton(text, &iaddr->addr.sin_addr)) {
+    if (!ux_dotted(text, &iaddr->addr.sin_addr)) {
         error_printf(stderr, ERROR_CONTINUE, "%s: address invalid `%s'\n",
                      progname, text);
         return false;

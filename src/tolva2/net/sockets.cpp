@@ -5,6 +5,7 @@
  */
 #include "tolva2/net/sockets.h"
 #include "tolva2/base/trace.h"
+#include "unixtools/ux_portable.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -36,7 +37,7 @@ bool fill_address(sockaddr_in *address, uint16_t port, const char *dotted) {
     *address = sockaddr_in{};
     address->sin_family = AF_INET;
     address->sin_port = htons(port);
-    return dotted && inet_aton(dotted, &address->sin_addr) != 0;
+    return dotted && ux_dotted(dotted, &address->sin_addr);
 }
 
 /* What a call moved when that was all of it, else 0. */
@@ -233,7 +234,7 @@ int32_t sock_pending_error(int32_t fd) {
 bool is_dotted_address(const char *text) {
     trace_in();
     in_addr address;
-    return inet_aton(text, &address) != 0;
+    return ux_dotted(text, &address);
 }
 
 bool same_address(const char *a, const char *b) {

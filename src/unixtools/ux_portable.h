@@ -1,0 +1,34 @@
+/*
+ * The calls beyond POSIX of 2008, and nowhere else: each has something that
+ * does the same where a system has not got it.
+ */
+#ifndef UNIXTOOLS_UX_PORTABLE_H
+#define UNIXTOOLS_UX_PORTABLE_H
+
+#include <csignal>
+#include <ctime>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+/* Whoever sends ignores SIGPIPE as well, so it can be done without. */
+#ifndef MSG_NOSIGNAL
+#define MSG_NOSIGNAL 0
+#endif
+
+/* Waits until fd can be read, no longer than limit unless that is null, with
+ * mask as the signal mask meanwhile. 1 when it can be, 0 when time is up, -1
+ * with errno on error. The limit is one of whole seconds: for 32-bit systems,
+ * glibc before 2.37 reads fractions wrongly when calls are checked. */
+[[nodiscard]] int ux_wait_readable(int fd, const timespec *limit,
+                                   const sigset_t *mask);
+
+/* The IPv4 address that a text of digits and dots stands for: false when it
+ * stands for none. */
+[[nodiscard]] bool ux_dotted(const char *text, in_addr *address);
+
+/* A new file that is nobody else's, open for reading and writing and closed
+ * in programs that are started; name ends in "XXXXXX", which becomes what the
+ * file is called. -1 with errno on error. */
+[[nodiscard]] int ux_new_file(char *name);
+
+#endif
