@@ -42,9 +42,12 @@ bool ux_dotted(const char *text, in_addr *address) {
     return inet_aton(text, address) != 0;
 #else
     /* What it returns for an error is an address too. */
-    address->s_addr = inet_addr(text);
-    return address->s_addr != INADDR_NONE ||
-           strcmp(text, "255.255.255.255") == 0;
+    in_addr_t found = inet_addr(text);
+    if (found == INADDR_NONE && strcmp(text, "255.255.255.255") != 0) {
+        return false;
+    }
+    address->s_addr = found;
+    return true;
 #endif
 }
 

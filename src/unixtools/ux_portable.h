@@ -23,7 +23,7 @@
                                    const sigset_t *mask);
 
 /* The IPv4 address that a text of digits and dots stands for: false when it
- * stands for none. */
+ * stands for none, and address stays as it was. */
 [[nodiscard]] bool ux_dotted(const char *text, in_addr *address);
 
 /* A new file that is nobody else's, open for reading and writing and closed

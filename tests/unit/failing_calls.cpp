@@ -70,6 +70,7 @@ FILE *__real_fdopen(int fd, const char *mode);
 int __real_fclose(FILE *stream);
 int __real_open(const char *path, int flags, mode_t mode);
 int __real_mkostemp(char *name, int flags);
+int __real_mkstemp(char *name);
 char *__real_realpath(const char *path, char *resolved);
 FILE *__real_fopen(const char *path, const char *mode);
 char *__real_fgets(char *line, int size, FILE *stream);
@@ -126,6 +127,11 @@ int __wrap_open(const char *path, int flags, ...) {
 
 int __wrap_mkostemp(char *name, int flags) {
     return fails("mkostemp") ? -1 : __real_mkostemp(name, flags);
+}
+
+/* What stands in for it fails with it. */
+int __wrap_mkstemp(char *name) {
+    return fails("mkostemp") ? -1 : __real_mkstemp(name);
 }
 
 char *__wrap_realpath(const char *path, char *resolved) {

@@ -94,6 +94,7 @@ TEST(ux_dotted, reads_what_stands_for_an_address) {
     EXPECT_EQ(ntohl(address.s_addr), 0x0a000001U);
     for (const char *none : {"", "localhost", "1.2.3.256", "1.2.3.4.5"}) {
         EXPECT_FALSE(ux_dotted(none, &address)) << none;
+        EXPECT_EQ(ntohl(address.s_addr), 0x0a000001U) << none;
     }
 }
 

@@ -25,6 +25,8 @@
 #define __wrap_tmpfile __wrap_tmpfile64
 #define __real_mkostemp __real_mkostemp64
 #define __wrap_mkostemp __wrap_mkostemp64
+#define __real_mkstemp __real_mkstemp64
+#define __wrap_mkstemp __wrap_mkstemp64
 #endif
 
 #endif
