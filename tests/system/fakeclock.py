@@ -55,7 +55,11 @@ int clock_gettime(clockid_t id, struct timespec *now)
         now->tv_nsec = 0;
         return 0;
     }
+#ifdef SYS_clock_gettime64
+    return (int)syscall(SYS_clock_gettime64, id, now);
+#else
     return (int)syscall(SYS_clock_gettime, id, now);
+#endif
 }
 
 time_t time(time_t *now)

@@ -30,6 +30,8 @@ Environment:
     TOLVA_WRAPPER  a command to run it under, e.g. "valgrind"; looking for
                    leaks is the sanitizer's work, as valgrind counts what
                    the parent of a daemon holds when it leaves
+    TOLVA_CC       the C compiler for libraries that are put under it, when
+                   it is built for another machine
 """
 
 import functools

@@ -4,6 +4,7 @@ import atexit
 import functools
 import os
 import pathlib
+import shlex
 import shutil
 import subprocess
 import tempfile
@@ -17,16 +18,35 @@ def _folder():
     return pathlib.Path(folder)
 
 
+def _compile(compiler, source, library):
+    subprocess.run([*compiler, "-x", "c", "-O1", "-shared", "-fPIC", "-o",
+                    library, source], check=True)
+
+
+def _for_both(compilers, source):
+    """The executable is for one machine and the scripts are for another: a
+    library for each, where their loaders look for "$LIB"."""
+    for compiler in compilers:
+        triplet = subprocess.run([*compiler, "-print-multiarch"], text=True,
+                                 check=True, capture_output=True).stdout
+        place = _folder() / "lib" / triplet.strip()
+        place.mkdir(parents=True, exist_ok=True)
+        _compile(compiler, source, place / f"{source.stem}.so")
+    return _folder() / "$LIB" / f"{source.stem}.so"
+
+
 @functools.lru_cache(maxsize=None)
 def build(name, source):
     """Compiles the C source; the path of the library."""
-    compiler = next(filter(None, map(shutil.which, (
-        "cc", "gcc", "clang", "c++", "g++", "clang++"))))
+    compiler = [next(filter(None, map(shutil.which, (
+        "cc", "gcc", "clang", "c++", "g++", "clang++"))))]
     path = _folder() / f"{name}.c"
     path.write_text(source)
+    if os.environ.get("TOLVA_CC"):
+        return _for_both([compiler, shlex.split(os.environ["TOLVA_CC"])],
+                         path)
     library = path.with_suffix(".so")
-    subprocess.run([compiler, "-x", "c", "-O1", "-shared", "-fPIC", "-o",
-                    library, path], check=True)
+    _compile(compiler, path, library)
     return library
 
 

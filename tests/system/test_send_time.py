@@ -104,7 +104,11 @@ LATER = r"""
 int clock_gettime(clockid_t id, struct timespec *now)
 {
     char path[4096];
+#ifdef SYS_clock_gettime64
+    int result = (int)syscall(SYS_clock_gettime64, id, now);
+#else
     int result = (int)syscall(SYS_clock_gettime, id, now);
+#endif
     snprintf(path, sizeof path, "%s/later", getenv("TOLVAHOME"));
     if (access(path, F_OK) == 0) {
         now->tv_sec += 1000;
