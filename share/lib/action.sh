@@ -23,12 +23,18 @@ if [ -e "$home/rehearsal" ] || [ -L "$home/rehearsal" ]; then
     dry='rehearsal, would'
 fi
 
+# in_journal: standard output is the journal, which then needs no logger.
+in_journal() {
+    [ -n "${JOURNAL_STREAM-}" ] &&
+        [ "$(stat -Lc %d:%i "/proc/$$/fd/1" 2>/dev/null)" = "$JOURNAL_STREAM" ]
+}
+
 # tell <priority> <text>: to who has started it, and to the system log.
 tell() {
     text=$(printf '%s' "$2" | tr '[:cntrl:]' '?')
     printf '%s\n' "$text"
-    if [ -z "$dry" ] && command -v logger >/dev/null; then
-        logger -t tolva -p "daemon.$1" -- "$me: $text"
+    if [ -z "$dry" ] && ! in_journal && command -v logger >/dev/null; then
+        within 10 logger -t tolva -p "daemon.$1" -- "$me: $text"
     fi
 }
 
@@ -97,7 +103,8 @@ outside() {
     if [ -z "${TOLVA_OUTSIDE-}" ] && has_systemd && [ "$(id -u)" -eq 0 ] &&
         command -v systemd-run >/dev/null; then
         exec systemd-run --quiet --wait --collect --pipe \
-            --setenv=TOLVA_OUTSIDE=1 --setenv="TOLVAHOME=$home" -- \
+            --setenv=TOLVA_OUTSIDE=1 --setenv="TOLVAHOME=$home" \
+            ${JOURNAL_STREAM:+--setenv="JOURNAL_STREAM=$JOURNAL_STREAM"} -- \
             "$(readlink -f -- "$0")" "$@"
     fi
 }

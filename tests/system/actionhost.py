@@ -52,8 +52,12 @@ class ActionHost:
 
     def tool(self, name, body=""):
         path = self.bin / name
-        path.write_text(f'#!/bin/sh\nprintf "%s\\n" "${{0##*/}} $*" '
-                        f'>>"{self.record}"\n{body}\n')
+        # It may be a link to the system's own command, which stays as it is:
+        # a new file is made, and nothing is ever written through the link.
+        path.unlink(missing_ok=True)
+        with open(path, "x") as file:
+            file.write(f'#!/bin/sh\nprintf "%s\\n" "${{0##*/}} $*" '
+                       f'>>"{self.record}"\n{body}\n')
         path.chmod(0o755)
 
     def group(self, name, listing, stopping, things, stubborn=(), forced=""):

@@ -193,7 +193,6 @@ OUTSIDE = ["containers", "export-zfs", "guests-proxmox", "unmount-network",
 def test_what_needs_more_than_the_service_runs_as_a_unit(host, name):
     complete(host)
     del host.env["TOLVA_OUTSIDE"]
-    (host.bin / "id").unlink()
     host.tool("id", "echo 0")
     host.tool("systemd-run", '''
         while [ "$1" != -- ]; do
