@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 
+import manual
 from actionhost import ACTIONS, ActionHost
 from waiting import wait_for
 
@@ -490,3 +491,37 @@ def test_a_list_of_hosts_that_is_none_wakes_nobody(host, text):
         (host.home / "wake-hosts.list").write_text(text)
     assert host.run("wake-hosts").status == 66
     assert host.calls() == []
+
+
+# --- the manual ---------------------------------------------------------------
+
+PAGE = manual.Page("tolva-actions.7")
+
+
+def test_every_action_and_its_options_are_in_the_manual():
+    told = {line.split()[2]: set(re.findall(r"--[a-z-]+", line))
+            for line in PAGE.lines if line.startswith(".It Cm ")}
+    scripts = {name: set(re.findall(r"^ *(--[a-z-]+)\)",
+                                    (ACTIONS / name).read_text(),
+                                    re.MULTILINE)) - {"--help", "--dry-run"}
+               for name in READY}
+    assert {name: told[name] for name in READY} == scripts
+    assert set(told) - set(READY) == OF_ITS_OWN
+
+
+def test_every_exit_status_is_in_the_manual_and_in_the_script():
+    told = {int(status): int(seen) for status, seen, _ in
+            PAGE.table("status")}
+    used = {0}
+    for name in READY:
+        text = (ACTIONS / name).read_text()
+        head = text[text.index("# exit status:"):text.index("\n\n")]
+        listed = set(map(int, re.findall(r"^#   (\d+) ", head, re.MULTILINE)))
+        ends = set(map(int, re.findall(r"\bfail (\d+)\b", text))) | {0, 64}
+        if re.search(r"^ *need ", text, re.MULTILINE):
+            ends.add(69)
+        assert (name, listed) == (name, ends)
+        used |= listed
+    assert set(told) == used
+    assert all(seen == (status and status + 127)
+               for status, seen in told.items())

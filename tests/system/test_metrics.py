@@ -1,12 +1,15 @@
 """tolva-metrics: what it finds out about the listener of this host."""
 
 import os
+import re
 import signal
+import socket
 import subprocess
 import time
 
 import pytest
 
+import manual
 import namespaces
 from harness import ROOT, skip_when_wrapped
 from monitored import Site, parsed
@@ -70,7 +73,6 @@ def test_another_address_or_port_is_not_the_listener_s(site):
 
 def test_a_connection_to_the_port_is_no_listener(site):
     server = site.home.server(reader)
-    import socket
     with socket.create_connection(("127.0.0.1", server.port)) as conn:
         port = conn.getsockname()[1]
         site.home.configure(ListenAddress="127.0.0.1", ListenPort=port)
@@ -91,7 +93,6 @@ def test_settings_that_are_missing(site):
 
 def test_what_nobody_knows_is_left_out(site):
     (site.bin / "tolva-checkconf").unlink()
-    site.env["PATH"] = site.env["PATH"].replace("/usr/local/bin:", "")
     assert site.metrics() == {"tolva_up": 0, "tolva_rehearsal": 0}
 
 
@@ -361,3 +362,25 @@ def test_it_works_without_a_path_and_with_closed_descriptors(site):
              "TOLVA_PIDFILE": str(site.pidfile)})
     assert done.returncode == 0
     assert parsed(out.read_text())["tolva_rehearsal"] == 0
+
+
+# --- the manual ---------------------------------------------------------------
+
+
+def test_every_gauge_is_in_the_manual():
+    told = [row[0] for row in
+            manual.Page("tolva-metrics.8").table("gauges")]
+    gauges = re.findall(r"\bgauge (\w+) ", COMMAND.read_text())
+    assert told == [f"tolva_{name}" for name in gauges if name != "name"]
+
+
+def test_the_examples_of_the_manual_work_as_they_stand(site):
+    """But for the directory, which is a test's own."""
+    examples = manual.Page("tolva-metrics.8").displays("run")
+    assert list(examples) == ["look", "write"]
+    script = "set -e\n" + "".join(examples.values()).replace(
+        "/var/lib/prometheus/node-exporter", str(site.home.dir))
+    ran = site.home.start("-c", script, program="/bin/sh",
+                          env=site.env).wait()
+    assert (ran.status, ran.out, ran.err) == (0, "tolva_listening 0\n", "")
+    assert parsed((site.home.dir / "tolva.prom").read_text())["tolva_up"] == 0
