@@ -371,7 +371,7 @@ def test_every_gauge_is_in_the_manual():
     told = [row[0] for row in
             manual.Page("tolva-metrics.8").table("gauges")]
     gauges = re.findall(r"\bgauge (\w+) ", COMMAND.read_text())
-    assert told == [f"tolva_{name}" for name in gauges if name != "name"]
+    assert sorted(told) == sorted(f"tolva_{name}" for name in gauges)
 
 
 def test_the_examples_of_the_manual_work_as_they_stand(site):
