@@ -19,7 +19,7 @@ SAMPLE = re.compile(r'^(tolva_\w+(?:\{server="[^"\\]+"\})?) (\S+)$')
 class Site:
     def __init__(self, home):
         self.home = home
-        self.bin = home.dir / "bin"
+        self.bin = home.dir / "commands"
         self.bin.mkdir()
         for path in [*(SHARE / "bin").iterdir(), TOLVA,
                      TOLVA.parent / "tolva-checkconf"]:
