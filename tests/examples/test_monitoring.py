@@ -77,7 +77,9 @@ def test_the_alerts_of_the_document_are_rules(tmp_path):
 # --- plugins ------------------------------------------------------------------
 
 PERL = ("libmonitoring-plugin-perl", "libclass-accessor-perl",
-        "libmath-calc-units-perl", "libparams-validate-perl")
+        "libconfig-tiny-perl", "libmath-calc-units-perl",
+        "libmodule-implementation-perl", "libmodule-runtime-perl",
+        "libparams-validate-perl", "libsub-name-perl", "libtry-tiny-perl")
 
 
 def perl(program, *args):
@@ -239,7 +241,7 @@ def test_rsyslog_reads_the_log(site):
         recipe("module(load=").replace("/var/log/tolva/tolva.log", str(log)) +
         f'action(type="omfile" file="{out}")\n')
     libraries = ":".join(str(path) for path in
-                         root.glob("**/x86_64-linux-gnu"))
+                         root.glob("**/*-linux-gnu"))
     daemon = site.start(
         root / "usr/sbin/rsyslogd", "-n", "-f", config, "-i",
         site.dir / "pid", "-M", modules, env={"LD_LIBRARY_PATH": libraries})

@@ -4,11 +4,13 @@ called."""
 import os
 import re
 import subprocess
+import textwrap
 
 import pytest
 
 import manual
 from actionhost import ACTIONS, ActionHost
+from harness import ROOT
 from waiting import wait_for
 
 ALL = sorted(path.name for path in ACTIONS.iterdir())
@@ -525,3 +527,33 @@ def test_every_exit_status_is_in_the_manual_and_in_the_script():
     assert set(told) == used
     assert all(seen == (status and status + 127)
                for status, seen in told.items())
+
+
+# --- the document -------------------------------------------------------------
+
+
+def test_the_example_of_an_action_of_one_s_own(host):
+    text = (ROOT / "docs" / "actions.md").read_text()
+    script = text[text.index("    #!/bin/sh\n"):]
+    action = host.dir / "stop-backup"
+    action.write_text(textwrap.dedent(script).replace(
+        "/usr/share/tolva/action.sh", f"{host.dir}/lib/action.sh"))
+    action.chmod(0o755)
+    host.group("pkill", "-", "*", ["backup"])
+    host.tool("pgrep", f'[ -e "{host.dir}/pkill.things/backup" ]')
+    assert "Stops the night's backup." in host.run(action, "--help").out
+    dry = host.run(action, "--dry-run")
+    assert (dry.status, dry.out) == (0, "would run: pkill -x backup\n")
+    assert host.things("pkill") == ["backup"]
+    assert host.run(action, "now").status == 64
+    assert host.run(action).status == 0
+    assert host.things("pkill") == []
+    host.tool("pkill")
+    (host.dir / "pkill.things" / "backup").touch()
+    again = host.run(action)
+    assert (again.status, again.err) == (1, "it still runs\n")
+
+
+def test_the_document_has_a_row_for_every_action():
+    text = (ROOT / "docs" / "actions.md").read_text()
+    assert re.findall(r"^\| `([a-z-]+)` \|", text, re.MULTILINE) == READY
