@@ -232,7 +232,7 @@ def test_a_log_on_a_disk_that_takes_no_more(site, kind):
     site.home.configure(LogfileName=f"{mount}/tolva.log")
     prepare = {
         "full": "cat /dev/zero >$MOUNT/fill 2>/dev/null",
-        "read-only": "mount -o remount,ro $MOUNT"}[kind]
+        "read-only": "mount -o remount,bind,ro $MOUNT || exit"}[kind]
     script = (f"MOUNT={mount}; mount -t tmpfs -o size=64k none $MOUNT || exit;"
               f" : >$MOUNT/tolva.log; {prepare}; exec {COMMAND}")
     ran = site.home.start(
