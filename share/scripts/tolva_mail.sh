@@ -2,7 +2,24 @@
 # Sends a mail: the first parameter is the recipient, the others are the text.
 # It needs a mail system with the usual sendmail command.
 
-PATH=$PATH:/usr/sbin:/usr/bin:/sbin:/bin:/usr/lib
+PATH=${PATH:+$PATH:}/usr/sbin:/usr/bin:/sbin:/bin:/usr/lib
+
+# True when descriptor 2 is the journal, which then needs no logger.
+in_journal() {
+    [ -n "${JOURNAL_STREAM-}" ] &&
+        [ "$(stat -Lc %d:%i "/proc/$$/fd/2" 2>/dev/null)" = "$JOURNAL_STREAM" ]
+}
+
+complain() {
+    if in_journal; then
+        echo "<3>$1" >&2
+        return
+    fi
+    echo "$1" >&2
+    if command -v logger >/dev/null; then
+        logger -t tolva -p daemon.err -- "$1"
+    fi
+}
 
 recipient=$1
 # A line break would begin a header of the sender's own, a dash an option.
@@ -16,10 +33,7 @@ shift
 
 if ! command -v sendmail >/dev/null; then
     text="this host has no sendmail command"
-    echo "${0##*/}: $text" >&2
-    if command -v logger >/dev/null; then
-        logger -t tolva -p daemon.err -- "${0##*/}: $text"
-    fi
+    complain "${0##*/}: $text"
     exit 69
 fi
 

@@ -14,7 +14,14 @@ QUIET=14400
 # Where the time of the last report on each server is kept.
 STATE=${TOLVA_STATE:-/run/tolva}
 
-PATH=$PATH:/usr/sbin:/usr/bin:/sbin:/bin
+PATH=${PATH:+$PATH:}/usr/sbin:/usr/bin:/sbin:/bin
+export PATH
+
+# True when descriptor 1 is the journal, which then needs no logger.
+in_journal() {
+    [ -n "${JOURNAL_STREAM-}" ] &&
+        [ "$(stat -Lc %d:%i "/proc/$$/fd/1" 2>/dev/null)" = "$JOURNAL_STREAM" ]
+}
 
 server=$1
 case $server in
@@ -27,6 +34,10 @@ when=$(printf '%s' "$2 $3" | LC_ALL=C tr '[:cntrl:]' ' ')
 text="The UPS server $server does not answer $(uname -n) ($when)."
 
 say() {
+    if in_journal; then
+        echo "<4>$1"
+        return
+    fi
     echo "$1"
     if command -v logger >/dev/null; then
         logger -t tolva -p daemon.warning -- "$1"

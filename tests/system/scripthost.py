@@ -56,6 +56,7 @@ class Host:
             "TOLVAHOME": str(self.home),
             "TOLVA_SHUTDOWN": str(self.bin / "shutdown"),
             "TOLVA_SCHEDULED": str(self.scheduled),
+            "TOLVA_SHUTDOWN_PID": str(tmp / "shutdown.pid"),
             "TOLVA_STATE": str(self.state),
             "STANDIN": str(self.record),
         }
@@ -64,8 +65,8 @@ class Host:
         """Makes this a host that does not have these commands at all."""
         for name in missing:
             (self.bin / name).unlink()
-        for name in ("sh", "cat", "date", "mkdir", "rm", "timeout", "tr",
-                     "uname"):
+        for name in ("sh", "cat", "date", "mkdir", "rm", "sleep", "timeout",
+                     "tr", "uname"):
             if name not in missing:
                 (self.bin / name).symlink_to(shutil.which(name))
         self.env["PATH"] = f"{self.home}:{self.bin}"
@@ -79,7 +80,7 @@ class Host:
             (copies / name).chmod(0o755)
         self.scripts = copies
 
-    def run(self, script, params=""):
+    def run(self, script, params="", **env):
         """Runs the script with params as the shell splits them."""
 
         def like_the_listener():
@@ -89,9 +90,23 @@ class Host:
 
         return Ran(subprocess.run(
             ["/bin/sh", "-c", f"{self.scripts / script} {params}"],
-            env=self.env, stdin=subprocess.DEVNULL, capture_output=True,
-            text=True, cwd=self.home, timeout=60,
+            env=self.env | env, stdin=subprocess.DEVNULL,
+            capture_output=True, text=True, cwd=self.home, timeout=60,
             preexec_fn=like_the_listener))
+
+    def run_in_journal(self, script, params=""):
+        """Runs it with outputs that say they are the journal; returns what
+        it has written there."""
+        journal = self.home / "journal"
+        with open(journal, "w+") as stream:
+            there = os.fstat(stream.fileno())
+            subprocess.run(
+                ["/bin/sh", "-c", f"{self.scripts / script} {params}"],
+                env=self.env | {
+                    "JOURNAL_STREAM": f"{there.st_dev}:{there.st_ino}"},
+                stdin=subprocess.DEVNULL, stdout=stream, stderr=stream,
+                cwd=self.home, timeout=60)
+        return journal.read_text()
 
     def fails(self, command, status):
         (self.record / f"{command}.status").write_text(str(status))

@@ -34,6 +34,20 @@ def test_script_says_what_this_host_lacks(host, script, params, command,
     assert [x.args[-1] for x in host.calls()] == ([text] if logged else [])
 
 
+@pytest.mark.parametrize("script, params, level", [
+    ("tolva_mail.sh", "ops x", 3), ("tolva_message.sh", "x", 3),
+    ("tolva_execute.sh", "x", 3), ("tolva_notalive.sh", "192.0.2.1 d t", 4),
+    ("ShutdownSuppressed.sh", "", 4)])
+def test_the_journal_has_each_line_once_with_its_level(host, script, params,
+                                                       level):
+    host.without("sendmail", "wall")
+    (host.bin / "stat").symlink_to("/usr/bin/stat")
+    said = host.run_in_journal(script, params).splitlines()
+    assert len(said) == 1
+    assert said[0].startswith(f"<{level}>")
+    assert host.calls("logger") == []
+
+
 # --- message ----------------------------------------------------------------
 
 
