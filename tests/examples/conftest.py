@@ -27,6 +27,7 @@ from processes import Running  # noqa: E402
 from waiting import wait_for  # noqa: E402
 
 EXAMPLES = ROOT / "examples"
+SHUTDOWN = ROOT / "share" / "bin" / "tolva-shutdown"
 
 
 def pytest_sessionstart(session):
@@ -51,6 +52,7 @@ class Site:
                 link.chmod(0o755)
             else:
                 link.symlink_to(TOLVA)
+        (self.bin / "tolva-shutdown").symlink_to(SHUTDOWN)
         # Neither the journal nor the terminals hear of tests.
         self.stand_in("logger", "exit 0")
         self.stand_in("wall", "exit 0")
