@@ -318,7 +318,7 @@ def test_the_rehearsal_reports_a_taken_port_at_once(site, one_upsmon, which):
                  which: taken.getsockname()[1]}
         begun = time.monotonic()
         ran = rehearse(site, ports["upsd"], ports["tolva"]).wait(60)
-        assert time.monotonic() - begun < 20
+        assert time.monotonic() - begun < 15
     assert ran.status == 1
     assert f"on port {ports[which]}; is it taken?" in ran.err
     assert f"{which.upper()}_PORT=<another>" in ran.err
