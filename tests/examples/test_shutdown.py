@@ -202,7 +202,7 @@ def test_this_host_goes_down_without_a_list(power, make):
     make(power.list)
     ran = power.run()
     assert ran.status == 0
-    assert "nobody is told" in ran.out
+    assert "is told\n" in ran.out
     assert power.went_down()
 
 
@@ -355,7 +355,7 @@ def test_a_fleet_is_told_by_tolva_fleet_and_then_waited_for(site, power):
     power.hosts(f"{host.where} name * of a host")
     run = power.start("-w", "600", "-c", "SHUTDOWN 'low'", "-f")
     wait_for(lambda: "waits for this host to go down" in host.log())
-    assert told.read_text() == f"[{power.list}][SHUTDOWN 'low']"
+    assert told.read_text() == f"[-q][{power.list}][SHUTDOWN 'low']"
     assert power.stayed_up()
     goes_down(host)
     assert run.wait().status == 0
@@ -376,16 +376,21 @@ def test_without_tolva_fleet_the_hosts_are_told_all_the_same(site, power):
 
 
 def test_stages_are_told_by_tolva_staged_and_then_waited_for(site, power):
-    down, other = (site.listener(f"127.43.2.{n}") for n in (3, 4))
+    down, other, third = (site.listener(f"127.43.2.{n}")
+                          for n in (3, 4, 6))
+    (site.dir / "group").write_text(f"{third.where} name of it\n")
     told = site.effects / "told"
     site.stand_in("tolva-staged", f'printf "[%s]" "$@" >"{told}"')
     power.list.write_text(f"1 60 {other.where} EXECUTE stop-database\n"
-                          f"2 60 {down.where} shutdown 'low' # last\n")
+                          f"2 60 {down.where} shutdown 'low' # last\n"
+                          "2 60 @group SHUTDOWN\n")
     run = power.start("-w", "600", "-s")
-    wait_for(lambda: "waits for this host to go down" in down.log())
-    assert told.read_text() == f"[{power.list}]"
+    for host in (down, third):
+        wait_for(lambda h=host: "waits for this host to go down" in h.log())
+    assert told.read_text() == f"[-q][{power.list}]"
     assert power.stayed_up()
     goes_down(down)
+    goes_down(third)
     assert run.wait().status == 0
     assert "waits for" not in other.log()
     assert power.went_down()
