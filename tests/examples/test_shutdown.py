@@ -6,6 +6,7 @@ import contextlib
 import os
 import pty
 import signal
+import socket
 import subprocess
 import time
 
@@ -95,6 +96,7 @@ def test_this_host_waits_until_the_others_no_longer_answer(site, power):
     run = power.start("-w", "600")
     for host in (first, second):
         host.wait_effect(["tolva_shutdown.sh "])
+        wait_for(lambda h=host: f"told {h.where}\n" in run.out)
     goes_down(first)
     wait_for(lambda: f"{first.where} no longer answers" in run.out)
     wait_for(lambda: "waits for this host to go down" in second.log())
@@ -143,6 +145,23 @@ def test_told_is_said_only_of_hosts_that_have_answered(site, power):
         "COULD NOT tell -v: that is no host",
         "this host goes down now"])
     assert not refusing.effect()
+
+
+def test_a_host_that_is_down_at_once_was_told(power):
+    with socket.socket() as listening:
+        listening.bind(("127.43.0.16", 0))
+        listening.listen(1)
+        power.hosts(":".join(map(str, listening.getsockname())))
+        run = power.start("-w", "600")
+        taken, _ = listening.accept()
+        listening.close()
+        assert taken.recv(4096)
+        taken.close()
+    assert run.wait().status == 0
+    assert "sent to 127.43.0.16:" in run.out
+    assert ", which has not answered since\n" in run.out
+    assert "COULD NOT" not in run.out
+    assert power.went_down()
 
 
 def test_a_reason_arrives_as_it_was_given(site, power):
@@ -450,7 +469,7 @@ def test_a_rehearsal_that_begins_meanwhile_keeps_this_host_up(site, power):
     host = site.listener("127.43.3.3")
     power.hosts(host)
     run = power.start("-w", "600")
-    host.wait_effect(["tolva_shutdown.sh "])
+    wait_for(lambda: "waits for this host to go down" in host.log())
     (power.home / "rehearsal").touch()
     goes_down(host)
     assert run.wait().status == 42
