@@ -10,6 +10,7 @@ import time
 import pytest
 
 from conftest import EXAMPLES, only_one
+from harness import ROOT
 from ports import free_port
 from waiting import wait_for
 
@@ -217,6 +218,17 @@ def test_the_order_of_the_document_ends_fsd(site, one_upsmon):
     assert not (ups.dir / "killpower").exists()
     os.kill(ups.upsmon.pid, signal.SIGTERM)
     ups.upsmon.wait()
+
+
+def test_the_document_has_that_order():
+    text = (ROOT / "docs" / "rehearsal.md").read_text()
+    step = text[text.index("upsmon -c fsd\n"):]
+    places = [step.index(f"    {line}\n") for line in (
+        "systemctl stop nut-monitor", "systemctl restart nut-server",
+        "rm -f /etc/killpower", "upsc ups ups.status",
+        "systemctl start nut-monitor")]
+    assert places == sorted(places)
+    assert text.index("    upsc -c ups\n") < text.index("upsmon -c fsd\n")
 
 
 def test_upsc_shows_who_else_would_shut_down(site, one_upsmon):

@@ -8,6 +8,7 @@ import pty
 import signal
 import socket
 import subprocess
+import sys
 import time
 
 import pytest
@@ -346,6 +347,40 @@ def test_nothing_is_written_to_any_file(site, power):
     ran = power.run("-w", "0", prefix=[
         *private_network(), "sh", "-c", setup, "sh"])
     assert ran.out.count("COULD NOT tell") == 2, ran.describe()
+    assert power.went_down()
+
+
+# A name server that takes every question and answers none, and one listener.
+NO_NAMES = """
+import pathlib, socket, subprocess, sys, threading
+record, resolv, *command = sys.argv[1:]
+names = socket.socket(type=socket.SOCK_DGRAM)
+names.bind(("127.0.0.1", 53))
+pathlib.Path(resolv).write_text("nameserver 127.0.0.1\\n")
+subprocess.run(["mount", "--bind", resolv, "/etc/resolv.conf"], check=True)
+server = socket.create_server(("127.0.0.1", 6003))
+def take():
+    conn, _ = server.accept()
+    pathlib.Path(record).write_bytes(conn.recv(4096))
+    conn.close()
+threading.Thread(target=take, daemon=True).start()
+sys.exit(subprocess.run(command).returncode)
+"""
+
+
+def test_a_name_server_that_is_dead_keeps_nobody_from_being_told(site,
+                                                                 power):
+    record = site.effects / "request"
+    power.hosts("host.example", "other.example", "127.0.0.1")
+    power.changed(LIMIT=1)
+    run = power.start("-w", "0", prefix=[
+        *private_network(), sys.executable, "-c", NO_NAMES, record,
+        site.dir / "resolv"])
+    wait_for(record.exists, what="the host with an address is told")
+    assert "COULD NOT" not in run.out
+    assert run.wait(60).status == 0
+    assert "COULD NOT tell host.example: " in run.out
+    assert "COULD NOT tell other.example: " in run.out
     assert power.went_down()
 
 
