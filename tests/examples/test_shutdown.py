@@ -328,6 +328,31 @@ def test_the_watchdog_acts_where_it_is_killed_or_stopped(site, power, number,
     run.process.kill()
 
 
+def test_the_watchdog_does_not_act_before_its_time(site, power):
+    """Ending what it waits with only lets it wait anew."""
+    host = site.listener("127.43.1.10")
+    power.hosts(host)
+    power.start("-w", "600")
+    host.wait_effect(["tolva_shutdown.sh "])
+    first = wait_for(lambda: sleepers(site, 590))
+    os.kill(first[0], signal.SIGKILL)
+    wait_for(lambda: set(sleepers(site, 590)) - set(first),
+             what="it waits again")
+    assert power.stayed_up()
+
+
+def sleepers(site, seconds):
+    """Who waits for so many seconds or more."""
+    found = []
+    for pid in site.home.marked_pids():
+        with contextlib.suppress(OSError, ValueError, IndexError):
+            with open(f"/proc/{pid}/cmdline") as f:
+                words = f.read().split("\0")
+            if words[0] == "sleep" and int(words[1]) >= seconds:
+                found.append(pid)
+    return found
+
+
 def test_the_watchdog_acts_where_the_list_cannot_be_opened(power):
     power.list.unlink()
     os.mkfifo(power.list)
@@ -598,9 +623,15 @@ def test_a_service_manager_that_hangs_is_not_needed(site, power, how):
     assert power.went_down()
 
 
-def test_the_journal_has_each_line_once_with_its_level(site, power):
+@pytest.mark.parametrize("logger", [True, False])
+def test_the_journal_has_each_line_once(site, power, logger):
+    """Under the tag of this program, where there is a logger."""
     logged = site.effects / "logged"
-    site.stand_in("logger", f'echo "$*" >>"{logged}"')
+    site.stand_in("logger", f'shift 5; echo "$*" >>"{logged}"')
+    if not logger:
+        power.script = site.dir / "without-logger"
+        power.script.write_text(SHUTDOWN.read_text().replace(
+            "command -v logger", "false"))
     journal = site.dir / "journal"
     with open(journal, "w") as stream:
         there = os.fstat(stream.fileno())
@@ -608,11 +639,23 @@ def test_the_journal_has_each_line_once_with_its_level(site, power):
             power.argv("-w", "0", power.list), stdout=stream, timeout=60,
             env=site.home.environment(site.environment(power.env | {
                 "JOURNAL_STREAM": f"{there.st_dev}:{there.st_ino}"})))
-    assert journal.read_text().splitlines() == [
-        f"<2>NO HOSTS in {power.list}: nobody is told",
-        "<2>this host goes down now"]
     power.nothing_is_left()
-    assert not logged.exists()
-    power.run("-w", "0")
+    lines = [f"NO HOSTS in {power.list}: nobody is told",
+             "this host goes down now"]
+    if logger:
+        assert sorted(logged.read_text().splitlines()) == sorted(lines)
+        assert journal.read_text() == ""
+    else:
+        assert not logged.exists()
+        assert journal.read_text() == "".join(f"<2>{x}\n" for x in lines)
+
+
+def test_elsewhere_each_line_is_shown_and_logged(site, power):
+    logged = site.effects / "logged"
+    site.stand_in("logger", f'echo "$*" >>"{logged}"')
+    ran = power.run("-w", "0", env={"JOURNAL_STREAM": "9:12345"})
+    assert len(ran.out.splitlines()) == 2
     wait_for(lambda: logged.exists() and len(
         logged.read_text().splitlines()) == 2, what="the logger is told")
+    assert set(logged.read_text().splitlines()) == {
+        f"-t tolva -p daemon.crit -- {x}" for x in ran.out.splitlines()}
