@@ -632,6 +632,7 @@ def test_the_journal_has_each_line_once(site, power, logger):
         power.script = site.dir / "without-logger"
         power.script.write_text(SHUTDOWN.read_text().replace(
             "command -v logger", "false"))
+        power.script.chmod(0o755)
     journal = site.dir / "journal"
     with open(journal, "w") as stream:
         there = os.fstat(stream.fileno())
