@@ -85,6 +85,7 @@ struct day_plan {
     std::vector<outside_event> events{};
     /* What odd UPS servers say, one after the other; none: chance decides. */
     std::vector<std::string> answers{};
+    int strays = 300; /* how many of them end together */
     /* All is over by then: scripts have ended, the last cycle is through. */
     int64_t end = DAY + 3 * 3600 * SECOND;
 };

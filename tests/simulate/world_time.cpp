@@ -169,7 +169,7 @@ void world::happens(const outside_event &one) {
         tell(name + "somebody else's child");
         begin_child("", one.seed);
         /* Now and then more end together than are collected at once. */
-        for (int i = dice.one_in(4) ? 300 : 0; i > 0; i--) {
+        for (int i = dice.one_in(4) ? plan->strays : 0; i > 0; i--) {
             begin_child("", one.seed);
         }
         break;
