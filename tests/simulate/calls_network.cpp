@@ -195,6 +195,7 @@ int __wrap_accept(int fd, sockaddr *address, socklen_t *) {
         here->backlog.pop_front();
         peer = one.peer;
         number = one.socket;
+        here->check_reserve();
         here->sockets[number].fd = result;
         here->table[static_cast<size_t>(result)].socket = number;
         fill_peer(address, peer);
@@ -460,6 +461,7 @@ int __wrap_pselect(int count, fd_set *readable, fd_set *writable, fd_set *,
 }
 
 int __wrap_getrlimit(__rlimit_resource_t, rlimit *limit) {
+    here->limit_asked = here->descriptor_limit;
     limit->rlim_cur = static_cast<rlim_t>(here->descriptor_limit);
     limit->rlim_max = limit->rlim_cur;
     return 0;

@@ -72,7 +72,8 @@ void choose_watch(chance *luck, day_settings *chosen) {
 void choose_redundancy(chance *luck, day_settings *chosen) {
     chosen->redundancy = luck->one_in(3) ? "false" : "True";
     chosen->level = static_cast<int32_t>(luck->between(0, 3));
-    if (chosen->redundancy == "True") {
+    /* Named members count for nothing where it is off. */
+    if (chosen->redundancy == "True" || luck->one_in(4)) {
         for (uint32_t host = 1; host <= 6; host++) {
             if (!luck->one_in(3)) {
                 chosen->members.push_back(NETWORK + host);

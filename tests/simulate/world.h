@@ -157,6 +157,7 @@ struct world {
     /* Descriptors and sockets. */
     std::vector<descriptor> table{};
     int descriptor_limit;
+    int limit_asked = 0; /* what the listener knows of it */
     int shortage_error = 0;
     std::map<int, simulated_socket> sockets{};
     int next_socket = 1;
@@ -229,6 +230,7 @@ struct world {
     bool find_ready(int count, const fd_set &r, const fd_set &w, fd_set *fr,
                     fd_set *fw, int *found);
     void check_sockets() const;
+    void check_reserve() const;
     void check_wake_ups() const;
     void check_masks(const sigset_t *wait_mask) const;
 };

@@ -39,6 +39,17 @@ int world::held() const {
     return count;
 }
 
+/* What is held back helps only at numbers that can be had again. */
+void world::check_reserve() const {
+    for (size_t fd = 0; fd < table.size(); fd++) {
+        if (table[fd].what == holds::reserve &&
+            limit_asked == descriptor_limit &&
+            static_cast<int>(fd) >= descriptor_limit) {
+            fail("accepts with a reserve above the limit of descriptors");
+        }
+    }
+}
+
 simulated_socket *world::socket_of(int fd) {
     if (fd < 0 || static_cast<size_t>(fd) >= table.size() ||
         table[static_cast<size_t>(fd)].what != holds::socket) {

@@ -209,6 +209,10 @@ void world::happens(const outside_event &one) {
         if (awaited_call == 0) {
             raise(number);
         }
+        /* As when a whole group of processes is signalled. */
+        if (awaited_call == 0 && dice.one_in(2)) {
+            raise(SIGCHLD);
+        }
         break;
     }
     case happening::wait_fails:
