@@ -76,7 +76,7 @@ fleet_command fault(std::initializer_list<std::string_view> parts) {
 std::string_view first_word(std::string_view text) {
     size_t start = std::min(text.find_first_not_of(PARAM_BLANKS), text.size());
     text.remove_prefix(start);
-    return text.substr(0, text.find_first_of(PARAM_BLANKS));
+    return part_of(text, 0, text.find_first_of(PARAM_BLANKS));
 }
 
 /* The index of the command that a text begins with. */
@@ -131,7 +131,7 @@ ux_text shell_quoted(const char *word) {
 }
 
 const char *nearest_command(std::string_view word) {
-    word = word.substr(0, LONGEST_COMPARED);
+    word = part_of(word, 0, LONGEST_COMPARED);
     return std::min_element(
                KINDS.begin(), KINDS.end(),
                [word](const command_kind &a, const command_kind &b) {

@@ -72,7 +72,7 @@ size_t harmless(std::string_view text) {
             return 0;
         }
     }
-    return is_layout(text.substr(0, length)) ? 0 : length;
+    return is_layout(part_of(text, 0, length)) ? 0 : length;
 }
 
 bool needs_backslash(char c, text_place place) {
@@ -144,7 +144,7 @@ void append_safe(text_buffer *text, std::string_view foreign,
             if (needs_backslash(foreign[0], place)) {
                 append_text(text, "\\");
             }
-            append_text(text, foreign.substr(0, length));
+            append_text(text, part_of(foreign, 0, length));
         }
         foreign.remove_prefix(std::max<size_t>(length, 1));
     }

@@ -11,6 +11,15 @@
 #include <cstddef>
 #include <string_view>
 
+/* A part of a text, or what there is of it: unlike that of the library it
+ * needs nobody to catch anything. */
+[[nodiscard]] constexpr std::string_view
+part_of(std::string_view text, size_t from,
+        size_t count = std::string_view::npos) {
+    text.remove_prefix(from < text.size() ? from : text.size());
+    return {text.data(), count < text.size() ? count : text.size()};
+}
+
 /* A text that grows. What memory has no room for is left out, and said. */
 struct text_buffer {
     ux_text bytes; /* not terminated */

@@ -29,7 +29,7 @@ std::string_view trimmed(std::string_view text) {
     if (first == std::string_view::npos) {
         return {};
     }
-    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+    return part_of(text, first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
 /* A number without sign and leading zeros, or -1. */
@@ -53,7 +53,7 @@ const char *read_address(std::string_view text, parsed_target *target) {
         if (dot == std::string_view::npos) {
             return "an address has four numbers";
         }
-        int32_t octet = exact_number(text.substr(0, dot), 255);
+        int32_t octet = exact_number(part_of(text, 0, dot), 255);
         if (octet < 0) {
             return "an address has four numbers of 0 to 255 without leading "
                    "zeros";
@@ -69,7 +69,7 @@ const char *read_address(std::string_view text, parsed_target *target) {
 bool ends_in_number(std::string_view name) {
     size_t dot = name.rfind('.');
     std::string_view last =
-        dot == std::string_view::npos ? name : name.substr(dot + 1);
+        dot == std::string_view::npos ? name : part_of(name, dot + 1);
     return last.find_first_not_of(DIGITS) == std::string_view::npos ||
            (last.size() >= 2 && last[0] == '0' &&
             (last[1] == 'x' || last[1] == 'X'));
@@ -164,12 +164,12 @@ void add_host(host_list *list, std::string_view text, std::string_view name) {
 }
 
 void take_line(host_list *list, std::string_view line) {
-    line = trimmed(line.substr(0, line.find('#')));
+    line = trimmed(part_of(line, 0, line.find('#')));
     if (line.empty()) {
         return;
     }
     size_t end = std::min(line.find_first_of(BLANKS), line.size());
-    add_host(list, line.substr(0, end), trimmed(line.substr(end)));
+    add_host(list, part_of(line, 0, end), trimmed(part_of(line, end)));
 }
 
 } // namespace
@@ -178,12 +178,12 @@ parsed_target parse_target(std::string_view text, uint16_t default_port) {
     parsed_target target;
     target.port = default_port;
     size_t colon = text.find(':');
-    target.host = text.substr(0, colon);
+    target.host = part_of(text, 0, colon);
     target.fault = read_host(target.host, &target);
     if (target.fault || colon == std::string_view::npos) {
         return target;
     }
-    int32_t port = exact_number(text.substr(colon + 1), 65535);
+    int32_t port = exact_number(part_of(text, colon + 1), 65535);
     if (port <= 0) {
         target.fault = "a port is a number of 1 to 65535";
     }
@@ -205,12 +205,12 @@ host_list parse_hosts(ux_text text, size_t length, uint16_t default_port) {
         return list;
     }
     std::fill(list.index.begin(), list.index.end(), NO_HOST);
-    if (rest.substr(0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK) {
+    if (part_of(rest, 0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK) {
         rest.remove_prefix(BYTE_ORDER_MARK.size());
     }
     while (!rest.empty()) {
         size_t end = std::min(rest.find('\n'), rest.size());
-        take_line(&list, rest.substr(0, end));
+        take_line(&list, part_of(rest, 0, end));
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     return list;

@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <sys/wait.h>
 
 namespace {
@@ -57,7 +58,8 @@ bool start_lookup(lookup *one, std::string_view name, int32_t seconds,
     if (name.size() >= sizeof text || pipe(ends) < 0) {
         return false;
     }
-    text[name.copy(text, name.size())] = '\0';
+    memcpy(text, name.data(), name.size());
+    text[name.size()] = '\0';
     ux_fd answer(ends[0]);
     ux_fd question(ends[1]);
     pid_t child = fork();

@@ -21,10 +21,10 @@ bool is_writable(int fd) {
 }
 
 std::string_view next_piece(const out_stream &out) {
-    std::string_view rest = out.waiting.view().substr(out.written);
-    std::string_view piece = rest.substr(0, PIECE);
+    std::string_view rest = part_of(out.waiting.view(), out.written);
+    std::string_view piece = part_of(rest, 0, PIECE);
     size_t line = piece.rfind('\n');
-    return line == std::string_view::npos ? piece : piece.substr(0, line + 1);
+    return line == std::string_view::npos ? piece : part_of(piece, 0, line + 1);
 }
 
 /* Forgets what is out, now and then: it is moved about for that. */

@@ -89,7 +89,7 @@ std::string_view text_of(std::string_view object, std::string_view key) {
         return {};
     }
     object.remove_prefix(1);
-    return object.substr(0, object.find('"'));
+    return part_of(object, 0, object.find('"'));
 }
 
 earlier_result read_object(std::string_view line) {
@@ -100,7 +100,7 @@ earlier_result read_row(std::string_view line) {
     std::array<std::string_view, 3> fields;
     for (std::string_view &field : fields) {
         size_t tab = std::min(line.find('\t'), line.size());
-        field = line.substr(0, tab);
+        field = part_of(line, 0, tab);
         line.remove_prefix(std::min(tab + 1, line.size()));
     }
     return {fields[0], fields[2]};
@@ -116,7 +116,7 @@ bool take_earlier(host_list *list, std::string_view line) {
     earlier_result earlier =
         line[0] == '{' ? read_object(line) : read_row(line);
     if (earlier.address.empty() || !is_outcome(earlier.outcome)) {
-        return line.substr(0, 13) == TABLE_HEADING.substr(0, 13);
+        return part_of(line, 0, 13) == part_of(TABLE_HEADING, 0, 13);
     }
     int32_t at = find_host(*list, earlier.address);
     if (at != NO_HOST) {
@@ -176,7 +176,7 @@ void append_summary(text_buffer *out, const result_lines &lines,
 bool skip_done(host_list *list, std::string_view results) {
     while (!results.empty()) {
         size_t end = std::min(results.find('\n'), results.size());
-        std::string_view line = results.substr(0, end);
+        std::string_view line = part_of(results, 0, end);
         if (!line.empty() && line.back() == '\r') {
             line.remove_suffix(1);
         }
