@@ -31,7 +31,7 @@ constexpr char USAGE[] =
     "  -o  form of the results: text, tsv or json (text)\n"
     "  -l  label in front of each line of text\n"
     "  -r  leave out the hosts that are done in this file of results\n"
-    "  -L  lock the file, become the program; 3: somebody else has the lock\n"
+    "  -L  lock the file, become the program; 2: somebody else has the lock\n"
     "Exit status: 0 all done, 1 some not, 2 nothing sent.\n";
 
 struct form_name {

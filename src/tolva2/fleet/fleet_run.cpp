@@ -77,7 +77,8 @@ struct fleet_run {
     int32_t window = 0; /* how many may be under way */
     fleet_array<lookup> lookups{};
     int32_t descriptors = 0;
-    int64_t retry = 0; /* no new connections before then: a shortage */
+    bool stopped = false; /* by a signal */
+    int64_t retry = 0;    /* no new connections before then: a shortage */
     fleet_array<pollfd> polls{};
     sigset_t wait_mask{};
 };
@@ -512,27 +513,37 @@ void finish_rest(fleet_run *run) {
     }
 }
 
-/* Writes what is left, for as long as there is time: a second signal, or the
- * first one and a second, are the end of it. */
+/* When writing the rest has to end: with a limit of the whole, or when it was
+ * told to end, nobody may wait for a reader; else there is no such time. */
+int64_t end_of_writing(const fleet_run &run, int64_t now) {
+    if (run.stopped) {
+        return now + LAST_WORDS;
+    }
+    return run.end > 0 ? std::max(run.end, now) + LAST_WORDS : 0;
+}
+
+/* Writes what is left. With a limit, who takes nothing for a second is no
+ * reader; a signal is the end of it. */
 void write_rest(fleet_run *run) {
-    int first = stop_signal;
     stop_signal = 0;
-    int64_t now = milliseconds_now();
-    int64_t end = first          ? now + LAST_WORDS
-                  : run->end > 0 ? std::max(run->end, now) + LAST_WORDS
-                                 : 0;
-    write_results(run);
-    while (has_waiting(run->out) || has_waiting(run->err)) {
-        now = milliseconds_now();
-        if (stop_signal != 0 || (end > 0 && now >= end)) {
+    int64_t end = end_of_writing(*run, milliseconds_now());
+    size_t left = 0;
+    int64_t moved = 0;
+    for (;;) {
+        write_results(run);
+        int64_t now = milliseconds_now();
+        size_t still = left_to_write(run->out) + left_to_write(run->err);
+        moved = still == left ? moved : now;
+        left = still;
+        bool late = end > 0 && (now >= end || now >= moved + LAST_WORDS);
+        if (left == 0 || late || stop_signal != 0) {
             return;
         }
         pollfd both[2] = {
             {has_waiting(run->out) ? run->out.fd : -1, POLLOUT, 0},
             {has_waiting(run->err) ? run->err.fd : -1, POLLOUT, 0}};
-        timespec limit = as_timespec(end > 0 ? end - now : 1000);
+        timespec limit = as_timespec(LAST_WORDS / 4);
         ppoll(both, 2, &limit, &run->wait_mask);
-        write_results(run);
     }
 }
 
@@ -568,6 +579,7 @@ void drive(fleet_run *run) {
             serve_once(run);
         }
     }
+    run->stopped = stop_signal != 0;
     finish_rest(run);
 }
 

@@ -23,9 +23,10 @@ int32_t hold_and_run(const char *file, std::span<char *const> program) {
     }
     if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EWOULDBLOCK) {
-            fprintf(stderr, "%s: %s is in use by another run\n", progname,
-                    file);
-            return LOCK_TAKEN_STATUS;
+            fprintf(stderr,
+                    "%s: %s is in use by another run; nothing was sent\n",
+                    progname, file);
+            return 2;
         }
         /* A file system without locks: the run is worth more. */
         fprintf(stderr, "%s: cannot lock %s: %s\n", progname, file,

@@ -11,11 +11,9 @@
 /* Where the lock stays open in the program. */
 constexpr int LOCK_DESCRIPTOR = 9;
 
-constexpr int32_t LOCK_TAKEN_STATUS = 3;
-
 /* Locks a file, which is only read, and becomes the program of that full path.
- * Returns an exit status, after a line on standard error, when it cannot: 3
- * when somebody else has the lock, else 2. */
+ * Returns exit status 2, after a line on standard error, when it cannot, or
+ * when somebody else has the lock. */
 [[nodiscard]] int32_t hold_and_run(const char *file,
                                    std::span<char *const> program);
 

@@ -44,9 +44,11 @@ out_stream open_out(int fd) {
     return out;
 }
 
-bool has_waiting(const out_stream &out) {
-    return out.error == 0 && out.written < out.waiting.length;
+size_t left_to_write(const out_stream &out) {
+    return out.error == 0 ? out.waiting.length - out.written : 0;
 }
+
+bool has_waiting(const out_stream &out) { return left_to_write(out) > 0; }
 
 void write_waiting(out_stream *out) {
     while (has_waiting(*out) && is_writable(out->fd)) {

@@ -19,7 +19,10 @@ struct out_stream {
 /* A stream of a standard descriptor. */
 [[nodiscard]] out_stream open_out(int fd);
 
-/* True when something waits that may still be written. */
+/* How many bytes wait that may still be written. */
+[[nodiscard]] size_t left_to_write(const out_stream &out);
+
+/* True when there are any. */
 [[nodiscard]] bool has_waiting(const out_stream &out);
 
 /* Writes what can be written at once, in pieces that end with a line where
