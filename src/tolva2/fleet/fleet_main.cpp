@@ -4,6 +4,7 @@
  */
 #include "tolva2/base/process_state.h"
 #include "tolva2/base/signals.h"
+#include "tolva2/fleet/fleet_plan.h"
 #include "tolva2/fleet/fleet_run.h"
 #include "tolva2/fleet/hold.h"
 

@@ -15,8 +15,4 @@
 [[nodiscard]] int32_t run_fleet(host_list *list, const fleet_command &command,
                                 const fleet_options &options);
 
-/* Says what would be sent, and to whom. 0, or 1 when some line names none. */
-[[nodiscard]] int32_t show_fleet(host_list *list, const fleet_command &command,
-                                 const fleet_options &options);
-
 #endif
