@@ -20,7 +20,7 @@ namespace {
 
 constexpr int32_t MOST_AT_ONCE = 16384; /* connections */
 constexpr int32_t MOST_LOOKUPS = 64;    /* children */
-constexpr int32_t KEPT_FOR_OTHERS = 16; /* descriptors */
+constexpr int32_t KEPT_FOR_OTHERS = 4;  /* descriptors */
 constexpr int32_t FEW_DESCRIPTORS = 64; /* when nobody says how many */
 constexpr int64_t FIRST_PROGRESS = 250; /* milliseconds */
 

@@ -16,7 +16,7 @@
 
 /* Milliseconds that a host is given for its connection while others wait for
  * the place; it has its full time later. */
-constexpr int64_t FIRST_LOOK = 1000;
+constexpr int64_t FIRST_LOOK = 300;
 
 /* Hosts that wait, linked by their records. */
 struct host_queue {
