@@ -7,7 +7,10 @@ set(TOLVA_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
 # Two components, since not every host has a use for the sysv script.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tolva)
 
-install(TARGETS tolva tolva-checkconf RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS tolva tolva-checkconf tolva-fleet
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/share/bin/tolva-staged
+        DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES $<TARGET_FILE_DIR:tolva>/sendtolva
               $<TARGET_FILE_DIR:tolva>/listentolva
         DESTINATION ${CMAKE_INSTALL_BINDIR})
