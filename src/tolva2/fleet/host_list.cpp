@@ -67,6 +67,9 @@ const char *read_address(std::string_view text, parsed_target *target) {
 
 /* A last label that is a number makes an address of it for the resolver. */
 bool ends_in_number(std::string_view name) {
+    if (name.back() == '.') {
+        name.remove_suffix(1);
+    }
     size_t dot = name.rfind('.');
     std::string_view last =
         dot == std::string_view::npos ? name : part_of(name, dot + 1);
