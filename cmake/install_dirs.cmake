@@ -1,14 +1,17 @@
 # Included by the scripts that run at installation, with "source" and
-# "work_dir" set.
+# "work_dir" set. All permissions are set here, whatever the umask is.
 cmake_policy(VERSION 3.18)
 
 # absolute_dir(<variable> <directory>): what a directory of GNUInstallDirs is
 # under the prefix of this very installation. Below /usr nothing may change,
-# so what changes goes to /etc and /var.
+# so what changes goes to /etc and /var. The unit sees /usr/local read-only as
+# well, and leaves the settings there, but the log has to be written.
 function(absolute_dir variable dir)
   if(IS_ABSOLUTE "${dir}")
     set(${variable} "${dir}" PARENT_SCOPE)
   elseif(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND dir MATCHES "^(etc|var)(/|$)")
+    set(${variable} "/${dir}" PARENT_SCOPE)
+  elseif(CMAKE_INSTALL_PREFIX MATCHES "^/usr/" AND dir MATCHES "^var(/|$)")
     set(${variable} "/${dir}" PARENT_SCOPE)
   else()
     set(${variable} "${CMAKE_INSTALL_PREFIX}/${dir}" PARENT_SCOPE)
@@ -32,16 +35,67 @@ function(adapt file)
   file(WRITE "${work_dir}/${name}" "${text}")
 endfunction()
 
-# install_kept(<directory> <mode> <file>...): installs files that the
-# administrator edits. One that is there already stays as it is, and the new
-# one goes beside it.
-function(install_kept dir mode)
+# make_dir(<directory>): with whatever is missing above it, for everybody to
+# read. What is there stays as it is.
+function(make_dir dir)
+  if(IS_DIRECTORY "$ENV{DESTDIR}${dir}")
+    return()
+  endif()
+  get_filename_component(above "${dir}" DIRECTORY)
+  if(NOT above STREQUAL dir)
+    make_dir("${above}")
+  endif()
+  execute_process(COMMAND mkdir -m 755 "$ENV{DESTDIR}${dir}"
+                  RESULT_VARIABLE result)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "cannot make the directory $ENV{DESTDIR}${dir}")
+  endif()
+endfunction()
+
+# permissions_of(<variable> <path>): what begins with "#!" is run.
+function(permissions_of variable path)
   set(permissions OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
-  if(mode STREQUAL "program")
+  file(READ "${path}" start LIMIT 2 HEX)
+  if(start STREQUAL "2321")
     list(APPEND permissions OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
   endif()
+  set(${variable} ${permissions} PARENT_SCOPE)
+endfunction()
+
+# put(<directory> <file>...): installs files that are the package's own.
+function(put dir)
+  make_dir("${dir}")
+  foreach(path ${ARGN})
+    if(IS_SYMLINK "${path}")
+      file(INSTALL DESTINATION "${dir}" TYPE FILE FILES "${path}")
+    else()
+      permissions_of(permissions "${path}")
+      file(INSTALL DESTINATION "${dir}" TYPE FILE PERMISSIONS ${permissions}
+           FILES "${path}")
+    endif()
+  endforeach()
+endfunction()
+
+# put_tree(<directory> <tree>): all files below <tree>.
+function(put_tree dir tree)
+  file(GLOB_RECURSE paths RELATIVE "${tree}" "${tree}/*")
+  foreach(path ${paths})
+    if(NOT path MATCHES "__pycache__")
+      get_filename_component(below "/${path}" DIRECTORY)
+      string(REGEX REPLACE "/$" "" below "${below}")
+      put("${dir}${below}" "${tree}/${path}")
+    endif()
+  endforeach()
+endfunction()
+
+# put_kept(<directory> <file>...): installs files that the administrator
+# edits. One that is there already stays as it is, and the new one goes beside
+# it.
+function(put_kept dir)
+  make_dir("${dir}")
   foreach(path ${ARGN})
     get_filename_component(name "${path}" NAME)
+    permissions_of(permissions "${path}")
     set(there "$ENV{DESTDIR}${dir}/${name}")
     set(options)
     if(EXISTS "${there}")
@@ -60,5 +114,7 @@ endfunction()
 absolute_dir(sysconf_dir "${sysconf_dir}")
 absolute_dir(state_dir "${state_dir}")
 absolute_dir(bin_dir "${bin_dir}")
+absolute_dir(data_dir "${data_dir}")
 set(home "${sysconf_dir}/tolva")
 set(log_dir "${state_dir}/log/tolva")
+set(shared "${data_dir}/tolva")

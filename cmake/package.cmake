@@ -1,5 +1,5 @@
-# "cpack -G DEB", "cpack -G RPM" and "cpack -G TGZ" in the build directory.
-# All three hold the same tree below /usr, /etc and /var.
+# "cpack -G RPM" and "cpack -G TGZ" in the build directory. Both hold the same
+# tree below /usr, /etc and /var. Debian's package comes from debian/.
 set(CPACK_PACKAGE_CONTACT "tolva authors <maintainers@tolva.example>"
     CACHE STRING "Who answers for the packages built here")
 set(CPACK_PACKAGE_VENDOR "tolva authors")
@@ -15,7 +15,7 @@ watches the UPS servers too, and can hold a shutdown back until enough of them
 ask for it.")
 set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_RESOURCE_FILE_README ${PROJECT_SOURCE_DIR}/README.md)
-set(CPACK_GENERATOR DEB RPM TGZ)
+set(CPACK_GENERATOR RPM TGZ)
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -28,24 +28,11 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_PACKAGE_RELOCATABLE OFF)
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/package_config.cmake)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/package_finish.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/package_finish.cmake)
 set(CPACK_TOLVA_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 set(CPACK_TOLVA_BINARY_DIR ${PROJECT_BINARY_DIR})
+set(CPACK_TOLVA_HOME "${TOLVA_HOME}")
 set(CPACK_TOLVA_MACHINE ${CMAKE_SYSTEM_PROCESSOR})
-
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${CPACK_PACKAGE_CONTACT}")
-set(CPACK_DEBIAN_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "init-system-helpers (>= 1.54~), sysvinit-utils (>= 3.05-4~)")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS
-    "default-mta | mail-transport-agent, bash-completion, nut-client | apcupsd")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${PROJECT_SOURCE_DIR}/packaging/deb/postinst
-    ${PROJECT_SOURCE_DIR}/packaging/deb/prerm
-    ${PROJECT_SOURCE_DIR}/packaging/deb/postrm
-    ${PROJECT_BINARY_DIR}/package/conffiles)
 
 set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_LICENSE MIT)
@@ -74,6 +61,10 @@ foreach(script ${scripts})
   list(APPEND CPACK_RPM_USER_FILELIST
        "%config(noreplace) /etc/tolva/${script}")
 endforeach()
+if(EXISTS ${PROJECT_SOURCE_DIR}/share/actions/cancel-shutdown)
+  list(APPEND CPACK_RPM_USER_FILELIST
+       "%config(noreplace) /etc/tolva/actions.d/cancel-shutdown")
+endif()
 list(APPEND CPACK_RPM_USER_FILELIST "%attr(0750, root, root) %dir /var/log/tolva")
 
 include(CPack)

@@ -10,3 +10,9 @@ if(CPACK_GENERATOR STREQUAL "TGZ")
   set(CPACK_PACKAGE_FILE_NAME
       "tolva-${CPACK_PACKAGE_VERSION}-Linux-${CPACK_TOLVA_MACHINE}")
 endif()
+
+# What is installed there and started without a word looks for its settings
+# where the package has them.
+if(NOT CPACK_TOLVA_HOME STREQUAL "/etc/tolva")
+  message(FATAL_ERROR "a package takes a build with -DTOLVA_HOME=/etc/tolva")
+endif()

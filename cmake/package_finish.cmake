@@ -1,49 +1,35 @@
-# Run by CPack on the tree that becomes the package: what only Debian wants.
-if(NOT CPACK_GENERATOR STREQUAL "DEB")
+# Run by CPack when a package is made. The archive is packed once more, so that
+# the same commit gives the same bytes: sorted, everything root's, as old as the
+# release, or as $SOURCE_DATE_EPOCH says. That takes GNU tar and gzip.
+if(NOT CPACK_GENERATOR STREQUAL "TGZ")
   return()
 endif()
-set(tree ${CPACK_TEMPORARY_INSTALL_DIRECTORY})
-set(doc ${tree}/usr/share/doc/tolva)
-set(packaging ${CPACK_TOLVA_SOURCE_DIR}/packaging/deb)
-find_program(GZIP_PROGRAM gzip)
-if(NOT GZIP_PROGRAM)
-  message(FATAL_ERROR "a .deb takes gzip")
+cmake_policy(VERSION 3.18)
+
+if(DEFINED ENV{SOURCE_DATE_EPOCH})
+  set(date "@$ENV{SOURCE_DATE_EPOCH}")
+else()
+  file(STRINGS ${CPACK_TOLVA_SOURCE_DIR}/debian/changelog date REGEX "^ -- "
+       LIMIT_COUNT 1)
+  string(REGEX REPLACE "^.*>  " "" date "${date}")
 endif()
 
-function(compress)
-  execute_process(COMMAND ${GZIP_PROGRAM} -9nf ${ARGN}
-                  RESULT_VARIABLE result)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "gzip: ${result}")
-  endif()
-endfunction()
-
-# Units stand below /lib there.
-file(MAKE_DIRECTORY ${tree}/lib)
-file(RENAME ${tree}/usr/lib/systemd ${tree}/lib/systemd)
-file(REMOVE_RECURSE ${tree}/usr/lib)
-
-# The licence is in "copyright".
-file(REMOVE ${doc}/LICENSE)
-file(COPY ${packaging}/copyright DESTINATION ${doc})
-file(RENAME ${doc}/CHANGELOG.md ${doc}/NEWS)
-string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
-configure_file(${packaging}/changelog.in ${doc}/changelog @ONLY)
-compress(${doc}/NEWS ${doc}/changelog)
-
-file(GLOB_RECURSE pages ${tree}/usr/share/man/*.[1-9])
-foreach(page ${pages})
-  if(IS_SYMLINK ${page})
-    file(READ_SYMLINK ${page} target)
-    file(REMOVE ${page})
-    file(CREATE_LINK ${target}.gz ${page}.gz SYMBOLIC)
-  else()
-    compress(${page})
+get_filename_component(above "${CPACK_TEMPORARY_INSTALL_DIRECTORY}" DIRECTORY)
+get_filename_component(tree "${CPACK_TEMPORARY_INSTALL_DIRECTORY}" NAME)
+foreach(package ${CPACK_PACKAGE_FILES})
+  # The directory of the log is not for everybody, as in the other packages.
+  execute_process(COMMAND chmod 750 "${above}/${tree}/var/log/tolva")
+  # These two CPack has made, as the umask has it.
+  execute_process(COMMAND chmod 755 "${above}/${tree}" "${above}/${tree}/usr")
+  execute_process(
+    COMMAND tar --create --file - --directory "${above}" --format gnu
+            --sort name --owner root:0 --group root:0 --mtime "${date}"
+            --transform "s,^${tree},${CPACK_PACKAGE_FILE_NAME},S"
+            "${tree}"
+    COMMAND gzip -9n
+    OUTPUT_FILE "${package}"
+    RESULTS_VARIABLE results)
+  if(NOT results STREQUAL "0;0")
+    message(FATAL_ERROR "the archive could not be packed: ${results}")
   endif()
 endforeach()
-
-# Whatever is below /etc is the administrator's.
-file(GLOB_RECURSE conffiles RELATIVE ${tree} ${tree}/etc/*)
-list(TRANSFORM conffiles PREPEND "/")
-list(JOIN conffiles "\n" conffiles)
-file(WRITE ${CPACK_TOLVA_BINARY_DIR}/package/conffiles "${conffiles}\n")
