@@ -35,6 +35,22 @@ function(adapt file)
   file(WRITE "${work_dir}/${name}" "${text}")
 endfunction()
 
+# adapt_script(<variable> <file>): sets <variable> to a copy in work_dir, with
+# the directories of this installation.
+function(adapt_script variable file)
+  file(RELATIVE_PATH name "${source}" "${file}")
+  set(copy "${work_dir}/${name}")
+  if(IS_SYMLINK "${file}")
+    set(copy "${file}")
+  else()
+    file(READ "${file}" text)
+    string(REPLACE "/usr/share/tolva" "${shared}" text "${text}")
+    string(REPLACE "/etc/tolva" "${home}" text "${text}")
+    file(WRITE "${copy}" "${text}")
+  endif()
+  set(${variable} "${copy}" PARENT_SCOPE)
+endfunction()
+
 # make_dir(<directory>): with whatever is missing above it, for everybody to
 # read. What is there stays as it is.
 function(make_dir dir)
@@ -85,6 +101,15 @@ function(put_tree dir tree)
       string(REGEX REPLACE "/$" "" below "${below}")
       put("${dir}${below}" "${tree}/${path}")
     endif()
+  endforeach()
+endfunction()
+
+# put_scripts(<directory> <file>...): the same with adapted copies.
+function(put_scripts dir)
+  make_dir("${dir}")
+  foreach(path ${ARGN})
+    adapt_script(copy "${path}")
+    put("${dir}" "${copy}")
   endforeach()
 endfunction()
 

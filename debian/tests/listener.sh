@@ -48,8 +48,8 @@ listens() {
 
 # name <address>...: the senders, and the listener with them.
 name_senders() {
-    sed -i '/^AllowedAddresses=/d' "$config"
-    echo "AllowedAddresses=$*" >>"$config"
+    sed -i '/^AllowedAddresses=/d; /^ListenAddress=/d' "$config"
+    printf "%s\n" "AllowedAddresses=$*" ListenAddress=127.0.0.1 >>"$config"
     service_tolva restart
 }
 
