@@ -3,18 +3,19 @@
 
 passed=0
 failed=0
+trial_output=${TMPDIR:-/tmp}/trial.output.$$
 
 # check <what> <command>...: the command must succeed.
 check() {
     what=$1
     shift
-    if "$@" >/tmp/trial.output 2>&1; then
+    if "$@" >"$trial_output" 2>&1; then
         passed=$((passed + 1))
         echo "ok      $what"
     else
         failed=$((failed + 1))
         echo "FAILED  $what: $*"
-        sed 's/^/        /' /tmp/trial.output
+        sed 's/^/        /' "$trial_output"
     fi
 }
 
@@ -65,7 +66,7 @@ quiet() {
 
 # The last thing a trial does.
 verdict() {
-    rm -f /tmp/trial.output
+    rm -f "$trial_output"
     echo "$passed passed, $failed failed"
     [ "$failed" -eq 0 ]
 }
