@@ -10,6 +10,8 @@ builder_of() {
                 devscripts apparmor systemd &&
             in_root "$root" useradd builder || return
     fi
+    # faketime has semaphores there.
+    chmod 1777 "$root/dev/shm" || return
     # What the package says it is built with, which may have become more.
     mkdir -p "$root/tmp/depends/debian" &&
         cp debian/control "$root/tmp/depends/debian" &&
@@ -182,8 +184,6 @@ run_debian() {
     check "and stripped" is_stripped
     check "the AppArmor profile can be read" in_root "$root" \
         apparmor_parser -QTK /tree/etc/apparmor.d/tolva
-    check "systemd-analyze verify has nothing to say" quiet in_root "$root" \
-        systemd-analyze verify --man=no --root=/tree tolva.service
 
     check "a fresh root" trial_root "$out/root"
     alone_in_root "$out/root" /trial/install-trial \
