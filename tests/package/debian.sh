@@ -105,7 +105,7 @@ trial_root() {
 autopkgtests() {
     local log=$out/$release-autopkgtest.log
     copy_source "$1/trial/source" &&
-        apt_in "$1" install autopkgtest procps dpkg-repack fakeroot \
+        apt_in "$1" install autopkgtest dpkg-dev procps dpkg-repack fakeroot \
             nut-server nut-client /trial/old.deb &&
         alone_in_root "$1" autopkgtest --no-built-binaries \
             /trial/source -- null >"$log" 2>&1
