@@ -106,7 +106,7 @@ autopkgtests() {
     local log=$out/$release-autopkgtest.log
     copy_source "$1/trial/source" &&
         apt_in "$1" install autopkgtest dpkg-dev procps dpkg-repack fakeroot \
-            nut-server nut-client /trial/old.deb &&
+            nut-server nut-client /trial/old.deb >"$log" 2>&1 &&
         alone_in_root "$1" autopkgtest --no-built-binaries \
             /trial/source -- null >"$log" 2>&1
     local status=$?

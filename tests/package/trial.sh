@@ -15,7 +15,7 @@ check() {
     else
         failed=$((failed + 1))
         echo "FAILED  $what: $*"
-        sed 's/^/        /' "$trial_output"
+        tail -n 40 "$trial_output" | sed 's/^/        /'
     fi
 }
 
