@@ -51,7 +51,7 @@ set(CPACK_RPM_POST_UNINSTALL_SCRIPT_FILE
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
     /etc /usr/lib/systemd /usr/lib/systemd/system /usr/share/bash-completion
     /usr/share/bash-completion/completions
-    /usr/share/man /usr/share/man/man5 /usr/share/man/man8 /var /var/log)
+    /usr/share/man /usr/share/man/man5 /usr/share/man/man7 /usr/share/man/man8 /var /var/log)
 set(CPACK_RPM_USER_FILELIST
     "%config(noreplace) /etc/tolva/tolva.cfg"
     "%config(noreplace) /etc/tolva/messages.dat")
