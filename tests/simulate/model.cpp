@@ -82,6 +82,9 @@ int model::open_sockets() const {
 
 void model::cannot_listen(int error, const std::string &how) {
     log_error(error);
+    if (settings.debug_level > 0) {
+        return;
+    }
     std::string answer =
         "tolva: cannot listen on ListenAddress=0.0.0.0 ListenPort=" +
         std::to_string(LISTEN_PORT) + " (" + how + "): " + strerror(error) +

@@ -83,9 +83,12 @@ void let_signals_in(const listener_state *state) {
     sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
-/* What stops the start is for the terminal too. */
+/* What stops the start is for the terminal too, unless that shows the trace. */
 void say_unopened(int32_t error, const char *kind) {
     log_system(error);
+    if (debug_level > 0) {
+        return;
+    }
     error_printf(
         stderr, ERROR_CONTINUE,
         "%s: cannot listen on ListenAddress=%s ListenPort=%d (%s): %s\n",
