@@ -144,6 +144,7 @@ SCENES = {
     "belongs to user": Scene(prepare=give_away, options=as_somebody_else),
     "can be written to by": Scene(
         prepare=lambda house: house.path("tolva.cfg").chmod(0o664)),
+    "cannot be looked at": Scene(options=failing("lstat")),
     # its lines
     "is no setting": third("ListenPort : 6003"),
     "keys are case-sensitive": third("listenPort=6003"),

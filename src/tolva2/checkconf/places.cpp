@@ -76,32 +76,40 @@ ux_text in_directory(const char *directory, const char *name) {
 /* What could be run in the name of an action. Links never are. */
 void check_action(const checkup &all, const char *path) {
     struct stat status;
-    if (lstat(path, &status) < 0 || !S_ISREG(status.st_mode)) {
-        return;
-    }
-    if (access(path, X_OK) == 0) {
+    if (lstat(path, &status) < 0) {
+        say_unseen(all.found, NO_LINE, path);
+    } else if (S_ISREG(status.st_mode) && access(path, X_OK) == 0) {
         check_program(all, NO_LINE, path, path);
-    } else {
+    } else if (S_ISREG(status.st_mode)) {
         check_writers(all.found, NO_LINE, path);
     }
+}
+
+void say_no_directory(const checkup &all, const char *path) {
+    if (errno == ENOMEM) {
+        no_memory_to_check();
+    }
+    all.found->error(NO_LINE, "%s cannot be looked into: %s", path,
+                     strerror(errno));
 }
 
 void check_actions(const checkup &all) {
     ux_text path = in_directory(all.home, "actions.d");
     directory_owner directory(opendir(path.get()));
     if (!directory) {
-        if (errno == ENOMEM) {
-            no_memory_to_check();
-        }
         if (errno != ENOENT) {
-            all.found->error(NO_LINE, "%s cannot be looked into: %s",
-                             path.get(), strerror(errno));
+            say_no_directory(all, path.get());
         }
         return;
     }
     check_writers(all.found, NO_LINE, path.get());
+    errno = 0;
     while (const dirent *entry = readdir(directory.get())) {
         check_action(all, in_directory(path.get(), entry->d_name).get());
+        errno = 0;
+    }
+    if (errno != 0) {
+        say_no_directory(all, path.get());
     }
 }
 
@@ -240,6 +248,8 @@ void check_rehearsal(const checkup &all) {
             NO_LINE,
             "%s is there, so that no shutdown is carried out: remove it when the rehearsal is over",
             path.get());
+    } else {
+        say_unseen(all.found, NO_LINE, path.get());
     }
 }
 

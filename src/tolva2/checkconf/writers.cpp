@@ -58,6 +58,8 @@ void check_directories(findings *found, const char *path) {
             bool sticky = !nearest && (status.st_mode & S_ISVTX);
             check_mode(found, NO_LINE, directory, status,
                        sticky ? 0 : OTHERS_WRITE);
+        } else {
+            say_unseen(found, NO_LINE, directory);
         }
         nearest = false;
     }
@@ -81,13 +83,24 @@ void check_writers(findings *found, int32_t line, const char *path) {
     struct stat status;
     if (stat(path, &status) == 0) {
         check_mode(found, line, path, status, OTHERS_WRITE);
+    } else {
+        say_unseen(found, line, path);
     }
     check_directories(found, absolute(path).get());
-    errno = 0;
     ux_text real(realpath(path, nullptr));
     if (real) {
         check_directories(found, real.get());
-    } else if (errno == ENOMEM) {
+    } else {
+        say_unseen(found, line, path);
+    }
+}
+
+void say_unseen(findings *found, int32_t line, const char *path) {
+    if (errno == ENOMEM) {
         no_memory_to_check();
+    }
+    if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+        found->error(line, "%s cannot be looked at (%s): check it as root",
+                     path, strerror(errno));
     }
 }

@@ -13,4 +13,9 @@
  * path that leads nowhere has only its directories looked at. */
 void check_writers(findings *found, int32_t line, const char *path);
 
+/* Called when a path could not be looked at, and errno tells why: a finding,
+ * unless it leads nowhere. What is not seen would pass for right. Ends the
+ * process when memory is exhausted. */
+void say_unseen(findings *found, int32_t line, const char *path);
+
 #endif
