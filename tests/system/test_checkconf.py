@@ -210,7 +210,7 @@ SCENES = {
     "has no line for": Scene(
         prepare=lambda house: house.texts(without=(756,))),
     # redundancy
-    "but nothing is watched: write AliveAddresses": third("AliveEnabled=TRUE"),
+    "is on, but nothing is watched": third("AliveEnabled=TRUE"),
     "so the listener does not start": third("RedundancyEnabled=TRUE"),
     "is a name, and a member": sixth(
         "RedundancyAddresses=192.0.2.10 192.0.2.11 " + NO_NAME,
@@ -247,7 +247,7 @@ SCENES = {
     "cannot be checked": third("ExecProg=$TOLVAHOME/tolva_execute.sh"),
     "is older than the program": Scene(
         prepare=lambda house: house.texts(without=(842,))),
-    "but nothing is watched: write AliveEnabled": third(
+    "is set, but nothing is watched": third(
         "AliveAddresses=192.0.2.10"),
     "but no shutdown is held back": third(TWO.strip()),
 }
