@@ -16,7 +16,6 @@ import contextlib
 import datetime
 import os
 import signal
-import sys
 
 import preload
 from waiting import wait_for
@@ -51,7 +50,12 @@ __attribute__((constructor)) static void open_page(void)
 int clock_gettime(clockid_t id, struct timespec *now)
 {
     if (page && id == CLOCK_REALTIME) {
-        now->tv_sec = *page;
+        int64_t little_endian = *page;
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+        now->tv_sec = (int64_t)__builtin_bswap64((uint64_t)little_endian);
+#else
+        now->tv_sec = little_endian;
+#endif
         now->tv_nsec = 0;
         return 0;
     }
@@ -96,7 +100,7 @@ class FakeClock:
     def _write(self):
         seconds = (self.now - EPOCH) // datetime.timedelta(seconds=1)
         fd = os.open(self.path, os.O_WRONLY | os.O_CREAT, 0o644)
-        os.pwrite(fd, seconds.to_bytes(8, sys.byteorder, signed=True), 0)
+        os.pwrite(fd, seconds.to_bytes(8, "little", signed=True), 0)
         os.close(fd)
 
     @property
