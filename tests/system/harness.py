@@ -32,6 +32,8 @@ Environment:
                    the parent of a daemon holds when it leaves
     TOLVA_CC       the C compiler for libraries that are put under it, when
                    it is built for another machine
+    TOLVA_STATIC   set when it is a static executable, which none can be put
+                   under
 """
 
 import functools
