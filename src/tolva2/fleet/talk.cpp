@@ -168,7 +168,7 @@ verdict judge_answer(const char *answer, size_t length, bool final) {
         return final ? garbage(answer, length) : verdict{};
     }
     const char *text = answer + REPLY_HEADER_LENGTH;
-    text += *text ? 1 : 0;
+    text += strnlen(answer, length) > REPLY_HEADER_LENGTH ? 1 : 0;
     char value[STATUS_TEXT];
     if (get_key_value(text, "EXITSTATUS", value, sizeof value)) {
         return script_ended(ux_atoi(value));
