@@ -3,14 +3,13 @@
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 
-set(CMAKE_REQUIRED_FLAGS "-O2 -Werror -U_FORTIFY_SOURCE")
-set(CMAKE_REQUIRED_DEFINITIONS -D_FORTIFY_SOURCE=3)
+set(CMAKE_REQUIRED_FLAGS
+    "-O2 -Werror -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
 check_cxx_source_compiles("
   #include <string.h>
   int main(int argc, char** argv) { return argc > 1 && strlen(argv[1]) > 1; }"
   TOLVA_HAS_FORTIFY_3)
 unset(CMAKE_REQUIRED_FLAGS)
-unset(CMAKE_REQUIRED_DEFINITIONS)
 set(fortify $<IF:$<BOOL:${TOLVA_HAS_FORTIFY_3}>,3,2>)
 
 # Without the optimiser there is nothing to fortify.

@@ -13,6 +13,7 @@
 #include <climits>
 #include <functional>
 #include <poll.h>
+#include <signal.h>
 #include <string_view>
 
 /*
