@@ -1,5 +1,5 @@
 # Sourced by tools/package-test: Debian's package, in its own releases.
-# shellcheck shell=bash disable=SC2154 # out is the caller's
+# shellcheck shell=bash disable=SC2154 # out and options are the caller's
 
 # A root of the release with what builds and examines the package, kept.
 builder_of() {
@@ -32,10 +32,11 @@ built_in() {
     return "$status"
 }
 
-# Once as anybody would, with its unit tests.
+# Once as anybody would, with the unit tests.
 built_plainly() {
     copy_source "$root/build/a/tolva" &&
-        built_in "$release" /build/a/tolva root 022 LC_ALL=C.UTF-8
+        built_in "$release" /build/a/tolva root 022 LC_ALL=C.UTF-8 \
+            DEB_BUILD_OPTIONS="$options"
 }
 
 # And once with all that should make no difference: another directory, user,
@@ -170,7 +171,7 @@ run_debian() {
     local release=$1 root=$out/builder-$1 deb changes later
     check "a root of $release that builds" builder_of "$release"
     rm -rf "$root/build"
-    check "the package is built, with its unit tests" built_plainly
+    check "the package is built${options:+ ($options)}" built_plainly
     deb=$(ls "$root"/build/a/tolva_*.deb)
     changes=$(ls "$root"/build/a/tolva_*.changes)
     check "and another time, by somebody else, elsewhere" built_otherwise
