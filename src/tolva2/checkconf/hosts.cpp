@@ -90,7 +90,7 @@ inetaddr *find_host(const char *name) {
 /* A word of a list, and where to complain about it. */
 struct host_word {
     const checkup &all;
-    const host_list_kind &kind;
+    const named_hosts_kind &kind;
     int32_t line;
     const char *word; /* as it stands there */
     char *host;       /* the same without a port */
@@ -192,7 +192,7 @@ inetaddr *check_host(const host_word &one) {
 }
 
 /* Cuts word at its last ":", as the listener does. */
-inetaddr *check_word(const checkup &all, const host_list_kind &kind,
+inetaddr *check_word(const checkup &all, const named_hosts_kind &kind,
                      const char *word) {
     ux_text copy = ux_copy(word);
     if (!copy) {
@@ -208,8 +208,8 @@ inetaddr *check_word(const checkup &all, const host_list_kind &kind,
 
 } // namespace
 
-void check_hosts(const checkup &all, const host_list_kind &kind,
-                 const char *text, host_list *hosts) {
+void check_hosts(const checkup &all, const named_hosts_kind &kind,
+                 const char *text, named_hosts *hosts) {
     ux_text copy = ux_copy(text);
     if (text && !copy) {
         no_memory_to_check();
@@ -226,7 +226,7 @@ void check_hosts(const checkup &all, const host_list_kind &kind,
     }
 }
 
-bool lists_address(const host_list &hosts, const inetaddr *one) {
+bool lists_address(const named_hosts &hosts, const inetaddr *one) {
     for (const inetaddr *host : ux_records<inetaddr>(&hosts.list)) {
         if (host->addr.sin_addr.s_addr == one->addr.sin_addr.s_addr) {
             return true;

@@ -9,7 +9,7 @@
 #include "tolva2/net/address.h"
 
 /* What a list of addresses is for. */
-struct host_list_kind {
+struct named_hosts_kind {
     const char *key;
     bool ports;  /* may a word have a port? */
     bool listed; /* must it be an address, and no name? */
@@ -17,12 +17,12 @@ struct host_list_kind {
 
 /* A list that was taken apart. Its records are inetaddr, which this module
  * owns: they stay until the process ends. */
-class host_list {
+class named_hosts {
   public:
-    host_list() { ux_list_init(&list, nullptr); }
-    ~host_list() { ux_list_destroy(&list); }
-    host_list(const host_list &) = delete;
-    host_list &operator=(const host_list &) = delete;
+    named_hosts() { ux_list_init(&list, nullptr); }
+    ~named_hosts() { ux_list_destroy(&list); }
+    named_hosts(const named_hosts &) = delete;
+    named_hosts &operator=(const named_hosts &) = delete;
 
     ux_list list; /* those that the listener can use */
     int32_t named = 0;
@@ -32,10 +32,10 @@ class host_list {
  * that is no address, or another one than it seems to be. A name that has to
  * be looked up may take ten seconds; then a terminal is told. Ends the process
  * when memory is exhausted. */
-void check_hosts(const checkup &all, const host_list_kind &kind,
-                 const char *text, host_list *hosts);
+void check_hosts(const checkup &all, const named_hosts_kind &kind,
+                 const char *text, named_hosts *hosts);
 
 /* Is that address in the list? */
-[[nodiscard]] bool lists_address(const host_list &hosts, const inetaddr *one);
+[[nodiscard]] bool lists_address(const named_hosts &hosts, const inetaddr *one);
 
 #endif

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr host_list_kind MEMBERS{"RedundancyAddresses", false, true};
+constexpr named_hosts_kind MEMBERS{"RedundancyAddresses", false, true};
 
 /* Does the address stand in the list before that node? */
 bool stands_before(const ux_list *list, const ux_list_element *node) {
@@ -30,15 +30,15 @@ bool stands_before(const ux_list *list, const ux_list_element *node) {
 }
 
 /* The members that count: those the listener has room for. */
-int32_t count_members(const host_list &members) {
+int32_t count_members(const named_hosts &members) {
     return std::min(static_cast<int32_t>(members.list.size),
                     REDUNDANCY_MEMBERS);
 }
 
 /* Complains about each member that cannot play its part. Returns of how many
  * nothing is known. */
-int32_t check_each(const checkup &all, const host_list &members,
-                   const host_list &allowed, const host_list &watched) {
+int32_t check_each(const checkup &all, const named_hosts &members,
+                   const named_hosts &allowed, const named_hosts &watched) {
     int32_t line = written(all, MEMBERS.key).line;
     int32_t unknown = 0;
     for (ux_list_element *node : ux_nodes(&members.list)) {
@@ -137,8 +137,8 @@ verdict judge_redundancy(int32_t level, int32_t members, int32_t unknown) {
     return fewest > level ? verdict::always : verdict::depends;
 }
 
-void check_members(const checkup &all, const host_list &allowed,
-                   const host_list &watched) {
+void check_members(const checkup &all, const named_hosts &allowed,
+                   const named_hosts &watched) {
     if (!setting_is_on(rp->redundancy_enabled.get())) {
         say_not_enabled(all);
         return;
@@ -151,7 +151,7 @@ void check_members(const checkup &all, const host_list &allowed,
             MEMBERS.key, MEMBERS.key);
         return;
     }
-    host_list members;
+    named_hosts members;
     check_hosts(all, MEMBERS, rp->redundancy_addresses.get(), &members);
     if (members.named > REDUNDANCY_MEMBERS) {
         all.found->error(

@@ -10,8 +10,8 @@
 /* A finding for each member that can never ask or is always taken for dead,
  * and for a level that decides nothing. allowed is empty when everybody may
  * send; watched is empty when nobody is. */
-void check_members(const checkup &all, const host_list &allowed,
-                   const host_list &watched);
+void check_members(const checkup &all, const named_hosts &allowed,
+                   const named_hosts &watched);
 
 /* What becomes of every bare shutdown request of a member. */
 enum class verdict {

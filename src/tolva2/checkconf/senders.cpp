@@ -14,8 +14,8 @@
 
 namespace {
 
-constexpr host_list_kind ALLOWED{"AllowedAddresses", false, false};
-constexpr host_list_kind WATCHED{"AliveAddresses", true, false};
+constexpr named_hosts_kind ALLOWED{"AllowedAddresses", false, false};
+constexpr named_hosts_kind WATCHED{"AliveAddresses", true, false};
 
 /* The accounts of people. */
 constexpr uid_t FIRST_USER = 1000;
@@ -52,7 +52,7 @@ bool is_loopback(const inetaddr *host) {
     return ntohl(host->addr.sin_addr.s_addr) >> 24 == LOOPBACK_NETWORK;
 }
 
-void check_loopback(const checkup &all, const host_list &allowed) {
+void check_loopback(const checkup &all, const named_hosts &allowed) {
     for (const inetaddr *host : ux_records<inetaddr>(&allowed.list)) {
         if (is_loopback(host) && has_users()) {
             all.found->warning(
@@ -63,7 +63,7 @@ void check_loopback(const checkup &all, const host_list &allowed) {
     }
 }
 
-void check_allowed(const checkup &all, host_list *allowed) {
+void check_allowed(const checkup &all, named_hosts *allowed) {
     int32_t line = written(all, ALLOWED.key).line;
     check_hosts(all, ALLOWED, rp->allowed_addresses.get(), allowed);
     if (allowed->named == 0 && !all.open_wanted) {
@@ -80,7 +80,7 @@ void check_allowed(const checkup &all, host_list *allowed) {
     check_loopback(all, *allowed);
 }
 
-void check_udp(const checkup &all, const host_list &allowed) {
+void check_udp(const checkup &all, const named_hosts &allowed) {
     if (setting_is_on(rp->listen_udp.get()) && allowed.named > 0) {
         all.found->warning(
             written(all, "ListenUDP").line,
@@ -88,7 +88,7 @@ void check_udp(const checkup &all, const host_list &allowed) {
     }
 }
 
-void check_watched(const checkup &all, host_list *watched) {
+void check_watched(const checkup &all, named_hosts *watched) {
     bool on = setting_is_on(rp->alive_enabled.get());
     const char *servers = rp->alive_addresses.get();
     if (on && ux_is_empty(servers)) {
@@ -108,8 +108,8 @@ void check_watched(const checkup &all, host_list *watched) {
 } // namespace
 
 void check_senders(const checkup &all) {
-    host_list allowed;
-    host_list watched;
+    named_hosts allowed;
+    named_hosts watched;
     check_allowed(all, &allowed);
     check_udp(all, allowed);
     check_watched(all, &watched);
