@@ -58,6 +58,9 @@ def read_events(complain):
         if int(number) in events:
             complain(f"{EVENTS.name}: message {number} stands there twice")
         events[int(number)] = (name, int(count))
+    listed = re.findall(r"(\w+)\.number[,}]", EVENTS.read_text())
+    if listed != [name for name, _ in events.values()]:
+        complain(f"{EVENTS.name}: NUMBERS does not list the events in order")
     return events
 
 

@@ -34,9 +34,6 @@ constexpr const char *USAGE =
     "  -H home  where defaults and scripts are looked for\n"
     "  file     the settings; without it tolva.cfg in the home\n";
 
-/* Seconds; the listener raises a shorter interval. */
-constexpr int32_t LEAST_ALIVE_INTERVAL = 60;
-
 struct arguments {
     bool open_wanted = false;
     bool print = false;
@@ -125,7 +122,7 @@ bool print_settings(const char *path, const config_text &text) {
         if (one.number) {
             bool interval = one.number == &rp->alive_interval;
             printf("%s=%d", one.key,
-                   interval ? std::max(*one.number, LEAST_ALIVE_INTERVAL)
+                   interval ? std::max(*one.number, ALIVE_INTERVAL_MINIMUM)
                             : *one.number);
         } else {
             printf("%s=%s", one.key, *one.text ? one.text->get() : "");

@@ -7,6 +7,7 @@
 #include "tolva2/base/trace.h"
 #include "tolva2/checkconf/program_file.h"
 #include "tolva2/checkconf/writers.h"
+#include "tolva2/files/events.h"
 #include "tolva2/files/msgdb.h"
 
 #include <cerrno>
@@ -16,9 +17,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-/* From the table of events, in CMakeLists.txt. */
-constexpr int32_t EVENT_NUMBERS[] = {TOLVA_EVENT_NUMBERS};
 
 /* Events with a higher number came later: a database that was there before
  * does not have them, which is no reason not to start. */
@@ -166,7 +164,7 @@ void check_log(const checkup &all) {
 
 /* The numbers that the database lacks, with blanks between them. */
 struct number_list {
-    char text[std::size(EVENT_NUMBERS) * NUMBER_TEXT] = "";
+    char text[std::size(event::NUMBERS) * NUMBER_TEXT] = "";
     size_t length = 0;
 
     void add(int32_t number) {
@@ -191,7 +189,7 @@ bool lacks_event(int32_t number) {
 /* The numbers from least to most that the database lacks. */
 number_list missing_events(int32_t least, int32_t most) {
     number_list missing;
-    for (int32_t number : EVENT_NUMBERS) {
+    for (int32_t number : event::NUMBERS) {
         if (number >= least && number <= most && lacks_event(number)) {
             missing.add(number);
         }

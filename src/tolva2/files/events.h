@@ -60,6 +60,21 @@ constexpr event_message<0> everybody_admitted{842};
 constexpr event_message<1> clock_set_back{843};   /* seconds */
 constexpr event_message<1> reply_unusable{844};   /* the listener's address */
 constexpr event_message<1> no_answer{845};        /* in time: its address */
+
+/* All of them, for who looks at a database as a whole. */
+constexpr int32_t NUMBERS[] = {
+    server_alive.number, server_not_alive.number, not_understood.number,
+    sender_started.number, sender_finished.number, connecting.number,
+    command_sent.number, send_failed.number, broadcasting.number,
+    broadcast_failed.number, tcp_listening.number, tcp_stopped.number,
+    udp_listening.number, udp_stopped.number, watch_started.number,
+    watch_stopped.number, server_dropped.number, refused.number,
+    message_received.number, nothing_received.number, datagram_received.number,
+    datagram_failed.number, command_unknown.number, script_started.number,
+    script_finished.number, script_failed.number, script_abandoned.number,
+    members_missing.number, request_from.number, script_status.number,
+    script_killed.number, script_stopped.number, everybody_admitted.number,
+    clock_set_back.number, reply_unusable.number, no_answer.number};
 } // namespace event
 /* clang-format on */
 

@@ -12,6 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 
+/* What a shorter AliveInterval is taken as, in seconds. */
+constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60;
+
 /* Fields in the order of the keys; a text may be null. */
 struct receiver_params {
     ux_text listen_address;

@@ -28,8 +28,6 @@ constexpr const char *CONFIG_FILE = "tolva.cfg";
 constexpr const char *LOG_FILE = "tolva.log";
 constexpr const char *MESSAGE_FILE = "messages.dat";
 
-constexpr int32_t ALIVE_INTERVAL_MINIMUM = 60; /* seconds */
-
 /* Why a file that is there cannot be read, or 0. */
 int32_t open_error(const char *path) {
     ux_fd file(open(path, O_RDONLY | O_CLOEXEC));
