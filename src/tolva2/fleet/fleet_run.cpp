@@ -21,6 +21,7 @@ namespace {
 constexpr int32_t MOST_AT_ONCE = 16384; /* connections */
 constexpr int32_t MOST_LOOKUPS = 64;    /* children */
 constexpr int32_t KEPT_FOR_OTHERS = 4;  /* descriptors */
+constexpr int32_t INHERITED = 64; /* descriptors, those of others among them */
 constexpr int32_t FEW_DESCRIPTORS = 64; /* when nobody says how many */
 constexpr int64_t FIRST_PROGRESS = 250; /* milliseconds */
 
@@ -54,7 +55,7 @@ bool make_room(fleet_run *run) {
     int32_t children = std::min(count_names(&run->list), MOST_LOOKUPS);
     int32_t wanted =
         std::min(static_cast<int32_t>(run->list.count), MOST_AT_ONCE);
-    run->descriptors = raise_descriptors(wanted + children + KEPT_FOR_OTHERS);
+    run->descriptors = raise_descriptors(wanted + children + INHERITED);
     children = std::min(children, std::max(run->descriptors / 8, 1));
     run->window = std::clamp(run->descriptors - children - KEPT_FOR_OTHERS, 1,
                              std::max(wanted, 1));

@@ -41,9 +41,9 @@ struct fleet_run {
     int32_t active = 0;
     int32_t window = 0; /* how many may be under way */
     fleet_array<lookup> lookups{};
-    int32_t descriptors = 0;
-    bool stopped = false; /* by a signal */
-    int64_t retry = 0;    /* no new connections before then: a shortage */
+    int32_t descriptors = 0; /* that may be open */
+    bool stopped = false;    /* by a signal */
+    int64_t retry = 0;       /* no new connections before then: a shortage */
     fleet_array<pollfd> polls{};
     sigset_t wait_mask{};
 };
