@@ -37,8 +37,8 @@ def source_text():
 def test_the_pages_have_no_fault(tmp_path):
     mandoc = shutil.which("mandoc")
     assert mandoc, "mandoc is missing (apt-get install mandoc)"
-    for name in PAGES:
-        shutil.copy(manual.DIRECTORY / name, tmp_path / name)
+    for path in manual.DIRECTORY.iterdir():
+        shutil.copy(path, tmp_path / path.name)
     # References are looked up here, too: not every system has these pages.
     for name in ("logger.1", "shutdown.8"):
         (tmp_path / name).touch()
@@ -86,6 +86,94 @@ def test_a_row_of_the_status_table(home, answered, expected):
         else:
             status = int(expected)
         assert (words, sent.status) == (words, status)
+
+
+@pytest.mark.parametrize("script, expected, meaning",
+                         TOLVA_8.table("scripts"))
+def test_a_row_of_the_table_of_scripts(home, script, expected, meaning):
+    assert meaning
+    home.script("tolva_execute.sh", f"exit {script}")
+    listener = home.listener()
+    sent = home.run("-sr", "EXECUTE x", "-a", listener.where)
+    assert sent.status == int(expected)
+    listener.stop()
+
+
+def test_the_table_of_scripts_has_what_the_shipped_ones_end_with():
+    text = "".join(path.read_text() for path in SHARE.glob("scripts/*.sh"))
+    ends = set(re.findall(r"^ *exit (\d+)$", text, re.MULTILINE)) | {"0"}
+    rows = {script for script, _, _ in TOLVA_8.table("scripts")}
+    assert {"0", "2", "42", "69"} <= ends <= rows
+    # Those of the shell are told besides.
+    assert rows - ends == {"126", "127"}
+
+
+# --- parameters and the shell at the host -------------------------------------
+
+
+def test_the_table_of_quoting_shows_what_has_a_meaning():
+    told = "".join(sent for sent, _, _ in TOLVA_8.table("quoting"))
+    assert set("'(<&;|#") <= set(told)
+
+
+@pytest.mark.parametrize("sent, what, status", TOLVA_8.table("quoting"))
+def test_a_row_of_the_table_of_quoting(home, sent, what, status):
+    home.script("tolva_shutdown.sh",
+                """for word; do printf '[%s]' "$word"; done >>"$TOLVAHOME/got"
+                   echo >>"$TOLVAHOME/got\"""")
+    listener = home.listener()
+    reply = home.run("-sr", f"SHUTDOWN {sent}", "-a", listener.where)
+    assert reply.status == int(status)
+    got = home.path("got")
+    if "not started" in what:
+        assert not got.exists()
+    else:
+        expected = re.search(r"gets (\[.*?\])(?:;|$)", what)[1] + "\n"
+        # One that was sent to the background may still be writing.
+        wait_for(lambda: got.exists() and got.read_text() == expected,
+                 what=expected)
+    listener.stop()
+
+
+def test_double_quotes_around_all_parameters_are_taken_away(home):
+    home.script("tolva_shutdown.sh", 'echo "$1" >"$TOLVAHOME/got"')
+    listener = home.listener()
+    for sent, status in (('"rack (low)"', 129), ("'rack (low)'", 0)):
+        reply = home.run("-sr", f"SHUTDOWN {sent}", "-a", listener.where)
+        assert (sent, reply.status) == (sent, status)
+    assert home.read("got") == b"rack (low)\n"
+    listener.stop()
+
+
+# --- the service ------------------------------------------------------------
+
+UNIT = ROOT / "packaging" / "tolva.service"
+
+
+@pytest.mark.parametrize("cannot, because", TOLVA_8.table("walls"))
+def test_a_wall_of_the_service_is_there(cannot, because):
+    assert cannot
+    settings = dict(re.findall(r"^(\w+)=(.*)$", UNIT.read_text(),
+                               re.MULTILINE))
+    assert settings["ProtectSystem"] == "full"
+    assert settings["ProtectHome"] == "read-only"
+    # A list that allows: mounts and the network's administration are not in.
+    assert "CAP_SYS_ADMIN" not in UNIT.read_text()
+    assert "CAP_NET_ADMIN" not in UNIT.read_text()
+    for name in because.split(", "):
+        assert settings[name] not in ("no", "false", "")
+
+
+def test_the_service_starts_what_the_page_says():
+    text = UNIT.read_text()
+    command = re.search(r"^ExecStart=/usr/bin/(.*)$", text, re.MULTILINE)[1]
+    page = TOLVA_8.path.read_text()
+    assert f".Ql {command}\n" in page
+    init = (ROOT / "packaging" / "tolva.init").read_text()
+    for where in (text, init):
+        assert "checkconf" in where.lower()
+    assert "RestartSec=5\n" in text and "every five seconds" in page
+    assert "Type=notify\n" in text and "READY=1" in page
 
 
 # --- options ----------------------------------------------------------------
@@ -296,8 +384,8 @@ def test_the_examples_work_as_they_stand(home):
     shipped_home(home)
     server = home.server(good)
     examples = TOLVA_8.displays("run")
-    assert list(examples) == ["listen", "shutdown", "bare", "execute",
-                              "several", "logid", "check", "end"]
+    assert list(examples) == ["listen", "shutdown", "unquoted", "bare",
+                              "execute", "several", "logid", "check", "end"]
     script = "".join(
         f"{text}printf '%s %s\\n' {name} $? >>\"$TOLVAHOME/done\"\n"
         for name, text in examples.items()) + "wait\n"
@@ -306,7 +394,11 @@ def test_the_examples_work_as_they_stand(home):
         f"{name} 0" for name in examples], done
     said = home.log_messages()
     shutdown = str(home.path("tolva_shutdown.sh"))
-    assert said.count(f"started: {shutdown} battery low") == 1
+    reason = "'UPS in rack 4 (battery low)'"
+    assert said.count(f"started: {shutdown} {reason}") == 1
+    unquoted = f"started: {shutdown} UPS in rack 4 (battery low)"
+    assert said.count(unquoted) == 2
+    assert "everybody who reaches the port may send" not in "".join(said)
     assert said.count(f"started: {shutdown}") == 1
     action = f"{home.path('tolva_execute.sh')} stop-database orders"
     assert said.count(f"started: {action}") == 1
@@ -316,6 +408,8 @@ def test_the_examples_work_as_they_stand(home):
     assert "UPS rack 4 is on battery for 30 seconds" in said
     assert "the UPS server does not answer" not in done.out
     assert b"LOGOFF" in server.only()
-    assert "rehearsal, nothing is shut down" in \
-        home.read("tolva.out").decode()
+    scripts = home.read("tolva.out").decode()
+    assert scripts.count("rehearsal, nothing is shut down") == 2
+    assert scripts.count("(UPS in rack 4 (battery low))\n") == 1
+    assert scripts.count("Syntax error") == 2
     assert said[-1] == "listener stopped"
