@@ -2,6 +2,7 @@
 that the program writes."""
 
 import re
+import xml.etree.ElementTree
 
 import pytest
 
@@ -64,6 +65,7 @@ def test_contributing_names_what_is_there():
     words = set(re.findall(r"\w+", source_text() + "".join(
         (ROOT / "tests" / "system" / name).read_text()
         for name in ("harness.py", "waiting.py"))))
+    words |= {path.stem for path in (ROOT / "tests" / "fuzz").glob("*.cpp")}
     for code in CODE.findall(text):
         path = code.split()[0].rstrip("*")
         if re.fullmatch(r"(src|share|man|docs|tests|tools|packaging)/[\w./-]+",
@@ -77,3 +79,60 @@ def test_contributing_names_what_is_there():
             assert f'"{name}"' in (
                 ROOT / "CMakePresets.json").read_text() or \
                 (ROOT / name).is_dir(), name
+
+
+# --- README.md ----------------------------------------------------------------
+
+README = (ROOT / "README.md").read_text()
+
+
+def section(title):
+    return README.partition(f"\n## {title}\n")[2].partition("\n## ")[0]
+
+
+def test_readme_lists_every_command_and_each_has_a_page():
+    rows = re.findall(r"^\| (`[^|]*) \|", section("What comes with it"),
+                      re.MULTILINE)
+    listed = {name for row in rows for name in CODE.findall(row)}
+    build = (ROOT / "CMakeLists.txt").read_text()
+    there = set(re.findall(r"^add_executable\((tolva[\w-]*) ", build,
+                           re.MULTILINE))
+    there |= {"sendtolva", "listentolva"}
+    there |= {path.name for path in (ROOT / "share" / "bin").iterdir()}
+    assert listed == there
+    for name in listed:
+        assert (ROOT / "man" / f"{name}.8").exists(), name
+
+
+def test_readme_tells_the_danger_before_the_installation():
+    titles = re.findall(r"^## (.*)$", README, re.MULTILINE)
+    assert titles.index("The one danger") < titles.index("Install")
+    assert "Who may send is root" in section("The one danger")
+    install = section("Install")
+    assert install.index("apt-get update") < install.index("apt-get install")
+
+
+def test_the_settings_of_readme_are_as_shipped():
+    shipped = (ROOT / "share" / "tolva.cfg").read_text()
+    table = section("First trial").partition("| Key |")[2]
+    keys = {key for row in re.findall(r"^\| (`[^|]*) \|", table, re.MULTILINE)
+            for key in CODE.findall(row) if re.fullmatch(r"[A-Z]\w+[a-z]", key)}
+    assert "AllowedAddresses" in keys
+    for key in keys:
+        assert re.search(rf"^#?{key}=", shipped, re.MULTILINE), key
+    assert "\n#AllowedAddresses=\n" in shipped
+    assert "\nListenUDP=FALSE\n" in shipped
+
+
+def test_the_picture_has_the_ports_of_the_program():
+    picture = ROOT / "docs" / "overview.svg"
+    assert "docs/overview.svg" in README.partition("\n## ")[0]
+    tree = xml.etree.ElementTree.parse(picture)
+    said = " ".join(tree.getroot().itertext())
+    codes = (ROOT / "src" / "tolva2" / "base" / "codes.h").read_text()
+    ports = set(re.findall(r"_PORT = (\d+);", codes))
+    assert ports == {"6003", "5769"}
+    # In the texts of the picture, and in the one for those who hear it.
+    for port in ports:
+        assert said.count(port) == 2
+    assert "prefers-color-scheme: dark" in said
