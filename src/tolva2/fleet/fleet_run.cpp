@@ -134,7 +134,7 @@ int32_t run_fleet(host_list *list, const fleet_command &command,
         return 2;
     }
     append_heading(&run.out.waiting, run.lines);
-    run.wait_mask = handle_stops();
+    handle_stops();
     queue_hosts(&run);
     drive(&run);
     write_summary(&run, stop_text());

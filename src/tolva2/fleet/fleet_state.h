@@ -11,7 +11,6 @@
 #include "tolva2/fleet/progress.h"
 #include "tolva2/fleet/talk.h"
 
-#include <csignal>
 #include <poll.h>
 
 /* Milliseconds that a host is given for its connection while others wait for
@@ -45,7 +44,6 @@ struct fleet_run {
     bool stopped = false;    /* by a signal */
     int64_t retry = 0;       /* no new connections before then: a shortage */
     fleet_array<pollfd> polls{};
-    sigset_t wait_mask{};
 };
 
 /* A host waits behind the others, or in front of them. */

@@ -5,6 +5,7 @@
 #include "tolva2/base/signals.h"
 
 #include <array>
+#include <csignal>
 
 namespace {
 
@@ -21,9 +22,8 @@ constexpr std::array<stop_name, 3> STOPS{
 
 } // namespace
 
-sigset_t handle_stops() {
+void handle_stops() {
     sigset_t stops;
-    sigset_t wait_mask;
     sigemptyset(&stops);
     stop_signal = 0;
     for (const stop_name &stop : STOPS) {
@@ -35,11 +35,8 @@ sigset_t handle_stops() {
             set_signal(stop.number, note_signal, 0);
         }
     }
-    sigprocmask(SIG_BLOCK, &stops, &wait_mask);
-    for (const stop_name &stop : STOPS) {
-        sigdelset(&wait_mask, stop.number);
-    }
-    return wait_mask;
+    /* Who has started us may have had them blocked. */
+    sigprocmask(SIG_UNBLOCK, &stops, nullptr);
 }
 
 bool has_stopped() { return stop_signal != 0; }

@@ -11,7 +11,7 @@
 namespace {
 
 /* Milliseconds. */
-constexpr int64_t LONGEST_WAIT = 1000;
+constexpr int64_t LONGEST_WAIT = 250; /* a signal may just have come */
 constexpr int64_t CHILD_PAUSE = 50;
 constexpr int64_t LAST_WORDS = 1000; /* for writing, behind the end */
 
@@ -84,10 +84,15 @@ int64_t prepare_wait(fleet_run *run, int64_t now) {
     return limit;
 }
 
-timespec as_timespec(int64_t milliseconds) {
-    milliseconds = std::max<int64_t>(milliseconds, 0);
-    return {static_cast<time_t>(milliseconds / 1000),
-            static_cast<long>(milliseconds % 1000 * 1000000)};
+/* Waits for so many milliseconds. What it has found is in the array; after a
+ * signal nothing is. */
+int wait_for(pollfd *polls, size_t count, int64_t milliseconds) {
+    int ready = poll(polls, static_cast<nfds_t>(count),
+                     static_cast<int>(std::max<int64_t>(milliseconds, 0)));
+    for (size_t at = 0; ready < 0 && at < count; at++) {
+        polls[at].revents = 0;
+    }
+    return ready;
 }
 
 /* When writing the rest has to end: with a limit of the whole, or when it was
@@ -103,24 +108,18 @@ int64_t end_of_writing(const fleet_run &run, int64_t now) {
 
 void serve_once(fleet_run *run) {
     int64_t now = milliseconds_now();
-    timespec limit = as_timespec(prepare_wait(run, now) - now);
+    int64_t limit = prepare_wait(run, now) - now;
     size_t first = 2 + run->lookups.size();
     int32_t polled = run->active;
-    int ready = ppoll(run->polls.begin(), first + static_cast<size_t>(polled),
-                      &limit, &run->wait_mask);
-    if (ready < 0) {
-        for (pollfd &one : run->polls) {
-            one.revents = 0;
-        }
-    }
+    int ready = wait_for(run->polls.begin(),
+                         first + static_cast<size_t>(polled), limit);
     now = milliseconds_now();
     serve_talks(run, run->polls.begin() + first, polled, now);
     serve_lookups(run, run->polls.begin() + 2, now);
     if (polled >= CROWD && ready < polled / FEW_OF_A_CROWD && ready > 0) {
         /* Looking at so many for one answer costs more than to let some
          * answers come together. */
-        timespec pause = as_timespec(CROWD_PAUSE);
-        ppoll(nullptr, 0, &pause, &run->wait_mask);
+        wait_for(nullptr, 0, CROWD_PAUSE);
     }
 }
 
@@ -152,7 +151,6 @@ void write_rest(fleet_run *run) {
         pollfd both[2] = {
             {has_waiting(run->out) ? run->out.fd : -1, POLLOUT, 0},
             {has_waiting(run->err) ? run->err.fd : -1, POLLOUT, 0}};
-        timespec limit = as_timespec(LAST_WORDS / 4);
-        ppoll(both, 2, &limit, &run->wait_mask);
+        wait_for(both, 2, LONGEST_WAIT);
     }
 }

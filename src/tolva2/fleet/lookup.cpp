@@ -5,8 +5,8 @@
 #include "tolva2/fleet/lookup.h"
 #include "tolva2/base/signals.h"
 #include "tolva2/net/address.h"
+#include "unixtools/ux_portable.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -40,7 +40,7 @@ void close_all_but(int kept, int32_t descriptors) {
     close_all_but(answer, descriptors);
     const char *found = GetHostAddrFromHostName(name);
     in_addr address{};
-    if (found && inet_aton(found, &address)) {
+    if (found && ux_dotted(found, &address)) {
         [[maybe_unused]] ssize_t written =
             write(answer, &address, sizeof address);
     }
