@@ -34,6 +34,14 @@ constexpr char USAGE[] =
     "  -L  lock the file, become the program; 2: somebody else has the lock\n"
     "Exit status: 0 all done, 1 some not, 2 nothing sent.\n";
 
+/* Options end at the first word that is none: the command has words of its
+ * own. The C library of GNU wants to be told. */
+#ifdef __GLIBC__
+constexpr char OPTIONS[] = "+:nqt:c:s:p:o:r:l:L:hv";
+#else
+constexpr char OPTIONS[] = ":nqt:c:s:p:o:r:l:L:hv";
+#endif
+
 struct form_name {
     const char *name;
     result_form form;
@@ -146,7 +154,7 @@ read_options take_other(int letter) {
 read_options read_command_line(int argc, char **argv) {
     fleet_options options;
     int letter;
-    while ((letter = getopt(argc, argv, "+:nqt:c:s:p:o:r:l:L:hv")) != -1) {
+    while ((letter = getopt(argc, argv, OPTIONS)) != -1) {
         if (letter == '?' || letter == ':' || letter == 'h' || letter == 'v') {
             return take_other(letter);
         }
