@@ -265,6 +265,8 @@ def running(staged, crowd):
     run = staged.start("-p", peers.port, path)
     wait_for(lambda: len(told(peers)) == 3 and "done         127.97.0.1" in
              run.out.partition("stage two")[2], what="the second stage")
+    wait_for(lambda: len(senders(staged.home)) == 1,
+             what="one of its two commands has ended")
     return peers, path, run
 
 
