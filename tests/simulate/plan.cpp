@@ -83,6 +83,8 @@ void choose_redundancy(chance *luck, day_settings *chosen) {
             for (uint32_t host = 10; host < 45; host++) {
                 chosen->members.push_back(NETWORK + host);
             }
+            /* Each of the thirty counts. */
+            chosen->level = static_cast<int32_t>(luck->between(26, 30));
         }
     }
     chosen->batch_suppress = luck->one_in(4);
