@@ -2,6 +2,13 @@
  * What stands in is tried on Linux too: TOLVA_POSIX_ONLY builds everything as
  * for a system that has POSIX alone.
  */
+
+/* Where time has more bits than a word, glibc before 2.37 leads a checked
+ * ppoll to the call with the narrow time, which reads a limit wrongly. */
+#if __SIZEOF_POINTER__ == 4
+#undef _FORTIFY_SOURCE
+#endif
+
 #include "unixtools/ux_portable.h"
 
 #include <arpa/inet.h>
@@ -18,6 +25,18 @@
 #if defined HAS_PPOLL || defined __APPLE__
 #define HAS_INET_ATON 1
 #define HAS_MKOSTEMP 1
+#endif
+
+#ifndef HAS_PPOLL
+namespace {
+
+/* Rounded up, so that a wait for a time does not end before it. */
+int whole_milliseconds(const timespec &limit) {
+    return static_cast<int>(limit.tv_sec * 1000 +
+                            (limit.tv_nsec + 999999) / 1000000);
+}
+
+} // namespace
 #endif
 
 int ux_wait_readable(int fd, const timespec *limit, const sigset_t *mask) {
@@ -37,6 +56,27 @@ int ux_wait_readable(int fd, const timespec *limit, const sigset_t *mask) {
 #endif
 }
 
+int ux_poll(std::span<pollfd> all, const timespec &limit,
+            const sigset_t *mask) {
+    auto count = static_cast<nfds_t>(all.size());
+#ifdef HAS_PPOLL
+    return ppoll(all.data(), count, &limit, mask);
+#else
+    /* Those that were blocked until now. */
+    const timespec at_once{0, 0};
+    if (pselect(0, nullptr, nullptr, nullptr, &at_once, mask) < 0) {
+        return -1;
+    }
+    sigset_t before;
+    sigprocmask(SIG_SETMASK, mask, &before);
+    int ready = poll(all.data(), count, whole_milliseconds(limit));
+    int error = errno;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return ready;
+#endif
+}
+
 bool ux_dotted(const char *text, in_addr *address) {
 #ifdef HAS_INET_ATON
     return inet_aton(text, address) != 0;
@@ -49,6 +89,19 @@ bool ux_dotted(const char *text, in_addr *address) {
     address->s_addr = found;
     return true;
 #endif
+}
+
+ux_text ux_format(const char *format, va_list args) {
+    va_list again;
+    va_copy(again, args);
+    int length = vsnprintf(nullptr, 0, format, args);
+    size_t size = static_cast<size_t>(length) + 1;
+    ux_text text(length < 0 ? nullptr : static_cast<char *>(malloc(size)));
+    if (text) {
+        vsnprintf(text.get(), size, format, again);
+    }
+    va_end(again);
+    return text;
 }
 
 int ux_new_file(char *name) {

@@ -5,9 +5,14 @@
 #ifndef UNIXTOOLS_UX_PORTABLE_H
 #define UNIXTOOLS_UX_PORTABLE_H
 
+#include "unixtools/ux_owned.h"
+
 #include <csignal>
+#include <cstdarg>
 #include <ctime>
 #include <netinet/in.h>
+#include <poll.h>
+#include <span>
 #include <sys/socket.h>
 
 /* Whoever sends ignores SIGPIPE as well, so it can be done without. */
@@ -17,14 +22,25 @@
 
 /* Waits until fd can be read, no longer than limit unless that is null, with
  * mask as the signal mask meanwhile. 1 when it can be, 0 when time is up, -1
- * with errno on error. The limit is one of whole seconds: for 32-bit systems,
- * glibc before 2.37 reads fractions wrongly when calls are checked. */
+ * with errno on error. */
 [[nodiscard]] int ux_wait_readable(int fd, const timespec *limit,
                                    const sigset_t *mask);
+
+/* Waits for the events of all, whose revents say what came, no longer than
+ * limit, with mask as the signal mask meanwhile. How many there are, 0 when
+ * time is up, -1 with errno on error; revents say nothing then. Where the
+ * system has no such call, a signal that comes just as the wait begins may
+ * not end it, so the limit has to be one that can be borne. */
+int ux_poll(std::span<pollfd> all, const timespec &limit, const sigset_t *mask);
 
 /* The IPv4 address that a text of digits and dots stands for: false when it
  * stands for none, and address stays as it was. */
 [[nodiscard]] bool ux_dotted(const char *text, in_addr *address);
+
+/* The text that printf would write; null with errno when memory is
+ * exhausted. */
+[[nodiscard]] [[gnu::format(printf, 1, 0)]] ux_text
+ux_format(const char *format, va_list args);
 
 /* A new file that is nobody else's, open for reading and writing and closed
  * in programs that are started; name ends in "XXXXXX", which becomes what the

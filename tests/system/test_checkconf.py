@@ -125,6 +125,8 @@ ROOT_ALONE = "root:x:0:0:root:/root:/bin/bash\n"
 SERVICES = ROOT_ALONE + "www:x:33:33::/var/www:/usr/sbin/nologin\n" \
     "build:x:1001:1001::/srv:/usr/sbin/nologin\n" \
     "nobody:x:65534:65534::/:/bin/sh\n"
+ODD_LINES = "#joe:x:1000:1000::/home/joe:/bin/bash\n\nof:no:account\n" \
+    ":\nbeyond:x:99999999999:1::/:/bin/sh\n+\nroot:x:0:0:root:/root:/bin/bash"
 USERS = ROOT_ALONE + "joe:x:1000:1000:Joe:/home/joe:/bin/bash\n"
 
 SCENES = {
@@ -414,8 +416,8 @@ def test_nobody_is_never_wanted(house):
                   (2, "error", "so nobody is admitted")], "-o")
 
 
-@pytest.mark.parametrize("text", [ROOT_ALONE, SERVICES],
-                         ids=["root alone", "services"])
+@pytest.mark.parametrize("text", [ROOT_ALONE, SERVICES, ODD_LINES],
+                         ids=["root alone", "services", "odd lines"])
 def test_loopback_is_right_where_there_are_no_users(house, text):
     house.settings("ListenUDP=FALSE\nAllowedAddresses=127.0.0.1\n")
     assert house.found(**accounts(text)(house)) == []

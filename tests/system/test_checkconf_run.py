@@ -180,7 +180,6 @@ NO_MEMORY = """
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -226,14 +225,6 @@ ssize_t getline(char **line, size_t *size, FILE *file) {
 char *realpath(const char *path, char *into) {
     REAL(realpath);
     return fails() ? 0 : real(path, into);
-}
-int vasprintf(char **text, const char *format, va_list args) {
-    REAL(vasprintf);
-    return fails() ? -1 : real(text, format, args);
-}
-int __vasprintf_chk(char **text, int flag, const char *format, va_list args) {
-    (void)flag;
-    return vasprintf(text, format, args);
 }
 """
 

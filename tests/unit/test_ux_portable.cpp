@@ -4,12 +4,19 @@
 #include "unixtools/ux_owned.h"
 #include "unixtools/ux_portable.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <ctime>
 #include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -53,6 +60,23 @@ struct blocked_alarm {
     blocked_alarm &operator=(const blocked_alarm &) = delete;
 };
 
+/* Seconds that no test waits. */
+constexpr time_t FAR_AWAY = 600;
+
+int64_t nanoseconds_now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+ux_text formatted(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    ux_text text = ux_format(format, args);
+    va_end(args);
+    return text;
+}
+
 } // namespace
 
 TEST(ux_wait_readable, sees_what_is_there_and_a_closed_end) {
@@ -84,6 +108,79 @@ TEST(ux_wait_readable, lets_in_a_signal_that_is_blocked_outside) {
     EXPECT_EQ(alarms, 1);
 }
 
+TEST(ux_poll, says_for_each_what_came) {
+    two_ends full;
+    two_ends empty;
+    sigset_t none;
+    sigemptyset(&none);
+    ASSERT_EQ(write(full.writes.get(), "x", 1), 1);
+    pollfd all[] = {{empty.reads.get(), POLLIN, 0},
+                    {-1, POLLIN, 0},
+                    {full.reads.get(), POLLIN, 0},
+                    {full.writes.get(), POLLOUT, 0}};
+    EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &none), 2);
+    EXPECT_EQ(all[0].revents, 0);
+    EXPECT_EQ(all[1].revents, 0);
+    EXPECT_EQ(all[2].revents, POLLIN);
+    EXPECT_EQ(all[3].revents, POLLOUT);
+}
+
+TEST(ux_poll, waits_as_long_as_the_limit_says_parts_of_a_second_too) {
+    two_ends empty;
+    sigset_t none;
+    sigemptyset(&none);
+    pollfd all[] = {{empty.reads.get(), POLLIN, 0}};
+    for (long limit : {0L, 1L, 1000000L, 30000001L}) {
+        int64_t begin = nanoseconds_now();
+        EXPECT_EQ(ux_poll(all, {0, limit}, &none), 0);
+        EXPECT_GE(nanoseconds_now() - begin, limit);
+    }
+}
+
+TEST(ux_poll, looks_at_numbers_that_no_select_can_see) {
+    constexpr int HIGH = FD_SETSIZE + 10;
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_GT(before.rlim_max, rlim_t{HIGH});
+    rlimit raised{std::max(before.rlim_cur, rlim_t{HIGH + 1}), before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+    two_ends full;
+    ASSERT_EQ(write(full.writes.get(), "x", 1), 1);
+    {
+        ux_fd high(dup2(full.reads.get(), HIGH));
+        ASSERT_EQ(high.get(), HIGH);
+        sigset_t none;
+        sigemptyset(&none);
+        pollfd all[] = {{HIGH, POLLIN, 0}};
+        EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &none), 1);
+        EXPECT_EQ(all[0].revents, POLLIN);
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST(ux_poll, lets_in_a_signal_that_is_blocked_outside) {
+    two_ends empty;
+    blocked_alarm alarm;
+    raise(SIGALRM);
+    pollfd all[] = {{empty.reads.get(), POLLIN, 0}};
+    EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &alarm.before), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(alarms, 1);
+    raise(SIGALRM);
+    EXPECT_EQ(alarms, 1);
+}
+
+TEST(ux_poll, is_ended_by_a_signal_that_comes_meanwhile) {
+    two_ends empty;
+    blocked_alarm alarm;
+    const itimerval soon{{0, 0}, {0, 20000}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &soon, nullptr), 0);
+    pollfd all[] = {{empty.reads.get(), POLLIN, 0}};
+    EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &alarm.before), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(alarms, 1);
+}
+
 TEST(ux_dotted, reads_what_stands_for_an_address) {
     in_addr address{};
     EXPECT_TRUE(ux_dotted("127.0.0.1", &address));
@@ -96,6 +193,14 @@ TEST(ux_dotted, reads_what_stands_for_an_address) {
         EXPECT_FALSE(ux_dotted(none, &address)) << none;
         EXPECT_EQ(ntohl(address.s_addr), 0x0a000001U) << none;
     }
+}
+
+TEST(ux_format, writes_texts_of_any_length) {
+    EXPECT_STREQ(formatted("plain").get(), "plain");
+    EXPECT_STREQ(formatted("%s", "").get(), "");
+    EXPECT_STREQ(formatted("%d of %s", 7, "all").get(), "7 of all");
+    std::string length(100000, 'x');
+    EXPECT_EQ(formatted("<%s>", length.c_str()).get(), "<" + length + ">");
 }
 
 TEST(ux_new_file, is_empty_new_ones_own_and_not_passed_on) {

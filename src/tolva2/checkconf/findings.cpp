@@ -7,6 +7,7 @@
 #include "tolva2/base/trace.h"
 #include "unixtools/ux_nodes.h"
 #include "unixtools/ux_owned.h"
+#include "unixtools/ux_portable.h"
 
 #include <cctype>
 #include <cstdarg>
@@ -46,11 +47,10 @@ bool is_known(const ux_list *list, int32_t line, std::string_view text) {
 /* False when it is known already. */
 bool add_finding(ux_list *list, int32_t line, severity how_bad,
                  const char *format, va_list args) {
-    char *formatted = nullptr;
-    if (vasprintf(&formatted, format, args) < 0) {
+    ux_text text = ux_format(format, args);
+    if (!text) {
         no_memory_to_check();
     }
-    ux_text text(formatted);
     if (is_known(list, line, text.get())) {
         return false;
     }

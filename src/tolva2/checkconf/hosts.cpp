@@ -7,6 +7,7 @@
 #include "tolva2/checkconf/values.h"
 #include "unixtools/ux_nodes.h"
 #include "unixtools/ux_number.h"
+#include "unixtools/ux_portable.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -100,12 +101,10 @@ struct host_word {
 };
 
 void host_word::complain(const char *format, ...) const {
-    char *reason = nullptr;
     va_list args;
     va_start(args, format);
-    int length = vasprintf(&reason, format, args);
+    ux_text text = ux_format(format, args);
     va_end(args);
-    ux_text text(length < 0 ? nullptr : reason);
     if (!text) {
         no_memory_to_check();
     }

@@ -6,11 +6,10 @@
 #include "tolva2/checkconf/hosts.h"
 #include "tolva2/checkconf/members.h"
 #include "unixtools/ux_nodes.h"
+#include "unixtools/ux_number.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
-#include <pwd.h>
 
 namespace {
 
@@ -18,34 +17,49 @@ constexpr named_hosts_kind ALLOWED{"AllowedAddresses", false, false};
 constexpr named_hosts_kind WATCHED{"AliveAddresses", true, false};
 
 /* The accounts of people. */
-constexpr uid_t FIRST_USER = 1000;
-constexpr uid_t LAST_USER = 60000;
+constexpr int32_t FIRST_USER = 1000;
+constexpr int32_t LAST_USER = 60000;
 
 constexpr uint32_t LOOPBACK_NETWORK = 127;
 
+/* The fields of an account. */
+constexpr int32_t NUMBER_FIELD = 2;
+constexpr int32_t SHELL_FIELD = 6;
+
+/* What stands behind so many colons, or nothing. */
+std::string_view field(std::string_view line, int32_t colons) {
+    for (; colons > 0; colons--) {
+        size_t colon = line.find(':');
+        line.remove_prefix(colon == line.npos ? line.size() : colon + 1);
+    }
+    return line.substr(0, line.find(':'));
+}
+
 /* A login shell is one that lets somebody in. */
-bool is_user(const passwd *account) {
-    const char *shell = account->pw_shell;
-    return account->pw_uid >= FIRST_USER && account->pw_uid <= LAST_USER &&
-           !strstr(shell, "nologin") && !strstr(shell, "/false");
+bool is_user(std::string_view account) {
+    int32_t number = ux_atoi(field(account, NUMBER_FIELD).data());
+    std::string_view shell = field(account, SHELL_FIELD);
+    return !account.starts_with('#') && number >= FIRST_USER &&
+           number <= LAST_USER && shell.find("nologin") == shell.npos &&
+           shell.find("/false") == shell.npos;
 }
 
 /* Has this host users of its own? Asks no directory service, which may be far
  * away. Where the accounts cannot be read it may have. */
 bool has_users() {
     ux_file accounts(fopen("/etc/passwd", "re"));
+    char *line = nullptr;
+    size_t size = 0;
+    bool found = !accounts;
     errno = accounts ? 0 : errno;
-    while (const passwd *account =
-               accounts ? fgetpwent(accounts.get()) : nullptr) {
-        if (is_user(account)) {
-            return true;
-        }
-        errno = 0;
+    while (!found && getline(&line, &size, accounts.get()) >= 0) {
+        found = is_user(line);
     }
+    ux_text buffer(line);
     if (errno == ENOMEM) {
         no_memory_to_check();
     }
-    return !accounts || ferror(accounts.get());
+    return found || ferror(accounts.get());
 }
 
 bool is_loopback(const inetaddr *host) {

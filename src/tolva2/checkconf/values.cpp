@@ -5,6 +5,7 @@
 #include "tolva2/checkconf/values.h"
 #include "tolva2/net/sockets.h"
 #include "unixtools/ux_number.h"
+#include "unixtools/ux_portable.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -157,7 +158,7 @@ void check_missing_values(const checkup &all) {
 dotted_text as_understood(const char *text) {
     dotted_text dotted;
     in_addr address;
-    if (inet_aton(text, &address)) {
+    if (ux_dotted(text, &address)) {
         inet_ntop(AF_INET, &address, dotted.text, sizeof dotted.text);
     }
     return dotted;
