@@ -27,17 +27,20 @@
 #define HAS_MKOSTEMP 1
 #endif
 
-#ifndef HAS_PPOLL
 namespace {
 
+/* Four parts in octal, with zeros in front. */
+constexpr size_t LONGEST_DOTTED = 31;
+
+#ifndef HAS_PPOLL
 /* Rounded up, so that a wait for a time does not end before it. */
 int whole_milliseconds(const timespec &limit) {
     return static_cast<int>(limit.tv_sec * 1000 +
                             (limit.tv_nsec + 999999) / 1000000);
 }
+#endif
 
 } // namespace
-#endif
 
 int ux_wait_readable(int fd, const timespec *limit, const sigset_t *mask) {
 #ifdef HAS_PPOLL
@@ -77,7 +80,9 @@ int ux_poll(std::span<pollfd> all, const timespec &limit,
 #endif
 }
 
-bool ux_dotted(const char *text, in_addr *address) {
+namespace {
+
+bool read_dotted(const char *text, in_addr *address) {
 #ifdef HAS_INET_ATON
     return inet_aton(text, address) != 0;
 #else
@@ -89,6 +94,23 @@ bool ux_dotted(const char *text, in_addr *address) {
     address->s_addr = found;
     return true;
 #endif
+}
+
+} // namespace
+
+bool ux_dotted(const char *text, in_addr *address) {
+    if (read_dotted(text, address)) {
+        return true;
+    }
+    /* musl takes the blank for a part of the address. */
+    char first[LONGEST_DOTTED + 1];
+    size_t length = strcspn(text, " \t\n\v\f\r");
+    if (!text[length] || length > LONGEST_DOTTED) {
+        return false;
+    }
+    memcpy(first, text, length);
+    first[length] = '\0';
+    return read_dotted(first, address);
 }
 
 ux_text ux_format(const char *format, va_list args) {

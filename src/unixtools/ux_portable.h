@@ -33,8 +33,9 @@
  * not end it, so the limit has to be one that can be borne. */
 int ux_poll(std::span<pollfd> all, const timespec &limit, const sigset_t *mask);
 
-/* The IPv4 address that a text of digits and dots stands for: false when it
- * stands for none, and address stays as it was. */
+/* The IPv4 address that a text of digits and dots stands for, with anything
+ * behind a blank: false when it stands for none, and address stays as it
+ * was. */
 [[nodiscard]] bool ux_dotted(const char *text, in_addr *address);
 
 /* The text that printf would write; null with errno when memory is

@@ -2,7 +2,8 @@
  * Stands where the tests look for the executable, when that is one for another
  * machine: starts the emulator on it, which keeps the name that this was
  * started by. To be linked statically, so that a library which a test puts
- * under the executable is not put under this.
+ * under the executable is not put under this. Without -DEMULATOR the kernel
+ * runs such programs itself, and they only want their own loader.
  *
  * Built with -DEMULATOR, -DLOADER and -DLIBRARIES (the C library's own for that
  * machine: the emulator would look there for every other file too, if it were
@@ -14,7 +15,10 @@
 
 int main(int argc, char *argv[]) {
     const char *fixed[] = {
-        EMULATOR,         LOADER,    "--argv0", argc > 0 ? argv[0] : "",
+#ifdef EMULATOR
+        EMULATOR,
+#endif
+        LOADER,           "--argv0", argc > 0 ? argv[0] : "",
         "--library-path", LIBRARIES, PROGRAM};
     size_t before = sizeof fixed / sizeof *fixed;
     char **all = calloc(before + (size_t)argc + 1, sizeof *all);
@@ -28,7 +32,7 @@ int main(int argc, char *argv[]) {
     for (int i = 1; i < argc; i++) {
         all[before + (size_t)i - 1] = argv[i];
     }
-    execv(EMULATOR, all);
-    perror(EMULATOR);
+    execv(all[0], all);
+    perror(all[0]);
     return 126;
 }

@@ -30,10 +30,10 @@ Environment:
     TOLVA_WRAPPER  a command to run it under, e.g. "valgrind"; looking for
                    leaks is the sanitizer's work, as valgrind counts what
                    the parent of a daemon holds when it leaves
-    TOLVA_CC       the C compiler for libraries that are put under it, when
-                   it is built for another machine
+    TOLVA_CC       the C compiler of its machine and C library, when that is
+                   not "cc": for libraries that are put under it
     TOLVA_STATIC   set when it is a static executable, which none can be put
-                   under
+                   under, and which has a C library of its own
 """
 
 import functools
@@ -42,6 +42,8 @@ import pathlib
 import re
 import shlex
 import shutil
+import subprocess
+import tempfile
 
 import pytest
 
@@ -68,6 +70,35 @@ def message_arguments():
 def message(number, *args):
     """The text of a message of the test database, filled."""
     return f"[{number}]" + "".join(f" {a}" for a in args)
+
+
+REASONS = """
+#include <stdio.h>
+#include <string.h>
+int main(void) {
+    for (int number = 0; number < 256; number++)
+        puts(strerror(number));
+}
+"""
+
+
+@functools.cache
+def _reasons():
+    """What the C library of a static executable calls the errors."""
+    compiler = shlex.split(os.environ.get("TOLVA_CC", "cc"))
+    with tempfile.TemporaryDirectory(prefix="tolva-reasons-") as folder:
+        told = pathlib.Path(folder) / "told"
+        subprocess.run([*compiler, "-x", "c", "-static", "-o", told, "-"],
+                       input=REASONS, text=True, check=True)
+        return subprocess.run([told], text=True, check=True,
+                              capture_output=True).stdout.splitlines()
+
+
+def reason(number):
+    """What the executable's C library says for an errno."""
+    if os.environ.get("TOLVA_STATIC"):
+        return _reasons()[number]
+    return os.strerror(number)
 
 
 def need_tolva():

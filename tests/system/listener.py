@@ -9,6 +9,7 @@ import os
 import signal
 import socket
 
+from harness import reason
 from peers import read_to_end
 from ports import free_port, tcp_listeners, tcp_listens, udp_is_bound
 from processes import alive, owners, sockets_of, zombies
@@ -47,7 +48,7 @@ class Listener:
                 return
             if self._started(home.settings, argv):
                 return
-            in_use = os.strerror(errno.EADDRINUSE)
+            in_use = reason(errno.EADDRINUSE)
             if port or in_use not in self.run.out + home.log_text():
                 raise AssertionError("the listener ended at once")
         raise AssertionError("no port to listen on")

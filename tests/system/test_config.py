@@ -1,13 +1,12 @@
 """The settings file: its forms, its defaults, and what comes before it."""
 
 import errno
-import os
 import re
 
 import pytest
 
 from fakeclock import FakeClock
-from harness import message
+from harness import message, reason
 from peers import read_to_end
 from waiting import wait_for
 from wire import REPLY_HEADER, STATUS
@@ -183,7 +182,7 @@ def test_the_time_out_of_the_command_line_comes_first(home, args, seconds):
     with listener.connect() as conn:
         listener.wait_sessions(1)
         clock.advance(listener, seconds - 1)
-        timed_out = "error: " + os.strerror(errno.ETIMEDOUT)
+        timed_out = "error: " + reason(errno.ETIMEDOUT)
         assert timed_out not in listener.messages()
         clock.advance(listener, 1)
         assert read_to_end(conn) == b""

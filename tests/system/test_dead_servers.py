@@ -7,7 +7,7 @@ import signal
 import pytest
 
 from fakeclock import settle
-from harness import message
+from harness import message, reason
 from home import gate
 from namespaces import unshared
 from ports import free_port
@@ -17,7 +17,7 @@ from waiting import wait_for
 from watch import A, B, Watch, noted
 from wire import STATUS, reply_with
 
-TOO_MANY = os.strerror(errno.EMFILE)
+TOO_MANY = reason(errno.EMFILE)
 BUDGET = 256
 GATED = ('echo "$1 $$" >> "$TOLVAHOME/started"\n'
          'number=$(grep -n " $$\\$" "$TOLVAHOME/started" | cut -d: -f1)\n'

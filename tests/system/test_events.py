@@ -1,5 +1,6 @@
 """What is told in addition, where the message texts have words for it."""
 
+import errno
 import os
 import signal
 import socket
@@ -7,7 +8,7 @@ import socket
 import pytest
 
 from fakeclock import FakeClock, settle
-from harness import TOLVA, message
+from harness import TOLVA, message, reason
 from peers import reader, replier
 from ports import free_port
 from waiting import wait_for
@@ -196,7 +197,7 @@ def test_a_port_that_is_taken_is_named_on_standard_error(home):
             "ListenAddress": HOST, "ListenPort": port}).run
         assert run.wait().err == (
             f"tolva: cannot listen on ListenAddress={HOST} ListenPort={port} "
-            "(tcp): Address already in use\n")
+            f"(tcp): {reason(errno.EADDRINUSE)}\n")
 
 
 def test_an_address_of_another_host_is_named_on_standard_error(home):
@@ -204,7 +205,7 @@ def test_an_address_of_another_host_is_named_on_standard_error(home):
         "ListenAddress": "192.0.2.1"}).run
     result = run.wait()
     assert "ListenAddress=192.0.2.1 " in result.err
-    assert result.err.endswith("(tcp): Cannot assign requested address\n")
+    assert result.err.endswith(f"(tcp): {reason(errno.EADDRNOTAVAIL)}\n")
 
 
 # --- a service manager ------------------------------------------------------
@@ -263,14 +264,14 @@ def test_nothing_is_said_before_the_port_is_open(home):
             manager.told()
 
 
-@pytest.mark.parametrize("name, reason", [
+@pytest.mark.parametrize("name, trouble", [
     ("/nowhere/at/all", "system: No such file or directory"),
-    ("/" + "x" * 200, "system: File name too long"),
+    ("/" + "x" * 200, "system: " + reason(errno.ENAMETOOLONG)),
 ])
 def test_a_service_manager_that_cannot_be_told_costs_one_line(
-        home, name, reason):
+        home, name, trouble):
     listener = home.listener(env={"NOTIFY_SOCKET": name})
-    assert listener.messages() == [message(756), reason]
+    assert listener.messages() == [message(756), trouble]
     listener.serves("still here")
 
 
@@ -281,7 +282,7 @@ def test_a_service_manager_that_cannot_be_told_costs_one_line(
 def built_in():
     """The program as it is built with a home, and that home."""
     program = TOLVA.parent / "tests" / "tolva_with_home"
-    home = TOLVA.parent / "tests" / "built-in-home"
+    home = (TOLVA.parent / "tests" / "built-in-home").resolve()
     home.mkdir(exist_ok=True)
     yield program, home
     for path in home.iterdir():

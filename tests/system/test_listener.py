@@ -6,15 +6,15 @@ import socket
 
 import pytest
 
-from harness import message
+from harness import message, reason
 from ports import free_port, tcp_listeners, udp_is_bound, udp_sockets
 from processes import fd_flags, sockets_of
 from waiting import BOUND, wait_for
 from wire import HEADER, LOG_TEXT
 
 HOST = "127.0.0.1"
-IN_USE = "system: " + os.strerror(errno.EADDRINUSE)
-NO_ADDRESS = "system: " + os.strerror(errno.EADDRNOTAVAIL)
+IN_USE = "system: " + reason(errno.EADDRINUSE)
+NO_ADDRESS = "system: " + reason(errno.EADDRNOTAVAIL)
 
 
 def tcp_server_address(port):

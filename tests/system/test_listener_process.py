@@ -1,6 +1,7 @@
 """Listen mode as a process: its signals, its output, and the daemon."""
 
 import contextlib
+import errno
 import os
 import signal
 import socket
@@ -9,7 +10,7 @@ import time
 
 import pytest
 
-from harness import message
+from harness import message, reason
 from peers import read_to_end
 from ports import free_port, tcp_listens
 from processes import alive, signal_sets, state
@@ -215,5 +216,5 @@ def test_the_time_out_of_clients_goes_on_in_the_daemon(home):
     with listener.connect() as conn:
         assert read_to_end(conn) == b""
     assert time.monotonic() - started < 10
-    listener.wait_message("error: Connection timed out")
+    listener.wait_message("error: " + reason(errno.ETIMEDOUT))
     listener.stop()

@@ -13,7 +13,7 @@ import pytest
 
 import preload
 from fakeclock import FakeClock
-from harness import message
+from harness import message, reason
 from home import gate
 from peers import read_to_end
 from ports import free_port
@@ -267,7 +267,7 @@ def test_a_wait_that_fails_ends_the_listener_and_is_told(home):
     with listener.connect():
         assert listener.wait_end() == 1
     assert listener.messages() == [
-        message(756), "system: " + os.strerror(errno.ENOMEM), message(757)]
+        message(756), "system: " + reason(errno.ENOMEM), message(757)]
 
 
 # Where a file says so, the last look for children of nobody comes when one

@@ -1,9 +1,10 @@
 """The command line: what accepted options do."""
 
+import errno
 import pytest
 
 from fakeclock import FakeClock, settle
-from harness import message
+from harness import message, reason
 from peers import read_to_end, reader
 from ports import free_port, tcp_listeners, tcp_listens
 from processes import sockets_of
@@ -235,7 +236,7 @@ def test_time_out_option_overrides_the_settings(home):
                              args=["-t", "1"])
     with listener.connect() as conn:
         assert read_to_end(conn) == b""
-    listener.wait_message("error: Connection timed out")
+    listener.wait_message("error: " + reason(errno.ETIMEDOUT))
     listener.stop()
 
 

@@ -1,13 +1,12 @@
 """Sessions: who is admitted, what is read, and what it is taken for."""
 
 import errno
-import os
 import socket
 
 import pytest
 
 from fakeclock import settle
-from harness import message
+from harness import message, reason
 from home import gate
 from peers import read_to_end, reset
 from processes import sockets_of
@@ -15,7 +14,7 @@ from waiting import BOUND, wait_for
 from wire import EXECUTE, HEADER, LOG_TEXT, REPLY_HEADER, STATUS
 
 HOST = "127.0.0.1"
-RESET = "system: " + os.strerror(errno.ECONNRESET)
+RESET = "system: " + reason(errno.ECONNRESET)
 
 
 def shutdown_lines(home):

@@ -7,14 +7,14 @@ import signal
 import pytest
 
 from fakeclock import FakeClock, settle
-from harness import message
+from harness import message, reason
 from home import gate
 from peers import read_to_end
 from processes import sockets_of
 from waiting import wait_for
 from wire import LOG_TEXT, STATUS
 
-TIMED_OUT = "error: " + os.strerror(errno.ETIMEDOUT)
+TIMED_OUT = "error: " + reason(errno.ETIMEDOUT)
 
 
 def test_a_silent_client_is_closed_when_its_time_is_up(home):

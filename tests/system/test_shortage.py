@@ -8,7 +8,7 @@ import pytest
 
 import preload
 from fakeclock import FakeClock, settle
-from harness import skip_when_wrapped
+from harness import reason, skip_when_wrapped
 from namespaces import unshared
 from peers import read_to_end
 from processes import is_idle, open_fds, sockets_of
@@ -16,8 +16,8 @@ from waiting import wait_for
 from wire import LOGGED, LOG_TEXT, NOT_LOGGED, STATUS
 
 HOST = "127.0.0.1"
-TIMED_OUT = "error: " + os.strerror(errno.ETIMEDOUT)
-TOO_MANY = "system: " + os.strerror(errno.EMFILE)
+TIMED_OUT = "error: " + reason(errno.ETIMEDOUT)
+TOO_MANY = "system: " + reason(errno.EMFILE)
 BUDGET = 256
 
 
@@ -168,7 +168,7 @@ int accept(int fd, struct sockaddr *restrict address,
     errno.EMFILE, errno.ENFILE, errno.ENOBUFS, errno.ENOMEM],
     ids=errno.errorcode.get)
 def test_any_shortage_of_the_system_is_told_once_and_outlasted(home, error):
-    told = "system: " + os.strerror(error)
+    told = "system: " + reason(error)
     home.write("error", f"{error}")
     listener = home.listener(
         config={"ListenTimeout": 0},

@@ -6,7 +6,7 @@ import signal
 
 import pytest
 
-from harness import message
+from harness import message, reason
 from ports import free_port, tcp_listens
 from waiting import wait_for
 
@@ -75,7 +75,7 @@ def test_settings_that_are_there_but_cannot_be_opened_are_told(home):
     assert run.wait().status == 0
     assert home.log_messages() == [
         f"error: cannot read {home.path('tolva.cfg')}, the defaults hold: "
-        + os.strerror(errno.ELOOP), message(756), message(757)]
+        + reason(errno.ELOOP), message(756), message(757)]
 
 
 def test_a_port_in_use_ends_listen_mode(home, make_home):
@@ -84,6 +84,6 @@ def test_a_port_in_use_ends_listen_mode(home, make_home):
     other.configure(ListenAddress="127.0.0.1", ListenPort=listener.port)
     result = other.run("-l", "-d")
     assert result.err == ""
-    assert other.log_messages() == ["system: Address already in use"]
+    assert other.log_messages() == ["system: " + reason(errno.EADDRINUSE)]
     assert result.status != 0
     listener.stop()

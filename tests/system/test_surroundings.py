@@ -1,5 +1,6 @@
 """What the process is handed by whoever starts it, and what comes of it."""
 
+import errno
 import os
 import resource
 import signal
@@ -8,7 +9,7 @@ import sys
 
 import pytest
 
-from harness import TOLVA, message
+from harness import TOLVA, message, reason
 from namespaces import private_network
 from peers import read_to_end
 from ports import free_port
@@ -87,7 +88,7 @@ def test_a_client_that_could_not_be_watched_waits_in_the_backlog(home):
     listener.wait_sessions(2)
     waiting = listener.connect()
     waiting.sendall(STATUS + b"LOG_TEXT later")
-    listener.wait_message("system: Too many open files")
+    listener.wait_message("system: " + reason(errno.EMFILE))
     for conn in silent:
         conn.close()
     assert read_to_end(waiting) == LOGGED

@@ -1,6 +1,7 @@
 """What goes wrong for administrators is seen as tolva(8) says, and README.md
 for what everybody meets, with the files as they are shipped."""
 
+import errno
 import os
 import re
 import shutil
@@ -9,7 +10,7 @@ import subprocess
 import pytest
 
 import manual
-from harness import ROOT
+from harness import ROOT, reason
 from peers import reader
 from ports import free_port, tcp_listens
 from waiting import wait_for
@@ -130,10 +131,12 @@ def test_port_in_use(shipped, told):
     port = where.partition(":")[2]
     second = shipped.run("-l", "-d", "-p", port)
     assert second.status == 1
-    assert told("system: Address already in use") in shipped.log_messages()
+    told("system: Address already in use")
+    in_use = reason(errno.EADDRINUSE)
+    assert f"system: {in_use}" in shipped.log_messages()
     said = told("cannot listen on ListenAddress=%s ListenPort=%d (%s): %s")
     assert said.replace("%d", "%s") % (
-        "0.0.0.0", port, "tcp", "Address already in use") in second.err
+        "0.0.0.0", port, "tcp", in_use) in second.err
     run.process.terminate()
     assert run.wait().status == 0
 
@@ -236,14 +239,16 @@ def test_missing_settings_file_that_is_named(shipped, told):
 def test_address_that_is_not_here(shipped, told):
     done = shipped.run("-l", "-d", "-p", f"192.0.2.1:{free_port()}")
     assert done.status == 1
-    assert "(tcp): " + told("Cannot assign requested address") in done.err
+    told("Cannot assign requested address")
+    assert "(tcp): " + reason(errno.EADDRNOTAVAIL) in done.err
 
 
 def test_nobody_answers_in_time(shipped, told):
     server = shipped.server(reader)
     sent = shipped.run("-sr", "EXECUTE x", "-a", server.where, "-t", "1")
     assert sent.status == 1
-    assert told("error: Connection timed out") in sent.messages
+    told("error: Connection timed out")
+    assert "error: " + reason(errno.ETIMEDOUT) in sent.messages
     assert told("no answer from %s in time") % HOST in sent.messages
 
 

@@ -189,7 +189,13 @@ TEST(ux_dotted, reads_what_stands_for_an_address) {
     EXPECT_EQ(address.s_addr, INADDR_NONE);
     EXPECT_TRUE(ux_dotted("10.1", &address));
     EXPECT_EQ(ntohl(address.s_addr), 0x0a000001U);
-    for (const char *none : {"", "localhost", "1.2.3.256", "1.2.3.4.5"}) {
+    for (const char *more : {"10.1 ", "10.1\t10.2", "10.1 and more"}) {
+        address.s_addr = 0;
+        EXPECT_TRUE(ux_dotted(more, &address)) << more;
+        EXPECT_EQ(ntohl(address.s_addr), 0x0a000001U) << more;
+    }
+    for (const char *none : {"", " ", " 10.1", "localhost 10.1", "localhost",
+                             "1.2.3.256", "1.2.3.4.5", "1.2.3.4.5 6"}) {
         EXPECT_FALSE(ux_dotted(none, &address)) << none;
         EXPECT_EQ(ntohl(address.s_addr), 0x0a000001U) << none;
     }
