@@ -116,7 +116,7 @@ trial_root() {
 autopkgtests() {
     local log=$out/$release-autopkgtest.log
     copy_source "$1/trial/source" &&
-        apt_in "$1" install autopkgtest dpkg-dev procps dpkg-repack fakeroot \
+        apt_in "$1" install autopkgtest dpkg-dev dpkg-repack fakeroot \
             nut-server nut-client /trial/old.deb >"$log" 2>&1 &&
         alone_in_root "$1" autopkgtest --no-built-binaries \
             /trial/source -- null >"$log" 2>&1
@@ -129,7 +129,8 @@ autopkgtests() {
 # The host of the service's trial: an init, a mail system, a user, a root that
 # is logged in at the console, one service that stops early and one late.
 furnish() {
-    apt_in "$1" install systemd-sysv dbus cron exim4-daemon-light &&
+    apt_in "$1" install systemd-sysv dbus libpam-systemd cron \
+        exim4-daemon-light &&
         in_root "$1" useradd -m admin || return
     echo trial >"$1/etc/hostname"
     echo "127.0.0.1 localhost trial" >"$1/etc/hosts"
