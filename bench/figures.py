@@ -1,0 +1,72 @@
+"""The figures of a run: values by round for each competitor, and what becomes
+of them.
+
+Competitors take turns, so that whatever else the machine does hits all alike,
+and a ratio is one of the same round. The order changes from round to round.
+"""
+
+import dataclasses
+import statistics
+
+FLOOR = "C floor"
+
+
+def quartiles(values):
+    """Lower quartile, median, upper quartile."""
+    if len(values) == 1:
+        return values[0], values[0], values[0]
+    low, middle, high = statistics.quantiles(values, n=4, method="inclusive")
+    return low, middle, high
+
+
+@dataclasses.dataclass
+class Table:
+    """What a section has measured: name of a competitor or a level, and a value
+    for each round."""
+    section: str
+    title: str
+    unit: str
+    values: dict = dataclasses.field(default_factory=dict)
+    base: str = FLOOR
+    higher_is_better: bool = False
+    notes: list = dataclasses.field(default_factory=list)
+
+    def ratios(self, name):
+        """To the base, round by round; empty without one."""
+        base = self.values.get(self.base, [])
+        return [value / other
+                for value, other in zip(self.values[name], base) if other]
+
+    def ratio(self, name):
+        """The quartiles of the ratios, or none."""
+        ratios = self.ratios(name)
+        return quartiles(ratios) if ratios else None
+
+
+class CannotMeasure(Exception):
+    """A competitor that did not do what it was started for."""
+
+
+def take_turns(bench, table, rivals, rounds, fewer=None):
+    """Calls each of rivals, by name, once a round. The rounds of those in
+    "fewer" are as many as it says; one that fails is left out and said."""
+    fewer = fewer or {}
+    alive = dict(rivals)
+    for number in range(rounds):
+        names = list(alive)
+        shift = number % len(names)
+        for name in names[shift:] + names[:shift]:
+            if number >= fewer.get(name, rounds):
+                continue
+            bench.progress(table, number, rounds, name)
+            try:
+                value = alive[name]()
+            except CannotMeasure as error:
+                table.notes.append(f"{name} is left out: {error}")
+                table.values.pop(name, None)
+                del alive[name]
+                continue
+            table.values.setdefault(name, []).append(value)
+    # In the order in which they were given.
+    table.values = {name: table.values[name] for name in rivals
+                    if name in table.values}
