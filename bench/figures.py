@@ -28,7 +28,6 @@ class Table:
     unit: str
     values: dict = dataclasses.field(default_factory=dict)
     base: str = FLOOR
-    higher_is_better: bool = False
     notes: list = dataclasses.field(default_factory=list)
 
     def ratios(self, name):

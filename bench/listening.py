@@ -46,20 +46,34 @@ def rate(bench):
     tables = []
     for clients in (1, 16):
         table = Table("rate", f"Requests a second, {clients} "
-                      f"client{'s' if clients > 1 else ''}", "/s",
-                      higher_is_better=True)
-        servers = start_all(bench, table)
+                      f"client{'s' if clients > 1 else ''}", "/s")
+        used = Table("rate", "Processor time of a request and its script, "
+                     f"{clients} client{'s' if clients > 1 else ''}", "µs")
         count = bench.pick(50, 250) * (1 if clients == 1 else 2)
 
-        def measure(server, clients=clients, count=count):
-            return count / (ask(bench, server.port, clients, count)[0] / 1e9)
+        def measure(name, server):
+            before = processor(server.pid)
+            seconds = ask(bench, server.port, clients, count)[0] / 1e9
+            if name != "ncat":      # has the system wait for its children
+                used.values.setdefault(name, []).append(
+                    (processor(server.pid) - before) / count * 1e6)
+            return count / seconds
 
-        take_turns(bench, table,
-                   {name: lambda s=server: measure(s)
-                    for name, server in servers.items()},
-                   bench.pick(4, 24))
-        tables.append(table)
+        with bench.scope():
+            servers = start_all(bench, table)
+            take_turns(bench, table,
+                       {name: lambda n=name, s=server: measure(n, s)
+                        for name, server in servers.items()},
+                       bench.pick(4, 24))
+        tables += [table, used]
     return tables
+
+
+def processor(pid):
+    """Seconds of the processor that a server and its children have had."""
+    with open(f"/proc/{pid}/stat") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return sum(map(int, fields[11:15])) / os.sysconf("SC_CLK_TCK")
 
 
 def memory(bench):

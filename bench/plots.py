@@ -80,9 +80,11 @@ def _pictures(plt, tables):
             ("latency", ["until the script runs, × C floor"]),
             ("rate", ["requests/s, 1 client, × C floor",
                       "requests/s, 16 clients, × C floor"])):
-        if of(section):
+        found = [table for table in of(section)
+                 if "Processor" not in table.title]
+        if found:
             yield (section, "ratios to the C floor",
-                   _ratio_bars(plt, of(section), titles))
+                   _ratio_bars(plt, found, titles))
     if of("memory"):
         yield ("memory", "KiB of memory of each listener",
                _value_bars(plt, of("memory")[0]))

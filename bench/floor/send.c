@@ -35,7 +35,11 @@ static void read_hosts(void) {
             space = space ? space * 2 : 1024;
             hosts = realloc(hosts, space * sizeof *hosts);
         }
-        if (hosts && inet_pton(AF_INET, line, &hosts[count].address) == 1) {
+        if (!hosts) {
+            abort();
+        }
+        hosts[count].sent = 0;
+        if (inet_pton(AF_INET, line, &hosts[count].address) == 1) {
             count++;
         }
     }
