@@ -7,6 +7,7 @@ and a ratio is one of the same round. The order changes from round to round.
 
 import dataclasses
 import statistics
+import time
 
 FLOOR = "C floor"
 
@@ -46,18 +47,18 @@ class CannotMeasure(Exception):
     """A competitor that did not do what it was started for."""
 
 
-def take_turns(bench, table, rivals, rounds, fewer=None):
-    """Calls each of rivals, by name, once a round. The rounds of those in
-    "fewer" are as many as it says; one that fails is left out and said."""
-    fewer = fewer or {}
+def take_turns(bench, table, rivals, rounds):
+    """Calls each of rivals, by name, once a round. One that fails is left out
+    and said; one that has used up the bench's patience drops out, which tolva
+    and what it is compared with never do."""
     alive = dict(rivals)
+    spent = dict.fromkeys(rivals, 0)
     for number in range(rounds):
         names = list(alive)
         shift = number % len(names)
         for name in names[shift:] + names[:shift]:
-            if number >= fewer.get(name, rounds):
-                continue
             bench.progress(table, number, rounds, name)
+            begun = time.monotonic()
             try:
                 value = alive[name]()
             except CannotMeasure as error:
@@ -66,6 +67,10 @@ def take_turns(bench, table, rivals, rounds, fewer=None):
                 del alive[name]
                 continue
             table.values.setdefault(name, []).append(value)
+            spent[name] += time.monotonic() - begun
+            if spent[name] > bench.patience and name != table.base and \
+                    not name.startswith("tolva"):
+                del alive[name]
     # In the order in which they were given.
     table.values = {name: table.values[name] for name in rivals
                     if name in table.values}

@@ -54,7 +54,7 @@ def rate(bench):
         def measure(name, server):
             before = processor(server.pid)
             seconds = ask(bench, server.port, clients, count)[0] / 1e9
-            if name != "ncat":      # has the system wait for its children
+            if name != "ncat":      # which does not count its children
                 used.values.setdefault(name, []).append(
                     (processor(server.pid) - before) / count * 1e6)
             return count / seconds

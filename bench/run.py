@@ -47,6 +47,7 @@ class Bench:
         self.fleet = self.build / "tolva-fleet"
         self.quick = options.quick
         self.full = options.full
+        self.patience = 5 if self.quick else 30     # seconds
         self.requests = options.requests
         self.tools = {}
         self.scopes = []
