@@ -6,8 +6,20 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <pthread.h>
 
 namespace {
+
+/* The signal that meets a child before it is a script; 0: none. */
+int early_signal = 0;
+
+void meet_early_signal() {
+    if (early_signal != 0) {
+        raise(early_signal);
+    }
+}
+
+void swallow(int) {}
 
 /* Runs a script for a record and waits: its wait status and output. */
 struct run {
@@ -27,6 +39,16 @@ struct run {
 };
 
 } // namespace
+
+TEST(fork_and_exec_death, the_listener_itself_goes_on) {
+    EXPECT_EXIT(
+        {
+            connection cn;
+            fork_and_exec(&cn, "exit 0", nullptr);
+            _exit(cn.pid > 0 ? 7 : 8);
+        },
+        testing::ExitedWithCode(7), "");
+}
 
 TEST(fork_and_exec, runs_the_line_in_the_shell) {
     struct row {
@@ -207,4 +229,49 @@ TEST(fork_and_exec, scripts_ignore_what_the_daemon_ignores) {
     EXPECT_TRUE(ignored & (1UL << (SIGPIPE - 1)));
     EXPECT_FALSE(ignored & (1UL << (SIGTERM - 1)));
     EXPECT_FALSE(ignored & (1UL << (SIGCHLD - 1)));
+}
+
+TEST(fork_and_exec, a_signal_that_meets_the_child_before_its_script_ends_it) {
+    ASSERT_EQ(pthread_atfork(nullptr, nullptr, meet_early_signal), 0);
+    for (int number : {SIGTERM, SIGQUIT, SIGINT}) {
+        sigset_t held;
+        sigset_t before;
+        sigemptyset(&held);
+        sigaddset(&held, number);
+        sigprocmask(SIG_BLOCK, &held, &before);
+        signal(number, swallow);
+        early_signal = number;
+        run script("exit", "3");
+        early_signal = 0;
+        signal(number, SIG_DFL);
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        ASSERT_TRUE(WIFSIGNALED(script.status)) << number;
+        EXPECT_EQ(WTERMSIG(script.status), number);
+    }
+}
+
+TEST(fork_and_exec, scripts_ignore_a_stop_signal_that_the_daemon_ignores) {
+    signal(SIGINT, SIG_IGN);
+    run script("exec grep SigIgn", "/proc/self/status");
+    signal(SIGINT, SIG_DFL);
+    unsigned long ignored = strtoul(script.output.c_str() + 7, nullptr, 16);
+    EXPECT_TRUE(ignored & (1UL << (SIGINT - 1)));
+    EXPECT_FALSE(ignored & (1UL << (SIGQUIT - 1)));
+}
+
+TEST(fork_and_exec, tells_that_an_older_script_is_no_longer_watched) {
+    operator_log log;
+    log.tell_more();
+    connection cn;
+    strcpy(cn.ipaddr, "10.0.0.9");
+    ASSERT_TRUE(fork_and_exec(&cn, "exit 1", nullptr));
+    int32_t first = cn.pid;
+    EXPECT_EQ(log.lines(), log_lines{message(792, {"exit 1"})});
+    log.clear();
+    ASSERT_TRUE(fork_and_exec(&cn, "exit 2", nullptr));
+    const log_lines expected = {message(792, {"exit 2"}),
+                                message(836, {"10.0.0.9"})};
+    EXPECT_EQ(log.lines(), expected);
+    EXPECT_EQ(waitpid(first, nullptr, 0), first);
+    EXPECT_EQ(waitpid(cn.pid, nullptr, 0), cn.pid);
 }
