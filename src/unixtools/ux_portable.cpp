@@ -32,14 +32,6 @@ namespace {
 /* Four parts in octal, with zeros in front. */
 constexpr size_t LONGEST_DOTTED = 31;
 
-#ifndef HAS_PPOLL
-/* Rounded up, so that a wait for a time does not end before it. */
-int whole_milliseconds(const timespec &limit) {
-    return static_cast<int>(limit.tv_sec * 1000 +
-                            (limit.tv_nsec + 999999) / 1000000);
-}
-#endif
-
 } // namespace
 
 int ux_wait_readable(int fd, const timespec *limit, const sigset_t *mask) {
@@ -56,27 +48,6 @@ int ux_wait_readable(int fd, const timespec *limit, const sigset_t *mask) {
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
     return pselect(fd + 1, &readable, nullptr, nullptr, limit, mask);
-#endif
-}
-
-int ux_poll(std::span<pollfd> all, const timespec &limit,
-            const sigset_t *mask) {
-    auto count = static_cast<nfds_t>(all.size());
-#ifdef HAS_PPOLL
-    return ppoll(all.data(), count, &limit, mask);
-#else
-    /* Those that were blocked until now. */
-    const timespec at_once{0, 0};
-    if (pselect(0, nullptr, nullptr, nullptr, &at_once, mask) < 0) {
-        return -1;
-    }
-    sigset_t before;
-    sigprocmask(SIG_SETMASK, mask, &before);
-    int ready = poll(all.data(), count, whole_milliseconds(limit));
-    int error = errno;
-    sigprocmask(SIG_SETMASK, &before, nullptr);
-    errno = error;
-    return ready;
 #endif
 }
 

@@ -11,8 +11,6 @@
 #include <cstdarg>
 #include <ctime>
 #include <netinet/in.h>
-#include <poll.h>
-#include <span>
 #include <sys/socket.h>
 
 /* Whoever sends ignores SIGPIPE as well, so it can be done without. */
@@ -25,13 +23,6 @@
  * with errno on error. */
 [[nodiscard]] int ux_wait_readable(int fd, const timespec *limit,
                                    const sigset_t *mask);
-
-/* Waits for the events of all, whose revents say what came, no longer than
- * limit, with mask as the signal mask meanwhile. How many there are, 0 when
- * time is up, -1 with errno on error; revents say nothing then. Where the
- * system has no such call, a signal that comes just as the wait begins may
- * not end it, so the limit has to be one that can be borne. */
-int ux_poll(std::span<pollfd> all, const timespec &limit, const sigset_t *mask);
 
 /* The IPv4 address that a text of digits and dots stands for, with anything
  * behind a blank: false when it stands for none, and address stays as it

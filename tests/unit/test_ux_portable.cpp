@@ -63,12 +63,6 @@ struct blocked_alarm {
 /* Seconds that no test waits. */
 constexpr time_t FAR_AWAY = 600;
 
-int64_t nanoseconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
 ux_text formatted(const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -104,79 +98,6 @@ TEST(ux_wait_readable, lets_in_a_signal_that_is_blocked_outside) {
     raise(SIGALRM);
     EXPECT_EQ(alarms, 0);
     EXPECT_EQ(ux_wait_readable(empty.reads.get(), nullptr, &alarm.before), -1);
-    EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(alarms, 1);
-}
-
-TEST(ux_poll, says_for_each_what_came) {
-    two_ends full;
-    two_ends empty;
-    sigset_t none;
-    sigemptyset(&none);
-    ASSERT_EQ(write(full.writes.get(), "x", 1), 1);
-    pollfd all[] = {{empty.reads.get(), POLLIN, 0},
-                    {-1, POLLIN, 0},
-                    {full.reads.get(), POLLIN, 0},
-                    {full.writes.get(), POLLOUT, 0}};
-    EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &none), 2);
-    EXPECT_EQ(all[0].revents, 0);
-    EXPECT_EQ(all[1].revents, 0);
-    EXPECT_EQ(all[2].revents, POLLIN);
-    EXPECT_EQ(all[3].revents, POLLOUT);
-}
-
-TEST(ux_poll, waits_as_long_as_the_limit_says_parts_of_a_second_too) {
-    two_ends empty;
-    sigset_t none;
-    sigemptyset(&none);
-    pollfd all[] = {{empty.reads.get(), POLLIN, 0}};
-    for (long limit : {0L, 1L, 1000000L, 30000001L}) {
-        int64_t begin = nanoseconds_now();
-        EXPECT_EQ(ux_poll(all, {0, limit}, &none), 0);
-        EXPECT_GE(nanoseconds_now() - begin, limit);
-    }
-}
-
-TEST(ux_poll, looks_at_numbers_that_no_select_can_see) {
-    constexpr int HIGH = FD_SETSIZE + 10;
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    ASSERT_GT(before.rlim_max, rlim_t{HIGH});
-    rlimit raised{std::max(before.rlim_cur, rlim_t{HIGH + 1}), before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
-    two_ends full;
-    ASSERT_EQ(write(full.writes.get(), "x", 1), 1);
-    {
-        ux_fd high(dup2(full.reads.get(), HIGH));
-        ASSERT_EQ(high.get(), HIGH);
-        sigset_t none;
-        sigemptyset(&none);
-        pollfd all[] = {{HIGH, POLLIN, 0}};
-        EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &none), 1);
-        EXPECT_EQ(all[0].revents, POLLIN);
-    }
-    setrlimit(RLIMIT_NOFILE, &before);
-}
-
-TEST(ux_poll, lets_in_a_signal_that_is_blocked_outside) {
-    two_ends empty;
-    blocked_alarm alarm;
-    raise(SIGALRM);
-    pollfd all[] = {{empty.reads.get(), POLLIN, 0}};
-    EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &alarm.before), -1);
-    EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(alarms, 1);
-    raise(SIGALRM);
-    EXPECT_EQ(alarms, 1);
-}
-
-TEST(ux_poll, is_ended_by_a_signal_that_comes_meanwhile) {
-    two_ends empty;
-    blocked_alarm alarm;
-    const itimerval soon{{0, 0}, {0, 20000}};
-    ASSERT_EQ(setitimer(ITIMER_REAL, &soon, nullptr), 0);
-    pollfd all[] = {{empty.reads.get(), POLLIN, 0}};
-    EXPECT_EQ(ux_poll(all, {FAR_AWAY, 0}, &alarm.before), -1);
     EXPECT_EQ(errno, EINTR);
     EXPECT_EQ(alarms, 1);
 }
