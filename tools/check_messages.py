@@ -18,7 +18,7 @@ SOURCE = ROOT / "src"
 EVENTS = SOURCE / "tolva2" / "files" / "events.h"
 # What log_message fills: "%s" with no letter or digit behind it.
 PLACEHOLDER = re.compile(r"%s(?![0-9A-Za-z])")
-EVENT = re.compile(r"event_message<(\d+)> (\w+)\{(\d+)\};")
+EVENT = re.compile(r"(?:event_message|added_event)<(\d+)> (\w+)\{(\d+)\};")
 LITERAL = re.compile(r'log_message\(\s*(\w+)\s*,\s*"((?:[^"\\]|\\.)*)"')
 # The program's buffer for a line of the file, with its end.
 LONGEST = 1022

@@ -182,7 +182,7 @@ def read_enumerations(root):
                 names = [f"{match[2]}::{name}" for name in names]
             others.update(zip(names, names[1:] + names[:1]))
         by_count = {}
-        for count, name in re.findall(r"event_message<(\d)> (\w+)\{", text):
+        for count, name in re.findall(r"(?:event_message|added_event)<(\d)> (\w+)\{", text):
             by_count.setdefault(count, []).append(f"event::{name}")
         for names in by_count.values():
             others.update(zip(names, names[1:] + names[:1]))

@@ -82,9 +82,12 @@ int model::open_sockets() const {
 
 void model::cannot_listen(int error, const std::string &how) {
     log_error(error);
-    if (settings.debug_level > 0) {
+    std::string text;
+    if (!look_up(846, &text)) {
         return;
     }
+    write_line("cannot listen on address 0.0.0.0, port " +
+               std::to_string(LISTEN_PORT) + ": " + strerror(error));
     std::string answer =
         "tolva: cannot listen on ListenAddress=0.0.0.0 ListenPort=" +
         std::to_string(LISTEN_PORT) + " (" + how + "): " + strerror(error) +

@@ -43,7 +43,8 @@ const char *const MORE_TEXTS =
     "m839=the script that failed ended with status %s\n"
     "m840=the script that failed was ended by a signal: %s\n"
     "m841=the script that failed is stopped: %s\n"
-    "m843=the clock was set back by %s seconds\n";
+    "m843=the clock was set back by %s seconds\n"
+    "m846=cannot listen on address %s, port %s: %s\n";
 
 std::vector<uint32_t> some_addresses(chance *luck, int64_t least,
                                      int64_t most) {

@@ -63,7 +63,7 @@ def message_arguments():
     """{number: how many arguments the message is given}, from the program's
     own table of events."""
     table = (ROOT / "src" / "tolva2" / "files" / "events.h").read_text()
-    rows = re.findall(r"event_message<(\d+)> \w+\{(\d+)\};", table)
+    rows = re.findall(r"(?:event_message|added_event)<(\d+)> \w+\{(\d+)\};", table)
     return {int(number): int(count) for count, number in rows}
 
 

@@ -87,6 +87,16 @@ def test_without_texts_of_their_own_the_log_is_as_before(home):
         message(793, f"{script} now"), message(757)]
 
 
+def test_without_texts_of_their_own_the_trace_is_as_before(home):
+    listener = home.listener(level=10, config={
+        "ExecProg": home.script("fails.sh", "exit 3")})
+    listener.request(STATUS + b"EXECUTE now")
+    listener.stop()
+    assert len(listener.messages()) == 5
+    for function in ("log_message", "msgdb_get"):
+        assert listener.out.count(f"TRACEIN: {function}\n") == 5
+
+
 # --- everybody may send -----------------------------------------------------
 
 
@@ -190,18 +200,21 @@ def test_an_answer_cannot_write_lines_of_its_own(home):
 # --- what stops a start -----------------------------------------------------
 
 
-def test_a_port_that_is_taken_is_named_on_standard_error(home):
+def test_a_port_that_is_taken_is_named_on_standard_error(telling):
     with socket.create_server((HOST, 0)) as taken:
         port = taken.getsockname()[1]
-        run = home.listener(port=port, wait=False, config={
+        run = telling.listener(port=port, wait=False, config={
             "ListenAddress": HOST, "ListenPort": port}).run
         assert run.wait().err == (
             f"tolva: cannot listen on ListenAddress={HOST} ListenPort={port} "
             f"(tcp): {reason(errno.EADDRINUSE)}\n")
+        assert telling.log_messages()[-2:] == [
+            f"system: {reason(errno.EADDRINUSE)}",
+            message(846, HOST, port, reason(errno.EADDRINUSE))]
 
 
-def test_an_address_of_another_host_is_named_on_standard_error(home):
-    run = home.listener(wait=False, config={
+def test_an_address_of_another_host_is_named_on_standard_error(telling):
+    run = telling.listener(wait=False, config={
         "ListenAddress": "192.0.2.1"}).run
     result = run.wait()
     assert "ListenAddress=192.0.2.1 " in result.err

@@ -14,6 +14,9 @@
 /* A message of the database that is given that many texts. */
 template <int32_t count> struct event_message { int32_t number; };
 
+/* One that not every database knows. */
+template <int32_t count> struct added_event { int32_t number; };
+
 /* clang-format off */
 namespace event
 {
@@ -49,17 +52,18 @@ constexpr event_message<1> script_started{792};   /* its command line */
 constexpr event_message<1> script_finished{794};  /* its command line */
 constexpr event_message<1> script_failed{793};    /* its command line */
 
-/* Of the listener, of the sender, where the database has a text for them. */
-constexpr event_message<1> script_abandoned{836}; /* the server's address */
-constexpr event_message<2> members_missing{837};  /* usable, named */
-constexpr event_message<1> request_from{838};     /* over TCP: the sender's */
-constexpr event_message<1> script_status{839};    /* it ended with, not 0 */
-constexpr event_message<1> script_killed{840};    /* by which signal */
-constexpr event_message<1> script_stopped{841};   /* by which signal */
-constexpr event_message<0> everybody_admitted{842};
-constexpr event_message<1> clock_set_back{843};   /* seconds */
-constexpr event_message<1> reply_unusable{844};   /* the listener's address */
-constexpr event_message<1> no_answer{845};        /* in time: its address */
+/* Told beside those above, where the database has a text for it. */
+constexpr added_event<1> script_abandoned{836}; /* the server's address */
+constexpr added_event<2> members_missing{837};  /* usable, named */
+constexpr added_event<1> request_from{838};     /* over TCP: the sender's */
+constexpr added_event<1> script_status{839};    /* it ended with, not 0 */
+constexpr added_event<1> script_killed{840};    /* by which signal */
+constexpr added_event<1> script_stopped{841};   /* by which signal */
+constexpr added_event<0> everybody_admitted{842};
+constexpr added_event<1> clock_set_back{843};   /* seconds */
+constexpr added_event<1> reply_unusable{844};   /* the listener's address */
+constexpr added_event<1> no_answer{845};        /* in time: its address */
+constexpr added_event<3> cannot_listen{846};       /* address, port, why */
 
 /* All of them, for who looks at a database as a whole. */
 constexpr int32_t NUMBERS[] = {
@@ -74,7 +78,8 @@ constexpr int32_t NUMBERS[] = {
     script_finished.number, script_failed.number, script_abandoned.number,
     members_missing.number, request_from.number, script_status.number,
     script_killed.number, script_stopped.number, everybody_admitted.number,
-    clock_set_back.number, reply_unusable.number, no_answer.number};
+    clock_set_back.number, reply_unusable.number, no_answer.number,
+    cannot_listen.number};
 } // namespace event
 /* clang-format on */
 
@@ -83,6 +88,13 @@ constexpr int32_t NUMBERS[] = {
 template <std::convertible_to<const char *>... texts>
 bool report(event_message<sizeof...(texts)> what, texts... arguments) {
     return log_message(sizeof...(texts), msgdb_get(what.number), arguments...);
+}
+
+/* The same; without a text nothing is done, and nothing traced. */
+template <std::convertible_to<const char *>... texts>
+bool report(added_event<sizeof...(texts)> what, texts... arguments) {
+    const char *text = msgdb_peek(what.number);
+    return text && log_message(sizeof...(texts), text, arguments...);
 }
 
 #endif

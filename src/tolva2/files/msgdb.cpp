@@ -50,6 +50,19 @@ ux_file open_database() {
     return database.name ? open_file(database.name.get(), "re") : nullptr;
 }
 
+/* The text of that number, in place of all else in buffer: its length. */
+int32_t find_text(FILE *stream, char *buffer, size_t size, int32_t number) {
+    std::string_view text("");
+    if (find_line(stream, buffer, size, number)) {
+        text = strchr(buffer, '=') + 1;
+    }
+    drop_line_end(&text);
+    drop_line_end(&text);
+    memmove(buffer, text.data(), text.size());
+    buffer[text.size()] = '\0';
+    return static_cast<int32_t>(text.size());
+}
+
 } // namespace
 
 bool msgdb_open(const char *name) {
@@ -82,6 +95,14 @@ const char *msgdb_get(int32_t number) {
     return length > 0 ? database.shared_text : nullptr;
 }
 
+const char *msgdb_peek(int32_t number) {
+    ux_file file = open_database();
+    return file && find_text(file.get(), database.shared_text,
+                             sizeof database.shared_text, number) > 0
+               ? database.shared_text
+               : nullptr;
+}
+
 int32_t msgdb_get_into(int32_t number, char *buffer, size_t size) {
     trace_in();
     if (!buffer || size == 0) {
@@ -109,13 +130,5 @@ int32_t msgdb_find(FILE *stream, char *buffer, size_t size, int32_t number) {
     if (!stream || !buffer || size == 0) {
         return -1;
     }
-    std::string_view text("");
-    if (find_line(stream, buffer, size, number)) {
-        text = strchr(buffer, '=') + 1;
-    }
-    drop_line_end(&text);
-    drop_line_end(&text);
-    memmove(buffer, text.data(), text.size());
-    buffer[text.size()] = '\0';
-    return static_cast<int32_t>(text.size());
+    return find_text(stream, buffer, size, number);
 }

@@ -19,6 +19,10 @@ void msgdb_close();
  * call overwrites; null when there is no text. */
 [[nodiscard]] const char *msgdb_get(int32_t number);
 
+/* The same for an event that not every database knows: the trace does not
+ * show that it was looked for. */
+[[nodiscard]] const char *msgdb_peek(int32_t number);
+
 /* The same into buffer: the length of the text, 0 when there is none or no
  * file, -1 for a null buffer or a size of 0. buffer is empty without a text. */
 [[nodiscard]] int32_t msgdb_get_into(int32_t number, char *buffer, size_t size);

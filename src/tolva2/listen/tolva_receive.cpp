@@ -83,17 +83,22 @@ void let_signals_in(const listener_state *state) {
     sigprocmask(SIG_SETMASK, &state->loop_mask, nullptr);
 }
 
-/* What stops the start is for the terminal too, unless that shows the trace. */
+/* What stops the start is for the terminal too, and for who looks after the
+ * service, where there are words for it. */
 void say_unopened(int32_t error, const char *kind) {
     log_system(error);
-    if (debug_level > 0) {
+    const char *text = msgdb_peek(event::cannot_listen.number);
+    if (!text) {
         return;
     }
+    const char *address = rp->listen_address ? rp->listen_address.get() : "";
+    char port[16];
+    snprintf(port, sizeof port, "%d", rp->listenport);
+    log_message(3, text, address, port, strerror(error));
     error_printf(
         stderr, ERROR_CONTINUE,
-        "%s: cannot listen on ListenAddress=%s ListenPort=%d (%s): %s\n",
-        progname, rp->listen_address ? rp->listen_address.get() : "",
-        rp->listenport, kind, strerror(error));
+        "%s: cannot listen on ListenAddress=%s ListenPort=%s (%s): %s\n",
+        progname, address, port, kind, strerror(error));
 }
 
 /* A socket that was bound or not: none after a log line, or closed to scripts
