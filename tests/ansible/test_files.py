@@ -123,7 +123,7 @@ def test_the_templates_say_what_the_files_of_the_other_examples_say():
         for one, other in zip(ours, theirs):
             assert re.fullmatch(pattern(one), other), (template, one, other)
     ours = (ROLE / "templates" / "doshutdown.j2").read_text()
-    assert lines_of_code(ours.replace(" -w {{ tolva_wait }}", "")) == \
+    assert lines_of_code(ours.replace(" -w '{{ tolva_wait }}'", "")) == \
         lines_of_code((EXAMPLE.parent / "apcupsd/doshutdown").read_text())
 
 

@@ -84,7 +84,8 @@ def test_the_senders_list_reaches_the_listener_and_nothing_goes_down(site):
 
 @pytest.mark.parametrize("settings, said", [
     ({"ListenTimeuot": 5}, "is unknown and is ignored"),
-    ({"AliveAddresses": "192.0.2.10,192.0.2.11"}, "holds a comma"),
+    ({"AliveEnabled": True, "AliveAddresses": "192.0.2.10,192.0.2.11"},
+     "holds a comma"),
     ({"ListenUDP": "yes"}, "is taken as FALSE"),
     ({"ShutdownProg": "/etc/tolva/missing.sh"}, "put a script there"),
 ])
@@ -285,5 +286,5 @@ def test_apcupsd_gets_its_scripts(chroots):
     for name in ("doshutdown", "onbattery", "offbattery", "tolva-tell"):
         assert host.path(f"/etc/apcupsd/{name}").stat().st_mode & 0o777 == \
             0o755
-    assert "tolva-shutdown -w 180" in host.text("/etc/apcupsd/doshutdown")
+    assert "tolva-shutdown -w '180'" in host.text("/etc/apcupsd/doshutdown")
     host.says("sh", "-n", "/etc/apcupsd/doshutdown")
