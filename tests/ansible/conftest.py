@@ -73,8 +73,8 @@ class Site:
               f"{options} {variables} {played.recap}")
         return played
 
-    def set_up(self, **variables):
-        played = self.play(**variables)
+    def set_up(self, *options, **variables):
+        played = self.play(*options, **variables)
         assert played.status == 0, played.said
         return played
 

@@ -1,11 +1,16 @@
 """examples/ansible, run against hosts of Debian 12 (tools/ansible-test)."""
 
 import re
+import shlex
 
 import pytest
+import yaml
+
+from hosts import EXAMPLE
 
 SETTINGS = "/etc/tolva/tolva.cfg"
 LISTENER = "127.7.0.1:16103"
+ONLY_LISTENER = ("--limit", "web1")
 
 
 def main_process(site):
@@ -16,7 +21,7 @@ def is_refused(site, task, **variables):
     """The run fails at that task, and the listener is as it was."""
     host = site.listener
     before = host.text(SETTINGS), main_process(site)
-    played = site.play("--limit", "web1", **variables)
+    played = site.play(*ONLY_LISTENER, **variables)
     assert played.status != 0, played.said
     assert played.failed_at() == task, played.said
     assert (host.text(SETTINGS), main_process(site)) == before
@@ -44,7 +49,7 @@ def test_a_dry_run_on_hosts_that_are_set_up_finds_nothing_to_change(site):
 
 def test_a_dry_run_shows_a_change_and_does_not_make_it(site):
     before = site.listener.text(SETTINGS), main_process(site)
-    dry = site.play("--check", "--diff", "--limit", "web1",
+    dry = site.play("--check", "--diff", *ONLY_LISTENER,
                     tolva_settings={"LogfileSize": 77})
     assert dry.status == 0, dry.said
     assert "+LogfileSize=77" in dry.said
@@ -139,7 +144,7 @@ def test_new_settings_are_in_force_at_once(site):
 def test_settings_are_checked_also_when_another_user_has_brought_them(site):
     """As Ansible does that logs in as somebody else than root."""
     host = site.listener
-    command = site_validation()
+    command = validation()
     host.says("cp", SETTINGS, "/var/tmp/brought.cfg")
     host.says("chown", "nobody", "/var/tmp/brought.cfg")
     assert "belongs to user" in host.run(
@@ -152,15 +157,11 @@ def test_settings_are_checked_also_when_another_user_has_brought_them(site):
     host.says("rm", "/var/tmp/brought.cfg")
 
 
-def site_validation():
-    import shlex
-
-    import yaml
-    from hosts import EXAMPLE
-
-    roles = yaml.safe_load(
+def validation():
+    """The role's command for a file, as Ansible splits it into words."""
+    variables = yaml.safe_load(
         (EXAMPLE / "roles" / "tolva" / "vars" / "main.yml").read_text())
-    return lambda path: shlex.split(roles["tolva_validate"] % path)
+    return lambda path: shlex.split(variables["tolva_validate"] % path)
 
 
 def test_actions_are_enabled_and_disabled(site):
@@ -171,21 +172,21 @@ def test_actions_are_enabled_and_disabled(site):
     assert state("stop-services") == "enabled"
     assert state("wake-hosts") == "off"
     try:
-        site.set_up(tolva_actions=["wake-hosts"],
+        site.set_up(*ONLY_LISTENER, tolva_actions=["wake-hosts"],
                     tolva_actions_off=["stop-services"])
         assert state("stop-services") == "off"
         assert state("wake-hosts") == "enabled"
     finally:
-        site.set_up(tolva_actions_off=["wake-hosts"])
-        site.set_up()
+        site.set_up(*ONLY_LISTENER)
     assert state("stop-services") == "enabled"
+    assert state("wake-hosts") == "off"
 
 
 def test_an_action_of_your_own_can_be_run(site, tmp_path):
     action = tmp_path / "say-hello"
     action.write_text("#!/bin/sh\nexit 7\n")
     try:
-        site.set_up(tolva_own_actions=[str(action)])
+        site.set_up(*ONLY_LISTENER, tolva_own_actions=[str(action)])
         status, _ = site.sender.run(
             "tolva", "-sr", "EXECUTE say-hello", "-a", LISTENER)
         assert status == 127 + 7
@@ -207,13 +208,14 @@ def test_rules_of_others_survive_a_change_of_ours(site):
     host = site.listener
     host.says("nft", "add", "table", "inet", "other")
     try:
-        site.set_up(tolva_allowed_addresses=["127.0.0.1", "192.0.2.10"])
+        site.set_up(*ONLY_LISTENER,
+                    tolva_allowed_addresses=["127.0.0.1", "192.0.2.10"])
         assert "192.0.2.10" in host.says(
             "nft", "list", "table", "inet", "tolva")
         host.says("nft", "list", "table", "inet", "other")
     finally:
         host.says("nft", "delete", "table", "inet", "other")
-        site.set_up()
+        site.set_up(*ONLY_LISTENER)
     assert "192.0.2.10" not in host.says(
         "nft", "list", "table", "inet", "tolva")
 
@@ -228,6 +230,8 @@ def test_upsmon_gets_its_lines_once_and_is_not_started(site):
         assert [li for li in lines if li.startswith(word)] == [line]
     assert "START-TIMER five-minutes 300" in \
         site.sender.text("/etc/nut/upssched.conf")
+    assert "SHUTDOWN '5 min on battery'" in \
+        site.sender.text("/etc/nut/tolva-sched")
     assert site.sender.path("/etc/nut/tolva-sched").stat().st_mode & 0o777 \
         == 0o755
     assert site.sender.run("systemctl", "is-active", "nut-monitor")[0] != 0
@@ -236,7 +240,8 @@ def test_upsmon_gets_its_lines_once_and_is_not_started(site):
 def test_requests_go_through_tls_when_it_is_switched_on(site):
     try:
         # With one address for all, stunnel is where the listener was.
-        first = site.set_up(tolva_tls=True)
+        first = site.set_up("--diff", tolva_tls=True)
+        assert "PRIVATE KEY" not in first.said
         assert all(c["changed"] > 0 for c in first.recap.values())
         second = site.set_up(tolva_tls=True)
         assert second.total("changed") == 0, second.said
