@@ -30,6 +30,10 @@ class Table:
     values: dict = dataclasses.field(default_factory=dict)
     base: str = FLOOR
     notes: list = dataclasses.field(default_factory=list)
+    # A column more: its heading, its unit, and a value or several for a name.
+    also: str = ""
+    also_unit: str = ""
+    also_values: dict = dataclasses.field(default_factory=dict)
 
     def ratios(self, name):
         """To the base, round by round; empty without one."""

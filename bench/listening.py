@@ -46,16 +46,15 @@ def rate(bench):
     tables = []
     for clients in (1, 16):
         table = Table("rate", f"Requests a second, {clients} "
-                      f"client{'s' if clients > 1 else ''}", "/s")
-        used = Table("rate", "Processor time of a request and its script, "
-                     f"{clients} client{'s' if clients > 1 else ''}", "µs")
+                      f"client{'s' if clients > 1 else ''}", "/s",
+                      also="processor time of one", also_unit="µs")
         count = bench.pick(50, 250) * (1 if clients == 1 else 2)
 
         def measure(name, server):
             before = processor(server.pid)
             seconds = ask(bench, server.port, clients, count)[0] / 1e9
             if name != "ncat":      # which does not count its children
-                used.values.setdefault(name, []).append(
+                table.also_values.setdefault(name, []).append(
                     (processor(server.pid) - before) / count * 1e6)
             return count / seconds
 
@@ -65,7 +64,7 @@ def rate(bench):
                        {name: lambda n=name, s=server: measure(n, s)
                         for name, server in servers.items()},
                        bench.pick(4, 24))
-        tables += [table, used]
+        tables.append(table)
     return tables
 
 
@@ -199,9 +198,8 @@ def cost(bench):
     for what, make, counts, fewer in COSTS:
         counts = bench.pick(fewer, counts)
         table = Table("cost", f"A logged text with so many {what}", "µs",
-                      base=f"{counts[0]:,}")
-        sizes = Table("cost", f"Memory (PSS) with so many {what}", "KiB",
-                      base=table.base)
+                      base=f"{counts[0]:,}", also="memory (PSS)",
+                      also_unit="KiB")
         with bench.scope():
             levels = {}
             for count in counts:
@@ -210,7 +208,6 @@ def cost(bench):
             take_turns(bench, table, {name: level.cost for name, level
                                       in levels.items()}, bench.pick(3, 15))
             for name, level in levels.items():
-                sizes.values[name] = [pss(level.server.pid)]
+                table.also_values[name] = [pss(level.server.pid)]
         tables.append(table)
-        tables.append(sizes)
     return tables

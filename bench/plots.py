@@ -80,11 +80,9 @@ def _pictures(plt, tables):
             ("latency", ["until the script runs, × C floor"]),
             ("rate", ["requests/s, 1 client, × C floor",
                       "requests/s, 16 clients, × C floor"])):
-        found = [table for table in of(section)
-                 if "Processor" not in table.title]
-        if found:
+        if of(section):
             yield (section, "ratios to the C floor",
-                   _ratio_bars(plt, found, titles))
+                   _ratio_bars(plt, of(section), titles))
     if of("memory"):
         yield ("memory", "KiB of memory of each listener",
                _value_bars(plt, of("memory")[0]))
@@ -95,7 +93,7 @@ def _pictures(plt, tables):
                                         ", × C floor" for table in whole]))
     if of("cost"):
         yield ("cost", "time of a request by what the listener has to bear",
-               _costs(plt, of("cost", "A logged text")))
+               _costs(plt, of("cost")))
 
 
 def draw(directory, tables):

@@ -15,28 +15,38 @@ def number(value):
     return f"{value:.3g}"
 
 
+def spread(quarters, values, form):
+    return f"{form(quarters[0])} to {form(quarters[2])}" \
+        if len(values) > 1 else ""
+
+
 def rows(table):
-    """Name, figure with its quartiles, ratio with its quartiles."""
+    """Name, figure with its quartiles, ratio with its quartiles, and what the
+    table has also."""
     for name, values in table.values.items():
-        low, middle, high = quartiles(values)
-        figure = f"{number(middle)} {table.unit}"
-        spread = f"{number(low)} to {number(high)}" if len(values) > 1 else ""
-        ratio = table.ratio(name)
-        if name == table.base or not ratio:
-            shown, quarters = "1" if name == table.base else "", ""
-        else:
-            shown = f"{ratio[1]:.2f}"
-            quarters = f"{ratio[0]:.2f} to {ratio[2]:.2f}" \
-                if len(table.ratios(name)) > 1 else ""
-        yield name, figure, spread, shown, quarters
+        found = quartiles(values)
+        ratio, quarters, also = "", "", ""
+        if name == table.base:
+            ratio = "1"
+        elif table.ratios(name):
+            ratios = quartiles(table.ratios(name))
+            ratio = f"{ratios[1]:.2f}"
+            quarters = spread(ratios, table.ratios(name), "{:.2f}".format)
+        if name in table.also_values:
+            middle = quartiles(table.also_values[name])[1]
+            also = f"{number(middle)} {table.also_unit}"
+        yield (name, f"{number(found[1])} {table.unit}",
+               spread(found, values, number), ratio, quarters, also)
 
 
 def as_text(table):
     lines = [f"\n{table.title}"]
-    for name, figure, spread, shown, quarters in rows(table):
+    for name, figure, around, ratio, quarters, also in rows(table):
+        ratio = f"x {ratio}" if ratio else ""
         quarters = f"({quarters})" if quarters else ""
-        lines.append(f"  {name:24}{figure:>16}  {spread:22}"
-                     f"{'x ' + shown if shown else '':10}{quarters}")
+        also = f"{table.also} {also}" if also else ""
+        lines.append(f"  {name:18}{figure:>14}  {around:18}{ratio:10}"
+                     f"{quarters:19}{also}".rstrip())
     lines += [f"  {note}" for note in table.notes]
     return "\n".join(lines)
 
@@ -84,8 +94,9 @@ def goals_as_text(tables):
 INTRODUCTION = """\
 # Performance
 
-Written by `tools/bench` on {date}. What is measured stands side by side with
-what anybody could do at best and with what a user might take instead:
+Written by `tools/bench` on {date}. The listener and the senders stand side by
+side with what anybody could do at best, and with what a user might take
+instead:
 
 - **C floor**: a bare loop in C without settings, log, limits or care
   (`bench/floor`). Ratios are to this one, unless a table says otherwise.
@@ -118,7 +129,8 @@ CHAPTERS = (
      "The script is a small static program that looks at the clock first; a\n"
      "shell starts it, for everybody."),
     ("rate", "Requests a second",
-     "Each request runs that script and waits for the answer; more is better."),
+     "Each request runs that script and waits for the answer; more is better.\n"
+     "Processor time is that of the server with the script, and of no client."),
     ("memory", "Memory",
      "The proportional set size of the one process that listens. A child that\n"
      "lives as long as its script, as others have it, is not counted."),
@@ -126,28 +138,36 @@ CHAPTERS = (
      "The hosts are addresses of loopback, served by a program that answers at\n"
      "once (`bench/load/crowd.c`), on the same processors. A host that is dead\n"
      "takes no connection, and everybody waits 5 seconds for one. Processor\n"
-     "time is the sender's own, with its children."),
+     "time is the sender's own, with its children. `tolva -sr` tells at most\n"
+     "250 or so in one run."),
     ("cost", "What the listener has to keep in mind",
      "The time of a request that only writes to the log, against the number of\n"
      "things that the listener has to bear meanwhile."),
     ("nut", "Network UPS Tools",
      "A secondary hears of the shutdown when it asks next; the settings are\n"
-     "Debian's (`POLLFREQ` and `POLLFREQALERT` 5) but for `FINALDELAY`, which "
-     "is\n0. So this is a matter of seconds, and no ratio is given."),
+     "Debian's (`POLLFREQ` and `POLLFREQALERT` 5) but for `FINALDELAY`, which\n"
+     "is 0. So this is a matter of seconds, and no ratio is given."),
     ("size", "Size", ""),
 )
 
 
 def markdown(table):
     lines = ["", f"**{table.title}**", ""]
-    ratios = table.base in table.values
+    several = any(len(values) > 1 for values in table.values.values())
+    compared = table.base in table.values
     of = "" if table.base == FLOOR else f" to {table.base}"
-    lines.append("| | median | quartiles |" +
-                 (f" ratio{of} | quartiles |" if ratios else ""))
-    lines.append("|---|--:|---|" + ("--:|---|" if ratios else ""))
-    for name, figure, spread, shown, quarters in rows(table):
-        lines.append(f"| {name} | {figure} | {spread} |" +
-                     (f" {shown} | {quarters} |" if ratios else ""))
+    wanted = (True, True, several, compared, compared and several,
+              bool(table.also))
+    heads = ("", "median" if several else "", "quartiles", f"ratio{of}",
+             "quartiles", table.also)
+    marks = ("---", "--:", "---", "--:", "---", "--:")
+
+    def line(cells):
+        shown = [cell for cell, want in zip(cells, wanted) if want]
+        return f"| {' | '.join(shown)} |"
+
+    lines += [line(heads), line(marks)]
+    lines += [line(row) for row in rows(table)]
     if table.notes:
         lines += ["", *table.notes]
     return lines
@@ -167,7 +187,7 @@ def write(docs, facts, tables):
         found = [table for table in tables if table.section == section]
         if not found:
             continue
-        lines += ["", f"## {title}"] + ([text] if text else [])
+        lines += ["", f"## {title}"] + (["", text] if text else [])
         for name, alternative in pictures.get(section, ()):
             lines += ["", f"![{alternative}](performance/{name})"]
         for table in found:
@@ -175,6 +195,6 @@ def write(docs, facts, tables):
     lines += ["", "## The machine and the versions", "", "| | |", "|---|---|"]
     lines += [f"| {name} | {value} |" for name, value in
               {**facts["machine"], **facts["versions"]}.items()]
-    lines += ["", f"The run took {facts['minutes']:.0f} minutes."]
+    lines += ["", f"The run took {facts['minutes']:.1f} minutes."]
     text = "\n".join(lines).replace("\n\n\n", "\n\n")
     (docs / "performance.md").write_text(text + "\n")

@@ -42,8 +42,8 @@ def senders(bench, hosts_file, hosts, port):
 
 
 class Run:
-    """One sender: seconds of the whole, seconds until the last host that lives
-    was told, seconds of the processor."""
+    """One sender: milliseconds of the whole, until the last host that lives
+    was told, and of the processor."""
 
     def __init__(self, bench, argv, stdin, crowd, live):
         crowd.told()
@@ -61,20 +61,20 @@ class Run:
         except OSError as error:
             raise CannotMeasure(error.strerror) from error
         _, _, usage = os.wait4(pid, 0)
-        self.seconds = (time.monotonic_ns() - begun) / 1e9
-        self.processor = usage.ru_utime + usage.ru_stime
+        self.whole = (time.monotonic_ns() - begun) / 1e6
+        self.processor = (usage.ru_utime + usage.ru_stime) * 1e3
         count, last = crowd.told()
         if count != live:
             raise CannotMeasure(f"it told {count:,} of {live:,} hosts")
-        self.last_told = (last - begun) / 1e9
+        self.last_told = (last - begun) / 1e6
 
 
 def scene(bench, title, hosts, dead=(), refused=(), rounds=1, slow=False):
     """Times of the senders with these hosts, of which some take no connection
     and some refuse it; with or without those that are slow."""
-    whole = Table("fleet", f"{title}: until all is known", "s")
-    told = Table("fleet", f"{title}: until the last live host is told", "s")
-    processor = Table("fleet", f"{title}: processor time", "s")
+    whole = Table("fleet", f"{title}: until all is known", "ms",
+                  also="processor time", also_unit="ms")
+    told = Table("fleet", f"{title}: until the last live host is told", "ms")
     away = set(dead) | set(refused)
     live = [host for host in hosts if host not in away]
     with bench.scope():
@@ -90,15 +90,14 @@ def scene(bench, title, hosts, dead=(), refused=(), rounds=1, slow=False):
         def measure(name):
             run = Run(bench, rivals[name], hosts_file, crowd, len(live))
             told.values.setdefault(name, []).append(run.last_told)
-            processor.values.setdefault(name, []).append(run.processor)
-            return run.seconds
+            whole.also_values.setdefault(name, []).append(run.processor)
+            return run.whole
 
         take_turns(bench, whole,
                    {name: lambda n=name: measure(n) for name in rivals},
                    rounds)
-    for table in (told, processor):
-        table.values = {name: table.values[name] for name in whole.values}
-    return [whole, told, processor] if away else [whole, processor]
+    told.values = {name: told.values[name] for name in whole.values}
+    return [whole, told] if away else [whole]
 
 
 def fleet(bench):
