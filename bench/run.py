@@ -6,6 +6,7 @@ import argparse
 import contextlib
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -73,7 +74,8 @@ class Bench:
     def version(self):
         done = subprocess.run([self.tolva, "-v"], capture_output=True,
                               text=True)
-        return (done.stdout + done.stderr).split("\n")[0].strip()
+        found = re.search(r"V\d\S*", done.stdout + done.stderr)
+        return found[0] if found else "unknown"
 
     @contextlib.contextmanager
     def scope(self):
