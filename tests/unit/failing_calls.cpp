@@ -24,6 +24,13 @@ namespace {
 /* Those that live now; a plain array, since the heap is one that may fail. */
 std::array<failing_call *, 8> failures{};
 
+int64_t blocks = 0;
+
+void *counted(void *block) {
+    blocks += block != nullptr ? 1 : 0;
+    return block;
+}
+
 bool fails(const char *name) {
     for (failing_call *one : failures) {
         if (one != nullptr && one->claims(name)) {
@@ -59,12 +66,15 @@ bool failing_call::claims(std::string_view called) {
     return true;
 }
 
+int64_t heap_blocks() { return blocks; }
+
 extern "C" {
 
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *block, size_t size);
 char *__real_strdup(const char *text);
+void __real_free(void *block);
 FILE *__real_tmpfile();
 FILE *__real_fdopen(int fd, const char *mode);
 int __real_fclose(FILE *stream);
@@ -82,6 +92,7 @@ int __real_setsockopt(int fd, int level, int name, const void *value,
 int __real_setitimer(int which, const itimerval *timer, itimerval *old);
 int __real_socket(int domain, int type, int protocol);
 int __real_accept(int fd, sockaddr *address, socklen_t *length);
+ssize_t __real_recv(int fd, void *bytes, size_t size, int flags);
 int __real_pselect(int count, fd_set *readable, fd_set *writable, fd_set *other,
                    const timespec *limit, const sigset_t *mask);
 int __real_execv(const char *path, char *const arguments[]);
@@ -90,19 +101,26 @@ int __real_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
                  const sigset_t *mask);
 
 void *__wrap_malloc(size_t size) {
-    return fails("heap") ? nullptr : __real_malloc(size);
+    return counted(fails("heap") ? nullptr : __real_malloc(size));
 }
 
 void *__wrap_calloc(size_t count, size_t size) {
-    return fails("heap") ? nullptr : __real_calloc(count, size);
+    return counted(fails("heap") ? nullptr : __real_calloc(count, size));
 }
 
 void *__wrap_realloc(void *block, size_t size) {
     return fails("heap") ? nullptr : __real_realloc(block, size);
 }
 
+void __wrap_free(void *block) {
+    blocks -= block != nullptr ? 1 : 0;
+    __real_free(block);
+}
+
 char *__wrap_strdup(const char *text) {
-    return fails("heap") ? nullptr : __real_strdup(text);
+    char *copy = fails("heap") ? nullptr : __real_strdup(text);
+    counted(copy);
+    return copy;
 }
 
 FILE *__wrap_tmpfile() { return fails("tmpfile") ? nullptr : __real_tmpfile(); }
@@ -163,6 +181,10 @@ int __wrap_fcntl(int fd, int command, ...) {
     long argument = va_arg(rest, long);
     va_end(rest);
     return fails("fcntl") ? -1 : __real_fcntl(fd, command, argument);
+}
+
+ssize_t __wrap_recv(int fd, void *bytes, size_t size, int flags) {
+    return fails("recv") ? -1 : __real_recv(fd, bytes, size, flags);
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void *value,

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <functional>
 #include <poll.h>
 #include <signal.h>
@@ -44,6 +45,10 @@ class failing_heap : public failing_call {
   public:
     explicit failing_heap(int left = 0) : failing_call("heap", ENOMEM, left) {}
 };
+
+/* How many more blocks malloc and calloc have given out than were freed: the
+ * same before and after means that nothing was left behind. */
+int64_t heap_blocks();
 
 /* When set, what a wait in ppoll comes to; it may call on to ppoll itself
  * after it has been unset. */

@@ -1,6 +1,8 @@
 /* What is made of a client's one command, and who has to go unheard. */
+#include "failing_calls.h"
 #include "listener_fixture.h"
 
+#include "tolva2/files/events.h"
 #include "tolva2/listen/client.h"
 
 namespace {
@@ -63,6 +65,51 @@ TEST(handle_tcp_client, a_bare_request_runs_the_shutdown_script) {
                                     message(792, {"exit 0;"})};
         EXPECT_EQ(client.log.lines(), expected);
     }
+}
+
+TEST(handle_tcp_client, what_could_not_be_received_yet_is_waited_for) {
+    for (int error : {EAGAIN, EINTR}) {
+        session client;
+        {
+            failing_call not_yet("recv", error);
+            handle_tcp_client(clients->head);
+        }
+        ASSERT_EQ(clients->size, 1u);
+        EXPECT_EQ(watched(client.cn->fd), EVENT_READABLE) << error;
+        EXPECT_EQ(client.cn->deadline, 1000) << error;
+        EXPECT_EQ(client.log.lines(), log_lines{}) << error;
+        client.receive_command(header);
+        EXPECT_STREQ(client.cn->cmdline.get(), "exit 0;");
+    }
+}
+
+TEST(handle_tcp_client, one_that_hung_up_is_not_waited_for) {
+    session client;
+    client.pair.far.reset();
+    ASSERT_TRUE(wait_for(client.number, POLLIN));
+    errno = EAGAIN;
+    handle_tcp_client(clients->head);
+    EXPECT_TRUE(client.is_gone());
+    EXPECT_EQ(client.log.lines(), log_lines{message(796, {})});
+}
+
+TEST(handle_tcp_client, whose_request_it_is_can_be_told) {
+    session client;
+    client.log.tell_more();
+    client.receive_command(header);
+    const log_lines expected = {
+        message(795, {}), message(event::request_from.number, {"127.0.0.1"}),
+        message(792, {"exit 0;"})};
+    EXPECT_EQ(client.log.lines(), expected);
+}
+
+TEST(handle_tcp_client, a_receive_that_fails_ends_the_client) {
+    session client;
+    failing_call broken("recv", ETIMEDOUT);
+    handle_tcp_client(clients->head);
+    EXPECT_TRUE(client.is_gone());
+    const log_lines expected = {system_line(ETIMEDOUT), message(796, {})};
+    EXPECT_EQ(client.log.lines(), expected);
 }
 
 TEST(handle_tcp_client, a_command_runs_its_script) {

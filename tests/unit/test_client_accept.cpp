@@ -104,6 +104,27 @@ TEST(handle_tcp_connect, lets_a_client_in) {
     EXPECT_EQ(tcp.log.lines(), log_lines{});
 }
 
+TEST(handle_tcp_connect, finds_out_when_a_client_has_lost_its_power) {
+    tcp_door tcp;
+    tcp.knock();
+    tcp.open_for("");
+    ASSERT_EQ(clients->size, 1u);
+    int keeps_alive = 0;
+    socklen_t size = sizeof keeps_alive;
+    ASSERT_EQ(getsockopt(record_of(clients->head)->fd.get(), SOL_SOCKET,
+                         SO_KEEPALIVE, &keeps_alive, &size),
+              0);
+    EXPECT_NE(keeps_alive, 0);
+}
+
+TEST(handle_tcp_connect, the_longest_address_is_kept_whole) {
+    tcp_door tcp;
+    tcp.knock("127.100.100.100");
+    tcp.open_for("");
+    ASSERT_EQ(clients->size, 1u);
+    EXPECT_STREQ(record_of(clients->head)->ipaddr, "127.100.100.100");
+}
+
 TEST(handle_tcp_connect, appends_in_the_order_of_arrival) {
     tcp_door tcp;
     tcp.knock("127.0.0.12");
@@ -126,6 +147,17 @@ TEST(handle_tcp_connect, admits_only_who_is_on_a_list_that_is_not_empty) {
     tcp.knock("127.0.0.12");
     tcp.open_for("10.0.0.1 127.0.0.12");
     EXPECT_EQ(clients->size, 1u);
+}
+
+TEST(handle_tcp_connect, the_refused_one_gives_its_number_to_the_log) {
+    tcp_door tcp;
+    int caller = tcp.knock("127.0.0.12");
+    {
+        no_descriptors one_left(1);
+        tcp.open_for("10.0.0.1");
+    }
+    EXPECT_TRUE(is_closed(caller));
+    EXPECT_EQ(tcp.log.lines(), log_lines{message(835, {"127.0.0.12"})});
 }
 
 TEST(handle_tcp_connect, leaves_clients_waiting_while_the_budget_is_used_up) {
@@ -194,6 +226,27 @@ TEST(handle_tcp_connect, drops_the_client_when_memory_is_exhausted) {
     }
     const log_lines expected = {system_line(ENOMEM), system_line(ENOMEM)};
     EXPECT_EQ(tcp.log.lines(), expected);
+}
+
+TEST(handle_tcp_connect, leaves_clients_waiting_when_no_number_is_left) {
+    tcp_door tcp;
+    int caller = tcp.knock();
+    tcp.fill_house();
+    {
+        /* As if somebody else had had every number at the start. */
+        descriptor_limit most(std::min<rlim_t>(most_descriptors(), 1200));
+        std::vector<ux_fd> low = take_numbers_below(FD_SETSIZE);
+        count_numbers();
+    }
+    tcp.open_for("");
+    count_numbers();
+    EXPECT_EQ(clients->size, 0u);
+    EXPECT_TRUE(is_silent(caller));
+    EXPECT_TRUE(tcp.pause.waiting);
+    EXPECT_EQ(tcp.pause.error, EMFILE);
+    EXPECT_EQ(tcp.log.lines(), log_lines{system_line(EMFILE)});
+    tcp.open_for("");
+    EXPECT_EQ(clients->size, 1u);
 }
 
 TEST(handle_tcp_connect, refuses_a_number_that_cannot_be_watched) {

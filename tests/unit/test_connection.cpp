@@ -3,6 +3,7 @@
 #include "failing_calls.h"
 #include "sessions.h"
 
+#include "tolva2/files/reserve.h"
 #include "tolva2/net/sockets.h"
 
 namespace {
@@ -336,6 +337,38 @@ TEST(open_connect_socket, connects_without_waiting) {
     /* Counting it is left to the caller. */
     EXPECT_EQ(open_descriptors(), 0);
     EXPECT_EQ(highest_descriptor(), -1);
+}
+
+TEST(open_connect_socket, takes_a_descriptor_from_the_reserve) {
+    session_lists lists(-1);
+    ux_fd listener(listening_socket());
+    connection cn;
+    cn.addr = local_name(listener.get());
+    ASSERT_EQ(fill_reserve(), 0);
+    {
+        failing_call once("socket", EMFILE, 0, 1);
+        EXPECT_TRUE(open_connect_socket(&cn));
+    }
+    EXPECT_FALSE(give_up_reserve()) << "it was given up";
+}
+
+TEST(open_connect_socket, leaves_the_reserve_alone_otherwise) {
+    session_lists lists(-1);
+    operator_log log;
+    ux_fd listener(listening_socket());
+    connection cn;
+    cn.addr = local_name(listener.get());
+    ASSERT_EQ(fill_reserve(), 0);
+    errno = EMFILE;
+    EXPECT_TRUE(open_connect_socket(&cn));
+    EXPECT_TRUE(give_up_reserve());
+    ASSERT_EQ(fill_reserve(), 0);
+    {
+        failing_call once("socket", ENOBUFS, 0, 1);
+        EXPECT_FALSE(open_connect_socket(&cn));
+    }
+    EXPECT_TRUE(give_up_reserve());
+    EXPECT_EQ(log.lines(), log_lines{system_line(ENOBUFS)});
 }
 
 TEST(open_connect_socket, logs_why_it_could_not_connect) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
@@ -315,6 +316,39 @@ TEST_F(logfile_test, a_file_that_cannot_be_written_loses_the_line) {
         }
     }
 }
+
+TEST_F(logfile_test, a_limit_is_one_of_kibibytes) {
+    for (int32_t size : {1, 3}) {
+        const auto limit = static_cast<size_t>(size) * 1024;
+        write_file(path, numbered_lines(50, 200));
+        open_log(size);
+        EXPECT_TRUE(log_write_line("last"));
+        const std::string kept = read_file(path);
+        EXPECT_LE(kept.size(), limit);
+        EXPECT_GT(kept.size(), limit / 2);
+        EXPECT_NE(kept.find("]: last\n"), std::string::npos);
+        logfile_close();
+        log_into_file(false);
+    }
+}
+
+TEST_F(logfile_test, trimming_cuts_the_head_off_a_log_with_a_limit_only) {
+    const std::string old = numbered_lines(50, 200);
+    for (int32_t unlimited : {0, -1}) {
+        write_file(path, old);
+        open_log(unlimited);
+        EXPECT_TRUE(logfile_trim());
+        EXPECT_EQ(read_file(path), old);
+        logfile_close();
+    }
+    open_log(1);
+    EXPECT_TRUE(logfile_trim());
+    EXPECT_LE(read_file(path).size(), 1024u);
+    EXPECT_GT(read_file(path).size(), 512u);
+    logfile_close();
+    EXPECT_FALSE(logfile_trim());
+}
+
 /* Messages */
 
 class message_test : public logfile_test {
@@ -428,3 +462,16 @@ TEST_F(message_test, tells_its_format_above_trace_level_0) {
 }
 
 } // namespace
+
+TEST_F(logfile_test, nothing_is_read_behind_the_end_of_a_message) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    char *end = static_cast<char *>(pages) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    memcpy(end - 5, "text", 5);
+    EXPECT_EQ(shown([&] { log_message(1, end - 5, "unused"); }),
+              ", tolva[00000]: text\n");
+    munmap(pages, 2 * page);
+}

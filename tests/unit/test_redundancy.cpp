@@ -315,6 +315,13 @@ TEST(redundancy, thirty_members_are_all_used) {
     EXPECT_EQ(listener.log.lines(), log_lines{suppressed(29, 29)});
 }
 
+TEST(redundancy, a_stranger_is_no_member_whoever_has_asked_before) {
+    redundant_listener listener(30, "10.0.0.1 10.0.0.2 10.0.0.3");
+    EXPECT_FALSE(listener.request("10.0.0.1"));
+    EXPECT_TRUE(listener.request("10.0.0.9"));
+    EXPECT_EQ(calls, std::vector<std::string>{});
+}
+
 TEST(redundancy, members_past_the_thirtieth_are_left_out_and_told) {
     for (int count : {31, 32, 60, 300}) {
         std::string members;

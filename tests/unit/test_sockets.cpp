@@ -102,6 +102,14 @@ TEST(descriptor_flags, close_on_exec_is_added) {
     EXPECT_FALSE(set_close_on_exec(-1));
 }
 
+TEST(socket_options, keep_alive_is_set_and_says_whether_it_could_be) {
+    ux_fd fd = tcp_socket();
+    EXPECT_EQ(socket_option(fd.get(), SO_KEEPALIVE), 0);
+    EXPECT_TRUE(set_keep_alive(fd.get()));
+    EXPECT_NE(socket_option(fd.get(), SO_KEEPALIVE), 0);
+    EXPECT_FALSE(set_keep_alive(-1));
+}
+
 TEST(shutdown_helpers, close_one_direction) {
     tcp_pair pair;
     EXPECT_TRUE(sock_shutdown_write(pair.near.get()));
@@ -273,6 +281,18 @@ TEST(sock_accept_peer, gives_the_dotted_address_cut_to_the_buffer) {
         EXPECT_STREQ(buffer, one.expected);
         EXPECT_EQ(buffer[one.size], '#');
     }
+}
+
+TEST(sock_accept_peer, needs_no_buffer) {
+    ux_fd listener(listening_socket());
+    char untouched[] = "untouched";
+    char *buffers[] = {nullptr, untouched};
+    for (char *buffer : buffers) {
+        ux_fd near(connected_socket(local_port(listener.get())));
+        ux_fd peer(sock_accept_peer(listener.get(), buffer, buffer ? 0 : 16));
+        EXPECT_GT(peer.get(), 0);
+    }
+    EXPECT_STREQ(untouched, "untouched");
 }
 
 TEST(sock_accept_peer, gives_zero_on_failure) {

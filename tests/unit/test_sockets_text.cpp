@@ -194,3 +194,30 @@ TEST(udp_recv_text, error_gives_zero_and_an_empty_text) {
         0);
     EXPECT_STREQ(buffer, "");
 }
+
+TEST(sock_recv_text, one_byte_is_a_text_too) {
+    tcp_pair pair;
+    send_bytes_to(pair.far.get(), "x");
+    char buffer[8] = "????";
+    EXPECT_EQ(sock_recv_text(pair.near.get(), buffer, sizeof buffer), 1);
+    EXPECT_STREQ(buffer, "x");
+}
+
+TEST(udp_recv_text, without_a_buffer_reads_nothing) {
+    ux_fd receiver(bound_socket(SOCK_DGRAM));
+    ux_fd sender(bound_socket(SOCK_DGRAM));
+    sockaddr_in to = local_name(receiver.get());
+    ASSERT_EQ(
+        sendto(sender.get(), "text", 4, 0, generic_address(&to), sizeof to), 4);
+    ASSERT_TRUE(wait_for(receiver.get(), POLLIN));
+    set_nonblocking(receiver.get());
+    char buffer[8] = "?";
+    EXPECT_EQ(udp_recv_text(receiver.get(), nullptr, nullptr, nullptr, 8), 0);
+    EXPECT_EQ(udp_recv_text(receiver.get(), nullptr, nullptr, buffer, 0), 0);
+    EXPECT_STREQ(buffer, "?");
+    EXPECT_TRUE(wait_for(receiver.get(), POLLIN)) << "it is still there";
+    /* Room for the terminator alone: the datagram is taken, and lost. */
+    EXPECT_EQ(udp_recv_text(receiver.get(), nullptr, nullptr, buffer, 1), 0);
+    EXPECT_STREQ(buffer, "");
+    EXPECT_LT(recv(receiver.get(), buffer, sizeof buffer, 0), 0);
+}

@@ -129,6 +129,16 @@ TEST_F(ux_hashtable_test, init_without_memory_leaves_the_record_alone) {
     EXPECT_EQ(memcmp(&fresh, &before, sizeof fresh), 0);
 }
 
+TEST_F(ux_hashtable_test, destroy_gives_back_the_memory) {
+    int64_t before = heap_blocks();
+    ux_hashtable other{};
+    ASSERT_EQ(ux_hashtable_init(&other, 7, hash_datum, match_datum, nullptr),
+              0);
+    EXPECT_EQ(heap_blocks(), before + 1);
+    ux_hashtable_destroy(&other);
+    EXPECT_EQ(heap_blocks(), before);
+}
+
 TEST_F(ux_hashtable_test, destroy_goes_through_the_buckets_in_order) {
     for (datum *d : {&two, &one, &six, &eleven}) {
         ASSERT_EQ(ux_hashtable_insert(&ht, d), 0);

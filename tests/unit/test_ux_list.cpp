@@ -246,6 +246,16 @@ TEST_F(ux_list_test, destroy_hands_no_null_datum_out) {
     EXPECT_EQ(destroyed, numbers({3, 1}));
 }
 
+TEST_F(ux_list_test, gives_back_the_memory_of_what_was_removed) {
+    int64_t before = heap_blocks();
+    fill(3);
+    EXPECT_EQ(heap_blocks(), before + 3);
+    EXPECT_EQ(ux_list_rem(&list, list.head, nullptr), 0);
+    EXPECT_EQ(heap_blocks(), before + 2);
+    ux_list_destroy(&list);
+    EXPECT_EQ(heap_blocks(), before);
+}
+
 TEST_F(ux_list_test, names_its_functions_above_trace_level_5_only) {
     auto use = [this] {
         ux_list other;

@@ -45,7 +45,6 @@ void fill_members(const ux_list *address_list) {
         if (i == REDUNDANCY_MEMBERS) {
             break;
         }
-        redundancy.entry[i] = entry;
         redundancy.addr[i] = entry->text;
         redundancy.inuse[i] = true;
         i++;

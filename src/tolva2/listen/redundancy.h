@@ -18,7 +18,6 @@ struct redundancy_record {
     int32_t count;  /* addresses configured */
     int32_t active; /* members, counted up to 4 */
     const char *addr[REDUNDANCY_MEMBERS];
-    const inetaddr *entry[REDUNDANCY_MEMBERS];
     bool inuse[REDUNDANCY_MEMBERS];
     bool shutdown[REDUNDANCY_MEMBERS]; /* has asked */
     bool notalive[REDUNDANCY_MEMBERS]; /* at the last request */
