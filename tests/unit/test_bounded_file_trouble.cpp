@@ -1,5 +1,6 @@
 /* What becomes of the log's file when there is no room, here or in /tmp: a cut
  * still works or changes nothing, and no line is only half there. */
+#include "descriptor_numbers.h"
 #include "failing_calls.h"
 #include "log_fixture.h"
 #include "starve.h"
@@ -168,6 +169,35 @@ TEST_F(full_disk_test, a_rest_that_cannot_be_written_back_is_no_success) {
 }
 
 /* Torn lines */
+
+TEST_F(full_disk_test, a_log_that_cannot_be_opened_again_is_not_cut) {
+    fill_to_the_limit();
+    failing_call no_writing("fopen", EACCES, 1, 1);
+    expect_no_cut();
+}
+
+TEST_F(full_disk_test, a_log_that_cannot_be_opened_takes_no_line) {
+    EXPECT_FALSE(append_bounded(dir.path("no/such.log").c_str(), 0, "x\n"));
+}
+
+TEST_F(full_disk_test, a_cut_takes_its_descriptors_from_the_reserve) {
+    fill_to_the_limit();
+    {
+        descriptor_limit few(64);
+        ASSERT_EQ(fill_reserve(), 0);
+        std::vector<ux_fd> others = take_numbers_below(64);
+        EXPECT_TRUE(log_write_line(text.c_str()));
+    }
+    EXPECT_FALSE(give_up_reserve());
+    EXPECT_EQ(log(), old.substr(300) + ", tolva[00000]: " + text + "\n");
+}
+
+TEST_F(full_disk_test, a_cut_leaves_a_reserve_alone_that_it_does_not_need) {
+    fill_to_the_limit();
+    ASSERT_EQ(fill_reserve(), 0);
+    expect_cut();
+    EXPECT_TRUE(give_up_reserve());
+}
 
 TEST_F(full_disk_test, a_line_is_never_partly_there) {
     open_log(0);
