@@ -94,4 +94,23 @@ TEST_F(cfgmerge_test, the_old_file_is_replaced_by_all_that_was_merged) {
     EXPECT_FALSE(replace_file("/dev/full", merged.get()));
 }
 
+TEST_F(cfgmerge_test, a_last_byte_is_copied_too) {
+    const std::string path = dir.file("config", "old\n");
+    for (size_t size : {size_t{1}, size_t{4097}}) {
+        merged.reset(fopen(dir.path("merged").c_str(), "w+"));
+        const std::string content(size, 'x');
+        fputs(content.c_str(), merged.get());
+        EXPECT_TRUE(replace_file(path.c_str(), merged.get()));
+        EXPECT_EQ(read_file(path), content);
+    }
+}
+
+TEST_F(cfgmerge_test, what_has_found_no_room_replaces_nothing) {
+    const std::string path = dir.file("config", "old\n");
+    merged.reset(fopen("/dev/full", "w+"));
+    fputs("new\n", merged.get());
+    EXPECT_FALSE(replace_file(path.c_str(), merged.get()));
+    EXPECT_EQ(read_file(path), "old\n");
+}
+
 } // namespace

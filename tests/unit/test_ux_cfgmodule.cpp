@@ -34,14 +34,18 @@ TEST(cfgmodule_test, new_copies_what_is_not_null) {
 }
 
 TEST(cfgmodule_test, new_without_memory_leaves_nothing_behind) {
+    int64_t before = heap_blocks();
     for (int left = 0; left < 4; left++) {
         failing_heap limit(left);
         EXPECT_EQ(new_cfgmodule("ident", "value", "comment"), nullptr) << left;
+        EXPECT_EQ(heap_blocks(), before) << left;
     }
     failing_heap limit(4);
     cfgmodule *record = new_cfgmodule("ident", "value", "comment");
     EXPECT_NE(record, nullptr);
+    EXPECT_EQ(heap_blocks(), before + 4);
     destroy_cfgmodule(record);
+    EXPECT_EQ(heap_blocks(), before);
 }
 
 std::string shown(const char *function, const char *name, const char *text) {
