@@ -1,5 +1,6 @@
 # One static file that runs on any Linux of this machine's kind, with Debian's
 # musl-dev and musl-tools: cmake --toolchain cmake/toolchains/musl.cmake
+# With -DMUSL_SHARED=ON it takes musl's library from the system: for tests.
 #
 # There is no C++ library for musl, and the program links none: its headers
 # are those that were made for glibc here.
@@ -18,6 +19,10 @@ set(CMAKE_CXX_FLAGS_INIT
 string(APPEND CMAKE_CXX_FLAGS_INIT
        " -include ${CMAKE_CURRENT_LIST_DIR}/musl_library.h")
 
+set(linking -static)
+if(MUSL_SHARED)
+  set(linking)
+endif()
 # The driver for C, since that for C++ would link its library.
 set(CMAKE_CXX_LINK_EXECUTABLE
-    "musl-gcc -static <LINK_FLAGS> <OBJECTS> -o <TARGET> <LINK_LIBRARIES>")
+    "musl-gcc ${linking} <LINK_FLAGS> <OBJECTS> -o <TARGET> <LINK_LIBRARIES>")

@@ -33,7 +33,7 @@ Environment:
     TOLVA_CC       the C compiler of its machine and C library, when that is
                    not "cc": for libraries that are put under it
     TOLVA_STATIC   set when it is a static executable, which none can be put
-                   under, and which has a C library of its own
+                   under
 """
 
 import functools
@@ -82,10 +82,15 @@ int main(void) {
 """
 
 
+def has_musl():
+    """True when the executable has that C library."""
+    return "musl" in os.environ.get("TOLVA_CC", "")
+
+
 @functools.cache
 def _reasons():
-    """What the C library of a static executable calls the errors."""
-    compiler = shlex.split(os.environ.get("TOLVA_CC", "cc"))
+    """What musl calls the errors."""
+    compiler = shlex.split(os.environ["TOLVA_CC"])
     with tempfile.TemporaryDirectory(prefix="tolva-reasons-") as folder:
         told = pathlib.Path(folder) / "told"
         subprocess.run([*compiler, "-x", "c", "-static", "-o", told, "-"],
@@ -96,7 +101,7 @@ def _reasons():
 
 def reason(number):
     """What the executable's C library says for an errno."""
-    if os.environ.get("TOLVA_STATIC"):
+    if has_musl():
         return _reasons()[number]
     return os.strerror(number)
 

@@ -26,9 +26,14 @@ def _compile(compiler, source, library):
 
 
 def _for_both(compilers, source):
-    """The executable is for one machine and the scripts are for another: a
-    library for each, where their loaders look for "$LIB"."""
+    """The executable is for one machine or C library and the scripts are for
+    another: a library for each, where their loaders look for "$LIB".  To that
+    of musl this is a name like any other."""
     for compiler in compilers:
+        if "musl" in compiler[0]:
+            (_folder() / "$LIB").mkdir(exist_ok=True)
+            _compile(compiler, source, _folder() / "$LIB" / f"{source.stem}.so")
+            continue
         triplet = subprocess.run([*compiler, "-print-multiarch"], text=True,
                                  check=True, capture_output=True).stdout
         place = _folder() / "lib" / triplet.strip()

@@ -1,5 +1,6 @@
 """How tolva-checkconf is started, what it prints, and how it ends."""
 
+import errno
 import os
 import pty
 import re
@@ -10,7 +11,7 @@ import pytest
 
 import preload
 from checkconf import CHECKCONF, CLEAN, NO_NAME, House
-from harness import ROOT, message, skip_when_wrapped, wrapper
+from harness import ROOT, message, reason, skip_when_wrapped, wrapper
 from waiting import wait_for
 
 USAGE = "usage: tolva-checkconf [-o] [-p] [-H home] [file]\n"
@@ -198,12 +199,12 @@ static int fails(void) {
 #define REAL(name) __typeof__(name) *real = \\
     (__typeof__(name) *)dlsym(RTLD_NEXT, #name)
 void *malloc(size_t size) {
-    extern void *__libc_malloc(size_t);
-    return fails() ? 0 : __libc_malloc(size);
+    REAL(malloc);
+    return fails() ? 0 : real(size);
 }
 void *calloc(size_t n, size_t size) {
-    extern void *__libc_calloc(size_t, size_t);
-    return fails() ? 0 : __libc_calloc(n, size);
+    REAL(calloc);
+    return fails() ? 0 : real(n, size);
 }
 char *strdup(const char *text) {
     size_t size = strlen(text) + 1;
@@ -255,9 +256,9 @@ def test_no_lack_of_memory_passes_for_no_error(house):
         if (result.status, result.err) == (0, whole.err):
             continue
         assert (number, result.status) == (number, 1), result
-        assert re.fullmatch(r"(.*\n)*tolva-checkconf: .*Cannot allocate "
-                            r"memory\n|(.*\n)*.*: error: .*\n(.*\n)*",
-                            result.err), (number, result)
+        assert re.fullmatch(
+            rf"(.*\n)*tolva-checkconf: .*{reason(errno.ENOMEM)}\n"
+            r"|(.*\n)*.*: error: .*\n(.*\n)*", result.err), (number, result)
         refused += 1
     assert 50 < number < 1999
     assert refused > number / 2
