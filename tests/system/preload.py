@@ -31,12 +31,12 @@ def _for_both(compilers, source):
     of musl this is a name like any other."""
     for compiler in compilers:
         if "musl" in compiler[0]:
-            (_folder() / "$LIB").mkdir(exist_ok=True)
-            _compile(compiler, source, _folder() / "$LIB" / f"{source.stem}.so")
-            continue
-        triplet = subprocess.run([*compiler, "-print-multiarch"], text=True,
-                                 check=True, capture_output=True).stdout
-        place = _folder() / "lib" / triplet.strip()
+            place = _folder() / "$LIB"
+        else:
+            triplet = subprocess.run(
+                [*compiler, "-print-multiarch"], text=True, check=True,
+                capture_output=True).stdout
+            place = _folder() / "lib" / triplet.strip()
         place.mkdir(parents=True, exist_ok=True)
         _compile(compiler, source, place / f"{source.stem}.so")
     return _folder() / "$LIB" / f"{source.stem}.so"
