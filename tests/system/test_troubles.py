@@ -134,8 +134,8 @@ def test_port_in_use(shipped, told):
     told("system: Address already in use")
     in_use = reason(errno.EADDRINUSE)
     assert f"system: {in_use}" in shipped.log_messages()
-    said = told("cannot listen on ListenAddress=%s ListenPort=%d (%s): %s")
-    assert said.replace("%d", "%s") % (
+    said = told("cannot listen on ListenAddress=%s ListenPort=%s (%s): %s")
+    assert said % (
         "0.0.0.0", port, "tcp", in_use) in second.err
     run.process.terminate()
     assert run.wait().status == 0
