@@ -108,8 +108,10 @@ ux_file kept_part(const char *path, off_t offset) {
     return nullptr;
 }
 
-/* Cuts the head of the file; for the result see write_back. */
-bool cut_head(const char *path, off_t offset) {
+/* Cuts the head of the file; for the result see write_back. It stands by itself,
+ * or its blocks would be a part of every line's stack, and of the memory that a
+ * listener keeps. */
+[[gnu::noinline]] bool cut_head(const char *path, off_t offset) {
     ux_file kept = kept_part(path, offset);
     if (!kept && give_up_reserve()) {
         kept = kept_part(path, offset);
