@@ -45,7 +45,7 @@ def as_text(table):
         ratio = f"x {ratio}" if ratio else ""
         quarters = f"({quarters})" if quarters else ""
         also = f"{table.also} {also}" if also else ""
-        lines.append(f"  {name:18}{figure:>14}  {around:18}{ratio:10}"
+        lines.append(f"  {name:23}{figure:>14}  {around:18}{ratio:10}"
                      f"{quarters:19}{also}".rstrip())
     lines += [f"  {note}" for note in table.notes]
     return "\n".join(lines)
