@@ -59,6 +59,8 @@ def take_turns(bench, table, rivals, rounds):
     spent = dict.fromkeys(rivals, 0)
     for number in range(rounds):
         names = list(alive)
+        if not names:
+            break
         shift = number % len(names)
         for name in names[shift:] + names[:shift]:
             bench.progress(table, number, rounds, name)

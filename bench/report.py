@@ -142,7 +142,8 @@ CHAPTERS = (
      "250 or so in one run."),
     ("cost", "What the listener has to keep in mind",
      "The time of a request that only writes to the log, against the number of\n"
-     "things that the listener has to bear meanwhile."),
+     "things that the listener has to bear meanwhile. The listeners of a table\n"
+     "run at the same time and share the memory of the executable."),
     ("nut", "Network UPS Tools",
      "A secondary hears of the shutdown when it asks next; the settings are\n"
      "Debian's (`POLLFREQ` and `POLLFREQALERT` 5) but for `FINALDELAY`, which\n"
@@ -166,8 +167,9 @@ def markdown(table):
         shown = [cell for cell, want in zip(cells, wanted) if want]
         return f"| {' | '.join(shown)} |"
 
-    lines += [line(heads), line(marks)]
-    lines += [line(row) for row in rows(table)]
+    if table.values:
+        lines += [line(heads), line(marks)]
+        lines += [line(row) for row in rows(table)]
     if table.notes:
         lines += ["", *table.notes]
     return lines

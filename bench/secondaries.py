@@ -9,16 +9,18 @@ process id of an upsmon is theirs.
 
 import os
 import pathlib
+import random
 import shutil
 import socket
-import subprocess
 import struct
+import subprocess
 import time
 
 from figures import CannotMeasure, Table, take_turns
 from servers import Server, free_port, pss
 
 NUT = pathlib.Path("/lib/nut")
+POLL = 5        # seconds, as shipped
 
 FILES = {
     "ups.conf": "[ups]\n\tdriver = dummy-ups\n\tport = {dir}/ups.dev\n",
@@ -28,7 +30,7 @@ FILES = {
                   "\tactions = FSD SET\n",
     "upsmon.conf": "MONITOR ups@127.0.0.1:{port} 1 bench bench secondary\n"
                    "MINSUPPLIES 1\nRUN_AS_USER {user}\n"
-                   "POLLFREQ 5\nPOLLFREQALERT 5\nFINALDELAY 0\n"
+                   f"POLLFREQ {POLL}\nPOLLFREQALERT {POLL}\nFINALDELAY 0\n"
                    'SHUTDOWNCMD "{stamp} {fifo} x"\n',
 }
 
@@ -116,9 +118,11 @@ def secondaries(bench):
                 size.values["upsd"] = [pss(ups.upsd.pid)]
                 size.values["upsmon, both processes"] = [sum(
                     pss(pid) for pid in family(ups.upsmon.pid))]
+            # A secondary may just have asked, or be about to.
+            time.sleep(random.uniform(0, POLL))
             return ups.order()
 
-    take_turns(bench, told, {"upsmon, secondary": measure}, bench.pick(1, 5))
+    take_turns(bench, told, {"upsmon, secondary": measure}, bench.pick(2, 9))
     return [told, size]
 
 
