@@ -4,8 +4,9 @@
 usage: tools/mutate.py [--work <directory>] [--quick] [<file of src> ...]
 
 Each mutant (mutants.py) is built in a copy of the tree, and meets the tests
-that know its file: the unit test programs of its name, then the files of
-system tests in SYSTEM below. The first red one ends it. What survives is
+that know its file: the unit test programs of its name, for the listener some
+days of the simulation, then the files of system tests in SYSTEM below. The
+first red one ends it. What survives is
 listed, and has to stand in tests/mutation-survivors.txt with a reason, or
 counts as a gap; below 95 % of the others killed the run fails.
 
@@ -43,9 +44,12 @@ JOBS = min(2, os.cpu_count() or 1)
 BUILD_SECONDS = 600
 UNIT_SECONDS = 60
 SYSTEM_SECONDS = 180
+SIMULATED = "src/tolva2/listen/"
+SIMULATED_DAYS = 40
 
 # Unit test programs that know a file beside those of its own name.
 UNIT = {
+    "command_params": ["test_command_words"],
     "process_state": ["test_trace"],
     "reply": ["test_command_end"],
     "signals": ["test_daemon"],
@@ -141,11 +145,18 @@ def system_files(path):
     return [ROOT / "tests/system" / f"test_{name}.py" for name in names]
 
 
+def is_simulated(path):
+    """Whether the simulation lives through what the file does."""
+    return str(path).startswith(SIMULATED) and str(path).endswith(".cpp")
+
+
 def tests_of(path):
     """All that a mutant of the file meets, as files."""
     units = [ROOT / "tests/unit" / f"{name}.cpp"
              for name in unit_programs(path)]
-    return units + system_files(path)
+    days = sorted((ROOT / "tests/simulate").glob("*.[ch]*")) \
+        if is_simulated(path) else []
+    return units + days + system_files(path)
 
 
 class Cage:
@@ -248,7 +259,14 @@ class Workshop:
                               "--gtest_brief=1", "--gtest_fail_fast"],
                              UNIT_SECONDS) != 0:
                 return name
-        for file in [] if self.units_only else system_files(path):
+        if self.units_only:
+            return None
+        if is_simulated(path) and self.cage.run(
+                [self.build / "tests/simulate/simulate", "--no-shrink",
+                 "--days", SIMULATED_DAYS, "--jobs", 1],
+                UNIT_SECONDS) != 0:
+            return "simulate"
+        for file in system_files(path):
             own = self.tree / "tests/system" / file.name
             if self.cage.run(
                     [PYTHON, "-m", "pytest", "-x", "-q", "-p",
@@ -259,7 +277,8 @@ class Workshop:
         return None
 
     def targets(self, path):
-        return ["tolva", *unit_programs(path)]
+        days = is_simulated(path) and not self.units_only
+        return ["tolva", *unit_programs(path)] + ["simulate"] * days
 
     def baseline(self, path):
         """The tests of a file, without a mutant: None, or what is red."""

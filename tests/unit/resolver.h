@@ -6,6 +6,7 @@
 #define TESTS_UNIT_RESOLVER_H
 
 #include <arpa/inet.h>
+#include <csignal>
 #include <cstring>
 #include <dlfcn.h>
 #include <netdb.h>
@@ -35,6 +36,10 @@ extern "C" hostent *gethostbyname(const char *name) {
     entry.h_length = sizeof found;
     entry.h_addr_list = addresses;
     if (strcmp(name, "myhost") == 0) {
+        return &entry;
+    }
+    if (strcmp(name, "late.invalid") == 0) {
+        raise(SIGALRM);
         return &entry;
     }
     if (strcmp(name, "high.invalid") == 0) {

@@ -202,6 +202,43 @@ TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit) {
                             unresolved("unknown.invalid"));
 }
 
+TEST(new_inetaddr, a_wait_that_fails_is_no_answer) {
+    ppoll_instead = [](pollfd *, nfds_t, const timespec *, const sigset_t *) {
+        errno = ENOMEM;
+        return -1;
+    };
+    built one("myhost", 0);
+    ppoll_instead = nullptr;
+    EXPECT_EQ(one.record, nullptr);
+    EXPECT_EQ(one.said, unresolved("myhost"));
+}
+
+TEST(new_inetaddr, without_a_child_it_resolves_by_itself) {
+    failing_call no_child("fork", EAGAIN);
+    built high("high.invalid", 0);
+    ASSERT_NE(high.record, nullptr);
+    EXPECT_STREQ(high.record->text, "203.111.113.255");
+    EXPECT_EQ(high.said, "");
+    built lost("unknown.invalid", 0);
+    EXPECT_EQ(lost.record, nullptr);
+    EXPECT_EQ(lost.said, unresolved("unknown.invalid"));
+}
+
+TEST(new_inetaddr, without_a_child_an_answer_after_the_alarm_is_too_late) {
+    failing_call no_child("fork", EAGAIN);
+    built late("late.invalid", 0);
+    EXPECT_EQ(late.record, nullptr);
+    EXPECT_EQ(late.said, "prog: timeout resolving hostname...\n" +
+                             unresolved("late.invalid"));
+}
+
+TEST(destroy_inetaddr, gives_back_the_memory) {
+    int64_t before = heap_blocks();
+    destroy_inetaddr(
+        new_inetaddr("10.0.0.1", 1, ADDR_PEER, MODE_SEND).release());
+    EXPECT_EQ(heap_blocks(), before);
+}
+
 TEST(new_inetaddr, gives_null_without_a_word_when_memory_is_exhausted) {
     failing_heap exhausted;
     built one("10.0.0.1", 0);
@@ -302,4 +339,19 @@ TEST(stop_timeout, disarms_the_timer_and_takes_the_handler_back) {
     struct sigaction action;
     sigaction(SIGALRM, nullptr, &action);
     EXPECT_EQ(action.sa_handler, SIG_DFL);
+}
+
+TEST(stop_timeout, an_alarm_that_was_held_back_goes_unheard) {
+    sigset_t alarm_set;
+    sigset_t before;
+    sigemptyset(&alarm_set);
+    sigaddset(&alarm_set, SIGALRM);
+    sigprocmask(SIG_BLOCK, &alarm_set, &before);
+    capture errors(STDERR_FILENO);
+    ASSERT_TRUE(start_timeout(10));
+    raise(SIGALRM);
+    stop_timeout();
+    /* Its default action would end this process here. */
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(errors.text(), "");
 }

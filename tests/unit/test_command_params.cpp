@@ -32,6 +32,8 @@ const char standard_texts[] = "m12=UPS #NAME at #PCT%s done\n"
                               "m14=plain\n"
                               "m15=#ONE\n"
                               "m0=zero\n"
+                              "m1=one\n"
+                              "m17=x\n"
                               "m16=quote \"q\"\n";
 
 command_index place(int32_t index) { return static_cast<command_index>(index); }
@@ -200,6 +202,44 @@ TEST(get_V2command_params, mail_with_text_puts_the_recipient_first) {
     for (const params_row &row : rows) {
         check(row);
     }
+}
+
+TEST(get_V2command_params, a_text_of_one_character_is_a_text) {
+    message_texts texts(standard_texts);
+    for (const params_row &row :
+         {params_row{2, "17", true, "x"}, params_row{6, "17 a", true, "x"},
+          params_row{4, "17 ops", true, "ops  \"x\""}}) {
+        check(row);
+    }
+}
+
+TEST(get_V2command_params, says_1_unless_a_message_for_the_mail_is_missing) {
+    message_texts texts(standard_texts);
+    for (const char *text : {"14", "14 ops"}) {
+        for (int32_t index = 0; index <= COMMAND_LOG_TEXT; index++) {
+            bool mail_without_recipient = index == 4 && strcmp(text, "14") == 0;
+            EXPECT_EQ(build(index, text).result, mail_without_recipient ? 0 : 1)
+                << index << text;
+        }
+    }
+    arguments missing = build(4, "99 ops");
+    EXPECT_EQ(missing.result, 4) << "as long as the recipient and a blank";
+    EXPECT_EQ(missing.text, "ops ");
+}
+
+TEST(get_V2command_params, a_recipient_that_just_does_not_fit_is_cut) {
+    message_texts texts(standard_texts);
+    EXPECT_NE(build(4, "14 abc", 4).result, 0);
+    EXPECT_EQ(build(4, "14 abc", 4).text, "ab");
+    EXPECT_EQ(build(4, "14 abcd", 4).result, 0);
+    EXPECT_NE(build(5, "abcd", 4).result, 0);
+    EXPECT_EQ(build(5, "abcd", 4).text, "abc");
+    EXPECT_EQ(build(5, "abcde", 4).result, 0);
+}
+
+TEST(get_V2command_params, quotes_without_a_character_between_are_left_out) {
+    EXPECT_EQ(build(5, "ab text", 6).text, "ab");
+    EXPECT_EQ(build(5, "ab text", 7).text, "ab \"t\"");
 }
 
 TEST(get_V2command_params, mail_is_cut_to_the_buffer) {

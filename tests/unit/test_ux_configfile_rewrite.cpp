@@ -226,4 +226,25 @@ TEST_F(config_death, rewrite_that_runs_out_of_memory_aborts_before_the_file) {
     EXPECT_EQ(read_file(path), "port=2\n");
 }
 
+TEST_F(rewrite_test, gives_back_all_memory) {
+    set(77, "new", "x");
+    int64_t before = heap_blocks();
+    rewritten("port=2\nname=old\nport=3\n");
+    EXPECT_EQ(heap_blocks(), before);
+    ux_option twice[] = {{UX_OPTION_INTEGER, "port", {&port}},
+                         {UX_OPTION_INTEGER, "port", {&port}},
+                         {}};
+    EXPECT_EQ(ux_rewriteconfig(path.c_str(), twice, 64), 1);
+    EXPECT_EQ(heap_blocks(), before);
+}
+
+TEST_F(rewrite_test, reading_gives_back_all_but_the_values) {
+    forget();
+    int64_t before = heap_blocks();
+    EXPECT_EQ(read("port=2\nother=1\nport=3\nother=2\nname=a\nname=b\n"), 1);
+    EXPECT_EQ(port, 3);
+    forget();
+    EXPECT_EQ(heap_blocks(), before);
+}
+
 } // namespace
