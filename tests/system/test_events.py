@@ -284,6 +284,7 @@ def test_nothing_is_said_before_the_port_is_open(home):
 def test_a_service_manager_that_cannot_be_told_costs_one_line(
         home, name, trouble):
     listener = home.listener(env={"NOTIFY_SOCKET": name})
+    listener.wait_message(trouble)
     assert listener.messages() == [message(756), trouble]
     listener.serves("still here")
 

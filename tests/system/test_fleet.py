@@ -18,7 +18,7 @@ from crowd import Crowd, addresses
 from harness import TOLVA, message
 from peers import FullBacklog
 from ports import free_port
-from processes import children
+from processes import alive, children
 from test_addresses import in_namespace
 from waiting import BOUND, wait_for
 
@@ -419,12 +419,12 @@ def test_no_look_up_goes_on_behind_the_run(home):
     queries = home.dir / "queries"
     wait_for(lambda: queries.exists() and queries.read_text(),
              what="the name server is asked")
-    pid = wait_for(lambda: [p for p in home.marked_pids() if os.readlink(
-        f"/proc/{p}/exe") == str(FLEET.resolve())], what="the processes")
-    os.kill(min(pid), signal.SIGTERM)
+    fleet, = children(run.process.pid)  # which is the name server
+    look_up, = children(fleet)
+    os.kill(fleet, signal.SIGTERM)
     assert run.wait().status == 1
     assert run.out.endswith("ended by SIGTERM: 1 host: 0 done, 1 timeout\n")
-    wait_for(lambda: not [p for p in pid if os.path.exists(f"/proc/{p}")],
+    wait_for(lambda: not alive(fleet) and not alive(look_up),
              what="none of them is left")
 
 
