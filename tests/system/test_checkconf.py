@@ -90,9 +90,11 @@ def as_somebody_else(house):
 
 
 def failing(call):
-    """The call fails for want of something."""
-    source = ("#include <errno.h>\n"
-              f"long {call}() {{ errno = EIO; return -1; }}")
+    """The call fails for want of something, by whichever name: it has another
+    where files and times are wider than words."""
+    source = "#include <errno.h>\n" + "".join(
+        f"long {name}() {{ errno = EIO; return -1; }}\n"
+        for name in (call, f"__{call}64_time64"))
     return lambda house: {"env": preload.environment(
         house.home, preload.build(f"no_{call}", source))}
 
