@@ -126,7 +126,7 @@ QUICK = """
 CHAPTERS = (
     ("startup", "Start", ""),
     ("latency", "Latency",
-     "The script is a small static program that looks at the clock first; a\n"
+     "The script is a small program in C that looks at the clock first; a\n"
      "shell starts it, for everybody."),
     ("rate", "Requests a second",
      "Each request runs that script and waits for the answer; more is better.\n"
