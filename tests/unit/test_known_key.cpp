@@ -40,4 +40,23 @@ TEST(known_key, what_is_too_far_away_is_none) {
     EXPECT_EQ(nearest(std::string(5000, 'A')), "none");
 }
 
+TEST(known_key, half_of_the_word_is_not_too_far_away) {
+    EXPECT_EQ(nearest("istenPort"), "ListenPort");
+    EXPECT_EQ(nearest("abcdefghijListenPort"), "ListenPort");
+    EXPECT_EQ(nearest("abcdefghijkListenPort"), "none");
+    EXPECT_EQ(nearest("abcdefghijklmnopqrstu"), "none");
+}
+
+TEST(known_key, of_two_that_are_as_near_the_first_is_taken) {
+    bool name_first = key_number("LogfileName") < key_number("LogfileSize");
+    EXPECT_EQ(nearest("LogfileNixe"),
+              name_first ? "LogfileName" : "LogfileSize");
+}
+
+TEST(known_key, a_word_of_more_than_40_letters_is_no_key) {
+    const std::string key = "RedundancyBatchSuppress";
+    EXPECT_EQ(nearest(key + std::string(40 - key.size(), 'x')), key);
+    EXPECT_EQ(nearest(key + std::string(41 - key.size(), 'x')), "none");
+}
+
 } // namespace
