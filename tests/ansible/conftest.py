@@ -14,11 +14,15 @@ from hosts import EXAMPLE, Chroot, Container, Played
 class Site:
     def __init__(self, directory, kind, sender):
         self.directory = directory
-        self.listener = kind(directory, "web1")
-        self.hosts = [self.listener]
-        self.sender = kind(directory, "ups1")
-        self.hosts.append(self.sender)
         self.sender_variables = sender
+        self.hosts = []
+        try:
+            for name in ("web1", "ups1"):
+                self.hosts.append(kind(directory, name))
+        except BaseException:
+            self.close()
+            raise
+        self.listener, self.sender = self.hosts
 
     def inventory(self):
         return {
@@ -84,7 +88,7 @@ class Site:
 
 
 def made(tmp_path_factory, kind, sender):
-    # Not below /tmp: roots are big, and /tmp may be memory.
+    # Below --basetemp: roots are big, and /tmp may be memory.
     directory = tmp_path_factory.mktemp(kind.__name__.lower())
     return Site(directory, kind, sender)
 
