@@ -184,6 +184,16 @@ TEST(command, is_joined_behind_its_verb) {
     });
 }
 
+TEST(numbers, the_least_that_a_sender_may_be_given_counts) {
+    const std::string to = "send to=127.0.0.1:0/1/2 ";
+    const std::string command = " command=[MSG_EXECUTE x]";
+    check_accepted({
+        {"tolva",
+         {"-s", "x", "-a", "127.0.0.1", "-p", "1", "-t", "0"},
+         to + "port=1 timeout=0" + command},
+    });
+}
+
 TEST(plain_words, are_the_shutdown_script_of_listen_mode) {
     check_accepted({
         /* The first one goes, the others are run together. */
