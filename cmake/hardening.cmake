@@ -17,6 +17,8 @@ target_compile_options(tolva_flags INTERFACE
   $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
   $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=${fortify}>)
 
+# What a compiler only puts up with is not what it has.
+set(CMAKE_REQUIRED_FLAGS -Werror)
 foreach(flag -fstack-protector-strong -fstack-clash-protection
              -fcf-protection -mbranch-protection=standard)
   string(MAKE_C_IDENTIFIER "TOLVA_HAS${flag}" known)
@@ -25,3 +27,4 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection
     target_compile_options(tolva_flags INTERFACE ${flag})
   endif()
 endforeach()
+unset(CMAKE_REQUIRED_FLAGS)
