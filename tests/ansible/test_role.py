@@ -23,7 +23,8 @@ def is_refused(site, task, **variables):
     before = host.text(SETTINGS), main_process(site)
     played = site.play(*ONLY_LISTENER, **variables)
     assert played.status != 0, played.said
-    assert played.failed_at() == task, played.said
+    # In front of a description of ours stand words of Ansible.
+    assert played.failed_at().split(" - ")[-1] == task, played.said
     assert (host.text(SETTINGS), main_process(site)) == before
     return played.said
 
@@ -122,8 +123,7 @@ def test_an_address_that_is_none_is_refused(site):
 
 
 def test_a_variable_of_the_wrong_type_is_refused_before_anything_is_done(site):
-    is_refused(site, "Validating arguments against arg spec 'main' - "
-               "Listener and sender of shutdown requests from a UPS",
+    is_refused(site, "Listener and sender of shutdown requests from a UPS",
                tolva_rehearsal="perhaps")
 
 

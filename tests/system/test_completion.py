@@ -5,12 +5,12 @@ import os
 import pty
 import re
 import select
-import shutil
 import subprocess
 import time
 
 import pytest
 
+import completions
 import manual
 from harness import ROOT
 from waiting import BOUND
@@ -20,30 +20,15 @@ WORDS = ["SHUTDOWN", "EXECUTE", "MSG_ID", "MSG_TEXT", "MAIL_ID", "MAIL_TEXT",
          "LOG_ID", "LOG_TEXT"]
 LISTEN = "-a -ar -ba -bs -c -d -p -pc -pr -r -rc -t -tc -tr"
 SEND = "-a -ab -ar -d -p -pr -t -tr"
-ASK = r"""
-source "$1"; shift
-COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"
-cur=${COMP_WORDS[COMP_CWORD]}
-_tolva "$1" "${cur#[\"\']}" "${COMP_WORDS[COMP_CWORD-1]}"
-printf '%s\n' "${COMPREPLY[@]}"
-"""
 
 
 def offered(*words, cwd=None):
     """What is offered for the last of the words."""
-    done = subprocess.run(["bash", "--norc", "-c", ASK, "bash", FILE, *words],
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          cwd=cwd, text=True, check=True)
-    assert done.stderr == ""
-    return sorted(done.stdout.split())
+    return completions.offered(FILE, "_tolva", words, cwd)
 
 
 def test_the_file_has_no_fault():
-    shellcheck = shutil.which("shellcheck")
-    assert shellcheck, "shellcheck is missing (apt-get install shellcheck)"
-    done = subprocess.run([shellcheck, FILE], stdout=subprocess.PIPE,
-                          text=True, check=False)
-    assert (done.stdout, done.returncode) == ("", 0)
+    assert completions.has_no_fault(FILE)
 
 
 def test_it_serves_all_three_names():
@@ -112,11 +97,9 @@ def test_files_are_offered(tmp_path, option):
 def test_hosts_are_offered(tmp_path):
     hosts = tmp_path / "hosts"
     hosts.write_text("192.0.2.7 upsmaster\n")
-    done = subprocess.run(
-        ["bash", "--norc", "-c", f"HOSTFILE={hosts}\n{ASK}", "bash", FILE,
-         "tolva", "-s", "-a", "upsm"], stdout=subprocess.PIPE, text=True,
-        check=True)
-    assert done.stdout == "upsmaster\n"
+    assert completions.offered(
+        FILE, "_tolva", ["tolva", "-s", "-a", "upsm"],
+        first=f"HOSTFILE={hosts}\n") == ["upsmaster"]
 
 
 def has_terminals():

@@ -7,36 +7,21 @@ import subprocess
 
 import pytest
 
+import completions
 import manual
 from harness import ROOT
 
 FILE = ROOT / "packaging" / "bash-completion" / "tolva-fleet"
 WORDS = ["EXECUTE", "LOG_ID", "LOG_TEXT", "MAIL_ID", "MAIL_TEXT", "MSG_ID",
          "MSG_TEXT", "SHUTDOWN"]
-ASK = r"""
-source "$1"; shift
-COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"
-cur=${COMP_WORDS[COMP_CWORD]}
-function=_${1//-/_}
-$function "$1" "${cur#[\"\']}" "${COMP_WORDS[COMP_CWORD-1]}"
-printf '%s\n' "${COMPREPLY[@]}"
-"""
 
 
 def offered(*words, cwd=None):
-    done = subprocess.run(["bash", "--norc", "-c", ASK, "bash", FILE, *words],
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          cwd=cwd, text=True, check=True)
-    assert done.stderr == ""
-    return sorted(done.stdout.split())
+    return completions.offered(FILE, "_" + words[0].replace("-", "_"), words, cwd)
 
 
 def test_the_file_has_no_fault():
-    shellcheck = shutil.which("shellcheck")
-    assert shellcheck, "shellcheck is missing (apt-get install shellcheck)"
-    done = subprocess.run([shellcheck, FILE], stdout=subprocess.PIPE,
-                          text=True, check=False)
-    assert (done.stdout, done.returncode) == ("", 0)
+    assert completions.has_no_fault(FILE)
 
 
 def test_it_is_found_under_each_name():

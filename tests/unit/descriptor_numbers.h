@@ -14,6 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -100,6 +101,18 @@ class descriptor_limit {
   private:
     rlimit before;
 };
+
+/* Can numbers be had that select cannot watch? Where the system gives none,
+ * which is shown, nothing can go wrong with one. */
+inline bool gives_unwatchable_numbers() {
+    constexpr int SOME = FD_SETSIZE + 8;
+    if (most_descriptors() > SOME) {
+        return true;
+    }
+    descriptor_limit most(most_descriptors());
+    EXPECT_LT(dup2(STDIN_FILENO, SOME), 0);
+    return false;
+}
 
 /* As long as it lives, no descriptor from the next free one on can be had. */
 class no_descriptors : public descriptor_limit {
