@@ -104,7 +104,6 @@ void open_log() {
 /* One "-a" on the command line replaces both lists of the settings. */
 void fill_address_lists(ux_list *peers, ux_list *servers) {
     if (peers->size > 0 || servers->size > 0) {
-        rp->allowed_addresses.reset();
         return;
     }
     const char *allowed = rp->allowed_addresses.get();
