@@ -5,7 +5,7 @@ import os
 import signal
 
 from conftest import SHUTDOWN
-from waiting import wait_for
+from waiting import wait_for, wait_for_lines
 
 GONE = "The UPS asks for a shutdown"
 DOG = f"{GONE}. tolva-shutdown hangs, its watchdog does it."
@@ -53,8 +53,8 @@ class Power:
         return self.start(*options, **more).wait(60)
 
     def went_down(self, text=GONE):
-        wait_for(self.local.exists, 40, "this host goes down")
-        return self.local.read_text() == f"-h +0 {text}\n"
+        said = wait_for_lines(self.local, 40, "this host goes down")
+        return said == f"-h +0 {text}\n"
 
     def stayed_up(self):
         return not self.local.exists()

@@ -16,7 +16,7 @@ import pytest
 from conftest import unpacked
 from harness import message
 from ports import free_port
-from waiting import wait_for
+from waiting import wait_for, wait_for_lines
 
 
 @pytest.fixture(scope="module")
@@ -178,8 +178,7 @@ def test_the_daemon_warns_and_shuts_the_hosts_down(site, debian, ups):
     ups.state = "low"
     for host in hosts:
         host.wait_effect(restored + warned + ["tolva_shutdown.sh "])
-    wait_for(apc.ours.exists, what="tolva-shutdown shuts this host down")
-    assert apc.ours.read_text() == "-h +0 The UPS asks for a shutdown\n"
+    assert wait_for_lines(apc.ours) == "-h +0 The UPS asks for a shutdown\n"
     assert not apc.local.exists()
 
 

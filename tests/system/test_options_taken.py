@@ -9,7 +9,7 @@ from peers import read_to_end, reader
 from ports import free_port, tcp_listeners, tcp_listens
 from processes import sockets_of
 from upsserver import good
-from waiting import wait_for
+from waiting import wait_for, wait_for_lines
 from wire import EXECUTE, HEADER, LOG_TEXT, reply_with
 
 HOST = "127.0.0.1"
@@ -122,7 +122,7 @@ def test_address_option_with_r(home):
 def runs_shutdown_script(home, listener, name):
     """Asks for a shutdown and waits until that script has run."""
     home.run("-s", "-a", listener.where)
-    wait_for(lambda: home.path(name + ".ran").exists(), what=name)
+    assert wait_for_lines(home.path(name + ".ran")) == "0\n"
 
 
 def shutdown_script(home, name):
@@ -289,5 +289,5 @@ def test_not_alive_script_and_retries_override_the_settings(home):
                 "AliveAddresses": f"127.0.0.1:{free_port()}"})
     clock.advance(listener, 5, lambda: message(832, HOST) in
                   home.log_messages())
-    assert home.read("own.ran") == b"127.0.0.1\n"
+    assert wait_for_lines(home.path("own.ran")) == "127.0.0.1\n"
     listener.stop()

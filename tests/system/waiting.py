@@ -20,3 +20,13 @@ def wait_for(condition, timeout=BOUND, what="condition"):
         if time.monotonic() > end:
             raise AssertionError(f"not within {timeout} s: {what}")
         time.sleep(POLL)
+
+
+def wait_for_lines(path, timeout=BOUND, what=None):
+    """Waits until a script has written a line, and returns what is there: a
+    file exists before anything stands in it."""
+    def text():
+        return path.read_text() if path.exists() else ""
+    wait_for(lambda: text().endswith("\n"), timeout,
+             what or f"a line in {path}")
+    return text()
