@@ -634,13 +634,12 @@ def test_a_line_is_rewritten_on_a_terminal(home, crowd):
 
 def test_a_lock_goes_with_its_process(home):
     held = write_hosts(home, "a", name="lock")
-    first = start(home, "-L", held, "/bin/sh", "-c", "echo on; sleep 600")
+    first = start(home, "-L", held, "/bin/sh", "-c", "echo on; exec sleep 600")
     wait_for(lambda: first.out == "on\n", what="the first has the lock")
     second = fleet(home, "-L", held, "/bin/echo", "mine")
     assert (second.status, second.out) == (2, "")
     assert "in use by another run" in second.err
-    for pid in [*children(first.pid), first.pid]:
-        os.kill(pid, signal.SIGKILL)
+    os.kill(first.pid, signal.SIGKILL)
     first.wait()
     third = fleet(home, "-L", held, "/bin/echo", "mine")
     assert (third.status, third.out) == (0, "mine\n")
