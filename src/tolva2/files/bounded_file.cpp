@@ -155,6 +155,8 @@ bool append_bounded(const char *path, int64_t limit, std::string_view line) {
     if (!file || fstat(fileno(file.get()), &before) < 0) {
         return false;
     }
+    /* One line, and nothing to gather. */
+    setvbuf(file.get(), nullptr, _IONBF, 0);
     bool taken = fwrite(line.data(), 1, line.size(), file.get()) == line.size();
     if (ux_close(std::move(file)) && taken) {
         return true;

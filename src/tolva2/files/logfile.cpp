@@ -79,34 +79,38 @@ void fill_in(log_text *out, int32_t count, const char *format, va_list texts) {
     }
 }
 
-/* Of the zone of now: an administrator may have changed it. */
-bool local_time(time_t t, tm *local) {
+/* A moment as lines show it; both empty when no calendar has it. */
+struct moment_text {
+    char date[DATE_TEXT];
+    char time[DATE_TEXT];
+};
+
+moment_text text_of(time_t t) {
+    moment_text text{};
+    tm local;
+    /* Of the zone of now: an administrator may have changed it. */
     tzset();
-    return localtime_r(&t, local) != nullptr;
+    if (localtime_r(&t, &local)) {
+        snprintf(text.date, sizeof text.date, "%02d/%02d/%04d",
+                 local.tm_mon + 1, local.tm_mday, local.tm_year + 1900);
+        snprintf(text.time, sizeof text.time, "%02d:%02d:%02d", local.tm_hour,
+                 local.tm_min, local.tm_sec);
+    }
+    return text;
 }
 
 } // namespace
 
 const char *log_date_text(time_t t) {
-    static char text[DATE_TEXT];
-    tm local;
-    text[0] = '\0';
-    if (local_time(t, &local)) {
-        snprintf(text, sizeof text, "%02d/%02d/%04d", local.tm_mon + 1,
-                 local.tm_mday, local.tm_year + 1900);
-    }
-    return text;
+    static moment_text shown;
+    shown = text_of(t);
+    return shown.date;
 }
 
 const char *log_time_text(time_t t) {
-    static char text[DATE_TEXT];
-    tm local;
-    text[0] = '\0';
-    if (local_time(t, &local)) {
-        snprintf(text, sizeof text, "%02d:%02d:%02d", local.tm_hour,
-                 local.tm_min, local.tm_sec);
-    }
-    return text;
+    static moment_text shown;
+    shown = text_of(t);
+    return shown.time;
 }
 
 bool logfile_open(const char *name, int32_t size_kib) {
@@ -154,10 +158,9 @@ bool log_write_line(const char *text) {
         return false;
     }
     char line[LOG_TEXT];
-    time_t now = time(nullptr);
-    snprintf(line, sizeof line, "%s,%s, tolva[%05d]: %s%s\n",
-             log_date_text(now), log_time_text(now), operator_log.shown_pid,
-             prefix, said);
+    moment_text now = text_of(time(nullptr));
+    snprintf(line, sizeof line, "%s,%s, tolva[%05d]: %s%s\n", now.date,
+             now.time, operator_log.shown_pid, prefix, said);
     return emit_line(line);
 }
 
