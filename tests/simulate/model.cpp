@@ -137,6 +137,13 @@ bool model::open_door() {
     return true;
 }
 
+/* Nobody is told: it matters to a listener that follows at once. */
+void model::reuse_may_fail() {
+    if (next_is(act::option_failed) && peek()->limit == SO_REUSEADDR) {
+        take(act::option_failed, "");
+    }
+}
+
 bool model::open_datagrams() {
     const fact &made = take(act::socket, "a socket for datagrams");
     int error = made.result < 0 ? made.error : 0;
@@ -152,11 +159,15 @@ bool model::open_datagrams() {
         error = EMFILE;
     }
     if (error == 0) {
+        reuse_may_fail();
         const fact &bound = take(act::bind, made.who, "bind of datagrams");
         error = bound.error;
         if (bound.port != LISTEN_PORT) {
             differs("bind to the configured port");
         }
+    }
+    if (error == 0) {
+        reuse_may_fail();
     }
     if (error != 0) {
         cannot_listen(error, "udp");
@@ -405,6 +416,7 @@ void model::run() {
         report(830);
     }
     if (datagram_socket != 0) {
+        reuse_may_fail();
         report(822);
     }
     if (door != 0) {

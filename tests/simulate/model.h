@@ -87,6 +87,7 @@ class model {
     /* The loop: model.cpp */
     void cannot_listen(int error, const std::string &how);
     bool open_door();
+    void reuse_may_fail();
     bool open_datagrams();
     bool open_servers();
     bool pass();

@@ -92,14 +92,30 @@ int execl(const char *path, const char *arg, ...)
 """
 
 
-def test_the_port_is_free_although_a_script_has_not_begun_yet(home):
+@pytest.mark.parametrize("udp", ["FALSE", "TRUE"])
+def test_the_port_is_free_although_a_script_has_not_begun_yet(home, udp):
+    config = {"ListenUDP": udp, "AllowedAddresses": HOST}
     listener = home.listener(
+        config=config,
         env=preload.environment(home, preload.build("slow_exec", SLOW_EXEC)))
     home.script("tolva_shutdown.sh")
     with listener.connect() as conn:
         conn.sendall(HEADER)
         wait_for(lambda: children(listener.pid))
         listener.stop()
-    again = home.listener(port=listener.port)
+    again = home.listener(port=listener.port, config=config)
     assert again.request(STATUS + b"LOG_TEXT x") == LOGGED
+    if udp == "TRUE":
+        again.datagram(EXECUTE + b"LOG_TEXT y", source=HOST)
+        again.wait_message("y")
     again.stop()
+
+
+def test_nobody_else_can_have_the_port_of_datagrams(home):
+    listener = home.listener(config={"ListenUDP": "TRUE",
+                                     "AllowedAddresses": HOST})
+    with socket.socket(type=socket.SOCK_DGRAM) as other:
+        other.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        with pytest.raises(OSError):
+            other.bind((HOST, listener.port))
+    listener.stop()

@@ -110,6 +110,22 @@ TEST(socket_options, keep_alive_is_set_and_says_whether_it_could_be) {
     EXPECT_FALSE(set_keep_alive(-1));
 }
 
+TEST(socket_options, a_port_is_anothers_too_while_both_allow_it) {
+    ux_fd first = udp_socket();
+    ASSERT_TRUE(sock_bind_to(first.get(), 0, "127.0.0.5"));
+    uint16_t port = local_port(first.get());
+    ux_fd second = udp_socket();
+    EXPECT_TRUE(set_reuse(second.get(), true));
+    EXPECT_FALSE(sock_bind_to(second.get(), port, "127.0.0.5"));
+    EXPECT_TRUE(set_reuse(first.get(), true));
+    EXPECT_TRUE(sock_bind_to(second.get(), port, "127.0.0.5"));
+    EXPECT_TRUE(set_reuse(second.get(), false));
+    ux_fd third = udp_socket();
+    EXPECT_TRUE(set_reuse(third.get(), true));
+    EXPECT_FALSE(sock_bind_to(third.get(), port, "127.0.0.5"));
+    EXPECT_FALSE(set_reuse(-1, true));
+}
+
 TEST(shutdown_helpers, close_one_direction) {
     tcp_pair pair;
     EXPECT_TRUE(sock_shutdown_write(pair.near.get()));

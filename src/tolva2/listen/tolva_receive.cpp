@@ -120,8 +120,7 @@ ux_fd open_tcp_socket(int32_t port, const char *address) {
         say_unopened(error, "tcp");
         return {};
     }
-    int on = 1;
-    if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
+    if (!set_reuse(fd.get(), true)) {
         log_system(errno);
     }
     bool bound = sock_listen_to(fd.get(), static_cast<uint16_t>(port), address);
@@ -136,7 +135,12 @@ ux_fd open_udp_socket(int32_t port, const char *address) {
         say_unopened(error, "udp");
         return {};
     }
+    /* The former listener's, see tear_down; nobody may join this one. */
+    set_reuse(fd.get(), true);
     bool bound = sock_bind_to(fd.get(), static_cast<uint16_t>(port), address);
+    if (bound) {
+        set_reuse(fd.get(), false);
+    }
     return bound_socket(std::move(fd), bound, "udp");
 }
 
@@ -344,20 +348,22 @@ void run_loop(listener_state *state) {
     }
 }
 
+/* A script that has not become a shell yet has both sockets as well, and the
+ * next listener must not find its port in use: the one stops listening, the
+ * other allows another beside it. */
 void tear_down(listener_state *state) {
     if (connections->size > 0) {
         ux_list_destroy(connections);
         report(event::watch_stopped);
     }
     if (state->udp) {
+        set_reuse(state->udp.get(), true);
         state->udp.reset();
         report(event::udp_stopped);
     }
     if (!state->tcp) {
         return;
     }
-    /* A script that has not become a shell yet has this socket as well, and
-     * the next listener would find its port in use. */
     shutdown(state->tcp.get(), SHUT_RD);
     state->tcp.reset();
     if (clients->size > 0) {

@@ -23,10 +23,13 @@ ux_fd make_nonblocking(ux_fd fd) {
     return fd;
 }
 
+bool set_option(int32_t fd, int name, bool on) {
+    int value = on ? 1 : 0;
+    return setsockopt(fd, SOL_SOCKET, name, &value, sizeof value) == 0;
+}
+
 ux_fd allow_broadcast(ux_fd fd) {
-    int on = 1;
-    if (fd &&
-        setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) < 0) {
+    if (fd && !set_option(fd.get(), SO_BROADCAST, true)) {
         fd.reset();
     }
     return fd;
@@ -118,10 +121,9 @@ bool set_close_on_exec(int32_t fd) {
     return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0;
 }
 
-bool set_keep_alive(int32_t fd) {
-    int on = 1;
-    return setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0;
-}
+bool set_reuse(int32_t fd, bool on) { return set_option(fd, SO_REUSEADDR, on); }
+
+bool set_keep_alive(int32_t fd) { return set_option(fd, SO_KEEPALIVE, true); }
 
 bool sock_connect(int32_t fd, const sockaddr_in *address) {
     trace_in();

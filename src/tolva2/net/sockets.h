@@ -34,6 +34,10 @@ bool sock_shutdown_write(int32_t fd);
 /* Adds FD_CLOEXEC. */
 bool set_close_on_exec(int32_t fd);
 
+/* Whether the next socket may have its address and port while this one still
+ * has them. */
+bool set_reuse(int32_t fd, bool on);
+
 /* Has the system look now and then whether the peer is still there. */
 bool set_keep_alive(int32_t fd);
 
