@@ -252,7 +252,8 @@ int64_t model::expected_limit() {
         }
         limit = limit < 0 ? left : std::min(limit, left);
     }
-    if (accepting() == 2 && (limit < 0 || limit > 1)) {
+    if ((accepting() == 2 || now == datagrams_failed) &&
+        (limit < 0 || limit > 1)) {
         limit = 1;
     }
     return limit;
@@ -277,7 +278,7 @@ void model::expect_wait() {
     if (accepting() == 0) {
         readable.insert(door);
     }
-    if (datagram_socket != 0) {
+    if (datagram_socket != 0 && now != datagrams_failed) {
         readable.insert(datagram_socket);
     }
     for (const party &one : senders) {

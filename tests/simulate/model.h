@@ -57,7 +57,7 @@ class model {
     int64_t clock = 0;
 
     bool stopped = false, child_ended = false;
-    int64_t now = 0, last_cycle = 0;
+    int64_t now = 0, last_cycle = 0, datagrams_failed = 0;
     int door = 0, datagram_socket = 0;
     std::list<party> senders{};
     std::list<party> servers{};

@@ -105,6 +105,9 @@ void model::receive_datagram() {
         differs("room for 4095 bytes");
     }
     if (came.result <= 0) {
+        if (came.error != 0 && came.error != EAGAIN && came.error != EINTR) {
+            datagrams_failed = now;
+        }
         report(825);
         return;
     }

@@ -8,7 +8,7 @@ import pytest
 
 import preload
 from fakeclock import FakeClock, settle
-from harness import reason, skip_when_wrapped
+from harness import message, reason, skip_when_wrapped
 from namespaces import unshared
 from peers import read_to_end
 from processes import is_idle, open_fds, sockets_of
@@ -132,7 +132,7 @@ def test_service_goes_on_when_the_system_has_descriptors_again(home,
     assert listener.messages().count(TOO_MANY) == 1
 
 
-# Refuses new clients with the error whose number a file has.
+# Refuses clients and datagrams with the error whose number a file has.
 REFUSE = r"""
 #define _GNU_SOURCE
 #include <errno.h>
@@ -142,8 +142,7 @@ REFUSE = r"""
 #include <sys/syscall.h>
 #include <unistd.h>
 
-int accept(int fd, struct sockaddr *restrict address,
-           socklen_t *restrict length)
+static int refused(void)
 {
     char path[4096];
     int error = 0;
@@ -155,11 +154,24 @@ int accept(int fd, struct sockaddr *restrict address,
         }
         fclose(in);
     }
-    if (error != 0) {
-        errno = error;
-        return -1;
-    }
-    return (int)syscall(SYS_accept4, fd, address, length, 0);
+    errno = error;
+    return error != 0;
+}
+
+int accept(int fd, struct sockaddr *restrict address,
+           socklen_t *restrict length)
+{
+    return refused() ? -1
+                     : (int)syscall(SYS_accept4, fd, address, length, 0);
+}
+
+ssize_t recvfrom(int fd, void *restrict buffer, size_t size, int flags,
+                 struct sockaddr *restrict address,
+                 socklen_t *restrict length)
+{
+    return refused() ? -1
+                     : syscall(SYS_recvfrom, fd, buffer, size, flags, address,
+                               length);
 }
 """
 
@@ -180,6 +192,23 @@ def test_any_shortage_of_the_system_is_told_once_and_outlasted(home, error):
     all_served(conns)
     listener.stop()
     assert listener.messages().count(told) == 1
+
+
+@pytest.mark.parametrize("error", [errno.ENOBUFS, errno.EIO],
+                         ids=errno.errorcode.get)
+def test_datagrams_that_cannot_be_received_are_waited_for(home, error):
+    listener = home.listener(
+        config={"ListenUDP": "TRUE", "AllowedAddresses": HOST},
+        env=preload.environment(home, preload.build("refuse", REFUSE)))
+    home.write("error", f"{error}")
+    listener.datagram(LOG_TEXT + b"in the end", source=HOST)
+    listener.wait_message(message(825))
+    assert is_idle(listener.pid, 1.5)
+    home.path("error").unlink()
+    listener.wait_message("in the end")
+    listener.stop()
+    # Once a second, while it lasts.
+    assert 2 <= listener.messages().count(message(825)) < 20
 
 
 @pytest.mark.parametrize("limit", [6, 8])

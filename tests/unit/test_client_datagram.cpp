@@ -22,12 +22,13 @@ class udp_door : public listener {
                          generic(&to), sizeof to),
                   static_cast<ssize_t>(bytes.size()));
         ASSERT_TRUE(wait_for(door.get(), POLLIN));
-        receive_one();
+        EXPECT_TRUE(receive_one());
     }
-    void receive_one() {
+    bool receive_one() {
         capture errors(STDERR_FILENO);
-        handle_udp_connect(door.get(), allowed.get());
+        bool answered = handle_udp_connect(door.get(), allowed.get());
         errors.text();
+        return answered;
     }
     ux_fd door;
     address_list allowed;
@@ -104,12 +105,19 @@ TEST(handle_udp_connect, refuses_who_is_not_allowed) {
 
 TEST(handle_udp_connect, nothing_to_receive_is_no_reason_to_wait) {
     udp_door udp;
-    udp.receive_one();
+    EXPECT_TRUE(udp.receive_one());
     EXPECT_EQ(udp.log.lines(), log_lines{message(825, {})});
     udp.log.clear();
     udp.datagram("");
     EXPECT_EQ(udp.log.lines(), log_lines{message(825, {})});
     EXPECT_EQ(clients->size, 0u);
+}
+
+TEST(handle_udp_connect, says_when_the_system_refuses) {
+    udp_door udp;
+    udp.door.reset();
+    EXPECT_FALSE(udp.receive_one());
+    EXPECT_EQ(udp.log.lines(), log_lines{message(825, {})});
 }
 
 TEST(handle_udp_connect, drops_the_datagram_when_memory_is_exhausted) {

@@ -148,6 +148,32 @@ bool receive_command(connection *cn) {
     return true;
 }
 
+/* Runs what a datagram asks for, if its source may ask. */
+void run_datagram(const sockaddr_in *from, char *text, const ux_list *allowed) {
+    char peer[ADDRESS_TEXT];
+    copy_address(peer, &from->sin_addr);
+    report(event::datagram_received, peer);
+    /* The source of a datagram can be forged, to 0.0.0.0 too. */
+    if (!from->sin_addr.s_addr ||
+        !client_is_allowed(allowed, &from->sin_addr)) {
+        report(event::refused, peer);
+        return;
+    }
+    request_class kind = classify_request(text);
+    if (kind == REQUEST_NONE) {
+        report(event::not_understood);
+        return;
+    }
+    connection *cn = add_client(ADDR_BROADCAST, from, ux_fd());
+    if (!cn) {
+        return;
+    }
+    run_request(cn, kind, text);
+    if (!cn->busy) {
+        unregister_connection(clients, clients->tail);
+    }
+}
+
 /* Without a list everybody may send; with one that holds nothing that can be
  * used, nobody. */
 bool is_admitted(const ux_list *allowed, const in_addr *address) {
@@ -207,36 +233,20 @@ void handle_tcp_connect(int32_t listener, const ux_list *allowed,
     }
 }
 
-void handle_udp_connect(int32_t udp_socket, const ux_list *allowed) {
+bool handle_udp_connect(int32_t udp_socket, const ux_list *allowed) {
     trace_in();
     char text[TEXT_BUFFER];
-    char peer[ADDRESS_TEXT];
     sockaddr_in from;
     socklen_t fromlen = sizeof from;
+    errno = 0;
     if (!udp_recv_text(udp_socket, &from, &fromlen, text, sizeof text)) {
+        /* An empty one has come, or a damaged one was thrown away. */
+        bool answered = errno == 0 || errno == EAGAIN || errno == EINTR;
         report(event::datagram_failed);
-        return;
+        return answered;
     }
-    copy_address(peer, &from.sin_addr);
-    report(event::datagram_received, peer);
-    /* The source of a datagram can be forged, to 0.0.0.0 too. */
-    if (!from.sin_addr.s_addr || !client_is_allowed(allowed, &from.sin_addr)) {
-        report(event::refused, peer);
-        return;
-    }
-    request_class kind = classify_request(text);
-    if (kind == REQUEST_NONE) {
-        report(event::not_understood);
-        return;
-    }
-    connection *cn = add_client(ADDR_BROADCAST, &from, ux_fd());
-    if (!cn) {
-        return;
-    }
-    run_request(cn, kind, text);
-    if (!cn->busy) {
-        unregister_connection(clients, clients->tail);
-    }
+    run_datagram(&from, text, allowed);
+    return true;
 }
 
 void handle_tcp_client(ux_list_element *node) {

@@ -37,8 +37,9 @@ enum class accepting {
 [[nodiscard]] accepting accepting_clients(const accept_pause *pause,
                                           time_t now);
 
-/* Takes one datagram and runs its command. */
-void handle_udp_connect(int32_t udp_socket, const ux_list *allowed);
+/* Takes one datagram and runs its command. False when the system gave none
+ * although it may have one: asked again at once, it would say the same. */
+bool handle_udp_connect(int32_t udp_socket, const ux_list *allowed);
 
 /* Reads a client's command and runs it. May free the node. */
 void handle_tcp_client(ux_list_element *node);

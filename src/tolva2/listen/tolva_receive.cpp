@@ -28,7 +28,7 @@
 namespace {
 
 constexpr int32_t FIRST_ALIVE_CYCLE = 5; /* seconds after the start */
-constexpr int64_t RETRY_SECONDS = 1;     /* while no descriptor can be had */
+constexpr int64_t RETRY_SECONDS = 1; /* while the system refuses something */
 
 volatile sig_atomic_t running = 1;
 volatile sig_atomic_t child_ended = 0;
@@ -41,8 +41,9 @@ struct listener_state {
     time_t now;             /* taken once a pass, after the wait */
     time_t last_alive;      /* when the last cycle of the watch began */
     accept_pause pause;
-    sigset_t loop_mask; /* everything handled here is held back */
-    sigset_t wait_mask; /* nothing is */
+    time_t datagrams_failed; /* when none could be received, last */
+    sigset_t loop_mask;      /* everything handled here is held back */
+    sigset_t wait_mask;      /* nothing is */
 };
 
 void handle_signal(int number) {
@@ -232,7 +233,9 @@ wait_result wait_for_events(listener_state *state) {
     accepting clients_may = accepting_clients(&state->pause, state->now);
     watch(state->tcp,
           clients_may == accepting::yes ? EVENT_READABLE : EVENT_NONE);
-    if (clients_may == accepting::paused &&
+    bool datagrams_may = state->now != state->datagrams_failed;
+    watch(state->udp, datagrams_may ? EVENT_READABLE : EVENT_NONE);
+    if ((clients_may == accepting::paused || !datagrams_may) &&
         (timeout < 0 || timeout > RETRY_SECONDS)) {
         timeout = RETRY_SECONDS;
     }
@@ -266,7 +269,9 @@ int32_t serve_listeners(listener_state *state, int32_t nready) {
         nready--;
     }
     if (nready > 0 && ready(state->udp)) {
-        handle_udp_connect(state->udp.get(), state->allowed);
+        if (!handle_udp_connect(state->udp.get(), state->allowed)) {
+            state->datagrams_failed = state->now;
+        }
         nready--;
     }
     return nready;
