@@ -5,10 +5,10 @@ usage: tools/mutate.py [--work <directory>] [--quick] [<file of src> ...]
 
 Each mutant (mutants.py) is built in a copy of the tree, and meets the tests
 that know its file: the unit test programs of its name, for the listener some
-days of the simulation, then the files of system tests in SYSTEM below. The
-first red one ends it. What survives is
-listed, and has to stand in tests/mutation-survivors.txt with a reason, or
-counts as a gap; below 95 % of the others killed the run fails.
+days of the simulation, then the files of system tests in SYSTEM or PROGRAMS
+below. The first red one ends it. What survives is listed, and has to stand in
+tests/mutation-survivors.txt with a reason, or counts as a gap; below 95 % of
+the others killed the run fails.
 
 What is known already stands in a journal in the work directory, so that a run
 that was interrupted goes on: a survivor is tried again when the tests have
@@ -98,6 +98,12 @@ SYSTEM = {
     "wire": "protocol send_replies alive_exchange check",
 }
 
+# Of the other programs: which is to be built, and its files of system tests.
+PROGRAMS = {
+    "checkconf": ("tolva-checkconf", "checkconf checkconf_run"),
+    "fleet": ("tolva-fleet", "fleet"),
+}
+
 # The quick slice: what must not survive, a place in each of some modules.
 QUICK = (
     ("src/tolva2/files/request.cpp", "return REQUEST_NONE;",
@@ -141,7 +147,9 @@ def unit_programs(path):
 
 def system_files(path):
     """Paths of the system test files that know a file of src."""
-    names = SYSTEM.get(pathlib.Path(path).stem, "").split()
+    path = pathlib.Path(path)
+    _, of_program = PROGRAMS.get(path.parent.name, ("", ""))
+    names = SYSTEM.get(path.stem, of_program).split()
     return [ROOT / "tests/system" / f"test_{name}.py" for name in names]
 
 
@@ -278,7 +286,11 @@ class Workshop:
 
     def targets(self, path):
         days = is_simulated(path) and not self.units_only
-        return ["tolva", *unit_programs(path)] + ["simulate"] * days
+        program, _ = PROGRAMS.get(pathlib.Path(path).parent.name,
+                                  ("tolva", ""))
+        # The others' tests speak to a listener.
+        return list(dict.fromkeys(
+            ["tolva", program, *unit_programs(path)])) + ["simulate"] * days
 
     def baseline(self, path):
         """The tests of a file, without a mutant: None, or what is red."""
