@@ -17,7 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
-ppoll_call ppoll_instead;
+wait_call wait_instead;
 
 namespace {
 
@@ -208,9 +208,12 @@ int __wrap_accept(int fd, sockaddr *address, socklen_t *length) {
 
 int __wrap_pselect(int count, fd_set *readable, fd_set *writable, fd_set *other,
                    const timespec *limit, const sigset_t *mask) {
-    return fails("pselect")
-               ? -1
-               : __real_pselect(count, readable, writable, other, limit, mask);
+    auto wait = [=] {
+        return fails("pselect") ? -1
+                                : __real_pselect(count, readable, writable,
+                                                 other, limit, mask);
+    };
+    return wait_instead ? wait_instead(limit, wait) : wait();
 }
 
 int __wrap_execl(const char *path, const char *argument, ...) {
@@ -231,10 +234,8 @@ int __wrap_execl(const char *path, const char *argument, ...) {
 
 int __wrap_ppoll(pollfd *fds, nfds_t count, const timespec *limit,
                  const sigset_t *mask) {
-    if (ppoll_instead) {
-        return ppoll_instead(fds, count, limit, mask);
-    }
-    return __real_ppoll(fds, count, limit, mask);
+    auto wait = [=] { return __real_ppoll(fds, count, limit, mask); };
+    return wait_instead ? wait_instead(limit, wait) : wait();
 }
 
 /* The name where a word has 32 bits, and the older one is not used yet; that

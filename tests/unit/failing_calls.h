@@ -50,10 +50,10 @@ class failing_heap : public failing_call {
  * same before and after means that nothing was left behind. */
 int64_t heap_blocks();
 
-/* When set, what a wait in ppoll comes to; it may call on to ppoll itself
- * after it has been unset. */
-using ppoll_call =
-    std::function<int(pollfd *, nfds_t, const timespec *, const sigset_t *)>;
-extern ppoll_call ppoll_instead;
+/* When set, what a wait in ppoll, or in pselect where that stands in for it,
+ * comes to: it is given the limit, and the wait itself. */
+using wait_call =
+    std::function<int(const timespec *, const std::function<int()> &)>;
+extern wait_call wait_instead;
 
 #endif

@@ -33,12 +33,11 @@ enum class instead { early_alarm, interruption, lapse };
 class next_wait {
   public:
     explicit next_wait(instead what) {
-        ppoll_instead = [what](pollfd *fds, nfds_t count, const timespec *limit,
-                               const sigset_t *mask) {
-            return once(what, fds, count, limit, mask);
+        wait_instead = [what](const timespec *limit, const auto &wait) {
+            return once(what, limit, wait);
         };
     }
-    ~next_wait() { ppoll_instead = nullptr; }
+    ~next_wait() { wait_instead = nullptr; }
     next_wait(const next_wait &) = delete;
     next_wait &operator=(const next_wait &) = delete;
 
@@ -46,14 +45,14 @@ class next_wait {
     static inline time_t at_most = -1;
 
   private:
-    static int once(instead what, pollfd *fds, nfds_t count,
-                    const timespec *limit, const sigset_t *mask) {
-        ppoll_instead = nullptr;
+    static int once(instead what, const timespec *limit,
+                    const std::function<int()> &wait) {
+        wait_instead = nullptr;
         at_most = limit ? limit->tv_sec : -1;
         switch (what) {
         case instead::early_alarm:
             kill(getpid(), SIGALRM);
-            return ppoll(fds, count, limit, mask);
+            return wait();
         case instead::interruption:
             errno = EINTR;
             return -1;
@@ -203,12 +202,12 @@ TEST(new_inetaddr, without_a_timer_the_wait_has_the_same_limit) {
 }
 
 TEST(new_inetaddr, a_wait_that_fails_is_no_answer) {
-    ppoll_instead = [](pollfd *, nfds_t, const timespec *, const sigset_t *) {
+    wait_instead = [](const timespec *, const auto &) {
         errno = ENOMEM;
         return -1;
     };
     built one("myhost", 0);
-    ppoll_instead = nullptr;
+    wait_instead = nullptr;
     EXPECT_EQ(one.record, nullptr);
     EXPECT_EQ(one.said, unresolved("myhost"));
 }
