@@ -2,12 +2,13 @@
  * Stands where the tests look for the executable, when that is one for another
  * machine: starts the emulator on it, which keeps the name that this was
  * started by. To be linked statically, so that a library which a test puts
- * under the executable is not put under this. Without -DEMULATOR the kernel
+ * under the executable is not put under this. Without -DEMULATED the kernel
  * runs such programs itself, and they only want their own loader.
  *
- * Built with -DEMULATOR, -DLOADER and -DLIBRARIES (the C library's own for that
- * machine: the emulator would look there for every other file too, if it were
- * to find them by itself) and -DPROGRAM, each of them a text.
+ * Built with -DRUNNER, a link to the emulator or the loader that is called like
+ * the program, as the process will be; -DLOADER and -DLIBRARIES (the C library's
+ * own for that machine: the emulator would look there for every other file too,
+ * if it were to find them by itself); and -DPROGRAM, each of them a text.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,10 +16,11 @@
 
 int main(int argc, char *argv[]) {
     const char *fixed[] = {
-#ifdef EMULATOR
-        EMULATOR,
+        RUNNER,
+#ifdef EMULATED
+        LOADER,
 #endif
-        LOADER,           "--argv0", argc > 0 ? argv[0] : "",
+        "--argv0",        argc > 0 ? argv[0] : "",
         "--library-path", LIBRARIES, PROGRAM};
     size_t before = sizeof fixed / sizeof *fixed;
     char **all = calloc(before + (size_t)argc + 1, sizeof *all);
