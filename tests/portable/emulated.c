@@ -15,13 +15,13 @@
 #include <unistd.h>
 
 int main(int argc, char *argv[]) {
-    const char *fixed[] = {
-        RUNNER,
+    const char *fixed[] = {RUNNER,
 #ifdef EMULATED
-        LOADER,
+                           LOADER,
 #endif
-        "--argv0",        argc > 0 ? argv[0] : "",
-        "--library-path", LIBRARIES, PROGRAM};
+                           "--argv0",        argc > 0 ? argv[0] : "",
+                           "--library-path", LIBRARIES,
+                           PROGRAM};
     size_t before = sizeof fixed / sizeof *fixed;
     char **all = calloc(before + (size_t)argc + 1, sizeof *all);
     if (!all) {
