@@ -91,7 +91,8 @@ SYSTEM = {
     "signals": "listener_process lost_signals",
     "sockets": "listener sessions send addresses",
     "tolva_receive": "listener listener_process lost_signals sessions "
-                     "alive_cycles",
+                     "alive_cycles surroundings events leftovers log "
+                     "commands_surroundings",
     "tolva_send": "send send_replies send_time send_broadcast check",
     "trace": "options_taken",
     "ux_configfile": "config",
