@@ -5,6 +5,7 @@ time, and shows that the simulation finds it.
     tests/simulate/planted.py                     all of them
     tests/simulate/planted.py lost-wake-up ...    these
     tests/simulate/planted.py --days 200
+    tests/simulate/planted.py --fits              only the last sentence below
 
 A fault is a paragraph of planted/*.faults: its name, what it breaks, the file,
 the lines that go ("-") and those that come instead ("+"). The lines that go
@@ -40,6 +41,9 @@ class Fault:
         self.old = "\n".join(l[1:] for l in lines if l.startswith("-"))
         self.new = "\n".join(l[1:] for l in lines if l.startswith("+"))
 
+    def fits(self, text):
+        return text.count(self.old) == 1
+
 
 def read_faults():
     faults = []
@@ -48,6 +52,16 @@ def read_faults():
         faults += [Fault(paragraph) for paragraph in
                    re.split(r"\n\n(?=name: )", text)]
     return faults
+
+
+def check_fits(faults):
+    """The exit status; names those that do not fit the source any more."""
+    lost = [fault for fault in faults
+            if not fault.fits((ROOT / fault.file).read_text())]
+    for fault in lost:
+        print(f"{fault.name} does not fit {fault.file} any more")
+    print(f"{len(faults) - len(lost)} of {len(faults)} planted faults fit")
+    return 1 if lost or not faults else 0
 
 
 class Copy:
@@ -78,7 +92,7 @@ class Copy:
         """Whether it is found, and how."""
         path = self.source / fault.file
         whole = path.read_text()
-        if whole.count(fault.old) != 1:
+        if not fault.fits(whole):
             return False, "does not fit the source any more"
         path.write_text(whole.replace(fault.old, fault.new))
         try:
@@ -105,9 +119,12 @@ def main():
     parser.add_argument("--place", type=pathlib.Path,
                         default=ROOT / "build-check/planted")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
+    parser.add_argument("--fits", action="store_true")
     asked = parser.parse_args()
     faults = [fault for fault in read_faults()
               if not asked.names or fault.name in asked.names]
+    if asked.fits:
+        return check_fits(faults)
     os.environ.pop("SIMULATE_DAYS", None)
     copies = queue.Queue()
     for number in range(asked.jobs):
