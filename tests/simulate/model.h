@@ -58,6 +58,7 @@ class model {
 
     bool stopped = false, child_ended = false;
     int64_t now = 0, last_cycle = 0, datagrams_failed = 0;
+    bool datagram_refused = false;
     int door = 0, datagram_socket = 0;
     std::list<party> senders{};
     std::list<party> servers{};

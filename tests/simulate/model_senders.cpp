@@ -104,8 +104,11 @@ void model::receive_datagram() {
     if (came.limit != 4095) {
         differs("room for 4095 bytes");
     }
+    bool again = datagram_refused;
+    datagram_refused =
+        came.error != 0 && came.error != EAGAIN && came.error != EINTR;
     if (came.result <= 0) {
-        if (came.error != 0 && came.error != EAGAIN && came.error != EINTR) {
+        if (again && datagram_refused) {
             datagrams_failed = now;
         }
         report(825);

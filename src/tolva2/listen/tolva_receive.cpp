@@ -41,7 +41,8 @@ struct listener_state {
     time_t now;             /* taken once a pass, after the wait */
     time_t last_alive;      /* when the last cycle of the watch began */
     accept_pause pause;
-    time_t datagrams_failed; /* when none could be received, last */
+    bool datagram_refused;   /* the last one, by the system */
+    time_t datagrams_failed; /* when that has happened again, last */
     sigset_t loop_mask;      /* everything handled here is held back */
     sigset_t wait_mask;      /* nothing is */
 };
@@ -269,9 +270,12 @@ int32_t serve_listeners(listener_state *state, int32_t nready) {
         nready--;
     }
     if (nready > 0 && ready(state->udp)) {
-        if (!handle_udp_connect(state->udp.get(), state->allowed)) {
+        bool refused = !handle_udp_connect(state->udp.get(), state->allowed);
+        /* One failure may be over at once; what repeats takes longer. */
+        if (refused && state->datagram_refused) {
             state->datagrams_failed = state->now;
         }
+        state->datagram_refused = refused;
         nready--;
     }
     return nready;
