@@ -1,6 +1,7 @@
 """When UPS servers are asked, and what goes on meanwhile."""
 
 import os
+import pathlib
 import re
 import signal
 
@@ -213,6 +214,9 @@ def test_what_is_ready_at_once_is_served_in_order(notes):
     watch.first_cycle(held.asked.is_set)
     settle(watch.listener)
     os.kill(watch.pid, signal.SIGSTOP)
+    # It may be on its way for a moment yet.
+    wait_for(lambda: pathlib.Path(f"/proc/{watch.pid}/stat").read_text()
+             .rpartition(")")[2].split()[0] == "T", what="it stands still")
     held.go.set()
     assert held.answered.wait(BOUND)
     client.sendall(LOG_TEXT + b"client")
